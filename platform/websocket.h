@@ -1,0 +1,119 @@
+// Port to the WebSocket server transport (RFC 6455, version 13) on one TCP port. The transport
+// enforces the RFC by itself: it answers pings, refuses text that is not UTF-8 with close code 1007
+// and messages above its limit with 1009.
+#pragma once
+
+#include <boost/asio/any_io_executor.hpp>
+#include <boost/asio/awaitable.hpp>
+#include <boost/system/error_code.hpp>
+#include <boost/system/result.hpp>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <variant>
+
+#include "platform/text_frame.h"
+
+namespace tarnlink {
+
+/// What the transport bounds. At each limit one connection is affected and no other.
+struct WebSocketLimits {
+  /// A longer incoming message gets close code 1009. Octets.
+  std::size_t incomingMessage = std::size_t{1} << 20;
+  /// A client whose unsent frames pass this is dropped (WebSocketError::sendQueueFull). Octets.
+  std::size_t sendQueue = std::size_t{64} << 20;
+  /// A connection that has not finished its upgrade by then is dropped.
+  std::chrono::milliseconds handshake{10'000};
+  /// A connection silent for half of this gets a ping; one silent for all of it is dropped.
+  std::chrono::milliseconds idle{300'000};
+  /// Pause before the next accept after one failed (no descriptors left, for example).
+  std::chrono::milliseconds acceptBackOff{100};
+};
+
+/// Failures that are the transport's own; all others are the system's or the WebSocket library's.
+enum class WebSocketError {
+  sendQueueFull = 1,
+  handshakeTimeout,
+  idleTimeout,
+};
+boost::system::error_code make_error_code(WebSocketError error);
+
+/// States that listeners and connections report, each at most once: first Ready, then one of the
+/// others, or one of the others alone.
+struct TransportReady {};
+struct TransportFailed {
+  boost::system::error_code error;
+};
+struct TransportCancelled {};
+using TransportState = std::variant<TransportReady, TransportFailed, TransportCancelled>;
+
+/// One complete incoming message. The data of a text message is UTF-8.
+struct WebSocketMessage {
+  bool isText = false;
+  std::string data;
+};
+
+/// One accepted connection. All members may be called from any thread. Handlers run on the
+/// transport's executor, one at a time for one connection; they must not block, and should hold
+/// their owner weakly. A connection that failed or was cancelled has closed its socket.
+class WebSocketConnection {
+ public:
+  virtual ~WebSocketConnection() = default;
+
+  using StateHandler = std::function<void(const TransportState&)>;
+  using SendErrorHandler = std::function<void(const boost::system::error_code&)>;
+
+  /// Begins the upgrade. The connection reports Ready once it is done. Call once.
+  virtual void start(StateHandler onState, SendErrorHandler onSendError) = 0;
+
+  /// The next complete message; one call at a time. An error (boost::beast::websocket::error::closed
+  /// included) is final.
+  virtual boost::asio::awaitable<boost::system::result<WebSocketMessage>> receive() = 0;
+
+  /// Queues a frame and returns at once. All frames queued in one turn of the executor leave with
+  /// one gathered write. Frames for a connection that is gone are dropped.
+  virtual void send(SharedTextFrame frame) = 0;
+
+  /// Ends the connection: a close frame if the peer reads, then the socket is closed. Reports
+  /// Cancelled.
+  virtual void cancel() = 0;
+};
+
+class WebSocketListener {
+ public:
+  virtual ~WebSocketListener() = default;
+
+  using StateHandler = std::function<void(const TransportState&)>;
+  using ConnectionHandler = std::function<void(std::shared_ptr<WebSocketConnection>)>;
+
+  /// Binds and listens; reports Ready, or Failed with the system's error. Call once.
+  virtual void start(StateHandler onState, ConnectionHandler onConnection) = 0;
+
+  /// Stops accepting and frees the port; connections live on. Reports Cancelled.
+  virtual void cancel() = 0;
+};
+
+/// Makes listeners. Lives longer than all of them.
+class WebSocketTransport {
+ public:
+  virtual ~WebSocketTransport() = default;
+
+  /// False for numbers that are no TCP port of a server (0).
+  virtual bool acceptsPort(std::uint16_t port) const = 0;
+
+  virtual boost::system::result<std::shared_ptr<WebSocketListener>> makeListener(
+      std::uint16_t port) = 0;
+};
+
+/// The transport of this system: all local addresses, IPv6 and IPv4 (IPv4 alone where the machine
+/// has no IPv6), address reuse on, any path and origin, no compression.
+std::unique_ptr<WebSocketTransport> makeWebSocketTransport(boost::asio::any_io_executor executor,
+                                                           WebSocketLimits limits = {});
+
+}  // namespace tarnlink
+
+template <>
+struct boost::system::is_error_code_enum<tarnlink::WebSocketError> : std::true_type {};
