@@ -1,0 +1,1 @@
+#include "ber/ber_utils.h"
