@@ -74,7 +74,7 @@ struct GooseDataValue {
     return {Payload(Unknown{tag, std::move(data)})};
   }
 
-  bool operator==(const GooseDataValue&) const = default;
+  bool operator==(const GooseDataValue&) const;
 
   /// Exactly the keys "type" and "value", for hosts that exchange such maps.
   FlutterDict toFlutterDict() const;

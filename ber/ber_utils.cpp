@@ -1,1 +1,0 @@
-#include "ber/ber_utils.h"

@@ -1,0 +1,15 @@
+#include "stack/network_interface_info.h"
+
+namespace tarnlink {
+
+FlutterDict NetworkInterfaceInfo::toFlutterDict() const {
+  FlutterDict dict;
+  dict.emplace("name", FlutterValue{name});
+  dict.emplace("displayName", FlutterValue{displayName});
+  dict.emplace("isUp", FlutterValue{isUp});
+  dict.emplace("macAddress", FlutterValue{macAddress});
+  dict.emplace("supportsMulticast", FlutterValue{supportsMulticast});
+  return dict;
+}
+
+}  // namespace tarnlink
