@@ -1,0 +1,17 @@
+// Port to the process's privileges: what it keeps of them, and whether it may capture.
+#pragma once
+
+#include <boost/system/result.hpp>
+
+namespace tarnlink {
+
+/// True when the process may open raw link-layer sockets (CAP_NET_RAW is effective).
+bool hasCaptureCapability();
+
+/// Gives up every privilege but those for raw sockets (CAP_NET_RAW) and for setting up links
+/// (CAP_NET_ADMIN), each kept only where it was permitted. Programs started later inherit
+/// CAP_NET_ADMIN alone: the link tool needs it. Privileges of files that are not the user's own go
+/// too, also for root. Call once, before any thread starts: capabilities are per thread.
+boost::system::result<void> keepOnlyCaptureCapabilities();
+
+}  // namespace tarnlink
