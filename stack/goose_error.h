@@ -20,6 +20,9 @@ class GooseError {
     permissionDenied,   ///< The capture device may not be opened.
   };
 
+  /// What GooseResult::error() gives where there is no error.
+  GooseError() = default;
+
   static GooseError pcapOpenFailed(std::string text) {
     return {Case::pcapOpenFailed, std::move(text)};
   }
@@ -45,7 +48,7 @@ class GooseError {
  private:
   GooseError(Case which, std::string text) : case_(which), text_(std::move(text)) {}
 
-  Case case_;
+  Case case_ = Case::notRunning;
   std::string text_;
 };
 

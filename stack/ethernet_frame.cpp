@@ -1,0 +1,62 @@
+#include "stack/ethernet_frame.h"
+
+#include <algorithm>
+#include <cstddef>
+
+namespace tarnlink {
+namespace {
+
+constexpr std::size_t kMacLength = 6;          // Octets.
+constexpr std::size_t kUntaggedHeader = 14;    // Octets in front of the payload.
+constexpr std::size_t kTaggedHeader = 18;      // Octets in front of the payload.
+constexpr std::uint16_t kVlanIdMask = 0x0FFF;  // VLAN identifier in the TCI.
+constexpr int kPriorityShift = 13;             // Priority in the TCI.
+
+std::uint16_t readUInt16(ByteView octets, std::size_t at) {
+  return static_cast<std::uint16_t>(octets[at] << 8 | octets[at + 1]);
+}
+
+void appendUInt16(Bytes& out, std::uint16_t value) {
+  out.push_back(static_cast<std::uint8_t>(value >> 8));
+  out.push_back(static_cast<std::uint8_t>(value & 0xFF));
+}
+
+}  // namespace
+
+std::optional<ParsedEthernetFrame> EthernetFrame::parse(ByteView frame, std::uint16_t etherType) {
+  if (frame.size() < kUntaggedHeader) return std::nullopt;
+  ParsedEthernetFrame parsed;
+  std::copy_n(frame.begin(), kMacLength, parsed.dstMac.begin());
+  std::copy_n(frame.begin() + kMacLength, kMacLength, parsed.srcMac.begin());
+  parsed.etherType = readUInt16(frame, 12);
+  std::size_t headerLength = kUntaggedHeader;
+  if (parsed.etherType == kEtherTypeVlan) {
+    if (frame.size() < kTaggedHeader) return std::nullopt;
+    const std::uint16_t tci = readUInt16(frame, 14);
+    parsed.vlanId = static_cast<std::uint16_t>(tci & kVlanIdMask);
+    parsed.vlanPriority = static_cast<std::uint8_t>(tci >> kPriorityShift);
+    parsed.etherType = readUInt16(frame, 16);
+    headerLength = kTaggedHeader;
+  }
+  if (parsed.etherType != etherType) return std::nullopt;
+  parsed.payload = frame.subspan(headerLength);
+  return parsed;
+}
+
+Bytes EthernetFrame::build(ByteView dstMac, ByteView srcMac, std::uint16_t vlanId,
+                           std::uint8_t vlanPriority, ByteView payload, std::uint16_t etherType) {
+  Bytes frame;
+  frame.reserve(kTaggedHeader + payload.size());
+  frame.insert(frame.end(), dstMac.begin(), dstMac.end());
+  frame.insert(frame.end(), srcMac.begin(), srcMac.end());
+  if (vlanId != 0) {
+    appendUInt16(frame, kEtherTypeVlan);
+    appendUInt16(frame, static_cast<std::uint16_t>((vlanPriority << kPriorityShift) |
+                                                   (vlanId & kVlanIdMask)));
+  }
+  appendUInt16(frame, etherType);
+  frame.insert(frame.end(), payload.begin(), payload.end());
+  return frame;
+}
+
+}  // namespace tarnlink

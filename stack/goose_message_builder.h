@@ -1,0 +1,17 @@
+// The step from a decoded frame to the message that a receiver hands out.
+#pragma once
+
+#include "stack/ethernet_frame.h"
+#include "stack/goose_message.h"
+#include "stack/goose_pdu.h"
+#include "stack/time_point.h"
+
+namespace tarnlink {
+
+/// Overwrites every field of `message`, which may be a recycled one. Texts and values are swapped
+/// with those of `pdu`, whose content is unspecified afterwards: storage circulates between the two
+/// instead of being allocated for each frame. `receivedAt` is the frame's capture time.
+void buildGooseMessage(const ParsedEthernetFrame& frame, GoosePdu& pdu, TimePoint receivedAt,
+                       GooseMessage& message);
+
+}  // namespace tarnlink

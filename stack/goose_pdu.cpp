@@ -1,0 +1,282 @@
+#include "stack/goose_pdu.h"
+
+#include <algorithm>
+#include <bit>
+#include <charconv>
+#include <optional>
+
+#include "ber/ber_reader.h"
+#include "stack/goose_data_tags.h"
+#include "stack/utf8.h"
+
+namespace tarnlink {
+namespace {
+
+constexpr std::size_t kHeaderLength = 8;  // Octets.
+constexpr std::uint8_t kTagGoosePdu = 0x61;
+constexpr std::uint8_t kTagAllData = 0xAB;
+constexpr double kFractionsPerSecond = 16777216.0;  // 2^24.
+
+/// The fields in front of allData. Their tags are 0x80 plus these numbers.
+enum Field : std::uint8_t {
+  kGocbRef,
+  kTimeAllowedToLive,
+  kDatSet,
+  kGoId,
+  kTime,
+  kStNum,
+  kSqNum,
+  kSimulation,
+  kConfRev,
+  kNdsCom,
+  kNumDatSetEntries,
+  kFieldCount,
+};
+constexpr std::uint8_t kFirstFieldTag = 0x80;
+
+struct MandatoryField {
+  Field field;
+  const char* name;
+};
+// In the order in which a complaint names them.
+constexpr MandatoryField kMandatoryFields[] = {
+    {kGocbRef, "gocbRef"}, {kTimeAllowedToLive, "timeAllowedToLive"},
+    {kDatSet, "datSet"},   {kTime, "t"},
+    {kStNum, "stNum"},     {kSqNum, "sqNum"},
+    {kConfRev, "confRev"}, {kNumDatSetEntries, "numDatSetEntries"},
+};
+
+constexpr std::uint32_t bitOf(std::uint8_t number) {
+  return std::uint32_t{1} << number;
+}
+
+constexpr std::uint32_t kMandatoryBits = [] {
+  std::uint32_t bits = 0;
+  for (const auto& [field, name] : kMandatoryFields) bits |= bitOf(field);
+  return bits;
+}();
+
+/// The values of a PDU's elements, still encoded. Absent ones are empty.
+class FieldTable {
+ public:
+  /// Of a tag that occurs more than once the last element counts, of allData the first.
+  explicit FieldTable(ByteView content) {
+    BerSequence sequence(content);
+    while (const std::optional<BerTlv> element = sequence.next()) {
+      const auto number = static_cast<std::uint8_t>(element->tag - kFirstFieldTag);
+      if (number < kFieldCount) {
+        values_[number] = element->value;
+        present_ |= bitOf(number);
+      } else if (element->tag == kTagAllData && !allData_) {
+        allData_ = element->value;
+      }
+    }
+  }
+
+  bool hasMandatoryFields() const { return (present_ & kMandatoryBits) == kMandatoryBits; }
+
+  std::string missingFields() const {
+    std::string names;
+    for (const auto& [field, name] : kMandatoryFields) {
+      if ((present_ & bitOf(field)) != 0) continue;
+      if (!names.empty()) names += ", ";
+      names += name;
+    }
+    return names;
+  }
+
+  ByteView operator[](Field field) const { return values_[field]; }
+  ByteView allData() const { return allData_.value_or(ByteView()); }
+
+ private:
+  std::array<ByteView, kFieldCount> values_{};
+  std::uint32_t present_ = 0;
+  std::optional<ByteView> allData_;
+};
+
+std::uint16_t readUInt16(ByteView octets, std::size_t at) {
+  return static_cast<std::uint16_t>(octets[at] << 8 | octets[at + 1]);
+}
+
+bool isSet(ByteView value) {
+  return !value.empty() && value[0] != 0;
+}
+
+std::string wrongTagText(ByteView pdu) {
+  std::string text = "Expected GOOSE PDU tag 0x61, got ";
+  if (pdu.empty()) return text + "empty";
+  char digits[2];
+  const auto [end, error] = std::to_chars(std::begin(digits), std::end(digits), pdu[0], 16);
+  return text.append(digits, end);
+}
+
+void assignText(ByteView value, std::string& text) {
+  if (isValidUtf8(value)) {
+    text.assign(reinterpret_cast<const char*>(value.data()), value.size());
+  } else {
+    text.clear();
+  }
+}
+
+/// The payload as alternative T; its storage survives when it holds one already.
+template <class T>
+T& reuseAs(GooseDataValue::Payload& payload) {
+  if (T* held = std::get_if<T>(&payload)) return *held;
+  return payload.emplace<T>();
+}
+
+void assignBits(ByteView value, GooseDataValue::BitString& bits) {
+  if (value.size() < 2) {
+    bits.clear();
+    return;
+  }
+  const ByteView octets = value.subspan(1);
+  const std::size_t count = octets.size() * 8 - std::min<std::size_t>(value[0], 8);
+  bits.assign(count, false);
+  for (std::size_t i = 0; i < count; ++i) {
+    if ((octets[i / 8] & (0x80 >> (i % 8))) != 0) bits[i] = true;
+  }
+}
+
+std::int32_t parseInt32(ByteView octets) {
+  std::uint32_t accumulator = !octets.empty() && (octets[0] & 0x80) != 0 ? ~std::uint32_t{0} : 0;
+  for (const std::uint8_t octet : octets) accumulator = (accumulator << 8) | octet;
+  return static_cast<std::int32_t>(accumulator);
+}
+
+float parseFloat(ByteView octets) {
+  // The first octet gives the width of the exponent; 8 is the only one that five octets can have.
+  if (octets.size() != 5) return 0.0F;
+  return std::bit_cast<float>(GoosePdu::parseUInt32(octets.subspan(1)));
+}
+
+void parseDataValuesInto(ByteView octets, int nesting, std::vector<GooseDataValue>& values);
+
+/// `nesting` counts the structures and arrays around the element that holds the members. Walking a
+/// level reads its headers only, so that the cost of a whole dataset is linear in its octets.
+void parseMembers(ByteView octets, int nesting, std::vector<GooseDataValue>& members) {
+  if (nesting < GoosePdu::kMaxDataNesting) {
+    parseDataValuesInto(octets, nesting + 1, members);
+  } else {
+    members.clear();
+  }
+}
+
+void parseDataValueInto(std::uint8_t tag, ByteView value, int nesting, GooseDataValue& result) {
+  GooseDataValue::Payload& payload = result.payload;
+  switch (tag) {
+    case kTagBoolean:
+      reuseAs<bool>(payload) = isSet(value);
+      break;
+    case kTagBitString:
+      assignBits(value, reuseAs<GooseDataValue::BitString>(payload));
+      break;
+    case kTagInteger:
+      reuseAs<std::int32_t>(payload) = parseInt32(value);
+      break;
+    case kTagUnsigned:
+      reuseAs<std::uint32_t>(payload) = GoosePdu::parseUInt32(value);
+      break;
+    case kTagFloatingPoint:
+      reuseAs<float>(payload) = parseFloat(value);
+      break;
+    case kTagOctetString:
+      reuseAs<Bytes>(payload).assign(value.begin(), value.end());
+      break;
+    case kTagVisibleString:
+      assignText(value, reuseAs<std::string>(payload));
+      break;
+    case kTagUtcTime:
+      reuseAs<TimePoint>(payload) = GoosePdu::parseUTCTime(value);
+      break;
+    case kTagArray:
+      parseMembers(value, nesting, reuseAs<GooseDataValue::Array>(payload).members);
+      break;
+    case kTagStructure:
+      parseMembers(value, nesting, reuseAs<GooseDataValue::Structure>(payload).members);
+      break;
+    default: {
+      auto& unknown = reuseAs<GooseDataValue::Unknown>(payload);
+      unknown.tag = tag;
+      unknown.data.assign(value.begin(), value.end());
+    }
+  }
+}
+
+void parseDataValuesInto(ByteView octets, int nesting, std::vector<GooseDataValue>& values) {
+  std::size_t count = 0;
+  BerSequence sequence(octets);
+  while (const std::optional<BerTlv> element = sequence.next()) {
+    if (count == values.size()) values.emplace_back();
+    parseDataValueInto(element->tag, element->value, nesting, values[count]);
+    ++count;
+  }
+  values.resize(count);
+}
+
+void fill(const FieldTable& fields, GoosePdu& pdu) {
+  assignText(fields[kGocbRef], pdu.goCBRef);
+  assignText(fields[kDatSet], pdu.datSet);
+  assignText(fields[kGoId], pdu.goId);
+  pdu.timeAllowedToLive = GoosePdu::parseUInt32(fields[kTimeAllowedToLive]);
+  pdu.timestamp = GoosePdu::parseUTCTime(fields[kTime]);
+  pdu.stNum = GoosePdu::parseUInt32(fields[kStNum]);
+  pdu.sqNum = GoosePdu::parseUInt32(fields[kSqNum]);
+  pdu.simulation = isSet(fields[kSimulation]);
+  pdu.confRev = GoosePdu::parseUInt32(fields[kConfRev]);
+  pdu.ndsCom = isSet(fields[kNdsCom]);
+  pdu.numDatSetEntries = GoosePdu::parseUInt32(fields[kNumDatSetEntries]);
+  parseDataValuesInto(fields.allData(), 0, pdu.allData);
+}
+
+}  // namespace
+
+GooseResult<GoosePdu> GoosePdu::parse(ByteView rawPayload) {
+  GoosePdu pdu;
+  if (const GooseResult<void> parsed = parseInto(rawPayload, pdu); !parsed) return parsed.error();
+  return pdu;
+}
+
+GooseResult<void> GoosePdu::parseInto(ByteView rawPayload, GoosePdu& pdu) {
+  if (rawPayload.size() < kHeaderLength) {
+    return GooseError::parseError("Too short for GOOSE header");
+  }
+  const ByteView body = rawPayload.subspan(kHeaderLength);
+  const std::optional<BerTlv> element = BerTlv::parse(body, 0);
+  if (!element || element->tag != kTagGoosePdu) return GooseError::parseError(wrongTagText(body));
+  const FieldTable fields(element->value);
+  if (!fields.hasMandatoryFields()) {
+    return GooseError::parseError("Missing mandatory GOOSE fields: " + fields.missingFields());
+  }
+  pdu.header = {readUInt16(rawPayload, 0), readUInt16(rawPayload, 2), readUInt16(rawPayload, 4),
+                readUInt16(rawPayload, 6)};
+  fill(fields, pdu);
+  return {};
+}
+
+std::uint32_t GoosePdu::parseUInt32(ByteView octets) {
+  std::uint32_t accumulator = 0;
+  for (const std::uint8_t octet : octets) accumulator = (accumulator << 8) | octet;
+  return accumulator;
+}
+
+TimePoint GoosePdu::parseUTCTime(ByteView octets) {
+  if (octets.size() < 7) return kDistantPast;
+  const std::uint32_t seconds = parseUInt32(octets.first(4));
+  const std::uint32_t fraction = parseUInt32(octets.subspan(4, 3));
+  return timeFromUnixSeconds(seconds + fraction / kFractionsPerSecond);
+}
+
+std::vector<GooseDataValue> GoosePdu::parseDataValues(ByteView octets) {
+  std::vector<GooseDataValue> values;
+  parseDataValuesInto(octets, 0, values);
+  return values;
+}
+
+GooseDataValue GoosePdu::parseDataValue(std::uint8_t tag, ByteView value) {
+  GooseDataValue result;
+  parseDataValueInto(tag, value, 0, result);
+  return result;
+}
+
+}  // namespace tarnlink

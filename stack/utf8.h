@@ -1,0 +1,10 @@
+// Strict UTF-8 (RFC 3629): no overlong forms, no surrogates, nothing above U+10FFFF.
+#pragma once
+
+#include "stack/bytes.h"
+
+namespace tarnlink {
+
+bool isValidUtf8(ByteView octets);
+
+}  // namespace tarnlink
