@@ -1,0 +1,28 @@
+// What a user of captures sees: something that starts on an interface, yields records and stops.
+#pragma once
+
+#include <boost/asio/awaitable.hpp>
+#include <string>
+
+#include "stack/goose_error.h"
+#include "stack/message_stream.h"
+
+namespace tarnlink {
+
+/// One capture. Safe to call from any coroutine; calls are served one at a time. Stop it before
+/// dropping it.
+template <class Record>
+class RecordSource {
+ public:
+  virtual ~RecordSource() = default;
+
+  /// Ends any earlier capture of this source first. Fails as openPcapWithFilter() does; then there
+  /// is no stream and the source is idle.
+  virtual boost::asio::awaitable<GooseResult<MessageStream<Record>>> start(
+      std::string interface) = 0;
+
+  /// Ends the capture, closes its handle and finishes the stream. Safe when idle, and repeatedly.
+  virtual boost::asio::awaitable<void> stop() = 0;
+};
+
+}  // namespace tarnlink
