@@ -1,0 +1,129 @@
+#include "app/host/bridge_process.h"
+
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/detached.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/redirect_error.hpp>
+#include <boost/asio/signal_set.hpp>
+#include <boost/asio/thread_pool.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <csignal>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "platform/console_log.h"
+#include "platform/interface_names.h"
+#include "platform/preference_store.h"
+#include "platform/process_capabilities.h"
+#include "platform/websocket.h"
+#include "server/bridge_server.h"
+#include "server/pairing_code.h"
+#include "stack/goose_receiver.h"
+#include "stack/interface_discovery.h"
+
+namespace tarnlink {
+namespace asio = boost::asio;
+namespace {
+
+constexpr int kExitStartFailed = 1;
+// How long connections may take to close after the server has stopped; then the process ends.
+constexpr std::chrono::milliseconds kCloseTime{1'200};
+// Captures open here, and one slow look-up of display names must not hold them up.
+constexpr std::size_t kBlockingThreads = 2;
+
+class SystemNames final : public InterfaceNameSource {
+ public:
+  std::map<std::string, std::string> displayNames() override {
+    return interfaceDisplayNames(kInterfaceNamesLimit);
+  }
+};
+
+std::vector<NetworkInterfaceInfo> listInterfaces(BridgePorts::Names names) {
+  SystemNames source;
+  return InterfaceDiscovery::listEthernetInterfaces(names == BridgePorts::Names::display ? &source
+                                                                                         : nullptr);
+}
+
+/// Owns everything that lives while the bridge serves.
+class BridgeProcess {
+ public:
+  explicit BridgeProcess(const DaemonOptions& options)
+      : port_(options.port),
+        preferences_(makePreferenceStore(options.preferences, logToConsole)),
+        transport_(makeWebSocketTransport(io_.get_executor())),
+        signals_(io_, SIGTERM, SIGINT),
+        server_(std::make_shared<BridgeServer>(io_.get_executor(), ports(options),
+                                               options.interface)) {}
+
+  int run() {
+    asio::co_spawn(io_, stopOnSignal(), asio::detached);
+    asio::co_spawn(io_, serve(), asio::detached);
+    while (!isDone_ && io_.run_one() != 0) {
+    }
+    io_.run_for(kCloseTime);
+    return exitCode_;
+  }
+
+ private:
+  BridgePorts ports(const DaemonOptions& options) {
+    const auto mode = options.lowLatency ? CaptureMode::lowLatency : CaptureMode::standard;
+    return BridgePorts{
+        .transport = *transport_,
+        .preferences = *preferences_,
+        .log = logToConsole,
+        .makeGooseReceiver =
+            [this, mode] { return std::make_shared<GooseReceiver>(blocking_.executor(), mode); },
+        .listInterfaces = listInterfaces,
+        .blockingExecutor = blocking_.executor(),
+        .makeAdvertiser = {},
+    };
+  }
+
+  asio::awaitable<void> serve() {
+    const auto started = co_await server_->start(port_);
+    if (isStopping_) co_return;
+    if (started) {
+      logToConsole("[KorvelTarnlink] Listening on port " + std::to_string(port_));
+    } else {
+      logToConsole("[KorvelTarnlink] Start failed: " + started.error().description());
+      exitCode_ = kExitStartFailed;
+      isDone_ = true;
+      signals_.cancel();
+    }
+  }
+
+  asio::awaitable<void> stopOnSignal() {
+    boost::system::error_code cancelled;
+    co_await signals_.async_wait(asio::redirect_error(asio::use_awaitable, cancelled));
+    if (cancelled) co_return;
+    isStopping_ = true;
+    co_await server_->stop();
+    isDone_ = true;
+  }
+
+  std::uint16_t port_;
+  asio::io_context io_{1};
+  asio::thread_pool blocking_{kBlockingThreads};
+  std::unique_ptr<PreferenceStore> preferences_;
+  std::unique_ptr<WebSocketTransport> transport_;
+  asio::signal_set signals_;
+  std::shared_ptr<BridgeServer> server_;
+  bool isStopping_ = false;
+  bool isDone_ = false;
+  int exitCode_ = 0;
+};
+
+}  // namespace
+
+int runBridgeProcess(const DaemonOptions& options) {
+  keepOnlyCaptureCapabilities();
+  std::signal(SIGPIPE, SIG_IGN);
+  if (options.showPairingCode) {
+    logToConsole(pairingCode(*makePreferenceStore(options.preferences, logToConsole)));
+    return 0;
+  }
+  return BridgeProcess(options).run();
+}
+
+}  // namespace tarnlink

@@ -1,0 +1,29 @@
+// The command line of tarnlinkd.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <variant>
+
+namespace tarnlink {
+
+struct DaemonOptions {
+  std::uint16_t port = 8765;
+  std::string interface;  ///< Active interface for this run; empty: the stored one.
+  std::filesystem::path preferences;
+  bool advertise = true;
+  bool lowLatency = false;
+  bool showPairingCode = false;
+};
+
+/// The program is to end at once: after --help and --version (0), or on bad usage (2). What there
+/// was to say has been written.
+struct ExitCode {
+  int value;
+};
+inline constexpr int kExitUsage = 2;
+
+std::variant<DaemonOptions, ExitCode> parseDaemonOptions(int argc, const char* const* argv);
+
+}  // namespace tarnlink

@@ -1,0 +1,282 @@
+// The server's core: start and stop, connections, and the three ways of sending.
+#include "server/bridge_server.h"
+
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <mutex>
+#include <utility>
+
+#include "server/bridge_event_encoder.h"
+
+namespace tarnlink {
+namespace asio = boost::asio;
+namespace {
+
+// Written by the actor, read by whoever draws a menu.
+struct SharedText {
+  std::mutex lock;
+  std::string text;
+};
+
+SharedText& activeInterfaceCopy() {
+  static SharedText copy;
+  return copy;
+}
+
+// Keeps the actor alive while one of its member coroutines runs.
+asio::awaitable<void> holding(std::shared_ptr<BridgeServer> self, asio::awaitable<void> task) {
+  co_await std::move(task);
+  self.reset();
+}
+
+}  // namespace
+
+/// Waits for the first decisive state of a listener. Used on the strand alone.
+class BridgeServer::StartWait {
+ public:
+  explicit StartWait(const Strand& strand) : decided_(strand) {}
+
+  void resolve(const TransportState& state) {
+    if (decided_.isSet()) return;
+    first_ = state;
+    decided_.set();
+  }
+
+  asio::awaitable<TransportState> wait() {
+    co_await decided_.wait();
+    co_return first_;
+  }
+
+ private:
+  AsyncEvent decided_;
+  TransportState first_;
+};
+
+BridgeServer::BridgeServer(const asio::any_io_executor& executor, BridgePorts ports,
+                           std::string interfaceForThisRun)
+    : strand_(asio::make_strand(executor)),
+      ports_(std::move(ports)),
+      tasks_(strand_, ports_.log),
+      stopped_(strand_),
+      gooseCapture_(strand_, ports_.makeGooseReceiver),
+      svCapture_(strand_, ports_.makeSvReceiver) {
+  const bool isGiven = !interfaceForThisRun.empty();
+  auto name = isGiven ? std::move(interfaceForThisRun)
+                      : ports_.preferences.read(kActiveInterfaceKey).value_or("");
+  if (name.empty()) return;
+  log("[BridgeServer] restored active interface: " + name);
+  rememberActiveInterface(std::move(name));
+}
+
+std::string BridgeServer::sharedActiveInterface() {
+  auto& copy = activeInterfaceCopy();
+  const std::lock_guard hold(copy.lock);
+  return copy.text;
+}
+
+void BridgeServer::rememberActiveInterface(std::string name) {
+  activeInterface_ = std::move(name);
+  auto& copy = activeInterfaceCopy();
+  const std::lock_guard hold(copy.lock);
+  copy.text = activeInterface_;
+}
+
+// Start and stop -----------------------------------------------------------------------------
+
+asio::awaitable<BridgeResult<void>> BridgeServer::start(std::uint16_t port) {
+  co_return co_await asio::co_spawn(strand_, startOnStrand(shared_from_this(), port),
+                                    asio::use_awaitable);
+}
+
+asio::awaitable<BridgeResult<void>> BridgeServer::startOnStrand(std::shared_ptr<BridgeServer> self,
+                                                                std::uint16_t port) {
+  if (self->listener_) co_return BridgeResult<void>();
+  if (self->isStopping_) co_return BridgeError::cancelled();
+  if (!self->ports_.transport.acceptsPort(port)) co_return BridgeError::invalidPort(port);
+  auto listener = self->ports_.transport.makeListener(port);
+  if (!listener) co_return BridgeError::transport(listener.error());
+  self->listener_ = *listener;
+  self->activePort_ = port;
+
+  auto wait = std::make_shared<StartWait>(self->strand_);
+  const std::weak_ptr<BridgeServer> weak = self;
+  auto onState = [weak, wait, port, strand = self->strand_](const TransportState& state) {
+    asio::post(strand, [weak, wait, port, state] {
+      if (const auto server = weak.lock()) server->handleListenerState(port, state);
+      wait->resolve(state);
+    });
+  };
+  auto onConnection = [weak, strand = self->strand_](Connection connection) {
+    asio::post(strand, [weak, connection = std::move(connection)]() mutable {
+      if (const auto server = weak.lock()) server->acceptConnection(std::move(connection));
+    });
+  };
+  self->listener_->start(std::move(onState), std::move(onConnection));
+
+  const TransportState state = co_await wait->wait();
+  if (const auto* failed = std::get_if<TransportFailed>(&state)) {
+    co_return BridgeError::transport(failed->error);
+  }
+  if (std::holds_alternative<TransportCancelled>(state) || self->isStopping_) {
+    co_return BridgeError::cancelled();
+  }
+  if (self->ports_.makeAdvertiser) {
+    self->advertiser_ = self->ports_.makeAdvertiser(port);
+    if (self->advertiser_) self->advertiser_->start();
+  }
+  co_return BridgeResult<void>();
+}
+
+void BridgeServer::handleListenerState(std::uint16_t port, const TransportState& state) {
+  if (std::holds_alternative<TransportReady>(state)) {
+    log("[BridgeServer] Listening on port " + std::to_string(port));
+  } else if (const auto* failed = std::get_if<TransportFailed>(&state)) {
+    log("[BridgeServer] Listener failed: " + failed->error.message());
+    listener_.reset();
+  }
+}
+
+asio::awaitable<void> BridgeServer::stop() {
+  co_await asio::co_spawn(strand_, stopOnStrand(shared_from_this()), asio::use_awaitable);
+}
+
+asio::awaitable<void> BridgeServer::stopOnStrand(std::shared_ptr<BridgeServer> self) {
+  if (self->isStopping_) {
+    co_await self->stopped_.wait();
+    co_return;
+  }
+  self->isStopping_ = true;
+  self->stopped_.reset();
+  self->ports_.vlan.cancel();
+  {
+    const auto turn = co_await self->gooseCapture_.turn();
+    co_await self->gooseCapture_.stop(CaptureControl<GooseMessage>::Queued::drop);
+  }
+  if (const auto publisher = std::exchange(self->goosePublisher_, nullptr)) {
+    co_await publisher->stop();
+  }
+  {
+    const auto turn = co_await self->svCapture_.turn();
+    co_await self->svCapture_.stop(CaptureControl<SvCapturedFrame>::Queued::drop);
+  }
+  if (const auto publisher = std::exchange(self->svPublisher_, nullptr)) co_await publisher->stop();
+  self->svSubscribers_.clear();
+  for (const auto& [id, connection] : self->connections_) connection->cancel();
+  self->connections_.clear();
+  self->gooseSubscribers_.clear();
+  if (self->listener_) self->listener_->cancel();
+  self->listener_.reset();
+  if (self->advertiser_) self->advertiser_->stop();
+  self->advertiser_.reset();
+  co_await self->tasks_.join();
+  self->log("[BridgeServer] Stopped");
+  self->isStopping_ = false;
+  self->stopped_.set();
+}
+
+// Connections --------------------------------------------------------------------------------
+
+void BridgeServer::acceptConnection(Connection connection) {
+  if (isStopping_) {
+    connection->cancel();
+    return;
+  }
+  const ClientId id = makeClientId();
+  connections_.emplace(id, connection);
+  const auto weak = weak_from_this();
+  auto onState = [weak, id, strand = strand_](const TransportState& state) {
+    asio::post(strand, [weak, id, state] {
+      if (const auto self = weak.lock()) self->handleConnectionState(id, state);
+    });
+  };
+  auto onSendError = [weak, strand = strand_](const boost::system::error_code& error) {
+    asio::post(strand, [weak, error] {
+      if (const auto self = weak.lock()) self->log("[BridgeServer] Send error: " + error.message());
+    });
+  };
+  connection->start(std::move(onState), std::move(onSendError));
+}
+
+void BridgeServer::handleConnectionState(const ClientId& id, const TransportState& state) {
+  const auto found = connections_.find(id);
+  if (std::holds_alternative<TransportReady>(state)) {
+    if (found == connections_.end()) return;
+    log("[BridgeServer] Client connected: " + toText(id));
+    tasks_.spawn(receiveLoop(weak_from_this(), id, found->second));
+    return;
+  }
+  // A client that has been removed already has had its line.
+  if (const auto* failed = std::get_if<TransportFailed>(&state);
+      failed != nullptr && found != connections_.end()) {
+    log("[BridgeServer] Client " + toText(id) + " failed: " + failed->error.message());
+  }
+  removeConnection(id);
+}
+
+asio::awaitable<void> BridgeServer::receiveLoop(std::weak_ptr<BridgeServer> weak, ClientId id,
+                                                Connection connection) {
+  while (true) {
+    auto message = co_await connection->receive();
+    const auto self = weak.lock();
+    // A client that was removed, or a server that stopped, ends the loop without a line.
+    if (!self || !self->connections_.contains(id)) co_return;
+    if (!message) {
+      self->log("[BridgeServer] Receive error from " + toText(id) + ": " +
+                message.error().message());
+      self->removeConnection(id);
+      connection->cancel();
+      co_return;
+    }
+    if (message->isText) co_await self->handleText(std::move(message->data), id);
+  }
+}
+
+void BridgeServer::removeConnection(const ClientId& id) {
+  connections_.erase(id);
+  authenticatedConnections_.erase(id);
+  if (gooseSubscribers_.erase(id) != 0 && gooseSubscribers_.empty()) {
+    tasks_.spawn(holding(shared_from_this(), stopCaptureIfNeeded()));
+  }
+  if (svSubscribers_.erase(id) != 0 && svSubscribers_.empty()) {
+    tasks_.spawn(holding(shared_from_this(), stopSvCaptureIfNeeded()));
+  }
+}
+
+// Sending ------------------------------------------------------------------------------------
+
+void BridgeServer::sendText(std::string_view text, const ClientId& id) {
+  const auto found = connections_.find(id);
+  if (found != connections_.end()) found->second->send(TextFrame::copyOf(text));
+}
+
+void BridgeServer::sendError(std::string_view message, std::int64_t code, const ClientId& id) {
+  sendText(BridgeEventEncoder::error(message, code), id);
+}
+
+SharedTextFrame BridgeServer::toFrame(JsonWriter writer) {
+  auto storage = writer.release();
+  return TextFrame::adopt(std::move(storage.octets), storage.textLength);
+}
+
+bool BridgeServer::broadcast(std::string_view text) {
+  const auto frame = TextFrame::copyOf(text);
+  for (const auto& [id, connection] : connections_) connection->send(frame);
+  return !connections_.empty();
+}
+
+void BridgeServer::sendStatus(const std::optional<ClientId>& id) {
+  BridgeStatus status;
+  status.isCapturing = gooseCapture_.isCapturing();
+  status.activeInterface = activeInterface_;
+  status.messagesReceived = messagesReceived_;
+  status.messagesPublished = messagesPublished_;
+  const std::string text = BridgeEventEncoder::bridgeStatus(status);
+  if (id) {
+    sendText(text, *id);
+  } else {
+    broadcast(text);
+  }
+}
+
+}  // namespace tarnlink

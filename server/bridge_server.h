@@ -1,0 +1,182 @@
+// The bridge: a WebSocket command server between its clients and the GOOSE and SV stack.
+#pragma once
+
+#include <boost/asio/any_io_executor.hpp>
+#include <boost/asio/awaitable.hpp>
+#include <boost/asio/strand.hpp>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/preference_store.h"
+#include "platform/websocket.h"
+#include "server/bridge_command.h"
+#include "server/bridge_error.h"
+#include "server/capture_control.h"
+#include "server/client_id.h"
+#include "server/goose_filter.h"
+#include "server/json_writer.h"
+#include "server/service_advertiser.h"
+#include "server/task_group.h"
+#include "server/vlan_setup.h"
+#include "stack/goose_message.h"
+#include "stack/log_sink.h"
+#include "stack/network_interface_info.h"
+#include "stack/publishing.h"
+#include "stack/record_source.h"
+#include "stack/sv_records.h"
+
+namespace tarnlink {
+
+/// What the server needs of its surroundings. References outlive the server.
+struct BridgePorts {
+  WebSocketTransport& transport;
+  PreferenceStore& preferences;
+  LogSink log;
+  std::function<std::shared_ptr<RecordSource<GooseMessage>>()> makeGooseReceiver;
+  std::function<std::shared_ptr<RecordSource<SvCapturedFrame>>()> makeSvReceiver;
+  std::function<std::shared_ptr<GoosePublishing>()> makeGoosePublisher;
+  std::function<std::shared_ptr<SvPublishing>()> makeSvPublisher;
+  VlanSetup& vlan;
+  /// One thread for work that waits for people or tools: VLAN set-up runs here.
+  boost::asio::any_io_executor hostExecutor;
+  /// Lists the machine's Ethernet interfaces. With display names it may block for a while.
+  enum class Names { fallback, display };
+  std::function<std::vector<NetworkInterfaceInfo>(Names)> listInterfaces;
+  /// Where listInterfaces runs when it may block.
+  boost::asio::any_io_executor blockingExecutor;
+  AdvertiserFactory makeAdvertiser;  ///< Empty: the bridge is not announced.
+};
+
+inline constexpr std::uint16_t kDefaultBridgePort = 8765;
+inline constexpr std::string_view kActiveInterfaceKey = "activeInterface";
+
+/// An actor: its coroutines all run on its own strand, and other operations may enter while one of
+/// them awaits. Nobody outside touches its fields and nobody inside takes a lock. The public
+/// operations may be awaited from any executor. Make it with std::make_shared; stop it before
+/// dropping it.
+class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
+ public:
+  /// Restores the active interface from the preferences, unless one is given for this run.
+  BridgeServer(const boost::asio::any_io_executor& executor, BridgePorts ports,
+               std::string interfaceForThisRun = {});
+
+  /// Returns when the listener is ready. With a listener already present nothing changes.
+  boost::asio::awaitable<BridgeResult<void>> start(std::uint16_t port);
+
+  /// Ends captures, connections, listener and announcement, in that order, and returns when all
+  /// of them have ended. Counters keep their values; a new start() is possible.
+  boost::asio::awaitable<void> stop();
+
+  /// Makes an interface the one for capture and publishing, stores the choice, moves a running
+  /// GOOSE capture to it and broadcasts the status. The name is not validated.
+  boost::asio::awaitable<void> setActiveInterface(std::string name);
+
+  /// The active interface of the process, empty when none is chosen. Any thread.
+  static std::string sharedActiveInterface();
+
+ private:
+  using Strand = boost::asio::strand<boost::asio::any_io_executor>;
+  using Connection = std::shared_ptr<WebSocketConnection>;
+  template <class Filter>
+  struct Subscriber {
+    Filter filter;
+    Connection connection;
+  };
+  class StartWait;
+
+  // Server core (bridge_server.cpp).
+  static boost::asio::awaitable<BridgeResult<void>> startOnStrand(
+      std::shared_ptr<BridgeServer> self, std::uint16_t port);
+  static boost::asio::awaitable<void> stopOnStrand(std::shared_ptr<BridgeServer> self);
+  void handleListenerState(std::uint16_t port, const TransportState& state);
+  void acceptConnection(Connection connection);
+  void handleConnectionState(const ClientId& id, const TransportState& state);
+  static boost::asio::awaitable<void> receiveLoop(std::weak_ptr<BridgeServer> weak, ClientId id,
+                                                  Connection connection);
+  void removeConnection(const ClientId& id);
+  void sendText(std::string_view text, const ClientId& id);
+  void sendError(std::string_view message, std::int64_t code, const ClientId& id);
+  bool broadcast(std::string_view text);
+  static SharedTextFrame toFrame(JsonWriter writer);
+  void sendStatus(const std::optional<ClientId>& id);
+
+  // Commands (bridge_server_commands.cpp): one overload of handle() for each.
+  boost::asio::awaitable<void> handleText(std::string text, ClientId id);
+  void handleAuth(const std::string& token, const ClientId& id);
+  boost::asio::awaitable<void> handle(BridgeCommand::Auth, ClientId id);
+  boost::asio::awaitable<void> handle(BridgeCommand::Ping, ClientId id);
+  boost::asio::awaitable<void> handle(BridgeCommand::SubscribeGoose command, ClientId id);
+  boost::asio::awaitable<void> handle(BridgeCommand::UnsubscribeGoose, ClientId id);
+  boost::asio::awaitable<void> handle(BridgeCommand::PublishGoose command, ClientId id);
+  boost::asio::awaitable<void> handle(BridgeCommand::UnpublishGoose command, ClientId id);
+  boost::asio::awaitable<void> handle(BridgeCommand::SubscribeSv command, ClientId id);
+  boost::asio::awaitable<void> handle(BridgeCommand::UnsubscribeSv, ClientId id);
+  boost::asio::awaitable<void> handle(BridgeCommand::PublishSvApdu command, ClientId id);
+  boost::asio::awaitable<void> handle(BridgeCommand::SetInterface command, ClientId id);
+  boost::asio::awaitable<void> handle(BridgeCommand::GetInterfaces, ClientId id);
+
+  // GOOSE subscriptions (bridge_server_goose.cpp).
+  boost::asio::awaitable<void> handleSubscribeGoose(std::optional<std::string> appIdFilter,
+                                                    std::optional<std::string> goCBRef,
+                                                    ClientId client);
+  boost::asio::awaitable<void> handleUnsubscribeGoose(ClientId id);
+  boost::asio::awaitable<void> setActiveInterfaceOnStrand(std::string name);
+  boost::asio::awaitable<GooseResult<void>> startCaptureInternal();
+  boost::asio::awaitable<void> stopCaptureIfNeeded();
+  void dispatchGooseMessage(const GooseMessage& message);
+  void chooseInterface();
+  void rememberActiveInterface(std::string name);
+
+  // GOOSE publishing (bridge_server_publishing.cpp).
+  boost::asio::awaitable<void> handlePublishGoose(GoosePublishConfig config, ClientId clientId);
+  boost::asio::awaitable<void> handleUnpublishGoose(std::optional<std::string> goCBRef,
+                                                    ClientId clientId);
+  boost::asio::awaitable<bool> moveToVlanInterface(GoosePublishConfig& config, ClientId clientId);
+  std::string outgoingInterface(const std::string& requested) const;
+
+  // Sampled Values (bridge_server_sv.cpp).
+  boost::asio::awaitable<void> handleSubscribeSv(std::optional<std::int64_t> appIdFilter,
+                                                 ClientId client);
+  boost::asio::awaitable<GooseResult<void>> startSvCapture();
+  boost::asio::awaitable<void> stopSvCaptureIfNeeded();
+  void forwardSvFrame(const SvCapturedFrame& frame);
+  boost::asio::awaitable<void> handlePublishSvApdu(Bytes pdu, SvPublishConfig config,
+                                                   ClientId clientId);
+
+  void log(std::string_view line) const { ports_.log(line); }
+
+  Strand strand_;
+  BridgePorts ports_;
+  TaskGroup tasks_;
+  bool isStopping_ = false;
+  AsyncEvent stopped_;
+
+  std::shared_ptr<WebSocketListener> listener_;
+  std::uint16_t activePort_ = kDefaultBridgePort;
+  std::map<ClientId, Connection> connections_;
+  std::set<ClientId> authenticatedConnections_;
+  std::unique_ptr<ServiceAdvertiser> advertiser_;
+
+  std::string activeInterface_;
+  std::int64_t messagesReceived_ = 0;
+  std::int64_t messagesPublished_ = 0;
+  CaptureControl<GooseMessage> gooseCapture_;
+  std::map<ClientId, Subscriber<GooseFilter>> gooseSubscribers_;
+  std::shared_ptr<GoosePublishing> goosePublisher_;
+
+  std::int64_t svFramesForwarded_ = 0;
+  std::int64_t svFramesPublished_ = 0;
+  CaptureControl<SvCapturedFrame> svCapture_;
+  std::map<ClientId, Subscriber<std::optional<std::int64_t>>> svSubscribers_;
+  std::shared_ptr<SvPublishing> svPublisher_;
+};
+
+}  // namespace tarnlink

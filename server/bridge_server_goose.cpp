@@ -1,0 +1,124 @@
+// GOOSE subscriptions and the capture behind them.
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <utility>
+
+#include "server/bridge_event_encoder.h"
+#include "server/bridge_server.h"
+#include "server/error_code.h"
+
+namespace tarnlink {
+namespace asio = boost::asio;
+namespace {
+
+using GooseCapture = CaptureControl<GooseMessage>;
+
+// What the capture is tried on where discovery finds nothing.
+constexpr const char* kLastResortInterface = "en0";
+
+}  // namespace
+
+void BridgeServer::chooseInterface() {
+  if (!activeInterface_.empty()) return;
+  const auto listed = ports_.listInterfaces(BridgePorts::Names::fallback);
+  rememberActiveInterface(listed.empty() ? kLastResortInterface : listed.front().name);
+}
+
+asio::awaitable<void> BridgeServer::handleSubscribeGoose(std::optional<std::string> appIdFilter,
+                                                         std::optional<std::string> goCBRef,
+                                                         ClientId client) {
+  const auto connection = connections_.find(client);
+  if (connection == connections_.end()) co_return;
+  gooseSubscribers_.insert_or_assign(
+      client,
+      Subscriber<GooseFilter>{{std::move(appIdFilter), std::move(goCBRef)}, connection->second});
+
+  const auto turn = co_await gooseCapture_.turn();
+  // The client may have left while others started or stopped the capture.
+  if (!gooseSubscribers_.contains(client) || isStopping_) co_return;
+  if (gooseCapture_.isCapturing()) {
+    log("[BridgeServer] already capturing on " + activeInterface_ + " — new subscriber joined");
+    sendStatus(client);
+    co_return;
+  }
+  chooseInterface();
+  log("[BridgeServer] starting capture on interface=" + activeInterface_);
+  const auto started = co_await startCaptureInternal();
+  if (!started) {
+    const std::string description = started.error().description();
+    log("[BridgeServer] ✗ capture start failed: " + description);
+    gooseSubscribers_.erase(client);
+    sendError("Start capture failed: " + description, ErrorCode::captureFailed, client);
+    co_return;
+  }
+  log("[BridgeServer] ✓ capture started");
+  sendStatus(client);
+  // Nobody may be left to listen by now.
+  if (gooseSubscribers_.empty()) co_await gooseCapture_.stop(GooseCapture::Queued::drop);
+}
+
+asio::awaitable<void> BridgeServer::handleUnsubscribeGoose(ClientId id) {
+  gooseSubscribers_.erase(id);
+  if (gooseSubscribers_.empty()) co_await stopCaptureIfNeeded();
+  sendStatus(std::nullopt);
+}
+
+asio::awaitable<GooseResult<void>> BridgeServer::startCaptureInternal() {
+  auto consume = [weak = weak_from_this()](std::span<GooseMessage> messages) {
+    const auto self = weak.lock();
+    if (!self) return;
+    for (const GooseMessage& message : messages) self->dispatchGooseMessage(message);
+  };
+  co_return co_await gooseCapture_.start(activeInterface_, std::move(consume));
+}
+
+asio::awaitable<void> BridgeServer::stopCaptureIfNeeded() {
+  const auto turn = co_await gooseCapture_.turn();
+  if (!gooseSubscribers_.empty()) co_return;  // Somebody came meanwhile.
+  co_await gooseCapture_.stop(GooseCapture::Queued::drop);
+}
+
+asio::awaitable<void> BridgeServer::setActiveInterface(std::string name) {
+  auto onStrand = [](std::shared_ptr<BridgeServer> self,
+                     std::string wanted) -> asio::awaitable<void> {
+    co_await self->setActiveInterfaceOnStrand(std::move(wanted));
+  };
+  co_await asio::co_spawn(strand_, onStrand(shared_from_this(), std::move(name)),
+                          asio::use_awaitable);
+}
+
+asio::awaitable<void> BridgeServer::setActiveInterfaceOnStrand(std::string name) {
+  rememberActiveInterface(name);
+  ports_.preferences.write(kActiveInterfaceKey, name);
+  log("[BridgeServer] active interface set to " + name);
+  {
+    const auto turn = co_await gooseCapture_.turn();
+    if (gooseCapture_.isCapturing() && !isStopping_) {
+      co_await gooseCapture_.stop(GooseCapture::Queued::deliver);
+      // Subscribers are counted again: the last one may have left during the stop.
+      if (!gooseSubscribers_.empty() && !isStopping_) {
+        const auto started = co_await startCaptureInternal();
+        if (!started) {
+          log("[BridgeServer] ✗ capture start failed: " + started.error().description());
+        }
+      }
+    }
+  }
+  sendStatus(std::nullopt);
+}
+
+void BridgeServer::dispatchGooseMessage(const GooseMessage& message) {
+  ++messagesReceived_;
+  SharedTextFrame frame;
+  for (const auto& [id, subscriber] : gooseSubscribers_) {
+    if (!subscriber.filter.matches(message)) continue;
+    if (!frame) {
+      JsonWriter writer(TextFrame::kHeaderRoom);
+      BridgeEventEncoder::gooseMessage(message, writer);
+      frame = toFrame(std::move(writer));
+    }
+    subscriber.connection->send(frame);
+  }
+}
+
+}  // namespace tarnlink

@@ -1,0 +1,99 @@
+// Sampled Values bridging: payloads pass undecoded, both ways.
+#include <string>
+#include <utility>
+
+#include "server/bridge_event_encoder.h"
+#include "server/bridge_server.h"
+#include "server/error_code.h"
+#include "stack/interface_name.h"
+
+namespace tarnlink {
+namespace asio = boost::asio;
+namespace {
+
+using SvCapture = CaptureControl<SvCapturedFrame>;
+
+std::optional<std::int64_t> appIdOf(const SvCapturedFrame& frame) {
+  if (frame.pdu.size() < 2) return std::nullopt;
+  return frame.pdu[0] << 8 | frame.pdu[1];
+}
+
+}  // namespace
+
+asio::awaitable<void> BridgeServer::handleSubscribeSv(std::optional<std::int64_t> appIdFilter,
+                                                      ClientId client) {
+  const auto connection = connections_.find(client);
+  if (connection == connections_.end()) co_return;
+  svSubscribers_.insert_or_assign(
+      client, Subscriber<std::optional<std::int64_t>>{appIdFilter, connection->second});
+
+  const auto turn = co_await svCapture_.turn();
+  // The client may have left while others started or stopped the capture.
+  if (!svSubscribers_.contains(client) || isStopping_) co_return;
+  if (svCapture_.isCapturing()) {
+    log("[BridgeServer] SV: client " + toText(client) + " joined existing capture");
+    co_return;
+  }
+  chooseInterface();
+  const auto started = co_await startSvCapture();
+  if (!started) {
+    const std::string description = started.error().description();
+    svSubscribers_.erase(client);
+    log("[BridgeServer] SV: capture start failed: " + description);
+    sendError("SV capture failed: " + description, ErrorCode::svCaptureFailed, client);
+    co_return;
+  }
+  log("[BridgeServer] SV: capture started on " + activeInterface_);
+  // Nobody may be left to listen by now.
+  if (svSubscribers_.empty()) co_await svCapture_.stop(SvCapture::Queued::drop);
+}
+
+asio::awaitable<GooseResult<void>> BridgeServer::startSvCapture() {
+  auto consume = [weak = weak_from_this()](std::span<SvCapturedFrame> frames) {
+    const auto self = weak.lock();
+    if (!self) return;
+    for (const SvCapturedFrame& frame : frames) self->forwardSvFrame(frame);
+  };
+  co_return co_await svCapture_.start(activeInterface_, std::move(consume));
+}
+
+asio::awaitable<void> BridgeServer::stopSvCaptureIfNeeded() {
+  const auto turn = co_await svCapture_.turn();
+  if (!svSubscribers_.empty()) co_return;  // Somebody came meanwhile.
+  co_await svCapture_.stop(SvCapture::Queued::drop);
+}
+
+void BridgeServer::forwardSvFrame(const SvCapturedFrame& frame) {
+  const auto appId = appIdOf(frame);
+  SharedTextFrame event;
+  for (const auto& [id, subscriber] : svSubscribers_) {
+    if (subscriber.filter && appId && *subscriber.filter != *appId) continue;
+    if (!event) {
+      JsonWriter writer(TextFrame::kHeaderRoom);
+      BridgeEventEncoder::svApdu(frame, writer);
+      event = toFrame(std::move(writer));
+    }
+    subscriber.connection->send(event);
+  }
+  if (event) ++svFramesForwarded_;
+}
+
+asio::awaitable<void> BridgeServer::handlePublishSvApdu(Bytes pdu, SvPublishConfig config,
+                                                        ClientId clientId) {
+  if (!svPublisher_) svPublisher_ = ports_.makeSvPublisher();
+  const auto publisher = svPublisher_;
+  if (!isValidInterfaceName(config.interface)) {
+    sendError("Invalid interface name", ErrorCode::invalidInterfaceName, clientId);
+    co_return;
+  }
+  config.interface = outgoingInterface(config.interface);
+  const auto published = co_await publisher->publishApdu(std::move(pdu), std::move(config));
+  if (published) {
+    ++svFramesPublished_;
+  } else {
+    sendError("SV publish failed: " + published.error().description(), ErrorCode::svPublishFailed,
+              clientId);
+  }
+}
+
+}  // namespace tarnlink

@@ -1,0 +1,98 @@
+// One capture of the server: its receiver, the task that drains the stream, and the turn that
+// serialises starting and stopping.
+#pragma once
+
+#include <algorithm>
+#include <boost/asio/any_io_executor.hpp>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/detached.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/strand.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+#include <utility>
+
+#include "stack/async_mutex.h"
+#include "stack/record_source.h"
+
+namespace tarnlink {
+
+/// All calls on the actor's strand. start() and stop() need the turn, and whoever waited for it
+/// must look at the state anew.
+template <class Record>
+class CaptureControl {
+ public:
+  using Strand = boost::asio::strand<boost::asio::any_io_executor>;
+  using Source = RecordSource<Record>;
+  using SourceFactory = std::function<std::shared_ptr<Source>()>;
+  /// Takes records in arrival order, on the strand. Holds its owner weakly.
+  using Consumer = std::function<void(std::span<Record>)>;
+
+  /// Records consumed before other work of the actor gets its turn.
+  static constexpr std::size_t kRecordsPerTurn = 256;
+
+  /// What becomes of records that wait in the stream when a capture stops.
+  enum class Queued { deliver, drop };
+
+  CaptureControl(Strand strand, SourceFactory makeSource)
+      : strand_(std::move(strand)), makeSource_(std::move(makeSource)), turn_(strand_) {}
+
+  auto turn() { return turn_.lock(); }
+
+  /// True from a successful start until stop(), or until the stream has ended by itself.
+  bool isCapturing() const { return task_ && !task_->ended.isSet(); }
+
+  boost::asio::awaitable<GooseResult<void>> start(std::string interface, Consumer consume) {
+    co_await stop(Queued::drop);
+    auto source = makeSource_();
+    auto stream = co_await source->start(std::move(interface));
+    if (!stream) co_return stream.error();
+    source_ = std::move(source);
+    task_ = std::make_shared<Task>(strand_, stream->canceller());
+    boost::asio::co_spawn(strand_, drain(strand_, task_, std::move(*stream), std::move(consume)),
+                          boost::asio::detached);
+    co_return GooseResult<void>();
+  }
+
+  boost::asio::awaitable<void> stop(Queued queued) {
+    if (task_ && queued == Queued::drop) task_->cancel();
+    if (source_) co_await source_->stop();
+    if (task_) co_await task_->ended.wait();
+    source_.reset();
+    task_.reset();
+  }
+
+ private:
+  struct Task {
+    Task(const Strand& strand, std::function<void()> canceller)
+        : ended(strand), cancel(std::move(canceller)) {}
+    AsyncEvent ended;
+    std::function<void()> cancel;
+  };
+
+  static boost::asio::awaitable<void> drain(Strand strand, std::shared_ptr<Task> task,
+                                            MessageStream<Record> stream, Consumer consume) {
+    typename MessageStream<Record>::Batch batch;
+    while (co_await stream.next(batch)) {
+      auto records = batch.records();
+      while (records.size() > kRecordsPerTurn) {
+        consume(records.first(kRecordsPerTurn));
+        records = records.subspan(kRecordsPerTurn);
+        co_await boost::asio::post(strand, boost::asio::use_awaitable);
+      }
+      consume(records);
+    }
+    task->ended.set();
+  }
+
+  Strand strand_;
+  SourceFactory makeSource_;
+  AsyncMutex turn_;
+  std::shared_ptr<Source> source_;
+  std::shared_ptr<Task> task_;
+};
+
+}  // namespace tarnlink

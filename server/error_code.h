@@ -1,0 +1,19 @@
+// Codes of the "error" event.
+#pragma once
+
+#include <cstdint>
+
+namespace tarnlink {
+
+struct ErrorCode {
+  static constexpr std::int64_t undecodable = -1;
+  static constexpr std::int64_t captureFailed = 1;
+  static constexpr std::int64_t publishFailed = 2;
+  static constexpr std::int64_t vlanSetupFailed = 3;
+  static constexpr std::int64_t svCaptureFailed = 4;
+  static constexpr std::int64_t svPublishFailed = 5;
+  static constexpr std::int64_t invalidInterfaceName = 6;
+  static constexpr std::int64_t notAuthenticated = 7;
+};
+
+}  // namespace tarnlink
