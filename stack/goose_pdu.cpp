@@ -226,7 +226,10 @@ void fill(const FieldTable& fields, GoosePdu& pdu) {
   pdu.confRev = GoosePdu::parseUInt32(fields[kConfRev]);
   pdu.ndsCom = isSet(fields[kNdsCom]);
   pdu.numDatSetEntries = GoosePdu::parseUInt32(fields[kNumDatSetEntries]);
-  parseDataValuesInto(fields.allData(), 0, pdu.allData);
+  // The sender's count saves the growing; an element has two octets at least, whatever it claims.
+  const ByteView allData = fields.allData();
+  pdu.allData.reserve(std::min<std::size_t>(pdu.numDatSetEntries, allData.size() / 2));
+  parseDataValuesInto(allData, 0, pdu.allData);
 }
 
 }  // namespace
