@@ -1,0 +1,78 @@
+// One command of a client: a JSON object whose "cmd" member names it.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+
+#include "server/json_value.h"
+#include "stack/bytes.h"
+#include "stack/goose_publish_config.h"
+#include "stack/sv_records.h"
+
+namespace tarnlink {
+
+/// A plain value that owns its payload. Decoding is a pure function, safe from any thread.
+struct BridgeCommand {
+  struct Auth {
+    std::string token;  ///< Empty when the command had none.
+    bool operator==(const Auth&) const = default;
+  };
+  struct SubscribeGoose {
+    std::optional<std::string> appIdFilter;  ///< Text, interpreted by the filter.
+    std::optional<std::string> goCBRefFilter;
+    bool operator==(const SubscribeGoose&) const = default;
+  };
+  struct PublishGoose {
+    GoosePublishConfig config;
+    bool operator==(const PublishGoose&) const = default;
+  };
+  struct UnpublishGoose {
+    std::optional<std::string> goCBRef;  ///< Absent: all publications of the bridge.
+    bool operator==(const UnpublishGoose&) const = default;
+  };
+  struct SubscribeSv {
+    std::optional<std::int64_t> appIdFilter;  ///< A number, unlike that of GOOSE.
+    bool operator==(const SubscribeSv&) const = default;
+  };
+  struct PublishSvApdu {
+    Bytes pdu;  ///< Neither length nor content is examined.
+    SvPublishConfig config;
+    bool operator==(const PublishSvApdu&) const = default;
+  };
+  struct SetInterface {
+    std::string name;  ///< Not validated.
+    bool operator==(const SetInterface&) const = default;
+  };
+  struct Ping {
+    std::int64_t timestamp = 0;
+    bool operator==(const Ping&) const = default;
+  };
+  struct UnsubscribeGoose {
+    bool operator==(const UnsubscribeGoose&) const = default;
+  };
+  struct UnsubscribeSv {
+    bool operator==(const UnsubscribeSv&) const = default;
+  };
+  struct GetInterfaces {
+    bool operator==(const GetInterfaces&) const = default;
+  };
+  using Payload =
+      std::variant<Auth, SubscribeGoose, PublishGoose, UnpublishGoose, SubscribeSv, PublishSvApdu,
+                   SetInterface, Ping, UnsubscribeGoose, UnsubscribeSv, GetInterfaces>;
+
+  Payload payload;
+
+  bool operator==(const BridgeCommand&) const = default;
+
+  /// Nothing when the object is no well-formed command: "cmd" missing or unknown, a required member
+  /// missing, or a number outside its field's range.
+  static std::optional<BridgeCommand> fromJson(const JsonObject& object);
+
+  /// The same from the text of a message; nothing also when that is no JSON object.
+  static std::optional<BridgeCommand> fromText(std::string_view text);
+};
+
+}  // namespace tarnlink

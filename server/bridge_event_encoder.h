@@ -1,0 +1,53 @@
+// Every event that the bridge sends to a client: one compact JSON object a text message.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "server/json_writer.h"
+#include "stack/goose_message.h"
+#include "stack/network_interface_info.h"
+#include "stack/sv_records.h"
+#include "stack/time_point.h"
+
+namespace tarnlink {
+
+/// What the status event tells beside the version.
+struct BridgeStatus {
+  bool isCapturing = false;     ///< GOOSE capture running.
+  std::string activeInterface;  ///< May be empty.
+  std::int64_t messagesReceived = 0;
+  std::int64_t messagesPublished = 0;
+};
+
+/// Stateless: safe from any thread. No function fails; an event that JSON cannot carry (text that
+/// is not UTF-8, a float that is not finite) becomes kEncodeFailed.
+class BridgeEventEncoder {
+ public:
+  BridgeEventEncoder() = delete;
+
+  static constexpr char kEncodeFailed[] =
+      "{\"event\":\"error\",\"error\":\"JSON encode failed\",\"code\":-1}";
+  /// Version of the command and event protocol.
+  static constexpr int kProtocol = 2;
+
+  /// The version of the program, "dev" where the build names none.
+  static std::string_view appVersion();
+
+  static std::string authResult(bool ok);
+  static std::string error(std::string_view message, std::int64_t code);
+  static std::string pong(std::int64_t originalTimestamp, TimePoint now = timeNow());
+  static std::string interfaces(const std::vector<NetworkInterfaceInfo>& interfaces,
+                                std::string_view activeInterface);
+  static std::string bridgeStatus(const BridgeStatus& status);
+  static std::string svApdu(const SvCapturedFrame& frame);
+
+  /// The events of captured traffic, written into an empty writer whose storage is then handed on
+  /// without a copy.
+  static void gooseMessage(const GooseMessage& message, JsonWriter& out);
+  static void svApdu(const SvCapturedFrame& frame, JsonWriter& out);
+};
+
+}  // namespace tarnlink

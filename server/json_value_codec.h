@@ -1,0 +1,50 @@
+// The stack's records as JSON of the protocol: received messages and dataset values out,
+// publication requests and dataset values in. Pure functions, safe from any thread.
+#pragma once
+
+#include <boost/system/result.hpp>
+#include <optional>
+#include <string_view>
+
+#include "server/json_value.h"
+#include "server/json_writer.h"
+#include "stack/goose_data_value.h"
+#include "stack/goose_message.h"
+#include "stack/goose_publish_config.h"
+#include "stack/mac_address.h"
+
+namespace tarnlink {
+
+/// Six pairs of hexadecimal digits separated by ":" or "-"; surplus separators are ignored.
+std::optional<MacAddress> parseMacAddress(std::string_view text);
+
+/// The same rule under the name that publication requests know it by.
+inline std::optional<MacAddress> parseMac(std::string_view text) {
+  return parseMacAddress(text);
+}
+
+/// Why a JSON object gives no record.
+enum class Unreadable {
+  incomplete,  ///< A required key or the type name is missing; a dataset leaves such a value out.
+  /// A number does not fit its field, at whatever depth. Nothing that holds it can be read: the
+  /// rest of a dataset would be another dataset on the wire.
+  outOfRange,
+};
+
+/// Defined for GooseDataValue and GoosePublishConfig.
+template <class Record>
+boost::system::result<Record, Unreadable> fromBridgeJson(const JsonObject& object);
+
+template <>
+boost::system::result<GooseDataValue, Unreadable> fromBridgeJson(const JsonObject& object);
+template <>
+boost::system::result<GoosePublishConfig, Unreadable> fromBridgeJson(const JsonObject& object);
+
+/// A value becomes an object with its type name and one payload key. Strings that are not UTF-8 and
+/// floats that are not finite fail the writer.
+void toBridgeJson(const GooseDataValue& value, JsonWriter& out);
+
+/// Twelve keys, and "srcMac", "dstMac" and "vlanId" where the message has them.
+void toBridgeJson(const GooseMessage& message, JsonWriter& out);
+
+}  // namespace tarnlink
