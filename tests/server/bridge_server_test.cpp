@@ -1,0 +1,459 @@
+#include <gtest/gtest.h>
+
+#include "tests/server/bridge_harness.h"
+
+namespace tarnlink::testing {
+namespace {
+
+constexpr const char* kSubscribe = R"({"cmd":"subscribe_goose"})";
+constexpr const char* kUnsubscribe = R"({"cmd":"unsubscribe_goose"})";
+
+GooseMessage message(std::uint16_t appId = 4096, std::string goCBRef = "IED1CTRL/LLN0$GO$gcb01") {
+  GooseMessage result;
+  result.appId = appId;
+  result.goCBRef = std::move(goCBRef);
+  return result;
+}
+
+SvCapturedFrame svFrame(Bytes pdu) {
+  SvCapturedFrame result;
+  result.pdu = std::move(pdu);
+  return result;
+}
+
+Json error(std::string_view text, int code) {
+  return {{"event", "error"}, {"error", text}, {"code", code}};
+}
+
+class BridgeServerTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(bridge.start()); }
+  BridgeHarness bridge;
+};
+
+// Start and stop -----------------------------------------------------------------------------
+
+TEST(BridgeServerStartTest, FailsAsTheTransportDoes) {
+  const auto busy = make_error_code(boost::system::errc::address_in_use);
+  const struct {
+    std::uint16_t port;
+    TransportState first;
+    BridgeError::Case expected;
+    std::string description;
+  } cases[] = {
+      {0, TransportReady{}, BridgeError::Case::invalidPort, "Invalid bridge port: 0"},
+      {8765, TransportFailed{busy}, BridgeError::Case::transport, busy.message()},
+      {8765, TransportCancelled{}, BridgeError::Case::cancelled, "Bridge listener was cancelled"},
+  };
+  for (const auto& c : cases) {
+    BridgeHarness bridge;
+    bridge.transport.firstState = c.first;
+    const auto started = bridge.await(bridge.server->start(c.port));
+    ASSERT_TRUE(started && started->has_error()) << c.description;
+    EXPECT_EQ(started->error().which(), c.expected);
+    EXPECT_EQ(started->error().description(), c.description);
+  }
+}
+
+TEST(BridgeServerStartTest, AListenerFailureAllowsANewStart) {
+  BridgeHarness bridge;
+  ASSERT_TRUE(bridge.start());
+  EXPECT_TRUE(bridge.start()) << "a second start with a listener present is a no-op";
+  EXPECT_EQ(bridge.transport.made, 1);
+  bridge.transport.listener->report(TransportFailed{asio::error::no_descriptors});
+  EXPECT_TRUE(bridge.start());
+  EXPECT_EQ(bridge.transport.made, 2);
+}
+
+TEST(BridgeServerStartTest, StopEndsAStartThatStillWaits) {
+  BridgeHarness bridge;
+  bridge.transport.firstState.reset();
+  std::optional<BridgeResult<void>> started;
+  asio::co_spawn(bridge.io, bridge.server->start(kDefaultBridgePort),
+                 [&](std::exception_ptr, BridgeResult<void> result) { started = result; });
+  bridge.settle();
+  EXPECT_FALSE(started);
+  EXPECT_TRUE(bridge.await(bridge.server->stop()));
+  ASSERT_TRUE(started && started->has_error());
+  EXPECT_EQ(started->error().which(), BridgeError::Case::cancelled);
+}
+
+TEST_F(BridgeServerTest, StopEndsEverythingAndCountersSurvive) {
+  const auto client = bridge.authenticated();
+  bridge.say(client, kSubscribe);
+  bridge.goose.yield({message(), message()});
+  bridge.settle();
+  EXPECT_TRUE(bridge.await(bridge.server->stop()));
+  EXPECT_TRUE(client->isCancelled);
+  EXPECT_EQ(bridge.goose.running, 0);
+  EXPECT_TRUE(bridge.vlan.isCancelled) << "a pending administrator prompt must not outlive stop()";
+  EXPECT_EQ(bridge.logLines.back(), "[BridgeServer] Stopped");
+
+  ASSERT_TRUE(bridge.start());
+  const auto next = bridge.authenticated();
+  const auto events = bridge.ask(next, kUnsubscribe);
+  ASSERT_EQ(events.size(), 1U);
+  EXPECT_EQ(events[0]["messagesReceived"], 2);
+  EXPECT_EQ(events[0]["isCapturing"], false);
+}
+
+TEST_F(BridgeServerTest, AClientThatArrivesDuringStopIsRefused) {
+  bridge.goose.gate.reset();
+  const auto client = bridge.authenticated();
+  bridge.say(client, kSubscribe);
+  EXPECT_FALSE(bridge.await(bridge.server->stop())) << "waits for the capture that is starting";
+  EXPECT_TRUE(bridge.connect()->isCancelled);
+  bridge.goose.gate.set();
+  bridge.settle();
+  EXPECT_EQ(bridge.logLines.back(), "[BridgeServer] Stopped");
+  EXPECT_EQ(bridge.goose.running, 0);
+}
+
+// Authentication -----------------------------------------------------------------------------
+
+TEST_F(BridgeServerTest, TheGateOpensWithTheCodeAlone) {
+  const Json refused = error("Not authenticated — send auth with pairing code", 7);
+  const Json undecodable = error("Invalid JSON command", -1);
+  const auto client = bridge.connect();
+  const struct {
+    const char* text;
+    Json expected;  // Members that the one answer must have.
+  } steps[] = {
+      {R"({"cmd":"ping","timestamp":17})", {{"event", "pong"}, {"originalTimestamp", 17}}},
+      {R"({"cmd":"get_interfaces"})", refused},
+      {kSubscribe, refused},
+      {R"({"cmd":"publish_sv_apdu","pduBase64":"AA=="})", refused},
+      {"{", undecodable},
+      {R"(["cmd"])", undecodable},
+      {R"({"cmd":"AUTH"})", undecodable},
+      {R"({"cmd":"auth","token":"042138"})", {{"event", "auth_result"}, {"ok", false}}},
+      {R"({"cmd":"auth","token":42137})", {{"event", "auth_result"}, {"ok", false}}},
+      {R"({"cmd":"auth"})", {{"event", "auth_result"}, {"ok", false}}},
+      {R"({"cmd":"get_interfaces"})", refused},
+      {R"({"cmd":"auth","token":"042137"})", {{"event", "auth_result"}, {"ok", true}}},
+      {R"({"cmd":"get_interfaces"})", {{"event", "interfaces"}, {"activeInterface", ""}}},
+      {R"({"cmd":"auth","token":"000000"})", {{"event", "auth_result"}, {"ok", false}}},
+      {R"({"cmd":"get_interfaces"})", {{"event", "interfaces"}}},
+  };
+  for (const auto& step : steps) {
+    SCOPED_TRACE(step.text);
+    const auto events = bridge.ask(client, step.text);
+    ASSERT_EQ(events.size(), 1U);
+    for (const auto& [key, value] : step.expected.items()) EXPECT_EQ(events[0][key], value);
+  }
+}
+
+TEST(PairingCodeTest, AMalformedCodeIsReplacedAndStored) {
+  const struct {
+    std::optional<std::string> stored;
+    bool isKept;
+  } cases[] = {{"000123", true},  {"12345", false}, {"1234567", false},
+               {"12a456", false}, {"", false},      {std::nullopt, false}};
+  for (const auto& c : cases) {
+    MemoryPreferences preferences;
+    if (c.stored) preferences.write(kPairingCodeKey, *c.stored);
+    const std::string code = pairingCode(preferences);
+    EXPECT_EQ(code == c.stored, c.isKept) << c.stored.value_or("(absent)");
+    EXPECT_EQ(code.size(), 6U);
+    EXPECT_EQ(code.find_first_not_of("0123456789"), std::string::npos);
+    EXPECT_EQ(pairingCode(preferences), code);
+  }
+}
+
+TEST_F(BridgeServerTest, BinaryMessagesAreIgnored) {
+  const auto client = bridge.connect();
+  client->say(R"({"cmd":"ping"})", false);
+  bridge.settle();
+  EXPECT_TRUE(client->sent.empty());
+  EXPECT_EQ(bridge.ask(client, R"({"cmd":"ping"})").size(), 1U) << "the connection lives on";
+}
+
+TEST_F(BridgeServerTest, ALostClientHasOneLogLine) {
+  const auto count = [this](std::string_view part) {
+    return std::count_if(bridge.logLines.begin(), bridge.logLines.end(),
+                         [part](const auto& line) { return line.find(part) != line.npos; });
+  };
+  const auto failed = bridge.connect();
+  failed->close(TransportFailed{asio::error::timed_out});
+  bridge.settle();
+  EXPECT_EQ(count(" failed: "), 1);
+  EXPECT_EQ(count("Receive error"), 0);
+  const auto vanished = bridge.connect();
+  vanished->reset();
+  bridge.settle();
+  EXPECT_EQ(count("Receive error"), 1);
+  EXPECT_TRUE(vanished->isCancelled) << "a connection that failed is closed too";
+}
+
+// GOOSE subscriptions ------------------------------------------------------------------------
+
+TEST(GooseFilterTest, MatchesDecimalAppIdAndPartOfTheReference) {
+  const struct {
+    std::optional<std::string> appId;
+    std::optional<std::string> goCBRef;
+    bool matches;
+  } cases[] = {
+      {std::nullopt, std::nullopt, true},
+      {"", "", true},
+      {"4096", std::nullopt, true},
+      {"40960", std::nullopt, false},
+      {"409", std::nullopt, false},
+      {"0x1000", std::nullopt, false},
+      {"04096", std::nullopt, false},
+      {std::nullopt, "LLN0", true},
+      {std::nullopt, "lln0", false},
+      {"4096", "gcb02", false},
+      {"4096", "gcb01", true},
+  };
+  for (const auto& c : cases) {
+    const GooseFilter filter{c.appId, c.goCBRef};
+    EXPECT_EQ(filter.matches(message()), c.matches)
+        << c.appId.value_or("-") << ' ' << c.goCBRef.value_or("-");
+  }
+}
+
+TEST_F(BridgeServerTest, MessagesReachMatchingSubscribersOnceEncoded) {
+  bridge.interfaces = {{"eth7", "Bay 7", true, "02:00:00:00:00:07", true}};
+  const auto all = bridge.authenticated();
+  const auto some = bridge.authenticated();
+  const auto none = bridge.authenticated();
+  EXPECT_EQ(bridge.ask(all, kSubscribe)[0]["isCapturing"], true);
+  EXPECT_EQ(bridge.goose.interfaces, std::vector<std::string>{"eth7"});
+  EXPECT_EQ(BridgeServer::sharedActiveInterface(), "eth7");
+  bridge.ask(some, R"({"cmd":"subscribe_goose","appIdFilter":"1"})");
+  bridge.ask(some, R"({"cmd":"subscribe_goose","appIdFilter":"2"})");
+  bridge.goose.yield({message(1), message(2)});
+  bridge.settle();
+  ASSERT_EQ(all->sent.size(), 2U);
+  ASSERT_EQ(some->sent.size(), 1U) << "the second filter replaced the first";
+  EXPECT_EQ(some->sent[0], all->sent[1]) << "one frame serves all";
+  EXPECT_TRUE(none->sent.empty());
+  EXPECT_EQ(bridge.goose.mostRunning, 1);
+  EXPECT_EQ(Json::parse(all->sent[0]->text())["message"]["appId"], 1);
+}
+
+TEST_F(BridgeServerTest, TheLastSubscriberToLeaveStopsTheCapture) {
+  const auto first = bridge.authenticated();
+  const auto second = bridge.authenticated();
+  const auto onlooker = bridge.connect();
+  bridge.say(first, kSubscribe);
+  bridge.say(second, kSubscribe);
+  bridge.connect()->close(TransportCancelled{});
+  bridge.settle();
+  EXPECT_EQ(bridge.goose.running, 1) << "a client without a subscription does not matter";
+  second->reset();
+  bridge.settle();
+  EXPECT_EQ(bridge.goose.running, 1);
+  const auto events = bridge.ask(first, kUnsubscribe);
+  EXPECT_EQ(bridge.goose.running, 0);
+  EXPECT_EQ(events.back()["isCapturing"], false);
+  EXPECT_EQ(BridgeHarness::take(onlooker).back()["event"], "bridge_status")
+      << "broadcasts reach clients that have not authenticated";
+  bridge.say(first, kSubscribe);
+  first->close(TransportCancelled{});
+  bridge.settle();
+  EXPECT_EQ(bridge.goose.running, 0);
+}
+
+TEST_F(BridgeServerTest, AFailedStartAnswersAndDropsTheSubscription) {
+  bridge.goose.failure = GooseError::permissionDenied();
+  const auto client = bridge.authenticated();
+  EXPECT_EQ(bridge.ask(client, kSubscribe),
+            std::vector<Json>{error("Start capture failed: permission denied", 1)});
+  EXPECT_EQ(bridge.goose.interfaces, std::vector<std::string>{"en0"})
+      << "the last resort where discovery finds nothing";
+  EXPECT_TRUE(bridge.logged("[BridgeServer] ✗ capture start failed: permission denied"));
+  bridge.goose.failure.reset();
+  EXPECT_EQ(bridge.ask(client, kSubscribe)[0]["isCapturing"], true);
+}
+
+TEST_F(BridgeServerTest, SubscribersThatMeetAStartingCaptureWaitForIt) {
+  bridge.goose.gate.reset();
+  const auto first = bridge.authenticated();
+  const auto second = bridge.authenticated();
+  bridge.say(first, kSubscribe);
+  bridge.say(second, kSubscribe);
+  EXPECT_TRUE(second->sent.empty());
+  bridge.goose.gate.set();
+  bridge.settle();
+  EXPECT_EQ(bridge.goose.interfaces.size(), 1U);
+  EXPECT_EQ(BridgeHarness::take(second)[0]["isCapturing"], true);
+}
+
+TEST_F(BridgeServerTest, AClientThatLeavesAStartingCaptureLeavesNoneRunning) {
+  bridge.goose.gate.reset();
+  const auto client = bridge.authenticated();
+  bridge.say(client, kSubscribe);
+  client->close(TransportCancelled{});
+  bridge.settle();
+  bridge.goose.gate.set();
+  bridge.settle();
+  EXPECT_EQ(bridge.goose.mostRunning, 1);
+  EXPECT_EQ(bridge.goose.running, 0);
+}
+
+TEST_F(BridgeServerTest, AStreamThatEndsByItselfClearsTheFlag) {
+  const auto client = bridge.authenticated();
+  bridge.say(client, kSubscribe);
+  bridge.goose.current.lock()->finish();
+  bridge.settle();
+  client->sent.clear();
+  const auto other = bridge.authenticated();
+  EXPECT_EQ(bridge.ask(other, kSubscribe)[0]["isCapturing"], true);
+  EXPECT_EQ(bridge.goose.running, 1) << "the dead capture was stopped before the new one";
+}
+
+// Interface changes --------------------------------------------------------------------------
+
+TEST_F(BridgeServerTest, SetInterfaceChecksStoresAndMovesTheCapture) {
+  const auto client = bridge.authenticated();
+  EXPECT_EQ(bridge.ask(client, R"({"cmd":"set_interface","interface":"en-0"})"),
+            std::vector<Json>{error("Invalid interface name", 6)});
+  EXPECT_EQ(bridge.ask(client, R"({"cmd":"set_interface","interface":"eth1"})")[0]["isCapturing"],
+            false);
+  EXPECT_EQ(bridge.preferences.texts["activeInterface"], "eth1");
+  bridge.ask(client, kSubscribe);
+  const auto moved = bridge.ask(client, R"({"cmd":"set_interface","interface":"eth2"})");
+  EXPECT_EQ(bridge.goose.interfaces, (std::vector<std::string>{"eth1", "eth2"}));
+  EXPECT_EQ(moved.back()["isCapturing"], true);
+  EXPECT_EQ(bridge.goose.mostRunning, 1);
+
+  bridge.goose.failure = GooseError::pcapOpenFailed("no such device");
+  const auto lost = bridge.ask(client, R"({"cmd":"set_interface","interface":"eth3"})");
+  EXPECT_EQ(lost.back()["isCapturing"], false);
+  bridge.goose.failure.reset();
+  bridge.ask(client, kSubscribe);
+  bridge.goose.yield({message()});
+  bridge.settle();
+  EXPECT_EQ(BridgeHarness::take(client).back()["event"], "goose_message");
+}
+
+TEST(BridgeServerStartTest, TheStoredInterfaceIsRestored) {
+  BridgeHarness bridge({{"activeInterface", "eth5"}});
+  EXPECT_TRUE(bridge.logged("[BridgeServer] restored active interface: eth5"));
+  ASSERT_TRUE(bridge.start());
+  bridge.say(bridge.authenticated(), kSubscribe);
+  EXPECT_EQ(bridge.goose.interfaces, std::vector<std::string>{"eth5"});
+}
+
+// Publishing ---------------------------------------------------------------------------------
+
+std::string publishCommand(const std::string& more) {
+  return R"({"cmd":"publish_goose","appId":4096,"goCBRef":"A/LLN0$GO$g","dataSetRef":"A/LLN0$d",)"
+         R"("confRev":1)" +
+         more + "}";
+}
+
+TEST_F(BridgeServerTest, PublicationsLeaveOnTheInterfaceMeant) {
+  const auto client = bridge.authenticated();
+  const struct {
+    const char* active;
+    const char* more;
+    const char* expected;
+  } cases[] = {
+      {"en0", "", "en0"},
+      {"eth5", "", "eth5"},
+      {"eth5", R"(,"interface":"en0")", "eth5"},
+      {"eth5", R"(,"interface":"eth7")", "eth7"},
+  };
+  for (const auto& c : cases) {
+    bridge.ask(client, std::string(R"({"cmd":"set_interface","interface":")") + c.active + "\"}");
+    const auto events = bridge.ask(client, publishCommand(c.more));
+    ASSERT_EQ(events.size(), 1U);
+    EXPECT_EQ(events[0]["event"], "bridge_status");
+    EXPECT_EQ(bridge.goosePublisher->published.back().interface, c.expected);
+  }
+  EXPECT_EQ(bridge.ask(client, kUnsubscribe)[0]["messagesPublished"], 4);
+}
+
+TEST_F(BridgeServerTest, AVlanPublicationLeavesUntaggedOnTheVlanInterface) {
+  const auto client = bridge.authenticated();
+  bridge.ask(client, publishCommand(R"(,"interface":"eth7","vlanId":100,"vlanPriority":6)"));
+  ASSERT_EQ(bridge.goosePublisher->published.size(), 1U);
+  const auto& config = bridge.goosePublisher->published[0];
+  EXPECT_EQ(config.interface, "vlan100");
+  EXPECT_EQ(config.vlanId, 0);
+  EXPECT_EQ(config.vlanPriority, 6);
+  EXPECT_FALSE(config.vlanTagged);
+  EXPECT_EQ(bridge.vlan.parents, std::vector<std::string>{"eth7"});
+}
+
+TEST_F(BridgeServerTest, RefusedPublicationsAnswerWithTheirCode) {
+  const auto client = bridge.authenticated();
+  for (const char* name : {"en 0", "en-0", "0en", ""}) {
+    const std::string more = std::string(R"(,"vlanId":5,"interface":")") + name + "\"";
+    EXPECT_EQ(bridge.ask(client, publishCommand(more)),
+              std::vector<Json>{error("Invalid interface name", 6)});
+  }
+  EXPECT_TRUE(bridge.vlan.parents.empty()) << "refused before any VLAN work";
+  bridge.vlan.failure = VlanError{-128, "Benutzer hat abgebrochen"};
+  EXPECT_EQ(bridge.ask(client, publishCommand(R"(,"vlanId":5)")),
+            std::vector<Json>{error("VLAN-Setup fehlgeschlagen: Benutzer hat abgebrochen", 3)});
+  bridge.goosePublisher->failure = GooseError::sendFailed("network is down");
+  EXPECT_EQ(bridge.ask(client, publishCommand("")),
+            std::vector<Json>{error("Publish failed: network is down", 2)});
+  bridge.svPublisher->failure = GooseError::notRunning();
+  EXPECT_EQ(bridge.ask(client, R"({"cmd":"publish_sv_apdu","pduBase64":"AA=="})"),
+            std::vector<Json>{error("SV publish failed: not running", 5)});
+  EXPECT_EQ(bridge.ask(client, R"({"cmd":"publish_sv_apdu","pduBase64":"","interface":"a.b"})"),
+            std::vector<Json>{error("Invalid interface name", 6)});
+  EXPECT_EQ(bridge.ask(client, kUnsubscribe)[0]["messagesPublished"], 0);
+}
+
+TEST_F(BridgeServerTest, UnpublishNamesWhatItStops) {
+  const auto client = bridge.authenticated();
+  EXPECT_EQ(bridge.ask(client, R"({"cmd":"unpublish_goose"})")[0]["event"], "bridge_status");
+  EXPECT_TRUE(bridge.goosePublisher->unpublished.empty()) << "nothing was ever published";
+  bridge.ask(client, publishCommand(""));
+  bridge.ask(client, R"({"cmd":"unpublish_goose","goCBRef":"A/LLN0$GO$g"})");
+  bridge.ask(client, R"({"cmd":"unpublish_goose","goCBRef":""})");
+  EXPECT_EQ(bridge.goosePublisher->unpublished,
+            (std::vector<std::string>{"A/LLN0$GO$g", "(none)"}));
+  EXPECT_TRUE(bridge.logged("[BridgeServer] ✓ unpublished GOOSE (all)"));
+}
+
+// Sampled Values -----------------------------------------------------------------------------
+
+TEST_F(BridgeServerTest, SvFramesGoByAppId) {
+  const auto all = bridge.authenticated();
+  const auto some = bridge.authenticated();
+  EXPECT_TRUE(bridge.ask(all, R"({"cmd":"subscribe_sv"})").empty()) << "success has no event";
+  EXPECT_TRUE(bridge.ask(some, R"({"cmd":"subscribe_sv","appIdFilter":16384})").empty());
+  EXPECT_EQ(bridge.sv.interfaces.size(), 1U);
+  bridge.sv.yield({svFrame({0x40, 0x00}), svFrame({0x40, 0x01}), svFrame({0x40}), svFrame({})});
+  bridge.settle();
+  EXPECT_EQ(all->sent.size(), 4U);
+  EXPECT_EQ(some->sent.size(), 3U) << "a frame too short for an APPID goes to everybody";
+  bridge.say(all, R"({"cmd":"unsubscribe_sv"})");
+  EXPECT_EQ(bridge.sv.running, 1);
+  some->reset();
+  bridge.settle();
+  EXPECT_EQ(bridge.sv.running, 0);
+  EXPECT_EQ(bridge.goose.interfaces.size(), 0U) << "GOOSE has a capture of its own";
+}
+
+TEST_F(BridgeServerTest, AFailedSvStartAnswersAndDropsTheSubscription) {
+  bridge.sv.failure = GooseError::pcapFilterFailed("bad filter");
+  const auto client = bridge.authenticated();
+  EXPECT_EQ(bridge.ask(client, R"({"cmd":"subscribe_sv"})"),
+            std::vector<Json>{error("SV capture failed: bad filter", 4)});
+  bridge.sv.failure.reset();
+  bridge.ask(client, R"({"cmd":"subscribe_sv"})");
+  bridge.sv.yield({svFrame({1, 2, 3})});
+  bridge.settle();
+  EXPECT_EQ(client->sent.size(), 1U);
+}
+
+TEST_F(BridgeServerTest, SvPayloadsPassUnchanged) {
+  const auto client = bridge.authenticated();
+  bridge.ask(client, R"({"cmd":"set_interface","interface":"eth5"})");
+  EXPECT_TRUE(bridge.ask(client, R"({"cmd":"publish_sv_apdu","pduBase64":"QAAB/w=="})").empty());
+  ASSERT_EQ(bridge.svPublisher->published.size(), 1U);
+  const auto& [pdu, config] = bridge.svPublisher->published[0];
+  EXPECT_EQ(pdu, (Bytes{0x40, 0x00, 0x01, 0xFF}));
+  EXPECT_EQ(config.interface, "eth5");
+  EXPECT_EQ(config.dstMac, (MacAddress{1, 0x0C, 0xCD, 4, 0, 1}));
+}
+
+}  // namespace
+}  // namespace tarnlink::testing
