@@ -18,6 +18,8 @@ class BridgeError {
     transport,    ///< The transport's own error.
   };
 
+  BridgeError() = default;  ///< Boost's result needs one; equals cancelled().
+
   static BridgeError invalidPort(std::uint16_t port) { return {Case::invalidPort, port, {}}; }
   static BridgeError portInUse(std::uint16_t port) { return {Case::portInUse, port, {}}; }
   static BridgeError cancelled() { return {Case::cancelled, 0, {}}; }
@@ -32,8 +34,8 @@ class BridgeError {
   BridgeError(Case which, std::uint16_t port, boost::system::error_code error)
       : case_(which), port_(port), error_(error) {}
 
-  Case case_;
-  std::uint16_t port_;
+  Case case_ = Case::cancelled;
+  std::uint16_t port_ = 0;
   boost::system::error_code error_;
 };
 

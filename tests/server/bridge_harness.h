@@ -58,7 +58,7 @@ class FakeConnection final : public WebSocketConnection {
   void close(const TransportState& how) {
     if (std::exchange(isClosed_, true)) return;
     arrived_.set();
-    onState_(how);
+    if (onState_) onState_(how);
   }
   /// The peer goes: the receive loop meets the error first.
   void reset() {

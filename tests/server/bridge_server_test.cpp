@@ -329,7 +329,7 @@ TEST_F(BridgeServerTest, SetInterfaceChecksStoresAndMovesTheCapture) {
 }
 
 TEST(BridgeServerStartTest, TheStoredInterfaceIsRestored) {
-  BridgeHarness bridge({{"activeInterface", "eth5"}});
+  BridgeHarness bridge(std::map<std::string, std::string>{{"activeInterface", "eth5"}});
   EXPECT_TRUE(bridge.logged("[BridgeServer] restored active interface: eth5"));
   ASSERT_TRUE(bridge.start());
   bridge.say(bridge.authenticated(), kSubscribe);
