@@ -56,6 +56,16 @@ TEST(EthernetFrame, OtherFramesAreNothing) {
   EXPECT_FALSE(EthernetFrame::parse({}));
 }
 
+TEST(EthernetFrame, EveryPrefixOfAHeaderIsNothing) {
+  // Prefixes of a larger buffer: an octet read beyond the end would be the expected one.
+  for (const char* header : {"88B8", "8100 A064 88B8"}) {
+    const Bytes frame = frameOf(header);
+    for (std::size_t length = 0; length < frame.size(); ++length) {
+      EXPECT_FALSE(EthernetFrame::parse(ByteView(frame).first(length))) << header << length;
+    }
+  }
+}
+
 TEST(EthernetFrame, BuiltTags) {
   struct Case {
     std::uint16_t vlanId;
