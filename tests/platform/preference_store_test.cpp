@@ -1,0 +1,214 @@
+#include "platform/preference_store.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+namespace tarnlink {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+class PreferenceFile : public ::testing::Test {
+ protected:
+  PreferenceFile() {
+    std::string pattern = fs::temp_directory_path() / "preferences-XXXXXX";
+    directory_ = ::mkdtemp(pattern.data());
+    file_ = directory_ / "tarnlink" / "preferences.json";
+  }
+  ~PreferenceFile() override { fs::remove_all(directory_); }
+
+  std::unique_ptr<PreferenceStore> open() {
+    return makePreferenceStore(file_, [this](std::string_view line) { log_.emplace_back(line); });
+  }
+  void put(std::string_view octets) {
+    fs::create_directories(file_.parent_path());
+    std::ofstream(file_, std::ios::binary) << octets;
+  }
+  static std::string octetsOf(const fs::path& path) {
+    std::ostringstream octets;
+    octets << std::ifstream(path, std::ios::binary).rdbuf();
+    return octets.str();
+  }
+  static mode_t modeOf(const fs::path& path) {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : 0;
+  }
+
+  fs::path directory_, file_;
+  std::vector<std::string> log_;
+};
+
+TEST_F(PreferenceFile, IsMadePrivateAndReadByOtherPrograms) {
+  open()->write("pairingCode", "004711");
+  EXPECT_EQ(open()->read("pairingCode"), "004711");
+  EXPECT_EQ(open()->read("activeInterface"), std::nullopt);
+  EXPECT_EQ(modeOf(file_), 0600U);
+  EXPECT_EQ(modeOf(file_.parent_path()), 0700U);
+  EXPECT_THAT(log_, IsEmpty());
+}
+
+TEST_F(PreferenceFile, IsReadAnewAtEachUse) {
+  const auto store = open();
+  store->write("pairingCode", "111111");
+  put(R"({"pairingCode": "222222"})");
+  EXPECT_EQ(store->read("pairingCode"), "222222");
+  put(R"({"pairingCode": 333333})");
+  EXPECT_EQ(store->read("pairingCode"), std::nullopt);
+  fs::remove(file_);
+  EXPECT_EQ(store->read("pairingCode"), std::nullopt);
+}
+
+TEST_F(PreferenceFile, KeepsForeignMembersInPlace) {
+  put(R"({"z": [1, {"b": null}], "pairingCode": 5, "a": 18446744073709551615, "f": 0.1,
+          "text": "\u00e4\n"})");
+  open()->write("pairingCode", "123456");
+  std::string compact = octetsOf(file_);
+  std::erase_if(compact, [](char c) { return c == ' ' || c == '\n'; });
+  EXPECT_EQ(compact,
+            R"({"z":[1,{"b":null}],"pairingCode":"123456","a":18446744073709551615,"f":0.1,)"
+            "\"text\":\"\u00e4\\n\"}");
+}
+
+TEST_F(PreferenceFile, DamagedOctetsAreKeptBesideItAndNeverReplaceOlderOnes) {
+  const std::string nested =
+      "{\"a\":" + std::string(100'000, '[') + std::string(100'000, ']') + "}";
+  const std::string damaged[] = {"",
+                                 "{\"pairingCode\": \"123456\"",
+                                 "[\"pairingCode\"]",
+                                 "{\"a\": \"\xFF\"}",
+                                 "{} trailing",
+                                 nested};
+  const auto store = open();
+  int n = 0;
+  for (const auto& octets : damaged) {
+    SCOPED_TRACE(octets.substr(0, 40));
+    put(octets);
+    EXPECT_EQ(store->read("pairingCode"), std::nullopt);
+    EXPECT_EQ(octetsOf(file_), octets) << "reading must not touch the file";
+    log_.clear();
+    store->write("pairingCode", "654321");
+    EXPECT_EQ(open()->read("pairingCode"), "654321");
+    const std::string kept = file_.string() + ".damaged-" + std::to_string(++n);
+    EXPECT_TRUE(fs::exists(kept));
+    EXPECT_EQ(octetsOf(kept), octets);
+    EXPECT_THAT(log_, ElementsAre(HasSubstr(kept)));
+  }
+}
+
+TEST_F(PreferenceFile, ATextThatCannotBeStoredLivesInThisProcess) {
+  const auto store = open();
+  int lock = -1;
+  const struct {
+    const char* situation;
+    std::function<void()> cause;
+    std::string text;
+  } cases[] = {
+      {"a file in the directory's place", [&] { std::ofstream(file_.parent_path()); }, "1"},
+      {"a directory in the lock's place", [&] { fs::create_directories(file_.string() + ".lock"); },
+       "2"},
+      {"a directory in the file's place", [&] { fs::create_directories(file_); }, "3"},
+      {"a lock that is never given back",
+       [&] {
+         fs::create_directories(file_.parent_path());
+         lock = ::open((file_.string() + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+         ASSERT_EQ(::flock(lock, LOCK_EX), 0);
+       },
+       "4"},
+      {"not UTF-8", [] {}, "5\xFF"},
+  };
+  for (const auto& [situation, cause, text] : cases) {
+    SCOPED_TRACE(situation);
+    cause();
+    log_.clear();
+    store->write("pairingCode", text);
+    EXPECT_EQ(store->read("pairingCode"), text);
+    EXPECT_THAT(log_, ElementsAre(HasSubstr("Cannot store pairingCode")));
+    EXPECT_EQ(open()->read("pairingCode"), std::nullopt);
+    fs::remove_all(file_.parent_path());
+  }
+  ::close(lock);
+  store->write("pairingCode", "stored again");
+  put("{}");
+  EXPECT_EQ(store->read("pairingCode"), std::nullopt) << "the memory's text must be gone";
+}
+
+// Lowers a soft limit of the process while it lives.
+class LoweredLimit {
+ public:
+  LoweredLimit(__rlimit_resource resource, rlim_t limit) : resource_(resource) {
+    ::getrlimit(resource_, &saved_);
+    const rlimit lowered{limit, saved_.rlim_max};
+    ::setrlimit(resource_, &lowered);
+  }
+  ~LoweredLimit() { ::setrlimit(resource_, &saved_); }
+
+ private:
+  __rlimit_resource resource_;
+  rlimit saved_{};
+};
+
+TEST_F(PreferenceFile, AFullDiskLeavesTheOldFileWhole) {
+  const auto store = open();
+  store->write("pairingCode", "111111");
+  const std::string before = octetsOf(file_);
+  std::signal(SIGXFSZ, SIG_IGN);
+  {
+    const LoweredLimit fullDisk(RLIMIT_FSIZE, 10);
+    store->write("pairingCode", "222222");
+  }
+  EXPECT_EQ(octetsOf(file_), before);
+  EXPECT_EQ(store->read("pairingCode"), "222222");
+  EXPECT_FALSE(fs::exists(file_.string() + ".tmp"));
+}
+
+TEST_F(PreferenceFile, ClientsThatUseUpAllDescriptorsDoNotChangeTheCode) {
+  const auto store = open();
+  store->write("pairingCode", "111111");
+  {
+    const LoweredLimit noDescriptors(RLIMIT_NOFILE, 0);
+    EXPECT_EQ(store->readOrStore(
+                  "pairingCode", [](std::string_view) { return true; },
+                  [] { return std::string("999999"); }),
+              "111111");
+  }
+  EXPECT_EQ(open()->read("pairingCode"), "111111");
+}
+
+TEST_F(PreferenceFile, ProgramsThatWriteAtOnceLoseNothingAndAgreeOnACode) {
+  constexpr int kPrograms = 8;
+  std::vector<std::thread> programs;
+  std::vector<std::string> codes(kPrograms);
+  for (int i = 0; i < kPrograms; ++i) {
+    programs.emplace_back([&, i] {
+      const auto store = makePreferenceStore(file_, [](std::string_view) {});
+      const std::string own = std::to_string(i);
+      for (int n = 0; n < 5; ++n) store->write(own, own + "-" + std::to_string(n));
+      codes[static_cast<std::size_t>(i)] = store->readOrStore(
+          "pairingCode", [](std::string_view) { return true; }, [&] { return own; });
+    });
+  }
+  for (auto& program : programs) program.join();
+  for (int i = 0; i < kPrograms; ++i) {
+    EXPECT_EQ(open()->read(std::to_string(i)), std::to_string(i) + "-4");
+  }
+  EXPECT_EQ(std::set(codes.begin(), codes.end()).size(), 1U);
+  EXPECT_EQ(open()->read("pairingCode"), codes.front());
+}
+
+}  // namespace
+}  // namespace tarnlink
