@@ -84,7 +84,9 @@ TEST(BsdLinkLayerAddress, HoldsItsMacBehindTheName) {
   const auto whole = bsdAddress(20, 3, 6);
   for (std::size_t length = 0; length < whole.size(); ++length) {
     // A heap copy of exactly this length, so that the address sanitizer sees a read behind it.
-    const Bytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length));
+    Bytes cut = whole;
+    cut.resize(length);
+    cut.shrink_to_fit();
     EXPECT_FALSE(Discovery::macBytesFromSockaddrDL(cut)) << length;
   }
 }
