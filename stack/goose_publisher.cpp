@@ -1,0 +1,166 @@
+#include "stack/goose_publisher.h"
+
+#include <algorithm>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <string_view>
+#include <utility>
+
+#include "stack/ethernet_frame.h"
+#include "stack/goose_pdu.h"
+#include "stack/punctual_thread.h"
+
+namespace tarnlink {
+namespace {
+
+// How long before a deadline the timer wakes the thread, which then builds the frame and sleeps the
+// rest: the way through the executor and the encoding are over when the deadline comes. Also how
+// long a request may have to wait.
+constexpr std::chrono::microseconds kLastStretch{500};
+constexpr std::size_t kLoggedOctets = 64;
+
+const SendRules kRules{[](const std::string& interface) {
+                         return "Could not determine MAC address for interface '" + interface + "'";
+                       },
+                       "unknown pcap error", true};
+
+std::string hexText(ByteView octets, char separator) {
+  constexpr std::string_view kDigits = "0123456789abcdef";
+  std::string text;
+  for (const std::uint8_t octet : octets) {
+    if (!text.empty()) text += separator;
+    text += kDigits[octet >> 4];
+    text += kDigits[octet & 0x0F];
+  }
+  return text;
+}
+
+}  // namespace
+
+GoosePublisher::GoosePublisher(const boost::asio::any_io_executor& executor, LogSink log,
+                               std::shared_ptr<SendHandleSource> handles)
+    : strand_(boost::asio::make_strand(executor)),
+      log_(std::move(log)),
+      pcapHandle_(kRules, std::move(handles)),
+      timer_(strand_) {}
+
+// The coroutines on the strand hold the publisher alive through their parameter.
+boost::asio::awaitable<GooseResult<void>> GoosePublisher::publishStateChange(
+    GoosePublishConfig config) {
+  constexpr auto onStrand =
+      [](std::shared_ptr<GoosePublisher> self,
+         GoosePublishConfig wanted) -> boost::asio::awaitable<GooseResult<void>> {
+    co_return self->changeState(std::move(wanted));
+  };
+  auto work = onStrand(shared_from_this(), std::move(config));
+  co_return co_await boost::asio::co_spawn(strand_, std::move(work), boost::asio::use_awaitable);
+}
+
+boost::asio::awaitable<void> GoosePublisher::unpublish(std::optional<std::string> goCBRef) {
+  constexpr auto onStrand =
+      [](std::shared_ptr<GoosePublisher> self,
+         std::optional<std::string> reference) -> boost::asio::awaitable<void> {
+    const auto& config = self->lastConfig_;
+    const bool isAnother = reference && config && config->goCBRef != *reference;
+    if (!isAnother) self->endPublication();
+    co_return;
+  };
+  auto work = onStrand(shared_from_this(), std::move(goCBRef));
+  co_await boost::asio::co_spawn(strand_, std::move(work), boost::asio::use_awaitable);
+}
+
+boost::asio::awaitable<void> GoosePublisher::stop() {
+  constexpr auto onStrand =
+      [](std::shared_ptr<GoosePublisher> self) -> boost::asio::awaitable<void> {
+    self->endPublication();
+    self->pcapHandle_.close();
+    co_return;
+  };
+  auto work = onStrand(shared_from_this());
+  co_await boost::asio::co_spawn(strand_, std::move(work), boost::asio::use_awaitable);
+}
+
+GooseResult<void> GoosePublisher::changeState(GoosePublishConfig config) {
+  if (const auto opened = pcapHandle_.ensureHandle(config.interface); !opened) {
+    return opened.error();
+  }
+  schedule_.stateChange(config);
+  stateChangeTimestamp_ = timeNow();
+  lastConfig_ = std::move(config);
+  ++generationCount_;
+  timer_.cancel();
+  const auto frame = buildFrame(schedule_.currentSqNum());
+  if (!frame) return frame.error();
+  // The schedule counts from the moment at which the frame is handed over.
+  const auto start = PublicationSchedule::Clock::now();
+  if (const auto sent = pcapHandle_.send(*frame, lastConfig_->vlanPriority); !sent) {
+    return sent.error();
+  }
+  schedule_.start(start);
+  waitForDeadline();
+  return {};
+}
+
+void GoosePublisher::endPublication() {
+  ++generationCount_;
+  timer_.cancel();
+  schedule_.end();
+  lastConfig_.reset();
+}
+
+void GoosePublisher::waitForDeadline() {
+  const auto deadline = schedule_.nextDeadline();
+  if (!deadline) return;
+  timer_.expires_at(*deadline - kLastStretch);
+  timer_.async_wait([weak = weak_from_this(),
+                     generation = generationCount_](const boost::system::error_code& error) {
+    if (error) return;
+    if (const auto self = weak.lock()) self->sendWhenDue(generation);
+  });
+}
+
+void GoosePublisher::sendWhenDue(std::uint64_t generation) {
+  if (generation != generationCount_) return;
+  const auto frame = buildFrame(schedule_.nextSqNum());
+  sleepUntil(*schedule_.nextDeadline());
+  schedule_.takeDue(PublicationSchedule::Clock::now());
+  // A failure costs this frame only.
+  if (frame) (void)pcapHandle_.send(*frame, lastConfig_->vlanPriority);
+  waitForDeadline();
+}
+
+GooseResult<Bytes> GoosePublisher::buildFrame(std::uint32_t sqNum) const {
+  if (!pcapHandle_.isOpen()) return GooseError::notRunning();
+  const GoosePublishConfig& config = *lastConfig_;
+  GoosePduFields fields;
+  fields.header.appId = config.appId;
+  fields.goCBRef = config.goCBRef;
+  fields.timeAllowedToLive = config.timeAllowedToLive;
+  fields.datSet = config.dataSetRef;
+  fields.goId = config.goId;
+  fields.stNum = schedule_.currentStNum();
+  fields.sqNum = sqNum;
+  fields.simulation = config.simulation;
+  fields.confRev = config.confRev;
+  fields.ndsCom = config.ndsCom;
+  fields.values = config.values;
+  fields.timestamp = stateChangeTimestamp_;
+  const auto payload = GoosePdu::encode(fields);
+  if (!payload) return payload.error();
+  const MacAddress& srcMac = config.srcMacOverride ? *config.srcMacOverride : pcapHandle_.srcMac();
+  // `vlanTagged` and `vlanCfi` have no say: over a VLAN link of the system the identifier is 0.
+  Bytes frame =
+      EthernetFrame::build(config.dstMac, srcMac, config.vlanId, config.vlanPriority, *payload);
+  if (sqNum == 0) logFrame(frame, srcMac);
+  return frame;
+}
+
+void GoosePublisher::logFrame(ByteView frame, ByteView srcMac) const {
+  log_("[Publisher] TX frame " + std::to_string(frame.size()) +
+       "B dst=" + hexText(lastConfig_->dstMac, ':') + " src=" + hexText(srcMac, ':') +
+       " stNum=" + std::to_string(schedule_.currentStNum()));
+  const auto head = frame.first(std::min(kLoggedOctets, frame.size()));
+  log_("[Publisher]   first 64B: " + hexText(head, ' '));
+}
+
+}  // namespace tarnlink

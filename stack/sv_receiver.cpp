@@ -1,0 +1,18 @@
+#include "stack/sv_receiver.h"
+
+#include "stack/sv_frame.h"
+
+namespace tarnlink {
+
+bool SvFrameDecoder::decode(ByteView frame, TimePoint receivedAt, SvCapturedFrame& captured) {
+  const auto parsed = parseSvFrame(frame);
+  if (!parsed) return false;
+  captured.pdu.assign(parsed->pdu.begin(), parsed->pdu.end());
+  formatMacInto(parsed->dstMac, captured.dstMac);
+  formatMacInto(parsed->srcMac, captured.srcMac);
+  captured.vlanId = parsed->vlanId;
+  captured.receivedAt = receivedAt;
+  return true;
+}
+
+}  // namespace tarnlink
