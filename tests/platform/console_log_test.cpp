@@ -6,6 +6,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <set>
 #include <string>
 #include <thread>
@@ -50,10 +51,12 @@ TEST(ConsoleLog, LinesOfSeveralThreadsNeverMixAndAClosedPipeEndsNothing) {
   }
   std::set<std::string> lines;
   FILE* reader = ::fdopen(pipe[0], "r");
-  for (char line[8192];
-       lines.size() < kThreads * kLines && std::fgets(line, sizeof line, reader);) {
-    if (!lines.insert(line).second) break;
+  char* line = nullptr;
+  std::size_t room = 0;
+  for (int i = 0; i<kThreads * kLines&& ::getline(&line, &room, reader)> 0; ++i) {
+    lines.insert(line);
   }
+  std::free(line);
   for (auto& writer : writers) writer.join();
   std::fclose(reader);
   logToConsole("nobody reads this");

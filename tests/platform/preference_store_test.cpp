@@ -181,6 +181,7 @@ TEST_F(PreferenceFile, ClientsThatUseUpAllDescriptorsDoNotChangeTheCode) {
   store->write("pairingCode", "111111");
   {
     const LoweredLimit noDescriptors(RLIMIT_NOFILE, 0);
+    EXPECT_EQ(store->read("pairingCode"), "111111");
     EXPECT_EQ(store->readOrStore(
                   "pairingCode", [](std::string_view) { return true; },
                   [] { return std::string("999999"); }),

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "tests/support/network_namespace.h"
@@ -59,9 +60,10 @@ TEST(InterfaceSelection, NamesWithoutADisplayNameGetTheFallback) {
 
 // length, family, index, type, name length, address length, selector length, the name, kMac.
 Bytes bsdAddress(std::uint8_t length, std::uint8_t nameLength, std::uint8_t addressLength) {
-  Bytes address{length, 18, 4, 0, 6, nameLength, addressLength, 0};
-  address.insert(address.end(), nameLength, 'n');
-  address.insert(address.end(), kMac.begin(), kMac.end());
+  const Bytes head{length, 18, 4, 0, 6, nameLength, addressLength, 0};
+  Bytes address(head.size() + nameLength + kMac.size(), 'n');
+  std::copy(head.begin(), head.end(), address.begin());
+  std::copy(kMac.rbegin(), kMac.rend(), address.rbegin());
   return address;
 }
 
