@@ -58,7 +58,9 @@ struct WebSocketMessage {
 
 /// One accepted connection. All members may be called from any thread. Handlers run on the
 /// transport's executor, one at a time for one connection; they must not block, and should hold
-/// their owner weakly. A connection that failed or was cancelled has closed its socket.
+/// their owner weakly. A connection that failed or was cancelled has closed its socket, or does so
+/// within seconds, when the peer has read the close frame. Dropping the connection ends it as
+/// cancel() does, without a report.
 class WebSocketConnection {
  public:
   virtual ~WebSocketConnection() = default;
@@ -66,19 +68,26 @@ class WebSocketConnection {
   using StateHandler = std::function<void(const TransportState&)>;
   using SendErrorHandler = std::function<void(const boost::system::error_code&)>;
 
-  /// Begins the upgrade. The connection reports Ready once it is done. Call once.
+  /// Begins the upgrade. The connection reports Ready once it is done. Call once. Failed is for
+  /// ends of the transport's own making: a handshake that did not succeed, and each
+  /// WebSocketError. What goes wrong while receiving is receive()'s to say, and no state. An error
+  /// of sending goes to onSendError, once, and then to receive().
   virtual void start(StateHandler onState, SendErrorHandler onSendError) = 0;
 
-  /// The next complete message; one call at a time. An error (boost::beast::websocket::error::closed
-  /// included) is final.
+  /// The next complete message; one call at a time, after Ready; returns on the caller's executor.
+  /// An error is final: boost::beast::websocket::error::closed when the peer closed, the error
+  /// that Failed reports, operation_aborted after cancel(), or the system's. The connection then
+  /// ends by itself. Nothing is read ahead: a peer that sends faster than its messages are taken
+  /// has to wait.
   virtual boost::asio::awaitable<boost::system::result<WebSocketMessage>> receive() = 0;
 
-  /// Queues a frame and returns at once. All frames queued in one turn of the executor leave with
-  /// one gathered write. Frames for a connection that is gone are dropped.
+  /// Queues a frame and returns at once; before Ready, frames wait for the end of the handshake.
+  /// All frames queued in one turn of the executor leave with one gathered write. Frames for a
+  /// connection that is closing or gone are dropped.
   virtual void send(SharedTextFrame frame) = 0;
 
-  /// Ends the connection: a close frame if the peer reads, then the socket is closed. Reports
-  /// Cancelled.
+  /// Ends the connection: close code 1001 if the peer reads, then the socket is closed, after one
+  /// second at the latest. Then reports Cancelled, unless Failed was reported before.
   virtual void cancel() = 0;
 };
 

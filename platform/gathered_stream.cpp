@@ -1,0 +1,189 @@
+#include "platform/gathered_stream.h"
+
+#include <algorithm>
+
+namespace tarnlink {
+namespace {
+
+// Buffers of one gathered write: what Asio passes on to one sendmsg.
+constexpr std::size_t kBuffersPerWrite = 64;
+// Writes in a row before other connections get their turn.
+constexpr int kWritesPerTurn = 16;
+// Emptied queues above this capacity give their memory back. Frames.
+constexpr std::size_t kKeptCapacity = 4096;
+
+// RFC 6455, 5.2: the low four bits of a frame's first octet are its opcode, 8 is close.
+bool isCloseFrame(std::string_view frame) {
+  return !frame.empty() && (static_cast<unsigned char>(frame[0]) & 0x0F) == 8;
+}
+
+}  // namespace
+
+GatheredStream::GatheredStream(Socket socket, std::size_t queueLimit)
+    : socket_(std::move(socket)), queueLimit_(queueLimit) {
+  gathered_.reserve(kBuffersPerWrite);
+}
+
+void GatheredStream::attach(std::weak_ptr<void> owner, Events events) {
+  owner_ = std::move(owner);
+  events_ = std::move(events);
+}
+
+GatheredStream::Push GatheredStream::push(SharedTextFrame frame) {
+  std::vector<Item> freed;  // outside the lock
+  const std::lock_guard lock(mutex_);
+  if (refusesText_) return Push::dropped;
+  const std::string_view octets(frame->data(), frame->size());
+  if (queuedOctets_ + octets.size() > queueLimit_) {
+    refusesText_ = true;
+    freed.swap(pending_);
+    return Push::overflow;
+  }
+  queuedOctets_ += octets.size();
+  pending_.push_back({std::move(frame), octets});
+  return std::exchange(draining_, true) ? Push::accepted : Push::acceptedWhileIdle;
+}
+
+void GatheredStream::open() {
+  boost::system::error_code ignored;  // a socket that is gone fails at the first write
+  socket_.non_blocking(true, ignored);
+  open_ = true;
+  drain();
+}
+
+void GatheredStream::queueLibraryOctets() {
+  const bool closes = isCloseFrame(libraryOctets_);
+  bool idle = false;
+  {
+    const std::lock_guard lock(mutex_);
+    queuedOctets_ += libraryOctets_.size();
+    pending_.push_back({nullptr, libraryOctets_});
+    idle = !std::exchange(draining_, true);
+    if (closes) refusesText_ = true;
+  }
+  if (closes && events_.closeQueued) events_.closeQueued();
+  if (!idle) return;
+  // Not from here: an operation must not complete inside the call that begins it.
+  boost::asio::post(get_executor(), [this, owner = owner_.lock()] {
+    if (owner) drain();
+  });
+}
+
+bool GatheredStream::refill() {
+  if (next_ < writing_.size()) return true;
+  next_ = 0;
+  writing_.clear();
+  if (writing_.capacity() > kKeptCapacity) writing_.shrink_to_fit();
+  const std::lock_guard lock(mutex_);
+  writing_.swap(pending_);
+  draining_ = !writing_.empty();
+  return draining_;
+}
+
+std::size_t GatheredStream::gather() {
+  gathered_.clear();
+  std::size_t octets = 0;
+  const auto end = std::min(writing_.size(), next_ + kBuffersPerWrite);
+  for (auto i = next_; i < end; ++i) {
+    gathered_.emplace_back(writing_[i].octets.data(), writing_[i].octets.size());
+    octets += writing_[i].octets.size();
+  }
+  return octets;
+}
+
+void GatheredStream::drain() {
+  for (int turn = 0; turn < kWritesPerTurn; ++turn) {
+    if (!socket_.is_open() || !refill()) return;
+    const auto offered = gather();
+    boost::system::error_code error;
+    const auto taken = socket_.write_some(gathered_, error);
+    if (error == boost::asio::error::would_block || (!error && taken < offered)) {
+      written(taken);
+      waitWritable();
+      return;
+    }
+    if (error) {
+      fail(error);
+      return;
+    }
+    written(taken);
+  }
+  boost::asio::post(get_executor(), [this, owner = owner_.lock()] {
+    if (owner) drain();
+  });
+}
+
+void GatheredStream::written(std::size_t octets) {
+  queuedOctets_ -= octets;
+  while (octets > 0) {
+    auto& item = writing_[next_];
+    const auto part = std::min(octets, item.octets.size());
+    item.octets.remove_prefix(part);
+    octets -= part;
+    if (!item.octets.empty()) return;
+    if (!item.frame) completeLibraryWrite({});
+    item.frame.reset();
+    ++next_;
+  }
+}
+
+void GatheredStream::waitWritable() {
+  socket_.async_wait(Socket::wait_write,
+                     [this, owner = owner_.lock()](const boost::system::error_code& error) {
+                       if (!owner || !socket_.is_open()) return;
+                       if (error) {
+                         fail(error);
+                       } else {
+                         drain();
+                       }
+                     });
+}
+
+void GatheredStream::refuseText() {
+  const auto isText = [](const Item& item) { return item.frame != nullptr; };
+  const auto octetsOf = [](const std::vector<Item>& items, std::size_t from) {
+    std::size_t sum = 0;
+    for (auto i = from; i < items.size(); ++i) sum += items[i].octets.size();
+    return sum;
+  };
+  const std::lock_guard lock(mutex_);
+  refusesText_ = true;
+  // Half a frame on the wire has to be finished.
+  const auto isBegun = [](const Item& item) {
+    return item.frame != nullptr && item.octets.size() < item.frame->size();
+  };
+  auto first = writing_.begin() + static_cast<std::ptrdiff_t>(next_);
+  if (first != writing_.end() && isBegun(*first)) ++first;
+  writing_.erase(std::remove_if(first, writing_.end(), isText), writing_.end());
+  std::erase_if(pending_, isText);
+  queuedOctets_ = octetsOf(writing_, next_) + octetsOf(pending_, 0);
+}
+
+void GatheredStream::close(bool reset) {
+  boost::system::error_code ignored;
+  if (reset) socket_.set_option(boost::asio::socket_base::linger(true, 0), ignored);
+  socket_.close(ignored);
+  std::vector<Item> freed;  // outside the lock
+  {
+    const std::lock_guard lock(mutex_);
+    refusesText_ = true;
+    freed.swap(pending_);
+  }
+  std::vector<Item>().swap(writing_);
+  next_ = 0;
+  queuedOctets_ = 0;
+  completeLibraryWrite(boost::asio::error::operation_aborted);
+}
+
+void GatheredStream::fail(const boost::system::error_code& error) {
+  close(false);
+  if (events_.writeFailed) events_.writeFailed(error);
+}
+
+void GatheredStream::completeLibraryWrite(boost::system::error_code error) {
+  if (const auto write = std::move(libraryWrite_)) {
+    write->complete(get_executor(), error, error ? 0 : libraryOctets_.size());
+  }
+}
+
+}  // namespace tarnlink

@@ -1,0 +1,199 @@
+// The socket of one WebSocket connection with its only write queue. The WebSocket library sits on
+// top and writes its handshake and control frames through the stream's asynchronous operations;
+// shared text frames enter the queue directly. Everything in the queue is a whole frame, so nothing
+// can interleave inside a frame (RFC 6455, 5.4).
+#pragma once
+
+#include <atomic>
+#include <boost/asio/any_io_executor.hpp>
+#include <boost/asio/async_result.hpp>
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/beast/core/role.hpp>
+#include <boost/system/error_code.hpp>
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "platform/text_frame.h"
+
+namespace tarnlink {
+
+/// An AsyncStream. push() may be called from any thread; everything else runs on the strand.
+///
+/// Until open(), the stream passes the library's writes (the handshake) straight to the socket and
+/// holds pushed frames back. From then on all writes go through the queue, and a write of the
+/// library completes when its octets have reached the socket: a peer that floods pings without
+/// reading stalls its own pongs instead of filling memory.
+class GatheredStream {
+ public:
+  /// Its executor is the connection's strand.
+  using Socket = boost::asio::ip::tcp::socket;
+  using executor_type = Socket::executor_type;
+  using Clock = std::chrono::steady_clock;
+
+  /// Called on the strand, each at most once.
+  struct Events {
+    std::function<void(const boost::system::error_code&)> writeFailed;
+    /// The library has queued its close frame; no text frame is taken any more.
+    std::function<void()> closeQueued;
+  };
+
+  /// The limit bounds the octets of all frames queued but not yet given to the socket.
+  GatheredStream(Socket socket, std::size_t queueLimit);
+
+  /// Set before use. The owner is held while the stream waits for the socket.
+  void attach(std::weak_ptr<void> owner, Events events);
+
+  enum class Push {
+    accepted,
+    /// Accepted into an idle queue: the caller makes the strand call drain().
+    acceptedWhileIdle,
+    /// The limit is passed. Reported once; the queue is freed and takes nothing any more.
+    overflow,
+    /// The connection is closing or gone.
+    dropped,
+  };
+  Push push(SharedTextFrame frame);
+
+  /// The handshake has been answered: frames may flow.
+  void open();
+
+  /// Writes what is queued, as much as the socket takes.
+  void drain();
+
+  /// Forgets the text frames that are not yet begun, and takes none any more.
+  void refuseText();
+
+  /// Aborts everything. With reset, octets still in the kernel are thrown away too.
+  void close(bool reset);
+
+  /// Octets that the next reads find before those of the socket.
+  void putBack(std::string_view octets) { putBack_.assign(octets); }
+
+  /// When the library last came back for more octets: it has handled all that arrived before.
+  Clock::time_point lastRead() const { return lastRead_; }
+
+  Socket& socket() { return socket_; }
+  executor_type get_executor() { return socket_.get_executor(); }
+
+  template <class MutableBuffers, class Token>
+  auto async_read_some(const MutableBuffers& buffers, Token&& token) {
+    return boost::asio::async_initiate<Token, void(boost::system::error_code, std::size_t)>(
+        [this](auto handler, const auto& target) { this->readSome(target, std::move(handler)); },
+        token, buffers);
+  }
+
+  template <class ConstBuffers, class Token>
+  auto async_write_some(const ConstBuffers& buffers, Token&& token) {
+    return boost::asio::async_initiate<Token, void(boost::system::error_code, std::size_t)>(
+        [this](auto handler, const auto& source) { this->writeSome(source, std::move(handler)); },
+        token, buffers);
+  }
+
+ private:
+  // A frame in the queue. Frames of the library have no owner: their octets are in libraryOctets_.
+  struct Item {
+    SharedTextFrame frame;
+    std::string_view octets;
+  };
+
+  // The library's write that is under way (there is one at a time), whatever its handler's type.
+  struct LibraryWrite {
+    virtual ~LibraryWrite() = default;
+    virtual void complete(const executor_type& strand, boost::system::error_code error,
+                          std::size_t octets) = 0;
+  };
+  template <class Handler>
+  struct LibraryWriteOf final : LibraryWrite {
+    explicit LibraryWriteOf(Handler h) : handler(std::move(h)) {}
+    void complete(const executor_type& strand, boost::system::error_code error,
+                  std::size_t octets) override {
+      auto executor = boost::asio::get_associated_executor(handler, strand);
+      boost::asio::post(executor, [h = std::move(handler), error, octets]() mutable {
+        std::move(h)(error, octets);
+      });
+    }
+    Handler handler;
+  };
+
+  template <class MutableBuffers, class Handler>
+  void readSome(const MutableBuffers& target, Handler handler) {
+    lastRead_ = Clock::now();
+    if (putBack_.empty()) {
+      socket_.async_read_some(target, std::move(handler));
+      return;
+    }
+    const auto octets = boost::asio::buffer_copy(target, boost::asio::buffer(putBack_));
+    putBack_.erase(0, octets);
+    LibraryWriteOf<Handler>(std::move(handler)).complete(get_executor(), {}, octets);
+  }
+
+  template <class ConstBuffers, class Handler>
+  void writeSome(const ConstBuffers& source, Handler handler) {
+    if (!open_) {
+      socket_.async_write_some(source, std::move(handler));
+      return;
+    }
+    libraryOctets_.resize(boost::asio::buffer_size(source));
+    boost::asio::buffer_copy(boost::asio::buffer(libraryOctets_), source);
+    libraryWrite_ = std::make_unique<LibraryWriteOf<Handler>>(std::move(handler));
+    queueLibraryOctets();
+  }
+
+  void queueLibraryOctets();
+  bool refill();
+  std::size_t gather();
+  void written(std::size_t octets);
+  void waitWritable();
+  void fail(const boost::system::error_code& error);
+  void completeLibraryWrite(boost::system::error_code error);
+
+  Socket socket_;
+  const std::size_t queueLimit_;
+  std::weak_ptr<void> owner_;
+  Events events_;
+
+  // Strand only.
+  bool open_ = false;
+  std::string putBack_;
+  Clock::time_point lastRead_ = Clock::now();
+  std::string libraryOctets_;
+  std::unique_ptr<LibraryWrite> libraryWrite_;
+  std::vector<Item> writing_;  // taken from pending_ as a whole; begun at next_
+  std::size_t next_ = 0;
+  std::vector<boost::asio::const_buffer> gathered_;
+
+  // Octets of pending_ and writing_; grows under the lock only, so that the limit is exact.
+  std::atomic<std::size_t> queuedOctets_ = 0;
+
+  std::mutex mutex_;  // guards what follows; held for a few instructions
+  std::vector<Item> pending_;
+  bool draining_ = true;  // a drain is posted, running or waiting; held true until open()
+  bool refusesText_ = false;
+};
+
+/// The library's customisation points for ending a stream. Ending belongs to the connection, which
+/// says goodbye first, so these leave the socket alone.
+template <class TeardownHandler>
+void async_teardown(boost::beast::role_type, GatheredStream& stream, TeardownHandler&& handler) {
+  boost::asio::post(
+      stream.get_executor(),
+      [h = std::decay_t<TeardownHandler>(std::forward<TeardownHandler>(handler))]() mutable {
+        std::move(h)(boost::system::error_code());
+      });
+}
+inline void beast_close_socket(GatheredStream& stream) {
+  stream.close(false);
+}
+
+}  // namespace tarnlink

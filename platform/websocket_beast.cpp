@@ -1,0 +1,441 @@
+#include "platform/websocket_beast.h"
+
+#include <algorithm>
+#include <array>
+#include <boost/asio/as_tuple.hpp>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/detached.hpp>
+#include <boost/asio/dispatch.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/http/empty_body.hpp>
+#include <boost/beast/http/parser.hpp>
+#include <boost/beast/http/read.hpp>
+#include <boost/beast/websocket/stream.hpp>
+#include <string>
+
+namespace tarnlink {
+namespace {
+
+namespace asio = boost::asio;
+namespace http = boost::beast::http;
+namespace websocket = boost::beast::websocket;
+using boost::system::error_code;
+using Clock = GatheredStream::Clock;
+
+// An upgrade request may carry a browser's cookies; more is refused with status 431. Octets.
+constexpr std::uint32_t kMaxRequestHeader = 16 * 1024;
+// From our close frame, or our refusal of the upgrade, to the closing of the socket at the latest:
+// closing earlier than the peer has read it would reset the connection and lose it. Milliseconds.
+constexpr std::chrono::milliseconds kFarewell{5'000};
+// The same when the owner ends the connection, who wants to end as well. Milliseconds.
+constexpr std::chrono::milliseconds kCancelFarewell{1'000};
+// Octets read and thrown away in one step while waiting for the peer's end.
+constexpr std::size_t kDiscardBuffer = 16 * 1024;
+
+constexpr auto kWait = asio::as_tuple(asio::use_awaitable);
+
+/// One connection from accept to the closing of its socket. Keeps itself alive while anything is
+/// under way. Everything but send() runs on the strand.
+class Session : public std::enable_shared_from_this<Session> {
+ public:
+  using StateHandler = WebSocketConnection::StateHandler;
+  using SendErrorHandler = WebSocketConnection::SendErrorHandler;
+  using Received = boost::system::result<WebSocketMessage>;
+
+  Session(GatheredStream::Socket socket, const WebSocketLimits& limits)
+      : limits_(limits), websocket_(std::move(socket), limits.sendQueue), timer_(strand()) {}
+
+  GatheredStream::executor_type strand() { return stream().get_executor(); }
+
+  void start(StateHandler onState, SendErrorHandler onSendError);
+  void send(SharedTextFrame frame);
+  void cancel();
+  void abandon();
+  static asio::awaitable<Received> receive(std::shared_ptr<Session> self);
+
+ private:
+  enum class Phase {
+    accepted,
+    handshake,
+    open,
+    cancelling,  // the owner ends it: our close frame is on its way
+    lingering,   // nothing more to say; waiting for the peer to have read it
+    closed,
+  };
+
+  GatheredStream& stream() { return websocket_.next_layer(); }
+
+  static asio::awaitable<void> upgrade(std::shared_ptr<Session> self);
+  static asio::awaitable<error_code> readRequest(std::shared_ptr<Session> self);
+  static asio::awaitable<void> refuse(std::shared_ptr<Session> self, http::status status);
+  static asio::awaitable<void> sayGoodbye(std::shared_ptr<Session> self);
+  static asio::awaitable<void> linger(std::shared_ptr<Session> self);
+  static asio::awaitable<void> watch(std::shared_ptr<Session> self);
+  static asio::awaitable<void> ping(std::shared_ptr<Session> self);
+
+  void configure();
+  void forgetHandlers();
+  error_code endReceiving(error_code error);
+  Clock::time_point lastHeard() { return std::max(lastHeard_, stream().lastRead()); }
+  Clock::time_point deadline();
+  void onDeadline();
+  void onIdleDeadline();
+  void onWriteFailed(const error_code& error);
+  void endBy(Clock::time_point end);
+  void fail(error_code error);
+  void report(const TransportState& state);
+  void close(bool reset);
+
+  // Runs a member coroutine by itself; none of them lets an exception out but for lack of memory,
+  // which ends the connection.
+  void spawn(asio::awaitable<void> coroutine) {
+    asio::co_spawn(strand(), std::move(coroutine),
+                   [self = shared_from_this()](const std::exception_ptr& failure) {
+                     if (failure) self->fail(asio::error::no_memory);
+                   });
+  }
+
+  const WebSocketLimits limits_;
+  websocket::stream<GatheredStream, false> websocket_;
+  asio::steady_timer timer_;
+
+  Phase phase_ = Phase::accepted;
+  StateHandler onState_;
+  SendErrorHandler onSendError_;
+  bool failed_ = false;  // Failed has been reported
+  bool cancelled_ = false;
+  error_code end_;  // what receive() answers from now on
+  bool receiving_ = false;
+  bool pinging_ = false;
+  Clock::time_point started_;
+  Clock::time_point lastHeard_;
+  std::optional<Clock::time_point> pingedFor_;  // lastHeard() when the last ping was sent
+  std::optional<Clock::time_point> endBy_;      // the socket is closed then, whatever happens
+};
+
+void Session::start(StateHandler onState, SendErrorHandler onSendError) {
+  onState_ = std::move(onState);
+  onSendError_ = std::move(onSendError);
+  if (phase_ != Phase::accepted) {
+    // Ended before it began.
+    if (failed_) {
+      report(TransportFailed{end_});
+    } else {
+      report(TransportCancelled{});
+    }
+    return;
+  }
+  phase_ = Phase::handshake;
+  started_ = lastHeard_ = Clock::now();
+  configure();
+  spawn(upgrade(shared_from_this()));
+  spawn(watch(shared_from_this()));
+}
+
+void Session::configure() {
+  GatheredStream::Events events;
+  events.writeFailed = [this](const error_code& error) { onWriteFailed(error); };
+  events.closeQueued = [this] { endBy(Clock::now() + kFarewell); };
+  stream().attach(weak_from_this(), std::move(events));
+  websocket_.read_message_max(limits_.incomingMessage);
+  websocket_.set_option(websocket::stream_base::decorator(
+      [](websocket::response_type& response) { response.set(http::field::server, "tarnlink"); }));
+  // RFC 6455, 5.5.1: after the peer's close frame nothing but our own may follow.
+  websocket_.control_callback([this](websocket::frame_type kind, boost::beast::string_view) {
+    if (kind == websocket::frame_type::close) stream().refuseText();
+  });
+}
+
+// ---- Handshake ----
+
+asio::awaitable<void> Session::upgrade(std::shared_ptr<Session> self) {
+  const auto error = co_await readRequest(self);
+  if (self->phase_ != Phase::handshake) co_return;
+  if (!error) {
+    self->phase_ = Phase::open;
+    self->lastHeard_ = Clock::now();
+    self->timer_.cancel();
+    self->stream().open();
+    self->report(TransportReady{});
+    co_return;
+  }
+  self->phase_ = Phase::lingering;
+  self->end_ = error;
+  self->stream().refuseText();
+  self->endBy(Clock::now() + kFarewell);
+  self->failed_ = true;
+  self->report(TransportFailed{error});
+  co_await linger(self);
+}
+
+// Reads the request and answers it, be it with an upgrade or a refusal.
+asio::awaitable<error_code> Session::readRequest(std::shared_ptr<Session> self) {
+  boost::beast::flat_buffer buffer(kMaxRequestHeader);
+  http::request_parser<http::empty_body> parser;
+  parser.header_limit(kMaxRequestHeader);
+  auto [error, octets] = co_await http::async_read_header(self->stream(), buffer, parser, kWait);
+  const bool tooLong = error == http::error::header_limit || error == http::error::buffer_overflow;
+  if (tooLong) {
+    co_await refuse(self, http::status::request_header_fields_too_large);
+  } else if (error.category() == error_code(http::error::bad_method).category()) {
+    co_await refuse(self, http::status::bad_request);
+  }
+  if (error) co_return error;
+  self->stream().putBack({static_cast<const char*>(buffer.data().data()), buffer.size()});
+  auto [refusal] = co_await self->websocket_.async_accept(parser.get(), kWait);
+  co_return refusal;
+}
+
+asio::awaitable<void> Session::refuse(std::shared_ptr<Session> self, http::status status) {
+  const std::string answer =
+      "HTTP/1.1 " + std::to_string(static_cast<unsigned>(status)) + " " +
+      std::string(http::obsolete_reason(status)) +
+      "\r\nServer: tarnlink\r\nConnection: close\r\nContent-Length: 0\r\n\r\n";
+  const auto octets = asio::buffer(answer);
+  co_await asio::async_write(self->stream(), octets, kWait);
+}
+
+// ---- Receiving and sending ----
+
+asio::awaitable<Session::Received> Session::receive(std::shared_ptr<Session> self) {
+  if (self->end_) co_return self->end_;
+  if (self->phase_ != Phase::open) co_return error_code(asio::error::operation_aborted);
+  self->receiving_ = true;
+  self->lastHeard_ = Clock::now();
+  WebSocketMessage message;
+  auto buffer = asio::dynamic_buffer(message.data);
+  auto [error, octets] = co_await self->websocket_.async_read(buffer, kWait);
+  self->receiving_ = false;
+  if (error) co_return self->endReceiving(error);
+  message.isText = self->websocket_.got_text();
+  co_return message;
+}
+
+// A read has failed: says what receive() answers, and sees to the end of the socket.
+error_code Session::endReceiving(error_code error) {
+  if (end_) return end_;
+  end_ = error;
+  if (phase_ != Phase::open) return end_;
+  phase_ = Phase::lingering;
+  if (endBy_) {
+    // A close frame went out, ours or the answer to the peer's.
+    spawn(linger(shared_from_this()));
+  } else {
+    close(false);
+  }
+  return end_;
+}
+
+void Session::send(SharedTextFrame frame) {
+  switch (stream().push(std::move(frame))) {
+    case GatheredStream::Push::accepted:
+    case GatheredStream::Push::dropped:
+      return;
+    case GatheredStream::Push::acceptedWhileIdle:
+      asio::post(strand(), [self = shared_from_this()] { self->stream().drain(); });
+      return;
+    case GatheredStream::Push::overflow:
+      asio::post(strand(),
+                 [self = shared_from_this()] { self->fail(WebSocketError::sendQueueFull); });
+      return;
+  }
+}
+
+void Session::onWriteFailed(const error_code& error) {
+  if (phase_ == Phase::open && onSendError_) onSendError_(error);
+  if (!end_) end_ = error;
+  close(false);
+}
+
+// ---- Deadlines ----
+
+// Sleeps until the nearest deadline; whoever moves it cancels the timer.
+asio::awaitable<void> Session::watch(std::shared_ptr<Session> self) {
+  while (self->phase_ != Phase::closed) {
+    const auto next = self->deadline();
+    self->timer_.expires_at(next);
+    co_await self->timer_.async_wait(kWait);
+    if (self->phase_ != Phase::closed && self->deadline() <= Clock::now()) self->onDeadline();
+  }
+}
+
+Clock::time_point Session::deadline() {
+  if (endBy_) return *endBy_;
+  if (phase_ == Phase::handshake) return started_ + limits_.handshake;
+  if (pingedFor_ == lastHeard()) return lastHeard() + limits_.idle;
+  return lastHeard() + limits_.idle / 2;
+}
+
+void Session::onDeadline() {
+  if (endBy_) {
+    if (!end_) end_ = asio::error::timed_out;
+    close(false);
+  } else if (phase_ == Phase::handshake) {
+    fail(WebSocketError::handshakeTimeout);
+  } else {
+    onIdleDeadline();
+  }
+}
+
+void Session::onIdleDeadline() {
+  if (!receiving_) {
+    // Nobody listens at the moment, so the peer's silence means nothing.
+    lastHeard_ = Clock::now();
+    return;
+  }
+  if (pingedFor_ == lastHeard()) {
+    fail(WebSocketError::idleTimeout);
+    return;
+  }
+  pingedFor_ = lastHeard();
+  if (!pinging_) spawn(ping(shared_from_this()));
+}
+
+asio::awaitable<void> Session::ping(std::shared_ptr<Session> self) {
+  self->pinging_ = true;
+  const websocket::ping_data payload;
+  co_await self->websocket_.async_ping(payload, kWait);
+  self->pinging_ = false;
+}
+
+// ---- Ending ----
+
+void Session::cancel() {
+  if (std::exchange(cancelled_, true)) return;
+  switch (phase_) {
+    case Phase::accepted:
+    case Phase::handshake:
+      close(false);
+      break;
+    case Phase::open:
+      phase_ = Phase::cancelling;
+      endBy(Clock::now() + kCancelFarewell);
+      spawn(sayGoodbye(shared_from_this()));
+      break;
+    case Phase::cancelling:
+      break;
+    case Phase::lingering:
+    case Phase::closed:
+      // Over already; a close frame on its way to the peer keeps its time.
+      report(TransportCancelled{});
+      break;
+  }
+}
+
+void Session::abandon() {
+  if (cancelled_) return;
+  forgetHandlers();
+  cancel();
+}
+
+void Session::forgetHandlers() {
+  onState_ = nullptr;
+  onSendError_ = nullptr;
+}
+
+asio::awaitable<void> Session::sayGoodbye(std::shared_ptr<Session> self) {
+  const websocket::close_reason reason(websocket::close_code::going_away);
+  co_await self->websocket_.async_close(reason, kWait);
+  co_await linger(self);
+}
+
+// RFC 6455, 7.1.1. Unread octets would make the kernel answer our closing with a reset, which can
+// overtake the close frame; so they are read away until the peer closes or time is up.
+asio::awaitable<void> Session::linger(std::shared_ptr<Session> self) {
+  auto& socket = self->stream().socket();
+  error_code error;
+  socket.shutdown(asio::socket_base::shutdown_send, error);
+  std::array<char, kDiscardBuffer> discarded;
+  const auto buffer = asio::buffer(discarded);
+  while (!error && socket.is_open()) {
+    std::tie(error, std::ignore) = co_await socket.async_read_some(buffer, kWait);
+  }
+  self->close(false);
+}
+
+void Session::endBy(Clock::time_point end) {
+  if (endBy_ && *endBy_ <= end) return;
+  endBy_ = end;
+  timer_.cancel();
+}
+
+// Ends the connection for a reason of the transport's own.
+void Session::fail(error_code error) {
+  if (failed_ || phase_ == Phase::closed) return;
+  if (!end_) end_ = error;
+  close(error == WebSocketError::sendQueueFull || error == WebSocketError::idleTimeout);
+  failed_ = true;
+  if (!cancelled_) report(TransportFailed{error});
+}
+
+void Session::close(bool reset) {
+  if (phase_ == Phase::closed) return;
+  phase_ = Phase::closed;
+  if (!end_) end_ = asio::error::operation_aborted;
+  stream().close(reset);
+  timer_.cancel();
+  if (cancelled_) report(TransportCancelled{});
+}
+
+void Session::report(const TransportState& state) {
+  if (!onState_) return;
+  if (std::holds_alternative<TransportReady>(state)) {
+    const auto handler = onState_;  // may drop the connection, and with it the handler
+    handler(state);
+    return;
+  }
+  const auto handler = std::move(onState_);
+  forgetHandlers();
+  handler(state);
+}
+
+/// The owner's end of a session.
+class Connection final : public WebSocketConnection {
+ public:
+  explicit Connection(std::shared_ptr<Session> session) : session_(std::move(session)) {}
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  ~Connection() override {
+    asio::post(session_->strand(), [session = session_] { session->abandon(); });
+  }
+
+  void start(StateHandler onState, SendErrorHandler onSendError) override {
+    asio::post(session_->strand(), [session = session_, onState = std::move(onState),
+                                    onSendError = std::move(onSendError)]() mutable {
+      session->start(std::move(onState), std::move(onSendError));
+    });
+  }
+
+  asio::awaitable<boost::system::result<WebSocketMessage>> receive() override {
+    return receiveFrom(session_);
+  }
+
+  void send(SharedTextFrame frame) override { session_->send(std::move(frame)); }
+
+  void cancel() override {
+    asio::post(session_->strand(), [session = session_] { session->cancel(); });
+  }
+
+ private:
+  static asio::awaitable<boost::system::result<WebSocketMessage>> receiveFrom(
+      std::shared_ptr<Session> session) {
+    const auto strand = session->strand();
+    auto onStrand = Session::receive(std::move(session));
+    co_return co_await asio::co_spawn(strand, std::move(onStrand), asio::use_awaitable);
+  }
+
+  const std::shared_ptr<Session> session_;
+};
+
+}  // namespace
+
+std::shared_ptr<WebSocketConnection> makeWebSocketConnection(GatheredStream::Socket socket,
+                                                             const WebSocketLimits& limits) {
+  return std::make_shared<Connection>(std::make_shared<Session>(std::move(socket), limits));
+}
+
+}  // namespace tarnlink
