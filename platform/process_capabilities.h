@@ -8,6 +8,10 @@ namespace tarnlink {
 /// True when the process may open raw link-layer sockets (CAP_NET_RAW is effective).
 bool hasCaptureCapability();
 
+/// True when the process, and the tools that it starts, may set up links (CAP_NET_ADMIN is
+/// effective).
+bool hasLinkSetupCapability();
+
 /// Gives up every privilege but those for raw sockets (CAP_NET_RAW) and for setting up links
 /// (CAP_NET_ADMIN), each kept only where it was permitted. Programs started later inherit
 /// CAP_NET_ADMIN alone: the link tool needs it. Privileges of files that are not the user's own go

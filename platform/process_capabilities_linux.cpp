@@ -40,6 +40,11 @@ bool hasCaptureCapability() {
   return holds(current, CAP_NET_RAW, CAP_EFFECTIVE);
 }
 
+bool hasLinkSetupCapability() {
+  const CapabilitySet current(::cap_get_proc());
+  return holds(current, CAP_NET_ADMIN, CAP_EFFECTIVE);
+}
+
 boost::system::result<void> keepOnlyCaptureCapabilities() {
   const CapabilitySet current(::cap_get_proc());
   if (!current) return lastError();

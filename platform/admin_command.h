@@ -1,0 +1,40 @@
+// Command lines that need rights over the machine, and who may grant them.
+#pragma once
+
+#include <boost/system/result.hpp>
+#include <string>
+#include <string_view>
+
+#include "platform/child_process.h"
+
+namespace tarnlink {
+
+/// Where the rights for a command line come from.
+enum class AdminRights {
+  held,       ///< The process has them and its children inherit them; nobody is asked.
+  pkexec,     ///< polkit's prompt, put up by the desktop's agent.
+  osascript,  ///< The prompt of macOS's scripting tool.
+};
+
+/// Code of a prompt that the user dismissed, or of a call that was cancelled.
+inline constexpr int kAdminCancelled = -128;
+/// Code where nobody can grant the rights: no prompt tool, no agent, no authority.
+inline constexpr int kAdminUnavailable = 127;
+
+struct AdminError {
+  int code = 0;  ///< One of the above, else the command line's status or the system's error number.
+  std::string text;  ///< For the user. Of a failed command line its standard error as it came,
+                     ///< which need not be UTF-8.
+
+  bool operator==(const AdminError&) const = default;
+};
+using AdminResult = boost::system::result<void, AdminError>;
+
+/// Runs a command line in /bin/sh with administrator rights; blocks, also while the user answers.
+/// The shell takes the line as it is: whoever writes it answers for every value in it.
+AdminResult runAsAdmin(ProcessRunner& runner, AdminRights rights, const std::string& commandLine);
+
+/// The text as the inside of an AppleScript string literal.
+std::string escapeForAppleScript(std::string_view text);
+
+}  // namespace tarnlink

@@ -1,0 +1,136 @@
+#include "platform/child_process.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+namespace tarnlink {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+constexpr const char* kEnvironment = "PATH=/usr/sbin:/usr/bin:/sbin:/bin\nLC_ALL=C\n";
+
+TEST(ChildProcess, EndsAndOutputsAreToldApart) {
+  const struct {
+    const char* situation;
+    std::vector<std::string> argv;
+    int exitStatus, signal;
+    const char *out, *err;
+  } cases[] = {
+      {"status", {"/bin/sh", "-c", "echo out; echo err >&2; exit 3"}, 3, 0, "out\n", "err\n"},
+      {"signal", {"/bin/sh", "-c", "echo last; kill -KILL $$"}, 0, SIGKILL, "last\n", ""},
+      {"input at its end", {"/bin/cat"}, 0, 0, "", ""},
+      {"no shell between", {"/bin/echo", "a b", "$HOME;'"}, 0, 0, "a b $HOME;'\n", ""},
+      {"silent end", {"/bin/sh", "-c", "exec >&- 2>&-; sleep 0.05; exit 4"}, 4, 0, "", ""},
+      {"leaves a child behind", {"/bin/sh", "-c", "sleep 3 & echo x"}, 0, 0, "x\n", ""},
+      {"environment", {"/usr/bin/env"}, 0, 0, kEnvironment, ""},
+  };
+  const auto runner = makeProcessRunner();
+  const auto start = Clock::now();
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.situation);
+    const auto outcome = runner->run(c.argv);
+    ASSERT_TRUE(outcome) << outcome.error().message();
+    EXPECT_EQ(outcome->exitStatus, c.exitStatus);
+    EXPECT_EQ(outcome->signal, c.signal);
+    EXPECT_EQ(outcome->out, c.out);
+    EXPECT_EQ(outcome->err, c.err);
+    EXPECT_FALSE(outcome->isTruncated);
+  }
+  EXPECT_LT(Clock::now() - start, milliseconds(2500)) << "waited for what a child left behind";
+}
+
+TEST(ChildProcess, NeitherSignalsNorDescriptorsAreInherited) {
+  std::signal(SIGPIPE, SIG_IGN);
+  sigset_t blocked;
+  ::sigemptyset(&blocked);
+  ::sigaddset(&blocked, SIGTERM);
+  ::pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+  const int inheritable = ::open("/dev/null", O_RDONLY);
+  const auto runner = makeProcessRunner();
+  const auto ignored = runner->run({"/bin/sh", "-c", "kill -PIPE $$"});
+  const auto masked = runner->run({"/bin/sh", "-c", "kill -TERM $$"});
+  const auto descriptor =
+      runner->run({"/usr/bin/test", "-e", "/proc/self/fd/" + std::to_string(inheritable)});
+  ::close(inheritable);
+  ::pthread_sigmask(SIG_UNBLOCK, &blocked, nullptr);
+  std::signal(SIGPIPE, SIG_DFL);
+  EXPECT_EQ(ignored.value().signal, SIGPIPE);
+  EXPECT_EQ(masked.value().signal, SIGTERM);
+  EXPECT_EQ(descriptor.value().exitStatus, 1);
+}
+
+TEST(ChildProcess, OutputBeyondTheLimitIsDroppedAndDoesNotBlock) {
+  const auto outcome = makeProcessRunner()->run({"/usr/bin/head", "-c", "1000000", "/dev/zero"});
+  EXPECT_EQ(outcome.value().out.size(), kMaxProcessOutput);
+  EXPECT_TRUE(outcome.value().isTruncated);
+  EXPECT_TRUE(outcome.value().succeeded());
+}
+
+TEST(ChildProcess, ProgramsThatCannotStartLeaveNoDescriptors) {
+  const auto runner = makeProcessRunner();
+  const int next = ::dup(STDIN_FILENO);  // The lowest free one.
+  ::close(next);
+  EXPECT_EQ(runner->run({"/nowhere/ip"}).error().value(), ENOENT);
+  EXPECT_EQ(runner->run({"/etc/passwd"}).error().value(), EACCES);
+  EXPECT_EQ(runner->run({}).error().value(), EINVAL);
+  EXPECT_TRUE(runner->run({"/bin/true"}));
+  const int after = ::dup(STDIN_FILENO);
+  ::close(after);
+  EXPECT_EQ(after, next);
+}
+
+// A prompt that waits for a person would otherwise hold the program's end for ever.
+TEST(ChildProcess, CancellingEndsTheWholeGroup) {
+  const struct {
+    const char* line;
+    milliseconds limit;
+  } cases[] = {
+      {"(trap '' TERM; exec flock $0 sleep 60) & wait", milliseconds(400)},
+      {"trap '' TERM; flock $0 sleep 60 & wait; wait", milliseconds(2000)},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.line);
+    char path[] = "/tmp/child_process_test.XXXXXX";
+    const int file = ::mkostemp(path, O_CLOEXEC);
+    // The lock is taken as long as a member of the group lives.
+    const auto waitUntilTaken = [file](bool taken) {
+      bool isTaken = !taken;
+      for (int i = 0; i < 500 && isTaken != taken; ++i) {
+        std::this_thread::sleep_for(milliseconds(10));
+        isTaken = ::flock(file, LOCK_EX | LOCK_NB) != 0;
+        if (!isTaken) ::flock(file, LOCK_UN);
+      }
+      return isTaken == taken;
+    };
+    const auto runner = makeProcessRunner();
+    Clock::time_point cancelled;
+    std::thread other([&] {
+      EXPECT_TRUE(waitUntilTaken(true));
+      cancelled = Clock::now();
+      runner->cancel();
+    });
+    const auto outcome = runner->run({"/bin/sh", "-c", c.line, path});
+    const auto end = Clock::now();
+    other.join();
+    EXPECT_EQ(outcome.error(), boost::system::errc::operation_canceled);
+    EXPECT_LT(end - cancelled, c.limit);
+    EXPECT_TRUE(waitUntilTaken(false));
+    EXPECT_EQ(runner->run({"/bin/true"}).error(), boost::system::errc::operation_canceled);
+    ::close(file);
+    ::unlink(path);
+  }
+}
+
+}  // namespace
+}  // namespace tarnlink
