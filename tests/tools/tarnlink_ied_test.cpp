@@ -1,0 +1,316 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pcap/pcap.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <set>
+#include <string>
+
+#include <vector>
+
+#include "stack/ethernet_frame.h"
+#include "stack/goose_pdu.h"
+#include "tests/support/network_namespace.h"
+#include "tools/tarnlink_ied/options.h"
+#include "tools/tarnlink_ied/replay.h"
+#include "tools/tarnlink_ied/simulated_ied.h"
+
+namespace tarnlink {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+
+constexpr MacAddress kSource = {0x02, 0, 0, 0, 0, 1};
+
+/// Time that passes only where somebody waits, or stalls.
+class JumpingPacer final : public Pacer {
+ public:
+  Clock::time_point now() const override { return now_; }
+  bool waitUntil(Clock::time_point deadline) override {
+    now_ = std::max(now_, deadline);
+    return waitsLeft-- > 0;
+  }
+  void stall(Clock::duration duration) { now_ += duration; }
+  int waitsLeft = 1000;
+
+ private:
+  Clock::time_point now_{};
+};
+
+class RecordingSink final : public FrameSink {
+ public:
+  explicit RecordingSink(JumpingPacer& pacer) : pacer_(pacer) {}
+  IedResult<SendOutcome> send(ByteView frame) override {
+    if (frame.size() > mtu + 14) return SendOutcome::tooLong;
+    frames.emplace_back(frame.begin(), frame.end());
+    sentAt.push_back(pacer_.now().time_since_epoch() / 1ms);
+    return SendOutcome::sent;
+  }
+  std::size_t mtu = 1500;
+  std::vector<Bytes> frames;
+  std::vector<std::int64_t> sentAt;  ///< Milliseconds.
+
+ private:
+  JumpingPacer& pacer_;
+};
+
+struct Recorded {
+  std::int64_t milliseconds;
+  Bytes octets;
+  std::uint32_t originalLength = 0;  ///< 0: as captured.
+};
+
+/// A capture file that goes with its object.
+class TemporaryCapture {
+ public:
+  explicit TemporaryCapture(const std::vector<Recorded>& frames, int linkType = DLT_EN10MB)
+      : path(::testing::TempDir() + "tarnlink_ied_test." + std::to_string(getpid()) + ".pcap") {
+    pcap_t* writer = pcap_open_dead(linkType, 65536);
+    pcap_dumper_t* file = pcap_dump_open(writer, path.c_str());
+    for (const auto& [time, octets, original] : frames) {
+      pcap_pkthdr header{};
+      header.ts.tv_sec = 1'700'000'000 + time / 1000;
+      header.ts.tv_usec = time % 1000 * 1000;
+      header.caplen = static_cast<bpf_u_int32>(octets.size());
+      header.len = original != 0 ? original : header.caplen;
+      pcap_dump(reinterpret_cast<u_char*>(file), &header, octets.data());
+    }
+    pcap_dump_close(file);
+    pcap_close(writer);
+  }
+  ~TemporaryCapture() { std::remove(path.c_str()); }
+  TemporaryCapture(const TemporaryCapture&) = delete;
+  TemporaryCapture& operator=(const TemporaryCapture&) = delete;
+
+  const std::string path;
+};
+
+Bytes tagged(std::uint8_t last) {
+  return EthernetFrame::build(MacAddress{1, 0x0C, 0xCD, 1, 0, 1}, kSource, 100, 4, Bytes(50, last));
+}
+
+TEST(Replay, KeepsTheRecordedSpacing) {
+  const TemporaryCapture capture({{0, tagged(1)},
+                                  {40, tagged(2)},
+                                  {30, tagged(3)},
+                                  {50, tagged(4)},
+                                  {3'000'000'000, tagged(5)}});
+  constexpr std::int64_t kMonth = 30LL * 24 * 3600 * 1000;
+  const struct {
+    double speed;
+    std::vector<std::int64_t> sentAt;
+  } cases[] = {
+      // The third frame was recorded out of order; the last gap is a damaged time stamp.
+      {1, {0, 40, 40, 50, 50 + kMonth}},
+      {2, {0, 20, 20, 25, 25 + kMonth / 2}},
+      {0.5, {0, 80, 80, 100, 100 + kMonth * 2}},
+      {0, {0, 0, 0, 0, 0}},
+  };
+  for (const auto& [speed, sentAt] : cases) {
+    SCOPED_TRACE(speed);
+    JumpingPacer pacer;
+    RecordingSink sink(pacer);
+    SendReport report;
+    ASSERT_TRUE(replay({capture.path, speed, false, {}}, sink, pacer, report));
+    EXPECT_EQ(sink.sentAt, sentAt);
+    EXPECT_EQ(sink.frames.at(4), tagged(5));
+  }
+}
+
+TEST(Replay, LoopGoesRoundUntilTheCount) {
+  const TemporaryCapture capture({{0, tagged(1)}, {10, tagged(2)}});
+  JumpingPacer pacer;
+  RecordingSink sink(pacer);
+  SendReport report;
+  ASSERT_TRUE(replay({capture.path, 1, true, 5}, sink, pacer, report));
+  EXPECT_THAT(sink.sentAt, ElementsAre(0, 10, 1010, 1020, 2020));
+}
+
+TEST(Replay, FramesThatCannotPassAreCountedAndTheRestIsSent) {
+  const TemporaryCapture capture(
+      {{0, Bytes(1515)}, {1, tagged(1), 500}, {2, Bytes(13)}, {3, tagged(2)}});
+  JumpingPacer pacer;
+  RecordingSink sink(pacer);
+  SendReport report;
+  ASSERT_TRUE(replay({capture.path, 1, false, {}}, sink, pacer, report));
+  EXPECT_EQ(report, (SendReport{.sent = 1, .tooLong = 1, .incomplete = 2, .linkDown = 0}));
+  EXPECT_EQ(report.text(),
+            "Sent 1 frame; skipped 1 too long for the link, 2 not whole in the capture");
+}
+
+TEST(Replay, FilesThatGiveNothingToPlayAreRefused) {
+  const TemporaryCapture other({{0, Bytes(60)}}, DLT_RAW);
+  JumpingPacer pacer;
+  RecordingSink sink(pacer);
+  SendReport report;
+  const auto errorOf = [&](const std::string& path) {
+    const auto result = replay({path, 1, true, {}}, sink, pacer, report);
+    return result ? "" : result.error().text;
+  };
+  EXPECT_THAT(errorOf(other.path), ::testing::HasSubstr("RAW frames, not Ethernet"));
+  EXPECT_THAT(errorOf("/nonexistent"), ::testing::HasSubstr("No such file"));
+  EXPECT_THAT(errorOf("/proc/self/comm"), ::testing::HasSubstr("/proc/self/comm"));
+}
+
+TEST(Replay, RoundsWithoutAnySendableFrameEnd) {
+  for (const auto& frames : {std::vector<Recorded>{}, {{0, Bytes(1515)}}}) {
+    const TemporaryCapture capture(frames);
+    JumpingPacer pacer;
+    RecordingSink sink(pacer);
+    SendReport report;
+    EXPECT_FALSE(replay({capture.path, 1, true, {}}, sink, pacer, report));
+  }
+}
+
+TEST(Replay, CaptureCutInMidFrameSendsWhatIsWholeAndFails) {
+  const TemporaryCapture capture({{0, tagged(1)}, {1, tagged(2)}});
+  std::filesystem::resize_file(capture.path, std::filesystem::file_size(capture.path) - 1);
+  JumpingPacer pacer;
+  RecordingSink sink(pacer);
+  SendReport report;
+  EXPECT_FALSE(replay({capture.path, 1, false, {}}, sink, pacer, report));
+  EXPECT_EQ(report.sent, 1U);
+}
+
+TEST(Simulation, NumbersAndTimeFollowTheStates) {
+  auto blocks = feederBay(kSource, 500ms);
+  auto& trip = blocks.at(0);
+  std::vector<GooseDataValue> previous;
+  TimePoint changedAt{};
+  for (std::uint32_t sent = 0; sent < 40; ++sent) {
+    SCOPED_TRACE(sent);
+    const TimePoint now = timeFromUnixSeconds(1'700'000'000.0 + sent);
+    const auto octets = trip.nextFrame(now);
+    ASSERT_TRUE(octets);
+    const auto frame = EthernetFrame::parse(*octets);
+    ASSERT_TRUE(frame);
+    const auto pdu = GoosePdu::parse(frame->payload);
+    ASSERT_TRUE(pdu);
+    EXPECT_EQ(frame->vlanId, 100);
+    EXPECT_EQ(frame->vlanPriority, 4);
+    EXPECT_EQ(pdu->stNum, 1 + sent / 4);
+    EXPECT_EQ(pdu->sqNum, sent % 4);
+    if (pdu->sqNum == 0) changedAt = now;
+    EXPECT_EQ(pdu->timestamp, changedAt);
+    EXPECT_EQ(pdu->allData == previous, pdu->sqNum != 0);
+    previous = pdu->allData;
+  }
+}
+
+TEST(Simulation, StateNumberRollsOverToOne) {
+  GoosePublishConfig config{};
+  config.initialStNum = UINT32_MAX;
+  ControlBlock block(config, kSource, 1, [](auto...) { return std::vector<GooseDataValue>(); });
+  const auto octets = block.nextFrame(TimePoint());
+  EXPECT_EQ(GoosePdu::parse(EthernetFrame::parse(*octets)->payload)->stNum, 1U);
+}
+
+TEST(Simulation, DatasetsSurviveDecodingAndHoldEveryType) {
+  std::set<GooseDataValue::Kind> kinds;
+  const auto collect = [&](const auto& self, const std::vector<GooseDataValue>& values) -> void {
+    for (const auto& value : values) {
+      kinds.insert(value.kind());
+      if (const auto* members = std::get_if<GooseDataValue::Structure>(&value.payload)) {
+        self(self, members->members);
+      } else if (const auto* elements = std::get_if<GooseDataValue::Array>(&value.payload)) {
+        self(self, elements->members);
+      }
+    }
+  };
+  for (auto& block : feederBay(kSource, 500ms)) {
+    SCOPED_TRACE(block.config().goCBRef);
+    const auto octets = block.nextFrame(timeFromUnixSeconds(1'700'000'000.0));
+    const auto pdu = GoosePdu::parse(EthernetFrame::parse(*octets)->payload);
+    ASSERT_TRUE(pdu);
+    EXPECT_EQ(pdu->allData, block.config().values);
+    EXPECT_EQ(pdu->timeAllowedToLive, 1500U);
+    collect(collect, pdu->allData);
+  }
+  using Kind = GooseDataValue::Kind;
+  EXPECT_THAT(kinds, ElementsAre(Kind::boolean, Kind::bitString, Kind::integer,
+                                 Kind::unsignedInteger, Kind::floatingPoint, Kind::octetString,
+                                 Kind::visibleString, Kind::utcTime, Kind::structure, Kind::array));
+}
+
+TEST(Simulation, KeepsItsGridAndLeavesOutWhatAStallMissed) {
+  JumpingPacer pacer;
+  class StallingSink final : public FrameSink {
+   public:
+    explicit StallingSink(JumpingPacer& p) : pacer(p) {}
+    IedResult<SendOutcome> send(ByteView) override {
+      sentAt.push_back(pacer.now().time_since_epoch() / 1ms);
+      pacer.stall(sentAt.size() == 2 ? 250ms : 7ms);
+      return SendOutcome::sent;
+    }
+    JumpingPacer& pacer;
+    std::vector<std::int64_t> sentAt;
+  } sink(pacer);
+  auto blocks = feederBay(kSource, 100ms);
+  blocks.erase(blocks.begin() + 1, blocks.end());
+  SendReport report;
+  ASSERT_TRUE(simulate(std::move(blocks), {100ms, 4}, sink, pacer, report));
+  EXPECT_THAT(sink.sentAt, ElementsAre(0, 100, 400, 500));
+}
+
+TEST(IedCommandLine, RefusesWhatDoesNotFit) {
+  const std::vector<std::vector<const char*>> cases = {
+      {},
+      {"--interface"},
+      {"--interface", "a", "--count", "0"},
+      {"--interface", "a", "--count", "-1"},
+      {"--interface", "a", "--interval", "0"},
+      {"--interface", "a", "--speed", "2"},
+      {"--interface", "a", "--loop"},
+      {"--interface", "a", "--replay", "f", "--interval", "20"},
+      {"--interface", "a", "--replay", "f", "--speed", "-1"},
+      {"--interface", "a", "--replay", "f", "--speed", "nan"},
+      {"--interface", "a", "extra"},
+  };
+  for (auto arguments : cases) {
+    arguments.insert(arguments.begin(), "tarnlink-ied");
+    SCOPED_TRACE(::testing::PrintToString(arguments));
+    const auto parsed = parseIedOptions(static_cast<int>(arguments.size()), arguments.data());
+    ASSERT_TRUE(std::holds_alternative<CommandLineEnd>(parsed));
+    EXPECT_EQ(std::get<CommandLineEnd>(parsed).exitCode, kExitUsage);
+    EXPECT_NE(std::get<CommandLineEnd>(parsed).text, "");
+  }
+}
+
+using InterfaceSinkTest = test::ProcessBusTest;
+
+TEST_F(InterfaceSinkTest, TaggedFrameArrivesOctetForOctet) {
+  std::array<char, PCAP_ERRBUF_SIZE> errors{};
+  const PcapHandle peer(pcap_open_live(kBus, 65536, 1, 10, errors.data()));
+  ASSERT_TRUE(peer) << errors.data();
+  auto sink = InterfaceSink::open(kIed);
+  ASSERT_TRUE(sink) << sink.error().text;
+  ASSERT_EQ(*sink->send(tagged(7)), SendOutcome::sent);
+  pcap_pkthdr* header = nullptr;
+  const u_char* octets = nullptr;
+  Bytes received;
+  for (int tries = 0; tries < 100 && received != tagged(7); ++tries) {
+    if (pcap_next_ex(peer.get(), &header, &octets) == 1) {
+      received.assign(octets, octets + header->caplen);
+    }
+  }
+  EXPECT_EQ(received, tagged(7));
+}
+
+TEST_F(InterfaceSinkTest, TroublesOfTheLinkAreTold) {
+  auto sink = InterfaceSink::open(kIed);
+  ASSERT_TRUE(sink);
+  EXPECT_EQ(*sink->send(Bytes(2000)), SendOutcome::tooLong);
+  test::NetworkNamespace::setUp(kIed, false);
+  EXPECT_EQ(*sink->send(tagged(1)), SendOutcome::linkDown);
+  test::NetworkNamespace::removeLink(kIed);
+  EXPECT_THAT(sink->send(tagged(1)).error().text, ::testing::HasSubstr(kIed));
+  EXPECT_THAT(InterfaceSink::open(kIed).error().text, ::testing::HasSubstr("no interface"));
+}
+
+}  // namespace
+}  // namespace tarnlink
