@@ -1,0 +1,54 @@
+// Makes the operating system's VLAN interfaces with its interface tool.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "app/host/vlan_dialect.h"
+#include "platform/admin_command.h"
+#include "platform/child_process.h"
+#include "server/vlan_setup.h"
+
+namespace tarnlink {
+
+/// VLAN 100 is the link vlan100, whatever its parent: one VLAN id is one name in the whole system.
+/// A link made here stays when the program ends; it is replaced only when its name is needed with
+/// another parent. Calls block, so they belong on one thread of their own; only cancel() and
+/// isValidInterfaceName() are safe from any.
+class VlanInterfaceHelper final : public VlanSetup {
+ public:
+  /// `rights`: where the rights for making and removing links come from.
+  VlanInterfaceHelper(std::unique_ptr<ProcessRunner> runner, const VlanDialect& dialect,
+                      AdminRights rights);
+
+  /// With this system's tool, asking the user only where the process may not set up links itself.
+  /// Throws std::system_error where the process is out of descriptors.
+  static std::unique_ptr<VlanSetup> forThisSystem();
+
+  /// The rule for names that come from outside; see stack/interface_name.h.
+  static bool isValidInterfaceName(std::string_view name);
+
+  /// Fails with code
+  ///   2  the parent's name breaks the name rule; nothing has been run;
+  ///   1  the link is not there after all, or another one has its name and is not ours to remove;
+  ///   kAdminCancelled, kAdminUnavailable  see platform/admin_command.h;
+  ///   else the status of the tool, with what it wrote.
+  VlanResult<std::string> ensureVlanInterface(const std::string& parent,
+                                              std::uint16_t vid) override;
+  void cancel() override;
+
+ private:
+  VlanResult<bool> exists(const std::string& name);
+  VlanResult<ExistingLink> readBack(const std::string& name);
+  VlanResult<void> runAsAdmin(const std::string& commandLine);
+  VlanResult<void> removeOther(const std::string& name, const ExistingLink& link);
+  VlanResult<std::string> create(const std::string& name, const VlanInfo& link);
+
+  std::unique_ptr<ProcessRunner> runner_;
+  const VlanDialect& dialect_;
+  AdminRights rights_;
+};
+
+}  // namespace tarnlink

@@ -1,0 +1,59 @@
+// The real tool on real links, in a network of the test's own.
+#include <gtest/gtest.h>
+#include <net/if.h>
+
+#include "app/host/vlan_interface_helper.h"
+#include "tests/support/network_namespace.h"
+
+namespace tarnlink {
+namespace {
+
+class VlanNetwork : public test::ProcessBusTest {
+ protected:
+  // The kernel may be built without 802.1Q.
+  static bool hasVlans() {
+    const std::string add = "link add link bus0 name probe type vlan id 7";
+    if (!makeProcessRunner()->run({"/bin/sh", "-c", "/sbin/ip " + add}).value().succeeded()) {
+      return false;
+    }
+    test::NetworkNamespace::removeLink("probe");
+    return true;
+  }
+
+  std::unique_ptr<VlanSetup> setup_ = VlanInterfaceHelper::forThisSystem();
+};
+
+TEST_F(VlanNetwork, LinkIsMadeReusedAndMoved) {
+  if (!hasVlans()) GTEST_SKIP() << "a kernel without 802.1Q";
+  EXPECT_EQ(setup_->ensureVlanInterface(kBus, 100).value(), "vlan100");
+  const unsigned first = ::if_nametoindex("vlan100");
+  EXPECT_EQ(setup_->ensureVlanInterface(kBus, 100).value(), "vlan100");
+  EXPECT_EQ(::if_nametoindex("vlan100"), first);
+  EXPECT_EQ(setup_->ensureVlanInterface(kIed, 100).value(), "vlan100");
+  EXPECT_NE(::if_nametoindex("vlan100"), first);
+}
+
+TEST_F(VlanNetwork, KernelWithoutVlansIsAnOrdinaryFailure) {
+  if (hasVlans()) GTEST_SKIP() << "a kernel with 802.1Q";
+  const auto result = setup_->ensureVlanInterface(kBus, 100);
+  ASSERT_FALSE(result);
+  EXPECT_EQ(result.error().code, 1);
+  EXPECT_TRUE(result.error().description.starts_with(
+      "vlan-Interface vlan100 konnte nicht erstellt werden: Error: Unknown device type."))
+      << result.error().description;
+  EXPECT_EQ(::if_nametoindex("vlan100"), 0U);
+}
+
+TEST_F(VlanNetwork, AnotherLinkOfThatNameStays) {
+  test::NetworkNamespace::addVethPair("vlan100", "peer100");
+  const unsigned index = ::if_nametoindex("vlan100");
+  const auto result = setup_->ensureVlanInterface(kBus, 100);
+  EXPECT_EQ(result.error(), (VlanError{1,
+                                       "vlan-Interface vlan100 konnte nicht erstellt werden: "
+                                       "ein anderes Interface trägt diesen Namen"}));
+  EXPECT_EQ(::if_nametoindex("vlan100"), index);
+  test::NetworkNamespace::removeLink("vlan100");
+}
+
+}  // namespace
+}  // namespace tarnlink
