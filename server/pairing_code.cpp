@@ -18,17 +18,16 @@ bool isWellFormed(std::string_view code) {
          std::all_of(code.begin(), code.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
+std::string newCode() {
+  std::array<char, kDigits + 1> text;
+  std::snprintf(text.data(), text.size(), "%06u", secureRandom32() % kCodes);
+  return {text.data(), kDigits};
+}
+
 }  // namespace
 
 std::string pairingCode(PreferenceStore& preferences) {
-  if (auto stored = preferences.read(kPairingCodeKey); stored && isWellFormed(*stored)) {
-    return *stored;
-  }
-  std::array<char, kDigits + 1> text;
-  std::snprintf(text.data(), text.size(), "%06u", secureRandom32() % kCodes);
-  std::string code(text.data(), kDigits);
-  preferences.write(kPairingCodeKey, code);
-  return code;
+  return preferences.readOrStore(kPairingCodeKey, isWellFormed, newCode);
 }
 
 bool equalsInConstantTime(std::string_view left, std::string_view right) {

@@ -27,8 +27,7 @@ class AsyncEvent {
   boost::asio::awaitable<void> wait() {
     while (!isSet_) {
       boost::system::error_code ignored;
-      co_await timer_.async_wait(
-          boost::asio::redirect_error(boost::asio::use_awaitable, ignored));
+      co_await timer_.async_wait(boost::asio::redirect_error(boost::asio::use_awaitable, ignored));
     }
   }
 

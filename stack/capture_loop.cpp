@@ -20,9 +20,7 @@ void onPacket(u_char* user, const pcap_pkthdr* header, const u_char* packet) {
 }  // namespace
 
 CaptureLoop::CaptureLoop(PcapHandle handle, Handlers handlers)
-    : handle_(std::move(handle)),
-      handlers_(std::move(handlers)),
-      thread_([this] { run(); }) {}
+    : handle_(std::move(handle)), handlers_(std::move(handlers)), thread_([this] { run(); }) {}
 
 CaptureLoop::~CaptureLoop() {
   breakLoop();

@@ -85,8 +85,8 @@ class CaptureContext {
 /// may hold remains of an earlier one.
 ///
 /// An actor: its coroutines run on its own strand of the executor given, on which it also opens and
-/// closes libpcap handles (some milliseconds each); give it one that may block so long. Make it with
-/// std::make_shared.
+/// closes libpcap handles (some milliseconds each); give it one that may block so long. Make it
+/// with std::make_shared.
 template <class Decoder>
 class CaptureReceiver final : public RecordSource<typename Decoder::Record>,
                               public std::enable_shared_from_this<CaptureReceiver<Decoder>> {
@@ -156,14 +156,13 @@ class CaptureReceiver final : public RecordSource<typename Decoder::Record>,
     auto ended = std::make_shared<AsyncEvent>(strand_);
     loopEnded_ = ended;
     loop_.emplace(std::move(handle),
-                  CaptureLoop::Handlers{
-                      [context](ByteView frame, TimePoint receivedAt) {
-                        context->receiveFrame(frame, receivedAt);
-                      },
-                      [context] { context->flush(); },
-                      [strand = strand_, ended] {
-                        boost::asio::post(strand, [ended] { ended->set(); });
-                      }});
+                  CaptureLoop::Handlers{[context](ByteView frame, TimePoint receivedAt) {
+                                          context->receiveFrame(frame, receivedAt);
+                                        },
+                                        [context] { context->flush(); },
+                                        [strand = strand_, ended] {
+                                          boost::asio::post(strand, [ended] { ended->set(); });
+                                        }});
   }
 
   boost::asio::awaitable<void> endCapture() {

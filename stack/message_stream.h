@@ -1,8 +1,8 @@
 // The asynchronous stream between a capture thread and the coroutine that consumes its records.
 #pragma once
 
-#include <boost/asio/async_result.hpp>
 #include <boost/asio/associated_executor.hpp>
+#include <boost/asio/async_result.hpp>
 #include <boost/asio/awaitable.hpp>
 #include <boost/asio/dispatch.hpp>
 #include <boost/asio/post.hpp>
@@ -91,6 +91,7 @@ class MessageStream {
  public:
   using Batch = RecycledBatch<Record>;
 
+  MessageStream() = default;  ///< Has ended already.
   explicit MessageStream(std::shared_ptr<StreamState<Record>> state) : state_(std::move(state)) {}
   MessageStream(MessageStream&&) noexcept = default;
   MessageStream& operator=(MessageStream&&) = delete;
@@ -101,13 +102,14 @@ class MessageStream {
   /// All that has queued since the last call, in arrival order, into `batch` (whose old records
   /// are recycled). False when the stream has ended.
   boost::asio::awaitable<bool> next(Batch& batch) {
-    while (true) {
+    while (state_) {
       bool ended = false;
       bool taken = false;
       co_await waitFor(batch, taken, ended);
       if (taken) co_return true;
-      if (ended) co_return false;
+      if (ended) break;
     }
+    co_return false;
   }
 
   /// Something that ends the stream from outside, from any thread, queued records dropped: how a

@@ -54,17 +54,19 @@ GooseResult<PcapHandle> openLowLatency(const std::string& interface, int snapsho
   const int status = pcap_activate(handle.get());
   if (status == PCAP_ERROR_PERM_DENIED) return GooseError::permissionDenied();
   if (status < 0) {
+    const std::string known = pcap_statustostr(status);
     const std::string detail = errorText(handle.get());
-    return GooseError::pcapOpenFailed(interface + ": " +
-                                      (status == PCAP_ERROR ? "" : pcap_statustostr(status)) +
-                                      (detail.empty() ? "" : " (" + detail + ")"));
+    const bool isNews = status == PCAP_ERROR || detail != known;
+    return GooseError::pcapOpenFailed(interface + ": " + (isNews ? detail : known));
   }
   return handle;  // Warnings (a link without promiscuous mode, say) do not matter here.
 }
 
 }  // namespace
 
-void PcapCloser::operator()(pcap* handle) const { pcap_close(handle); }
+void PcapCloser::operator()(pcap* handle) const {
+  pcap_close(handle);
+}
 
 GooseResult<PcapHandle> openSendPcap(const std::string& interface) {
   ErrorBuffer errors{};

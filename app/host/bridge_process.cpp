@@ -12,6 +12,7 @@
 #include <string>
 #include <utility>
 
+#include "app/host/vlan_interface_helper.h"
 #include "platform/console_log.h"
 #include "platform/interface_names.h"
 #include "platform/preference_store.h"
@@ -19,8 +20,12 @@
 #include "platform/websocket.h"
 #include "server/bridge_server.h"
 #include "server/pairing_code.h"
+#include "stack/goose_publisher.h"
 #include "stack/goose_receiver.h"
 #include "stack/interface_discovery.h"
+#include "stack/punctual_thread.h"
+#include "stack/sv_publisher.h"
+#include "stack/sv_receiver.h"
 
 namespace tarnlink {
 namespace asio = boost::asio;
@@ -50,6 +55,7 @@ class BridgeProcess {
  public:
   explicit BridgeProcess(const DaemonOptions& options)
       : port_(options.port),
+        vlan_(VlanInterfaceHelper::forThisSystem()),
         preferences_(makePreferenceStore(options.preferences, logToConsole)),
         transport_(makeWebSocketTransport(io_.get_executor())),
         signals_(io_, SIGTERM, SIGINT),
@@ -74,6 +80,13 @@ class BridgeProcess {
         .log = logToConsole,
         .makeGooseReceiver =
             [this, mode] { return std::make_shared<GooseReceiver>(blocking_.executor(), mode); },
+        .makeSvReceiver =
+            [this, mode] { return std::make_shared<SvReceiver>(blocking_.executor(), mode); },
+        .makeGoosePublisher =
+            [this] { return std::make_shared<GoosePublisher>(punctual_.executor(), logToConsole); },
+        .makeSvPublisher = [this] { return std::make_shared<SvPublisher>(blocking_.executor()); },
+        .vlan = *vlan_,
+        .hostExecutor = host_.executor(),
         .listInterfaces = listInterfaces,
         .blockingExecutor = blocking_.executor(),
         .makeAdvertiser = {},
@@ -104,7 +117,10 @@ class BridgeProcess {
 
   std::uint16_t port_;
   asio::io_context io_{1};
+  std::unique_ptr<VlanSetup> vlan_;  // Used on the host thread, which it outlives.
   asio::thread_pool blocking_{kBlockingThreads};
+  asio::thread_pool host_{1};  // Waits for people and tools, one request at a time.
+  PunctualThread punctual_;
   std::unique_ptr<PreferenceStore> preferences_;
   std::unique_ptr<WebSocketTransport> transport_;
   asio::signal_set signals_;
@@ -117,8 +133,10 @@ class BridgeProcess {
 }  // namespace
 
 int runBridgeProcess(const DaemonOptions& options) {
-  keepOnlyCaptureCapabilities();
   std::signal(SIGPIPE, SIG_IGN);
+  if (const auto reduced = keepOnlyCaptureCapabilities(); !reduced) {
+    logToConsole("[KorvelTarnlink] Privileges could not be given up: " + reduced.error().message());
+  }
   if (options.showPairingCode) {
     logToConsole(pairingCode(*makePreferenceStore(options.preferences, logToConsole)));
     return 0;

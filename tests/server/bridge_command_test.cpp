@@ -40,8 +40,7 @@ TEST(BridgeCommandTest, WellFormedCommandsAreDecoded) {
        Command::Ping{std::numeric_limits<std::int64_t>::min()}},
       {R"({"cmd":"ping","timestamp":"5"})", Command::Ping{0}},
       {R"({"cmd":"ping","timestamp":9223372036854775808})", Command::Ping{0}},
-      {R"({"cmd":"auth","cmd":"ping"})", Command::Ping{0}},
-  };
+      {R"({"cmd":"auth","cmd":"ping"})", Command::Ping{0}}};
   for (const auto& [text, payload] : cases) {
     const auto command = Command::fromText(text);
     ASSERT_TRUE(command) << text;

@@ -19,7 +19,7 @@
 #include "server/bridge_server.h"
 #include "server/pairing_code.h"
 
-namespace tarnlink::testing {
+namespace tarnlink::test {
 
 namespace asio = boost::asio;
 using Json = nlohmann::json;
@@ -309,4 +309,4 @@ class BridgeHarness {
   std::shared_ptr<BridgeServer> server;
 };
 
-}  // namespace tarnlink::testing
+}  // namespace tarnlink::test

@@ -2,7 +2,7 @@
 
 #include "tests/server/bridge_harness.h"
 
-namespace tarnlink::testing {
+namespace tarnlink::test {
 namespace {
 
 constexpr const char* kSubscribe = R"({"cmd":"subscribe_goose"})";
@@ -456,4 +456,4 @@ TEST_F(BridgeServerTest, SvPayloadsPassUnchanged) {
 }
 
 }  // namespace
-}  // namespace tarnlink::testing
+}  // namespace tarnlink::test

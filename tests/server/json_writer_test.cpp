@@ -22,8 +22,7 @@ TEST(JsonWriterTest, StringsAreEscapedAndReadBackTheSame) {
       {"\b\f\n\r\t", R"("\b\f\n\r\t")"},
       {std::string("\0\x1F", 2), R"("\u0000\u001f")"},
       {"\x7F", "\"\x7F\""},
-      {"Ger\u00e4t \u2014 \U0001F600", "\"Ger\u00e4t \u2014 \U0001F600\""},
-  };
+      {"Ger\u00e4t \u2014 \U0001F600", "\"Ger\u00e4t \u2014 \U0001F600\""}};
   for (const auto& [text, written] : cases) {
     JsonWriter out(0, 1);
     out.string(text);
@@ -75,20 +74,6 @@ TEST(JsonWriterTest, DoublesReadBackBitForBit) {
               std::bit_cast<std::uint64_t>(value))
         << out.text();
   }
-}
-
-TEST(JsonWriterTest, ReleasedStorageHoldsTheTextBehindTheFrontRoom) {
-  JsonWriter out(10, 4);
-  out.fail();
-  out.clear();
-  std::string expected;
-  for (int i = 0; i < 100; ++i) {
-    out.string("text");
-    expected += "\"text\"";
-  }
-  ASSERT_FALSE(out.failed());
-  const auto storage = out.release();
-  EXPECT_EQ(std::string(storage.octets.get() + 10, storage.textLength), expected);
 }
 
 }  // namespace
