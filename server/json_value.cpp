@@ -2,6 +2,7 @@
 
 #include <simdjson.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <utility>
@@ -15,8 +16,14 @@ JsonObject::JsonObject(JsonObject&&) noexcept = default;
 JsonObject& JsonObject::operator=(const JsonObject&) = default;
 JsonObject& JsonObject::operator=(JsonObject&&) noexcept = default;
 
-void JsonObject::append(std::string key, JsonValue value) {
-  members_.push_back(JsonMember{std::move(key), std::move(value)});
+JsonValue& JsonObject::append(std::string_view key) {
+  // Most objects are dataset values with two members, the rest are whole commands.
+  constexpr std::size_t kFewMembers = 2;
+  constexpr std::size_t kManyMembers = 32;
+  if (members_.size() == members_.capacity()) {
+    members_.reserve(members_.empty() ? kFewMembers : std::max(kManyMembers, 2 * members_.size()));
+  }
+  return members_.emplace_back(JsonMember{std::string(key), {}}).value;
 }
 
 const JsonValue* JsonObject::find(std::string_view key) const {
@@ -73,9 +80,7 @@ class TreeBuilder {
       if (std::move(next).get(field)) return false;
       std::string_view key;
       if (field.unescaped_key().get(key)) return false;
-      JsonValue value;
-      if (!read(field.value(), depth, value)) return false;
-      out.append(std::string(key), std::move(value));
+      if (!read(field.value(), depth, out.append(key))) return false;
     }
     return true;
   }
@@ -96,24 +101,18 @@ class TreeBuilder {
     switch (type) {
       case ondemand::json_type::object: {
         ondemand::object object;
-        JsonObject members;
         if (depth == kMaxJsonNesting || source.get_object().get(object)) return false;
-        if (!read(object, depth + 1, members)) return false;
-        out = JsonValue(std::move(members));
-        return true;
+        return read(object, depth + 1, out.emplace<JsonObject>());
       }
       case ondemand::json_type::array: {
         ondemand::array array;
-        JsonArray elements;
         if (depth == kMaxJsonNesting || source.get_array().get(array)) return false;
-        if (!read(array, depth + 1, elements)) return false;
-        out = JsonValue(std::move(elements));
-        return true;
+        return read(array, depth + 1, out.emplace<JsonArray>());
       }
       case ondemand::json_type::string: {
         std::string_view text;
         if (source.get_string().get(text)) return false;
-        out = JsonValue(std::string(text));
+        out.emplace<std::string>(std::string(text));
         return true;
       }
       case ondemand::json_type::number:
@@ -128,21 +127,22 @@ class TreeBuilder {
   // The raw token, so that a number beyond every type stays a number of the document.
   static std::string_view token(ondemand::value source) {
     std::string_view text = source.raw_json_token();
-    const auto last = text.find_last_not_of(" \t\r\n");
-    return text.substr(0, last == std::string_view::npos ? 0 : last + 1);
+    const auto isBlank = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; };
+    while (!text.empty() && isBlank(text.back())) text.remove_suffix(1);
+    return text;
   }
 
   static bool readNumber(std::string_view token, JsonValue& out) {
     const auto number = parseJsonNumber(token);
     if (!number) return false;
-    out = JsonValue(*number);
+    out.emplace<JsonNumber>(*number);
     return true;
   }
 
   static bool readLiteral(std::string_view token, JsonValue& out) {
     if (token == "null") return true;
     if (token != "true" && token != "false") return false;
-    out = JsonValue(token == "true");
+    out.emplace<bool>(token == "true");
     return true;
   }
 };

@@ -30,7 +30,8 @@ class JsonObject {
 
   bool empty() const { return members_.empty(); }
   const std::vector<JsonMember>& members() const { return members_; }
-  void append(std::string key, JsonValue value);
+  /// The new member's value, null at first; valid until the next append().
+  JsonValue& append(std::string_view key);
 
   /// The pointers live as long as the object is not changed.
   const JsonValue* find(std::string_view key) const;
@@ -51,9 +52,14 @@ class JsonValue {
   using Alternatives =
       std::variant<std::monostate, bool, JsonNumber, std::string, JsonArray, JsonObject>;
 
-  JsonValue() = default;  ///< null
-  explicit JsonValue(Alternatives value) : value_(std::move(value)) {}
+  /// null at first
+  JsonValue() = default;
 
+  /// Puts a value in place of the one held.
+  template <class T>
+  T& emplace(T value = T()) {
+    return value_.emplace<T>(std::move(value));
+  }
   template <class T>
   const T* as() const {
     return std::get_if<T>(&value_);

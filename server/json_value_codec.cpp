@@ -1,10 +1,8 @@
 #include "server/json_value_codec.h"
 
 #include <algorithm>
-#include <cctype>
 #include <charconv>
 #include <cmath>
-#include <limits>
 #include <string>
 #include <utility>
 #include <vector>
