@@ -1,0 +1,19 @@
+# shellcheck shell=bash
+# shellcheck disable=SC2034  # Read by the scripts that source this file.
+# The Debian 12 packages, each in one place; docs/dependencies.md gives the reasons.
+
+# To build and run the programs.
+build_packages=(
+  g++ cmake ninja-build pkg-config
+  libboost1.81-dev libpcap-dev libsimdjson-dev nlohmann-json3-dev libcli11-dev
+  libsystemd-dev libcap-dev
+  iproute2 util-linux
+)
+
+# To build and run the tests and benches as well.
+test_packages=(libgtest-dev libgmock-dev libbenchmark-dev dbus-daemon tshark)
+
+# For the checks beyond the tests.
+ci_packages=(
+  clang-14 libclang-rt-14-dev clang-format-14 clang-tidy-14 python3 shellcheck
+)
