@@ -1,0 +1,307 @@
+// The real daemon on a veth pair, real WebSocket clients, real frames.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <chrono>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+#include "platform/websocket_client.h"
+#include "server/base64.h"
+#include "stack/ethernet_frame.h"
+#include "stack/goose_pdu.h"
+#include "stack/send_handle.h"
+#include "stack/sv_frame.h"
+#include "tests/support/daemon.h"
+#include "tests/support/frame_recorder.h"
+#include "tests/support/network_namespace.h"
+
+namespace tarnlink::test {
+namespace {
+
+using namespace std::chrono_literals;
+using Json = nlohmann::json;
+
+constexpr MacAddress kDestination{0x01, 0x0C, 0xCD, 0x01, 0x00, 0x01};
+constexpr MacAddress kSource{0x02, 0, 0, 0, 0, 0x09};
+
+std::string encodeBase64(ByteView octets) {
+  std::string text(base64Length(octets.size()), '\0');
+  writeBase64(octets, text.data());
+  return text;
+}
+
+/// A client that has sent the pairing code, unless told otherwise.
+class Client {
+ public:
+  explicit Client(const std::string& code, const std::string& host = "127.0.0.1")
+      : socket_(WebSocketClient::connect(host, 8765).value()) {
+    if (code.empty()) return;
+    say({{"cmd", "auth"}, {"token", code}});
+    EXPECT_EQ(next("auth_result")["ok"], true);
+  }
+  void say(const Json& command) { socket_.sendText(command.dump()).value(); }
+
+  /// The next event of that name; others before it are passed over. Null when the time is up.
+  Json next(const std::string& name, std::chrono::milliseconds patience = 5s) {
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (std::chrono::steady_clock::now() < deadline) {
+      auto message = socket_.receive(1s);
+      if (!message && message.error() == WebSocketClientError::timedOut) continue;
+      if (!message) return nullptr;
+      Json event = Json::parse(message->data);
+      if (event["event"] == name) return event;
+    }
+    return nullptr;
+  }
+  WebSocketClient& socket() { return socket_; }
+
+ private:
+  WebSocketClient socket_;
+};
+
+Bytes gooseFrame(std::uint32_t sqNum, std::uint16_t vlanId,
+                 std::vector<GooseDataValue> values = {}) {
+  GoosePduFields fields;
+  fields.header.appId = 0x1000;
+  fields.goCBRef = "IED1CTRL/LLN0$GO$gcb01";
+  fields.datSet = "IED1CTRL/LLN0$ds";
+  fields.goId = "trip";
+  fields.timeAllowedToLive = 2000;
+  fields.stNum = 3;
+  fields.sqNum = sqNum;
+  fields.confRev = 7;
+  fields.timestamp = timeFromUnixSeconds(1715933730.125);
+  fields.values = values;
+  return EthernetFrame::build(kDestination, kSource, vlanId, 4, *GoosePdu::encode(fields));
+}
+
+class BridgeEndToEndTest : public ProcessBusTest {
+ protected:
+  void startDaemon(std::vector<std::string> more = {"--interface", "bus0", "--low-latency"}) {
+    daemon.emplace(std::move(more));
+    ASSERT_TRUE(daemon->waitForLog("[KorvelTarnlink] Listening on port 8765"));
+    int exitCode = 0;
+    code = outputOf({"--show-pairing-code", "--preferences", daemon->preferences()}, exitCode);
+    ASSERT_EQ(exitCode, 0);
+    code.pop_back();
+    ASSERT_EQ(code.size(), 6U);
+  }
+  void send(const Bytes& frame) {
+    if (!peer) peer = std::move(*systemSendHandles()->openSendHandle(kIed));
+    ASSERT_EQ(peer->sendPacket(frame).status, SendOutcome::Status::sent);
+  }
+
+  std::optional<Daemon> daemon;
+  std::string code;
+  std::unique_ptr<SendHandle> peer;
+};
+
+TEST_F(BridgeEndToEndTest, GooseFromTheWireReachesTheClientDecoded) {
+  startDaemon();
+  Client client(code);
+  client.say({{"cmd", "subscribe_goose"}, {"goCBRefFilter", "gcb01"}});
+  EXPECT_EQ(client.next("bridge_status")["isCapturing"], true);
+
+  send({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 0x88, 0xB8, 0xFF});
+  send(gooseFrame(9, 100,
+                  {GooseDataValue::boolean(true), GooseDataValue::integer(-129),
+                   GooseDataValue::floatingPoint(0.5F), GooseDataValue::bitString({true, false})}));
+  const Json message = client.next("goose_message")["message"];
+  const Json expected = {
+      {"appId", 4096},
+      {"goCBRef", "IED1CTRL/LLN0$GO$gcb01"},
+      {"dataSet", "IED1CTRL/LLN0$ds"},
+      {"timestamp", "2024-05-17T08:15:30.125Z"},
+      {"stNum", 3},
+      {"sqNum", 9},
+      {"test", false},
+      {"needsCommission", false},
+      {"confRev", 7},
+      {"timeAllowedToLive", 2000},
+      {"values",
+       {{{"runtimeType", "boolean"}, {"value", true}},
+        {{"runtimeType", "int32"}, {"value", -129}},
+        {{"runtimeType", "float32"}, {"value", 0.5}},
+        {{"runtimeType", "bitString"}, {"bits", {true, false}}}}},
+      {"receivedAt", message["receivedAt"]},
+      {"srcMac", "02:00:00:00:00:09"},
+      {"dstMac", "01:0C:CD:01:00:01"},
+      {"vlanId", 100},
+  };
+  EXPECT_EQ(message, expected);
+}
+
+TEST_F(BridgeEndToEndTest, StandardCaptureDeliversWithinItsReadTimeout) {
+  startDaemon({"--interface", "bus0"});
+  Client client(code, "::1");
+  client.say({{"cmd", "subscribe_goose"}});
+  ASSERT_EQ(client.next("bridge_status")["isCapturing"], true);
+  for (std::uint32_t i = 0; i < 200; ++i) send(gooseFrame(i, 0));
+  for (std::uint32_t i = 0; i < 200; ++i) {
+    ASSERT_EQ(client.next("goose_message")["message"]["sqNum"], i);
+  }
+}
+
+Json publication(const std::string& goCBRef, const Json& more) {
+  Json command = {{"cmd", "publish_goose"}, {"appId", 4096},
+                  {"goCBRef", goCBRef},     {"dataSetRef", "IED1CTRL/LLN0$ds"},
+                  {"confRev", 1},           {"values", {{{"type", "boolean"}, {"value", true}}}},
+                  {"interface", "bus0"}};
+  command.update(more);
+  return command;
+}
+
+TEST_F(BridgeEndToEndTest, APublicationIsReplacedByTheNextWhoeverSendsIt) {
+  startDaemon();
+  FrameRecorder recorder(kIed, "ether proto 0x88b8");
+  Client first(code);
+  Client second(code);
+  first.say(publication("A/LLN0$GO$one", {{"retransmissionProfile", "fast"}}));
+  EXPECT_EQ(first.next("bridge_status")["messagesPublished"], 1);
+  recorder.frames(4);
+  second.say(publication("A/LLN0$GO$two", {{"retransmissionProfile", "single"}}));
+  EXPECT_EQ(second.next("bridge_status")["messagesPublished"], 2);
+
+  const auto frames = recorder.frames(1000, 700ms);
+  std::uint32_t sqNum = 0;
+  int ofSecond = 0;
+  for (const auto& frame : frames) {
+    const auto envelope = EthernetFrame::parse(frame.octets);
+    ASSERT_TRUE(envelope);
+    const auto pdu = GoosePdu::parse(envelope->payload);
+    ASSERT_TRUE(pdu);
+    if (pdu->goCBRef == "A/LLN0$GO$two") {
+      EXPECT_EQ(pdu->stNum, 2U);
+      EXPECT_EQ(pdu->sqNum, 0U);
+      ++ofSecond;
+    } else {
+      EXPECT_EQ(ofSecond, 0) << "a frame of the replaced publication came after the new one";
+      EXPECT_EQ(pdu->stNum, 1U);
+      EXPECT_EQ(pdu->sqNum, sqNum++);
+    }
+  }
+  EXPECT_GE(sqNum, 4U);
+  EXPECT_EQ(ofSecond, 1) << "profile single sends once";
+}
+
+TEST_F(BridgeEndToEndTest, RefusedRequestsSayWhyAndStartNothing) {
+  startDaemon();
+  Client client(code);
+  const struct {
+    Json command;
+    int code;
+    const char* text;
+  } cases[] = {
+      {publication("A", {{"interface", "no-name"}}), 6, "Invalid interface name"},
+      {publication("A", {{"interface", "nosuch0"}}), 2, "Publish failed: "},
+      {publication("A", {{"vlanId", 100}}), 3, "VLAN-Setup fehlgeschlagen: "},
+      {{{"cmd", "publish_sv_apdu"}, {"pduBase64", "QAA="}, {"interface", "nosuch0"}},
+       5,
+       "SV publish failed: "},
+      {publication("A",
+                   {{"values", {{{"type", "octetString"}, {"bytes", Json::array_t(1500, 0)}}}}}),
+       2, "Publish failed: "},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.command.dump().substr(0, 200));
+    client.say(c.command);
+    const Json error = client.next("error");
+    EXPECT_EQ(error["code"], c.code);
+    EXPECT_EQ(error["error"].get<std::string>().rfind(c.text, 0), 0U) << error["error"];
+  }
+  client.say({{"cmd", "unpublish_goose"}});
+  EXPECT_EQ(client.next("bridge_status")["messagesPublished"], 0);
+}
+
+TEST_F(BridgeEndToEndTest, SvPayloadsMakeTheRoundTrip) {
+  startDaemon();
+  const Bytes payload{0x40, 0x00, 0x00, 0x0A, 0, 0, 0, 0, 0x60, 0x00};
+  FrameRecorder recorder(kIed, "ether proto 0x88ba or (vlan and ether proto 0x88ba)");
+  Client client(code);
+  client.say({{"cmd", "subscribe_sv"}, {"appIdFilter", 0x4000}});
+  client.say({{"cmd", "publish_sv_apdu"},
+              {"pduBase64", encodeBase64(payload)},
+              {"interface", "bus0"},
+              {"vlanId", 5}});
+  const auto& sent = recorder.frames(1);
+  ASSERT_EQ(sent.size(), 1U);
+  const auto parsed = parseSvFrame(sent[0].octets);
+  ASSERT_TRUE(parsed);
+  EXPECT_EQ(parsed->vlanId, 5);
+  EXPECT_EQ(Bytes(parsed->pdu.begin(), parsed->pdu.end()), payload);
+
+  Bytes back = sent[0].octets;
+  back[5] = 0x77;
+  send(back);
+  Json event = client.next("sv_apdu");
+  if (event["dstMac"] == "01:0C:CD:04:00:01") event = client.next("sv_apdu");  // Our own, captured.
+  EXPECT_EQ(event["dstMac"], "01:0C:CD:04:00:77");
+  EXPECT_EQ(event["pduBase64"], encodeBase64(payload));
+  EXPECT_EQ(event["vlanId"], 5);
+}
+
+TEST_F(BridgeEndToEndTest, NothingAClientSendsStopsTheBridge) {
+  startDaemon();
+  Client client("");
+  for (const char* text : {"", "{", "[]", "nul", "{\"cmd\":7}", "{\"cmd\":\"subscribe_goose\"}",
+                           "{\"cmd\":\"ping\",\"timestamp\":1e400}"}) {
+    client.socket().sendText(text).value();
+    EXPECT_TRUE(client.socket().receive()) << text;
+  }
+  client.say({{"cmd", "ping"}, {"timestamp", 3}});
+  EXPECT_EQ(client.next("pong")["originalTimestamp"], 3);
+}
+
+TEST_F(BridgeEndToEndTest, SigtermStopsInOrderWhileClientsListen) {
+  startDaemon();
+  Client client(code);
+  client.say({{"cmd", "subscribe_goose"}});
+  client.say(publication("A", {{"retransmissionProfile", "fast"}}));
+  client.next("bridge_status");
+  daemon->signal(SIGTERM);
+  EXPECT_EQ(daemon->waitForExit(2s), 0);
+  EXPECT_EQ(daemon->log().back(), "[BridgeServer] Stopped");
+  EXPECT_FALSE(WebSocketClient::connect("127.0.0.1", 8765));
+}
+
+TEST_F(BridgeEndToEndTest, TheCommandLineAnswersPlainly) {
+  startDaemon();
+  const std::string busy = std::make_error_code(std::errc::address_in_use).message();
+  const struct {
+    std::vector<std::string> arguments;
+    int exitCode;
+    std::string text;
+  } cases[] = {
+      {{"--version"}, 0, "tarnlinkd "},
+      {{"--help"}, 0, "--low-latency"},
+      {{"--port", "0"}, 1, "[KorvelTarnlink] Start failed: Invalid bridge port: 0\n"},
+      {{"--port", "8765"}, 1, "[KorvelTarnlink] Start failed: " + busy},
+      {{"--port", "70000"}, 2, "70000"},
+      {{"--no-such-option"}, 2, "no-such-option"},
+  };
+  for (const auto& c : cases) {
+    int exitCode = -1;
+    auto arguments = c.arguments;
+    arguments.insert(arguments.end(), {"--preferences", daemon->preferences()});
+    const std::string output = outputOf(arguments, exitCode);
+    EXPECT_EQ(exitCode, c.exitCode) << output;
+    EXPECT_NE(output.find(c.text), std::string::npos) << output;
+  }
+}
+
+TEST_F(BridgeEndToEndTest, OnlyTheNetworkPrivilegesAreKept) {
+  startDaemon();
+  std::ifstream status("/proc/" + std::to_string(daemon->pid()) + "/status");
+  std::uint64_t effective = ~0ULL;
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind("CapEff:", 0) == 0) effective = std::stoull(line.substr(7), nullptr, 16);
+  }
+  constexpr std::uint64_t kNetAdminAndRaw = 1ULL << 12 | 1ULL << 13;
+  EXPECT_EQ(effective, kNetAdminAndRaw);
+}
+
+}  // namespace
+}  // namespace tarnlink::test
