@@ -1,0 +1,137 @@
+#include "tools/tarnlinkctl/printing.h"
+
+#include <array>
+#include <charconv>
+#include <cstdint>
+
+namespace tarnlink {
+namespace {
+
+constexpr const char* kHexDigits = "0123456789ABCDEF";
+
+void appendHex(std::string& out, unsigned octet) {
+  out += kHexDigits[octet >> 4 & 0xF];
+  out += kHexDigits[octet & 0xF];
+}
+
+template <class Float>
+std::string shortest(Float number) {
+  std::array<char, 64> text{};
+  const auto end = std::to_chars(text.data(), text.data() + text.size(), number).ptr;
+  return {text.data(), end};
+}
+
+std::string textOf(const JsonObject& object, std::string_view key) {
+  const auto* text = object.string(key);
+  return text ? printable(*text) : "?";
+}
+
+std::string integerOf(const JsonObject& object, std::string_view key) {
+  const auto number = object.integer(key);
+  return number ? std::to_string(*number) : "?";
+}
+
+std::string hexOf(const JsonObject& value) {
+  std::string out = "0x";
+  if (const auto* octets = value.array("bytes")) {
+    for (const auto& octet : *octets) {
+      const auto* number = octet.as<JsonNumber>();
+      appendHex(out, number ? static_cast<unsigned>(number->integer.value_or(0)) : 0);
+    }
+  }
+  return out;
+}
+
+std::string bitsOf(const JsonObject& value) {
+  std::string out = "0b";
+  if (const auto* bits = value.array("bits")) {
+    for (const auto& bit : *bits) {
+      const auto* isSet = bit.as<bool>();
+      out += isSet && *isSet ? '1' : '0';
+    }
+  }
+  return out;
+}
+
+std::string listOf(const JsonArray* values) {
+  std::string out;
+  if (!values) return out;
+  for (const auto& value : *values) {
+    if (!out.empty()) out += ", ";
+    const auto* object = value.as<JsonObject>();
+    out += object ? valueText(*object) : "?";
+  }
+  return out;
+}
+
+std::string floatOf(const JsonObject& value, bool isSingle) {
+  const auto number = value.number("value");
+  if (!number) return "?";
+  return isSingle ? shortest(static_cast<float>(*number)) : shortest(*number);
+}
+
+}  // namespace
+
+std::string printable(std::string_view text) {
+  std::string out;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto octet = static_cast<unsigned char>(text[i]);
+    // U+0080 to U+009F, which terminals may obey as well, are 0xC2 and one octet below 0xA0.
+    const bool startsControl =
+        octet == 0xC2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) < 0xA0;
+    const bool isControl = octet < 0x20 || octet == 0x7F || startsControl;
+    if (!isControl) {
+      out += text[i];
+      continue;
+    }
+    out += "\\x";
+    appendHex(out, octet);
+    if (startsControl) {
+      out += "\\x";
+      appendHex(out, static_cast<unsigned char>(text[++i]));
+    }
+  }
+  return out;
+}
+
+std::string valueText(const JsonObject& value) {
+  const auto* type = value.string("runtimeType");
+  if (!type) return "?";
+  if (*type == "boolean") {
+    const auto isTrue = value.boolean("value");
+    return !isTrue ? "?" : *isTrue ? "true" : "false";
+  }
+  if (*type == "bitString") return bitsOf(value);
+  if (*type == "octetString") return hexOf(value);
+  if (*type == "visibleString") return '"' + textOf(value, "value") + '"';
+  if (*type == "utcTime") return textOf(value, "value");
+  if (*type == "float32") return floatOf(value, true);
+  if (*type == "float64") return floatOf(value, false);
+  if (*type == "structure") return "{" + listOf(value.array("elements")) + "}";
+  if (*type == "array") return "[" + listOf(value.array("elements")) + "]";
+  return integerOf(value, "value");
+}
+
+std::string gooseLine(const JsonObject& message) {
+  std::string line = textOf(message, "receivedAt");
+  line += " appId=" + integerOf(message, "appId");
+  if (message.integer("vlanId")) line += " vlan=" + integerOf(message, "vlanId");
+  line += " " + textOf(message, "goCBRef");
+  line += " st=" + integerOf(message, "stNum") + " sq=" + integerOf(message, "sqNum");
+  if (message.boolean("test").value_or(false)) line += " TEST";
+  if (message.boolean("needsCommission").value_or(false)) line += " NDSCOM";
+  return line + " values: " + listOf(message.array("values"));
+}
+
+std::string interfaceLine(const JsonObject& interface, std::string_view active) {
+  const auto* name = interface.string("name");
+  std::string line = name && *name == active ? "* " : "  ";
+  line += textOf(interface, "name");
+  if (line.size() < 18) line.resize(18, ' ');
+  line += interface.boolean("isUp").value_or(false) ? "up    " : "down  ";
+  line += textOf(interface, "macAddress") + "  " + textOf(interface, "displayName");
+  if (!interface.boolean("supportsMulticast").value_or(true)) line += " (no multicast)";
+  return line;
+}
+
+}  // namespace tarnlink

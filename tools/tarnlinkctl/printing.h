@@ -1,0 +1,24 @@
+// Events of the bridge as lines for people.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "server/json_value.h"
+
+namespace tarnlink {
+
+/// The text with everything that could steer a terminal written as \xNN: names and strings come
+/// from whoever sends on the network.
+std::string printable(std::string_view text);
+
+/// One dataset value: true, 5, 1.5, 0b0101, 0x0AFF, "text", a time, {members} or [elements].
+std::string valueText(const JsonObject& value);
+
+/// One line for the "message" of a "goose_message" event.
+std::string gooseLine(const JsonObject& message);
+
+/// One line for an element of an "interfaces" event; the active one is starred.
+std::string interfaceLine(const JsonObject& interface, std::string_view active);
+
+}  // namespace tarnlink
