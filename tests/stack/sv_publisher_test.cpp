@@ -83,7 +83,7 @@ TEST_F(Sv, PublisherKeepsOneHandleAndCountsWhatWasSent) {
 TEST_F(Sv, FramesComeBackAsTheyWereSentTaggedOrNot) {
   auto publisher = std::make_shared<SvPublisher>(pool->get_executor());
   auto receiver = std::make_shared<SvReceiver>(pool->get_executor(), CaptureMode::lowLatency);
-  auto stream = test::runAwaitable(receiver->start(kIed));
+  auto stream = test::runAwaitable(receiver->start(kIed, {}));
   ASSERT_TRUE(stream);
   ASSERT_TRUE(publish(*publisher, to(kBus)));
   ASSERT_TRUE(publish(*publisher, to(kBus, 100)));
