@@ -149,6 +149,7 @@ asio::awaitable<void> BridgeServer::stopOnStrand(std::shared_ptr<BridgeServer> s
   self->isStopping_ = true;
   self->stopped_.reset();
   self->ports_.vlan.cancel();
+  for (auto* pause : self->recoveryPauses_) pause->cancel();
   {
     const auto turn = co_await self->gooseCapture_.turn();
     co_await self->gooseCapture_.stop(CaptureControl<GooseMessage>::Queued::drop);
@@ -236,11 +237,16 @@ void BridgeServer::removeConnection(const ClientId& id) {
   connections_.erase(id);
   authenticatedConnections_.erase(id);
   if (gooseSubscribers_.erase(id) != 0 && gooseSubscribers_.empty()) {
-    tasks_.spawn(holding(shared_from_this(), stopCaptureIfNeeded()));
+    spawn(stopCaptureIfNeeded());
   }
   if (svSubscribers_.erase(id) != 0 && svSubscribers_.empty()) {
-    tasks_.spawn(holding(shared_from_this(), stopSvCaptureIfNeeded()));
+    spawn(stopSvCaptureIfNeeded());
   }
+}
+
+// Member coroutines hold the actor only while somebody awaits them.
+void BridgeServer::spawn(asio::awaitable<void> task) {
+  tasks_.spawn(holding(shared_from_this(), std::move(task)));
 }
 
 // Sending ------------------------------------------------------------------------------------

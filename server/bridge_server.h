@@ -3,7 +3,9 @@
 
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/awaitable.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/asio/strand.hpp>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -53,6 +55,8 @@ struct BridgePorts {
   /// Where listInterfaces runs when it may block.
   boost::asio::any_io_executor blockingExecutor;
   AdvertiserFactory makeAdvertiser;  ///< Empty: the bridge is not announced.
+  /// Between two tries to open an interface whose capture has died.
+  std::chrono::milliseconds recoveryPause{5'000};
 };
 
 inline constexpr std::uint16_t kDefaultBridgePort = 8765;
@@ -151,6 +155,23 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
   boost::asio::awaitable<void> handlePublishSvApdu(Bytes pdu, SvPublishConfig config,
                                                    ClientId clientId);
 
+  // Captures that died (bridge_server_recovery.cpp).
+  template <class Record>
+  struct CaptureRecovery {
+    std::string label;
+    CaptureControl<Record>& capture;
+    bool (BridgeServer::*hasSubscribers)() const;
+    boost::asio::awaitable<GooseResult<void>> (BridgeServer::*start)();
+  };
+  template <class Record>
+  boost::asio::awaitable<void> recoverCapture(CaptureRecovery<Record> recovery, std::string reason);
+  boost::asio::awaitable<void> recoverGooseCapture(std::string reason);
+  boost::asio::awaitable<void> recoverSvCapture(std::string reason);
+  boost::asio::awaitable<void> pauseBeforeRecovery();
+  bool hasGooseSubscribers() const { return !gooseSubscribers_.empty(); }
+  bool hasSvSubscribers() const { return !svSubscribers_.empty(); }
+  void spawn(boost::asio::awaitable<void> task);
+
   void log(std::string_view line) const { ports_.log(line); }
 
   Strand strand_;
@@ -158,6 +179,7 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
   TaskGroup tasks_;
   bool isStopping_ = false;
   AsyncEvent stopped_;
+  std::set<boost::asio::steady_timer*> recoveryPauses_;  // Cancelled by stop().
 
   std::shared_ptr<WebSocketListener> listener_;
   std::uint16_t activePort_ = kDefaultBridgePort;

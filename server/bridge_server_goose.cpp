@@ -64,12 +64,16 @@ asio::awaitable<void> BridgeServer::handleUnsubscribeGoose(ClientId id) {
 }
 
 asio::awaitable<GooseResult<void>> BridgeServer::startCaptureInternal() {
-  auto consume = [weak = weak_from_this()](std::span<GooseMessage> messages) {
+  GooseCapture::Events events;
+  events.onRecords = [weak = weak_from_this()](std::span<GooseMessage> messages) {
     const auto self = weak.lock();
     if (!self) return;
     for (const GooseMessage& message : messages) self->dispatchGooseMessage(message);
   };
-  co_return co_await gooseCapture_.start(activeInterface_, std::move(consume));
+  events.onDeath = [weak = weak_from_this()](const std::string& reason) {
+    if (const auto self = weak.lock()) self->spawn(self->recoverGooseCapture(reason));
+  };
+  co_return co_await gooseCapture_.start(activeInterface_, std::move(events));
 }
 
 asio::awaitable<void> BridgeServer::stopCaptureIfNeeded() {

@@ -49,12 +49,16 @@ asio::awaitable<void> BridgeServer::handleSubscribeSv(std::optional<std::int64_t
 }
 
 asio::awaitable<GooseResult<void>> BridgeServer::startSvCapture() {
-  auto consume = [weak = weak_from_this()](std::span<SvCapturedFrame> frames) {
+  SvCapture::Events events;
+  events.onRecords = [weak = weak_from_this()](std::span<SvCapturedFrame> frames) {
     const auto self = weak.lock();
     if (!self) return;
     for (const SvCapturedFrame& frame : frames) self->forwardSvFrame(frame);
   };
-  co_return co_await svCapture_.start(activeInterface_, std::move(consume));
+  events.onDeath = [weak = weak_from_this()](const std::string& reason) {
+    if (const auto self = weak.lock()) self->spawn(self->recoverSvCapture(reason));
+  };
+  co_return co_await svCapture_.start(activeInterface_, std::move(events));
 }
 
 asio::awaitable<void> BridgeServer::stopSvCaptureIfNeeded() {

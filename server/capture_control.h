@@ -28,8 +28,13 @@ class CaptureControl {
   using Strand = boost::asio::strand<boost::asio::any_io_executor>;
   using Source = RecordSource<Record>;
   using SourceFactory = std::function<std::shared_ptr<Source>()>;
-  /// Takes records in arrival order, on the strand. Holds its owner weakly.
-  using Consumer = std::function<void(std::span<Record>)>;
+  /// What a capture does to its owner, on the strand. Both hold the owner weakly.
+  struct Events {
+    /// Records in arrival order.
+    std::function<void(std::span<Record>)> onRecords;
+    /// The running capture has died by itself, with the reason; it still has to be stopped.
+    std::function<void(const std::string& reason)> onDeath;
+  };
 
   /// Records consumed before other work of the actor gets its turn.
   static constexpr std::size_t kRecordsPerTurn = 256;
@@ -42,17 +47,28 @@ class CaptureControl {
 
   auto turn() { return turn_.lock(); }
 
-  /// True from a successful start until stop(), or until the stream has ended by itself.
-  bool isCapturing() const { return task_ && !task_->ended.isSet(); }
+  /// True from a successful start until stop(), or until the capture has ended by itself.
+  bool isCapturing() const { return task_ && !task_->ended.isSet() && !task_->hasDied; }
 
-  boost::asio::awaitable<GooseResult<void>> start(std::string interface, Consumer consume) {
+  boost::asio::awaitable<GooseResult<void>> start(std::string interface, Events events) {
     co_await stop(Queued::drop);
     auto source = makeSource_();
-    auto stream = co_await source->start(std::move(interface));
+    auto task = std::make_shared<Task>(strand_);
+    auto onDeath = [strand = strand_, weak = std::weak_ptr(task),
+                    tell = std::move(events.onDeath)](const std::string& reason) {
+      boost::asio::post(strand, [weak, tell, reason] {
+        // A capture that was stopped meanwhile has no say any more.
+        const auto dead = weak.lock();
+        if (dead && !std::exchange(dead->hasDied, true)) tell(reason);
+      });
+    };
+    auto stream = co_await source->start(std::move(interface), std::move(onDeath));
     if (!stream) co_return stream.error();
     source_ = std::move(source);
-    task_ = std::make_shared<Task>(strand_, stream->canceller());
-    boost::asio::co_spawn(strand_, drain(strand_, task_, std::move(*stream), std::move(consume)),
+    task->cancel = stream->canceller();
+    task_ = std::move(task);
+    boost::asio::co_spawn(strand_,
+                          drain(strand_, task_, std::move(*stream), std::move(events.onRecords)),
                           boost::asio::detached);
     co_return GooseResult<void>();
   }
@@ -67,14 +83,15 @@ class CaptureControl {
 
  private:
   struct Task {
-    Task(const Strand& strand, std::function<void()> canceller)
-        : ended(strand), cancel(std::move(canceller)) {}
+    explicit Task(const Strand& strand) : ended(strand) {}
     AsyncEvent ended;
     std::function<void()> cancel;
+    bool hasDied = false;
   };
 
   static boost::asio::awaitable<void> drain(Strand strand, std::shared_ptr<Task> task,
-                                            MessageStream<Record> stream, Consumer consume) {
+                                            MessageStream<Record> stream,
+                                            std::function<void(std::span<Record>)> consume) {
     typename MessageStream<Record>::Batch batch;
     while (co_await stream.next(batch)) {
       auto records = batch.records();

@@ -34,12 +34,13 @@ void CaptureLoop::breakLoop() {
 
 void CaptureLoop::run() {
   auto* user = reinterpret_cast<u_char*>(&handlers_);
-  while (!isStopping_) {
-    const int result = pcap_dispatch(handle_.get(), -1, onPacket, user);
+  int result = 0;
+  while (!isStopping_ && result >= 0) {
+    result = pcap_dispatch(handle_.get(), -1, onPacket, user);
     handlers_.onBurstEnd();
-    if (result < 0) break;
   }
-  handlers_.onEnd();
+  const bool hasDied = result < 0 && result != PCAP_ERROR_BREAK && !isStopping_;
+  handlers_.onEnd(hasDied ? std::optional<std::string>(pcap_geterr(handle_.get())) : std::nullopt);
 }
 
 }  // namespace tarnlink

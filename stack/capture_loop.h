@@ -3,6 +3,8 @@
 
 #include <atomic>
 #include <functional>
+#include <optional>
+#include <string>
 #include <thread>
 
 #include "stack/bytes.h"
@@ -19,8 +21,9 @@ class CaptureLoop {
     std::function<void(ByteView frame, TimePoint receivedAt)> onFrame;
     /// pcap_dispatch has returned: nothing more is at hand right now.
     std::function<void()> onBurstEnd;
-    /// The thread is about to end, after the last frame.
-    std::function<void()> onEnd;
+    /// The thread is about to end, after the last frame: with libpcap's text when the capture has
+    /// died (its interface is gone, for example), without one when the loop was broken.
+    std::function<void(std::optional<std::string> death)> onEnd;
   };
 
   /// Starts the thread.

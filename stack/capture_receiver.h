@@ -92,6 +92,7 @@ class CaptureReceiver final : public RecordSource<typename Decoder::Record>,
                               public std::enable_shared_from_this<CaptureReceiver<Decoder>> {
  public:
   using Record = typename Decoder::Record;
+  using typename RecordSource<Record>::DeathHandler;
 
   explicit CaptureReceiver(const boost::asio::any_io_executor& executor,
                            CaptureMode mode = CaptureMode::standard)
@@ -100,9 +101,10 @@ class CaptureReceiver final : public RecordSource<typename Decoder::Record>,
         turn_(strand_),
         continuationBox_(std::make_shared<ContinuationBox<Record>>()) {}
 
-  boost::asio::awaitable<GooseResult<MessageStream<Record>>> start(std::string interface) override {
+  boost::asio::awaitable<GooseResult<MessageStream<Record>>> start(std::string interface,
+                                                                   DeathHandler onDeath) override {
     co_return co_await boost::asio::co_spawn(
-        strand_, startOnStrand(this->shared_from_this(), std::move(interface)),
+        strand_, startOnStrand(this->shared_from_this(), std::move(interface), std::move(onDeath)),
         boost::asio::use_awaitable);
   }
 
@@ -117,7 +119,7 @@ class CaptureReceiver final : public RecordSource<typename Decoder::Record>,
 
   // The static coroutines hold the receiver alive through their first parameter.
   static boost::asio::awaitable<GooseResult<MessageStream<Record>>> startOnStrand(
-      Self self, std::string interface) {
+      Self self, std::string interface, DeathHandler onDeath) {
     const auto turn = co_await self->turn_.lock();
     co_await self->endCapture();
     auto handle =
@@ -126,7 +128,7 @@ class CaptureReceiver final : public RecordSource<typename Decoder::Record>,
     auto continuation = std::make_shared<StreamState<Record>>();
     continuation->onTermination(self->stopWhenStreamEnds(++self->captureNumber_));
     self->continuationBox_->store(continuation);
-    self->beginCapture(std::move(*handle));
+    self->beginCapture(std::move(*handle), std::move(onDeath));
     co_return MessageStream<Record>(std::move(continuation));
   }
 
@@ -151,18 +153,21 @@ class CaptureReceiver final : public RecordSource<typename Decoder::Record>,
     };
   }
 
-  void beginCapture(PcapHandle handle) {
+  void beginCapture(PcapHandle handle, DeathHandler onDeath) {
     auto context = std::make_shared<CaptureContext<Decoder>>(continuationBox_);
     auto ended = std::make_shared<AsyncEvent>(strand_);
     loopEnded_ = ended;
-    loop_.emplace(std::move(handle),
-                  CaptureLoop::Handlers{[context](ByteView frame, TimePoint receivedAt) {
-                                          context->receiveFrame(frame, receivedAt);
-                                        },
-                                        [context] { context->flush(); },
-                                        [strand = strand_, ended] {
-                                          boost::asio::post(strand, [ended] { ended->set(); });
-                                        }});
+    CaptureLoop::Handlers handlers;
+    handlers.onFrame = [context](ByteView frame, TimePoint receivedAt) {
+      context->receiveFrame(frame, receivedAt);
+    };
+    handlers.onBurstEnd = [context] { context->flush(); };
+    handlers.onEnd = [strand = strand_, ended,
+                      onDeath = std::move(onDeath)](std::optional<std::string> death) {
+      if (death && onDeath) onDeath(*std::move(death));
+      boost::asio::post(strand, [ended] { ended->set(); });
+    };
+    loop_.emplace(std::move(handle), std::move(handlers));
   }
 
   boost::asio::awaitable<void> endCapture() {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <boost/asio/awaitable.hpp>
+#include <functional>
 #include <string>
 
 #include "stack/goose_error.h"
@@ -16,10 +17,14 @@ class RecordSource {
  public:
   virtual ~RecordSource() = default;
 
+  /// Called once, from any thread, when a capture ends although nobody stopped it, with libpcap's
+  /// text; the stream stays open until stop().
+  using DeathHandler = std::function<void(std::string reason)>;
+
   /// Ends any earlier capture of this source first. Fails as openPcapWithFilter() does; then there
   /// is no stream and the source is idle.
   virtual boost::asio::awaitable<GooseResult<MessageStream<Record>>> start(
-      std::string interface) = 0;
+      std::string interface, DeathHandler onDeath) = 0;
 
   /// Ends the capture, closes its handle and finishes the stream. Safe when idle, and repeatedly.
   virtual boost::asio::awaitable<void> stop() = 0;

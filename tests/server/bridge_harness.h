@@ -139,6 +139,7 @@ struct FakeCaptures {
   int running = 0;
   int mostRunning = 0;
   std::weak_ptr<StreamState<Record>> current;
+  std::function<void(std::string)> kill;  ///< Makes the latest capture die.
 };
 
 template <class Record>
@@ -146,13 +147,17 @@ class FakeSource final : public RecordSource<Record> {
  public:
   explicit FakeSource(FakeCaptures<Record>& captures) : captures_(captures) {}
 
-  asio::awaitable<GooseResult<MessageStream<Record>>> start(std::string interface) override {
+  using typename RecordSource<Record>::DeathHandler;
+
+  asio::awaitable<GooseResult<MessageStream<Record>>> start(std::string interface,
+                                                            DeathHandler onDeath) override {
     captures_.interfaces.push_back(std::move(interface));
     co_await captures_.gate.wait();
     if (captures_.failure) co_return *captures_.failure;
     captures_.mostRunning = std::max(captures_.mostRunning, ++captures_.running);
     state_ = std::make_shared<StreamState<Record>>();
     captures_.current = state_;
+    captures_.kill = std::move(onDeath);
     co_return MessageStream<Record>(state_);
   }
   asio::awaitable<void> stop() override {
@@ -236,6 +241,7 @@ class BridgeHarness {
         .listInterfaces = [this](BridgePorts::Names) { return interfaces; },
         .blockingExecutor = io.get_executor(),
         .makeAdvertiser = {},
+        .recoveryPause = std::chrono::milliseconds(20),
     };
   }
 

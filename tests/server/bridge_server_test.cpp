@@ -292,6 +292,41 @@ TEST_F(BridgeServerTest, AClientThatLeavesAStartingCaptureLeavesNoneRunning) {
   EXPECT_EQ(bridge.goose.running, 0);
 }
 
+TEST_F(BridgeServerTest, ADeadCaptureIsToldAndTriedAgain) {
+  const auto client = bridge.authenticated();
+  bridge.say(client, kSubscribe);
+  client->sent.clear();
+  bridge.goose.failure = GooseError::pcapOpenFailed("No such device");
+  bridge.goose.kill("The interface disappeared");
+  bridge.settle();
+  const auto told = BridgeHarness::take(client);
+  ASSERT_EQ(told.size(), 1U);
+  EXPECT_EQ(told[0]["isCapturing"], false);
+  EXPECT_EQ(bridge.goose.running, 0);
+  EXPECT_TRUE(bridge.logged("[BridgeServer] ✗ capture on en0 ended: The interface disappeared"));
+
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(12);
+  const auto runUntil = [&](auto isDone) {
+    while (!isDone() && std::chrono::steady_clock::now() < deadline) {
+      bridge.io.restart();
+      bridge.io.run_one_for(std::chrono::milliseconds(100));
+    }
+  };
+  runUntil([&] { return bridge.goose.interfaces.size() == 2; });
+  EXPECT_EQ(bridge.goose.running, 0) << "the first try failed";
+  bridge.goose.failure.reset();
+  runUntil([&] { return bridge.goose.running == 1 && !client->sent.empty(); });
+  EXPECT_EQ(BridgeHarness::take(client).back()["isCapturing"], true);
+}
+
+TEST_F(BridgeServerTest, StopDoesNotWaitForTheNextTryOfADeadCapture) {
+  const auto client = bridge.authenticated();
+  bridge.say(client, R"({"cmd":"subscribe_sv"})");
+  bridge.sv.kill("The interface disappeared");
+  bridge.settle();
+  EXPECT_TRUE(bridge.await(bridge.server->stop()));
+}
+
 TEST_F(BridgeServerTest, AStreamThatEndsByItselfClearsTheFlag) {
   const auto client = bridge.authenticated();
   bridge.say(client, kSubscribe);

@@ -11,6 +11,7 @@
 #include <boost/asio/use_future.hpp>
 #include <chrono>
 #include <fstream>
+#include <future>
 #include <string>
 #include <thread>
 
@@ -87,7 +88,7 @@ class GooseReceiverTest : public ProcessBusTest, public ::testing::WithParamInte
 
 TEST_P(GooseReceiverTest, GooseArrivesDecodedAndNothingElseDoes) {
   const auto receiver = makeReceiver();
-  auto stream = await(receiver->start(kBus));
+  auto stream = await(receiver->start(kBus, {}));
   ASSERT_TRUE(stream) << stream.error().description();
 
   Bytes malformed = gooseFrame(7);
@@ -109,7 +110,7 @@ TEST_P(GooseReceiverTest, GooseArrivesDecodedAndNothingElseDoes) {
 TEST_P(GooseReceiverTest, StopOnASilentLinkEndsTheStreamAtOnce) {
   const auto receiver = makeReceiver();
   await(receiver->stop());  // Never started: returns at once.
-  auto stream = await(receiver->start(kBus));
+  auto stream = await(receiver->start(kBus, {}));
   ASSERT_TRUE(stream);
   std::this_thread::sleep_for(20ms);  // Let the thread sit in its wait.
   const auto begin = std::chrono::steady_clock::now();
@@ -121,8 +122,8 @@ TEST_P(GooseReceiverTest, StopOnASilentLinkEndsTheStreamAtOnce) {
 
 TEST_P(GooseReceiverTest, ANewStartReplacesTheOldCapture) {
   const auto receiver = makeReceiver();
-  auto first = await(receiver->start(kBus));
-  auto second = await(receiver->start(kBus));
+  auto first = await(receiver->start(kBus, {}));
+  auto second = await(receiver->start(kBus, {}));
   ASSERT_TRUE(first && second);
   send({gooseFrame(5)});
   EXPECT_EQ(await(take(*second, 1)).size(), 1U) << "the end of the first must not stop the second";
@@ -133,7 +134,7 @@ TEST_P(GooseReceiverTest, ANewStartReplacesTheOldCapture) {
 TEST_P(GooseReceiverTest, DroppingTheConsumerEndsTheCapture) {
   const auto receiver = makeReceiver();
   {
-    auto stream = await(receiver->start(kBus));
+    auto stream = await(receiver->start(kBus, {}));
     ASSERT_TRUE(stream);
     EXPECT_EQ(openPacketSockets(), 1);
   }
@@ -147,7 +148,7 @@ TEST_P(GooseReceiverTest, DroppingTheConsumerEndsTheCapture) {
 TEST_P(GooseReceiverTest, ABurstAtFullRateIsTakenWhole) {
   constexpr std::uint32_t kFrames = 1000;
   const auto receiver = makeReceiver();
-  auto stream = await(receiver->start(kBus));
+  auto stream = await(receiver->start(kBus, {}));
   ASSERT_TRUE(stream);
   std::vector<Bytes> frames;
   for (std::uint32_t i = 0; i < kFrames; ++i) frames.push_back(gooseFrame(i));
@@ -158,9 +159,28 @@ TEST_P(GooseReceiverTest, ABurstAtFullRateIsTakenWhole) {
   await(receiver->stop());
 }
 
+TEST_P(GooseReceiverTest, ADeletedInterfaceIsReportedAndALinkDownIsNot) {
+  const auto receiver = makeReceiver();
+  std::promise<std::string> death;
+  auto stream =
+      await(receiver->start(kBus, [&death](std::string reason) { death.set_value(reason); }));
+  ASSERT_TRUE(stream);
+  NetworkNamespace::setUp(kBus, false);
+  NetworkNamespace::setUp(kBus, true);
+  send({gooseFrame(1)});
+  EXPECT_EQ(await(take(*stream, 1)).size(), 1U) << "the capture resumes by itself";
+
+  auto reason = death.get_future();
+  EXPECT_EQ(reason.wait_for(0s), std::future_status::timeout);
+  NetworkNamespace::removeLink(kIed);
+  ASSERT_EQ(reason.wait_for(kPatience), std::future_status::ready);
+  EXPECT_FALSE(reason.get().empty());
+  await(receiver->stop());
+}
+
 TEST_P(GooseReceiverTest, AnInterfaceThatCannotBeOpenedLeavesNothing) {
   const auto receiver = makeReceiver();
-  const auto missing = await(receiver->start("nosuch0"));
+  const auto missing = await(receiver->start("nosuch0", {}));
   ASSERT_FALSE(missing);
   EXPECT_EQ(missing.error().which(), GooseError::Case::pcapOpenFailed);
   EXPECT_NE(missing.error().description().find("nosuch0"), std::string::npos);
@@ -173,7 +193,7 @@ TEST_P(GooseReceiverTest, MissingPrivilegeIsToldApart) {
   ASSERT_EQ(::syscall(SYS_capset, &header, none), 0);
   asio::thread_pool weak{1};
   const auto receiver = std::make_shared<GooseReceiver>(weak.executor(), GetParam());
-  auto result = asio::co_spawn(weak, receiver->start(kBus), asio::use_future);
+  auto result = asio::co_spawn(weak, receiver->start(kBus, {}), asio::use_future);
   ASSERT_EQ(result.wait_for(kPatience), std::future_status::ready);
   const auto started = result.get();
   ASSERT_FALSE(started);
