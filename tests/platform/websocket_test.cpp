@@ -534,7 +534,9 @@ TEST(WebSocketTransport, ATakenPortFailsBeforeReadyAndAFreedOneServesAgain) {
   const auto listener = transport->makeListener(port).value();
   std::vector<std::shared_ptr<WebSocketConnection>> connections;
   auto receive = [](std::shared_ptr<WebSocketConnection> connection) -> asio::awaitable<void> {
-    while (co_await connection->receive()) {
+    while (true) {
+      const auto message = co_await connection->receive();
+      if (!message) co_return;
     }
   };
   const auto accept = [&](std::shared_ptr<WebSocketConnection> connection) {
