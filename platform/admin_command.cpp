@@ -9,6 +9,8 @@ namespace {
 
 constexpr const char* kShell = "/bin/sh";
 constexpr const char* kPkexec = "/usr/bin/pkexec";
+// Its internal agent would ask on a terminal, which belongs to nobody here.
+constexpr const char* kNoAgent = "--disable-internal-agent";
 constexpr const char* kOsascript = "/usr/bin/osascript";
 
 // pkexec(1), RETURN VALUE.
@@ -36,11 +38,10 @@ std::string_view firstLine(std::string_view text) {
   return text.substr(0, text.find_first_of("\r\n"));
 }
 
-AdminError unavailable(std::string_view reason, const std::string& commandLine) {
+AdminError unavailable(std::string_view reason, const std::string& byHand) {
   std::string text = "Keine Administratorrechte";
   if (!reason.empty()) text.append(" (").append(reason).append(")");
-  return {kAdminUnavailable,
-          text + ". Bitte von Hand ausführen: sudo sh -c " + quotedForShell(commandLine)};
+  return {kAdminUnavailable, text + ". Bitte von Hand ausführen: " + byHand};
 }
 
 std::vector<std::string> argumentsFor(AdminRights rights, const std::string& commandLine) {
@@ -48,8 +49,7 @@ std::vector<std::string> argumentsFor(AdminRights rights, const std::string& com
     case AdminRights::held:
       break;
     case AdminRights::pkexec:
-      // Its internal agent would ask on a terminal, which belongs to nobody here.
-      return {kPkexec, "--disable-internal-agent", kShell, "-c", commandLine};
+      return {kPkexec, kNoAgent, kShell, "-c", commandLine};
     case AdminRights::osascript:
       return {kOsascript, "-e",
               "do shell script \"" + escapeForAppleScript(commandLine) +
@@ -67,6 +67,29 @@ bool saysCancelled(const std::string& text) {
   return text.find("-128") != std::string::npos || lower.find("canceled") != std::string::npos;
 }
 
+// `byHand`: what to run where nobody can grant the rights.
+AdminResult resultOf(AdminRights rights, boost::system::result<ProcessOutcome> outcome,
+                     const std::string& byHand) {
+  if (!outcome) {
+    const auto error = outcome.error();
+    if (error == boost::system::errc::operation_canceled) return cancelled();
+    if (rights == AdminRights::pkexec && error == boost::system::errc::no_such_file_or_directory) {
+      return unavailable("pkexec fehlt", byHand);
+    }
+    return AdminError{error.value(), error.message()};
+  }
+  if (outcome->succeeded()) return {};
+  const int status = outcome->shellStatus();
+  if (rights == AdminRights::pkexec) {
+    if (status == kPkexecDismissed) return cancelled();
+    if (status == kPkexecNotAuthorized) {
+      return unavailable(firstLine(outcome->err), byHand);
+    }
+  }
+  if (rights == AdminRights::osascript && saysCancelled(outcome->err)) return cancelled();
+  return AdminError{status, std::move(outcome->err)};
+}
+
 }  // namespace
 
 std::string escapeForAppleScript(std::string_view text) {
@@ -79,25 +102,14 @@ std::string escapeForAppleScript(std::string_view text) {
 }
 
 AdminResult runAsAdmin(ProcessRunner& runner, AdminRights rights, const std::string& commandLine) {
-  auto outcome = runner.run(argumentsFor(rights, commandLine));
-  if (!outcome) {
-    const auto error = outcome.error();
-    if (error == boost::system::errc::operation_canceled) return cancelled();
-    if (rights == AdminRights::pkexec && error == boost::system::errc::no_such_file_or_directory) {
-      return unavailable("pkexec fehlt", commandLine);
-    }
-    return AdminError{error.value(), error.message()};
-  }
-  if (outcome->succeeded()) return {};
-  const int status = outcome->shellStatus();
-  if (rights == AdminRights::pkexec) {
-    if (status == kPkexecDismissed) return cancelled();
-    if (status == kPkexecNotAuthorized) {
-      return unavailable(firstLine(outcome->err), commandLine);
-    }
-  }
-  if (rights == AdminRights::osascript && saysCancelled(outcome->err)) return cancelled();
-  return AdminError{status, std::move(outcome->err)};
+  return resultOf(rights, runner.run(argumentsFor(rights, commandLine)),
+                  "sudo sh -c " + quotedForShell(commandLine));
+}
+
+AdminResult runProgramAsAdmin(ProcessRunner& runner, const std::string& pkexec,
+                              const std::string& program) {
+  return resultOf(AdminRights::pkexec, runner.run({pkexec, kNoAgent, program}),
+                  "sudo " + quotedForShell(program));
 }
 
 }  // namespace tarnlink

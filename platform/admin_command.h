@@ -34,6 +34,11 @@ using AdminResult = boost::system::result<void, AdminError>;
 /// The shell takes the line as it is: whoever writes it answers for every value in it.
 AdminResult runAsAdmin(ProcessRunner& runner, AdminRights rights, const std::string& commandLine);
 
+/// Runs one program, an absolute path, without arguments and with administrator rights from
+/// polkit's prompt, so that a polkit action can name it. `pkexec`: the prompt tool.
+AdminResult runProgramAsAdmin(ProcessRunner& runner, const std::string& pkexec,
+                              const std::string& program);
+
 /// The text as the inside of an AppleScript string literal.
 std::string escapeForAppleScript(std::string_view text);
 

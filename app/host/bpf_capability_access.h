@@ -1,0 +1,44 @@
+// Capture access on Linux: the bridge's program file gets CAP_NET_RAW, for the users who asked.
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+
+#include "app/host/capture_access.h"
+
+namespace tarnlink {
+
+/// The files that take part.
+struct CapabilityAccessFiles {
+  std::filesystem::path bridge;  ///< The program that captures.
+  std::filesystem::path helper;  ///< Gives `bridge` its capability; takes no arguments.
+  std::filesystem::path pkexec = "/usr/bin/pkexec";  ///< polkit's prompt.
+};
+
+/// A capability on the file rather than on the desktop program: a program that links Qt must not
+/// have one, since plug-in paths and D-Bus break, or are a hole, in secure execution.
+class BpfCapabilityAccess final : public CaptureAccess {
+ public:
+  /// `granted` is called after each successful install(), on its thread: a bridge that runs already
+  /// does not get the capability.
+  BpfCapabilityAccess(std::unique_ptr<ProcessRunner> runner, CapabilityAccessFiles files,
+                      std::function<void()> granted = {});
+
+  /// True when the bridge, started by this process, would hold CAP_NET_RAW: the process passes its
+  /// own on, or the file has it, the user may execute the file, and nothing keeps the kernel from
+  /// honouring it (capabilities(7)).
+  bool isGranted() override;
+
+  /// Fails as runProgramAsAdmin() does.
+  AdminResult install() override;
+
+  void cancel() override;
+
+ private:
+  std::unique_ptr<ProcessRunner> runner_;
+  CapabilityAccessFiles files_;
+  std::function<void()> granted_;
+};
+
+}  // namespace tarnlink

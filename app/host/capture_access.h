@@ -1,0 +1,28 @@
+// Port to whatever lets the bridge capture, and how the user's consent brings it about.
+#pragma once
+
+#include <string_view>
+
+#include "platform/admin_command.h"
+
+namespace tarnlink {
+
+/// Reverse-DNS identifier of the application; names of installed things begin with it.
+inline constexpr std::string_view kApplicationIdentifier = "com.korvel.tarnlink";
+
+/// One way of giving access, for one system. Nothing is cached: every call looks anew.
+class CaptureAccess {
+ public:
+  virtual ~CaptureAccess() = default;
+
+  /// Whether the bridge could capture if it were asked now. Starts no process and waits for nobody.
+  virtual bool isGranted() = 0;
+
+  /// Asks an administrator and sets access up, for good and at once. Blocks while the user answers.
+  virtual AdminResult install() = 0;
+
+  /// Ends a pending install(). Any thread.
+  virtual void cancel() = 0;
+};
+
+}  // namespace tarnlink

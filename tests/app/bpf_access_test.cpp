@@ -1,0 +1,294 @@
+// Capture access: what the user is told, what is installed, and whether it then counts as given.
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sys/capability.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <vector>
+
+#include "app/host/bpf_capability_access.h"
+#include "app/host/bpf_device_access.h"
+#include "app/host/bpf_permission_helper.h"
+#include "tests/support/scripted_process_runner.h"
+
+namespace tarnlink {
+namespace {
+
+namespace fs = std::filesystem;
+using test::outcome;
+using test::ScriptedProcessRunner;
+using Texts = std::vector<std::string>;
+
+/// A folder that goes with its object.
+struct ScratchFolder {
+  ScratchFolder() { fs::create_directories(path); }
+  ~ScratchFolder() { fs::remove_all(path); }
+  ScratchFolder(const ScratchFolder&) = delete;
+  ScratchFolder& operator=(const ScratchFolder&) = delete;
+
+  const fs::path path = fs::path(::testing::TempDir()) / ("bpf." + std::to_string(::getpid()));
+};
+
+std::string contentOf(const fs::path& file) {
+  std::ifstream stream(file);
+  return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+struct AnsweredAlerts final : UserAlerts {
+  bool confirm(std::string_view title, std::string_view message, std::string_view accept,
+               std::string_view decline) override {
+    for (const auto text : {title, message, accept, decline}) shown.emplace_back(text);
+    return agrees;
+  }
+  void showInfo(std::string_view title, std::string_view message) override {
+    for (const auto text : {title, message}) shown.emplace_back(text);
+  }
+  bool agrees = true;
+  Texts shown;
+};
+
+struct ScriptedAccess final : CaptureAccess {
+  bool isGranted() override { return std::exchange(granted, grantedLater); }
+  AdminResult install() override { return result; }
+  void cancel() override {}
+  bool granted = false, grantedLater = false;
+  AdminResult result;
+};
+
+TEST(BpfPermissionHelper, TheUserIsToldHowItWent) {
+  const Texts question = {
+      "Tarnlink braucht Netzwerk-Berechtigung",
+      "Für den Empfang von GOOSE-Nachrichten auf Layer 2 muss die Bridge auf /dev/bpf* zugreifen. "
+      "macOS erlaubt das nur mit Admin-Rechten.\n\nDie Bridge installiert dafür einen kleinen "
+      "System-Service (gleicher Ansatz wie Wireshark's ChmodBPF), der beim Systemstart die "
+      "Berechtigung automatisch setzt. Dieser Schritt ist nur einmal nötig.",
+      "Installieren…", "Später"};
+  const std::string failed = "Installation fehlgeschlagen";
+  const struct {
+    const char* situation;
+    bool before, agrees;
+    AdminResult installed;
+    bool after, expected;
+    Texts answer;
+  } cases[] = {
+      {"later", false, false, {}, true, false, {}},
+      {"cancelled",
+       false,
+       true,
+       AdminError{-128, "Benutzer hat abgebrochen"},
+       false,
+       false,
+       {failed, "Fehler: Benutzer hat abgebrochen"}},
+      {"tool's text",
+       false,
+       true,
+       AdminError{1, "\n boom \r\n"},
+       false,
+       false,
+       {failed, "Fehler: boom"}},
+      {"no text",
+       false,
+       true,
+       AdminError{1, "\xFF"},
+       false,
+       false,
+       {failed, "Fehler: unknown error"}},
+      {"incomplete",
+       false,
+       true,
+       {},
+       false,
+       false,
+       {"Installation unvollständig",
+        "Der Service wurde installiert, aber /dev/bpf* ist noch nicht zugänglich. Bitte Bridge neu "
+        "starten."}},
+      {"done",
+       false,
+       true,
+       {},
+       true,
+       true,
+       {"Installation erfolgreich", "Die Bridge kann jetzt GOOSE-Nachrichten empfangen."}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.situation);
+    AnsweredAlerts alerts;
+    alerts.agrees = c.agrees;
+    ScriptedAccess access;
+    access.grantedLater = c.after;
+    access.result = c.installed;
+    EXPECT_EQ(BpfPermissionHelper(access, alerts).ensureAccess(), c.expected);
+    Texts expected = question;
+    expected.insert(expected.end(), c.answer.begin(), c.answer.end());
+    EXPECT_EQ(alerts.shown, expected);
+  }
+  AnsweredAlerts alerts;
+  ScriptedAccess access;
+  access.granted = true;
+  EXPECT_TRUE(BpfPermissionHelper(access, alerts).ensureAccess());
+  EXPECT_EQ(alerts.shown, Texts{});
+}
+
+TEST(BpfDeviceAccess, TheFirstDeviceThatIsThereDecides) {
+  const ScratchFolder folder;
+  const auto isGranted = [&] {
+    return BpfDeviceAccess(nullptr, folder.path, (folder.path / "bpf").string()).isGranted();
+  };
+  EXPECT_FALSE(isGranted());
+  std::ofstream(folder.path / "bpf256") << "";
+  EXPECT_FALSE(isGranted());
+  std::ofstream(folder.path / "bpf255") << "";
+  EXPECT_TRUE(isGranted());
+  // Unreadable for root too: a link to itself.
+  fs::create_symlink("bpf0", folder.path / "bpf0");
+  EXPECT_FALSE(isGranted());
+}
+
+constexpr const char* kPropertyList =
+    R"(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
+<plist version="1.0">
+<dict>
+    <key>Label</key>
+    <string>com.korvel.tarnlink.chmodbpf</string>
+    <key>ProgramArguments</key>
+    <array>
+        <string>/bin/sh</string>
+        <string>-c</string>
+        <string>chgrp admin /dev/bpf* 2>/dev/null; chmod g+rw /dev/bpf*</string>
+    </array>
+    <key>RunAtLoad</key>
+    <true/>
+    <key>KeepAlive</key>
+    <false/>
+</dict>
+</plist>)";
+
+TEST(BpfDeviceAccess, OnlyASuccessfulInstallationTakesItsFileAway) {
+  const ScratchFolder folder;
+  const auto folderWithQuote = folder.path / "a\"b\\c";
+  const auto draft = folderWithQuote / "com.korvel.tarnlink.chmodbpf.plist";
+  const std::string daemon = "'/Library/LaunchDaemons/com.korvel.tarnlink.chmodbpf.plist'";
+  // As it must stand in an AppleScript literal.
+  const std::string escapedDraft =
+      folder.path.string() + R"(/a\"b\\c/com.korvel.tarnlink.chmodbpf.plist)";
+  const std::string line = "cp '" + escapedDraft + "' " + daemon + " && chown root:wheel " +
+                           daemon + " && chmod 644 " + daemon + " && launchctl load " + daemon +
+                           " 2>/dev/null; chgrp admin /dev/bpf* 2>/dev/null; chmod g+rw /dev/bpf*";
+  const auto install = [&](const ProcessOutcome& answer) {
+    const std::vector<std::string> argv{
+        "/usr/bin/osascript", "-e",
+        "do shell script \"" + line + "\" with administrator privileges"};
+    return BpfDeviceAccess(std::make_unique<ScriptedProcessRunner>(
+                               std::vector<test::ScriptedCommand>{{argv, answer}}),
+                           folderWithQuote)
+        .install();
+  };
+
+  BpfDeviceAccess nowhere(
+      std::make_unique<ScriptedProcessRunner>(std::vector<test::ScriptedCommand>{}),
+      folderWithQuote);
+  EXPECT_EQ(nowhere.install().error(), (AdminError{ENOENT, "No such file or directory"}));
+
+  fs::create_directory(folderWithQuote);
+  EXPECT_EQ(install(outcome(1, "", "execution error: User canceled. (-128)\n")).error(),
+            (AdminError{-128, "Benutzer hat abgebrochen"}));
+  EXPECT_EQ(contentOf(draft), kPropertyList);
+  EXPECT_TRUE(install(outcome(0)));
+  EXPECT_TRUE(fs::is_empty(folderWithQuote));
+}
+
+/// What isGranted() says in a process of that user, who holds nothing.
+bool isGrantedTo(uid_t user, const fs::path& bridge, const std::function<void()>& restrict = {}) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    if (restrict) restrict();
+    if (::setgroups(0, nullptr) != 0 || ::setgid(user) != 0 || ::setuid(user) != 0) ::_exit(2);
+    ::_exit(BpfCapabilityAccess(nullptr, {bridge, {}}).isGranted() ? 0 : 1);
+  }
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) < 2);
+  return status == 0;
+}
+
+bool setFileCapability(const fs::path& file, const char* text) {
+  const cap_t set = ::cap_from_text(text);
+  const bool done = ::cap_set_file(file.c_str(), set) == 0;
+  ::cap_free(set);
+  return done;
+}
+
+TEST(BpfCapabilityAccess, TheProgramFileMustGiveItToThisUser) {
+  const ScratchFolder folder;
+  fs::permissions(folder.path, fs::perms(0755));
+  const auto bridge = folder.path / "tarnlinkd";
+  EXPECT_FALSE(BpfCapabilityAccess(nullptr, {bridge, {}}).isGranted());
+  std::ofstream(bridge) << "";
+  fs::permissions(bridge, fs::perms(0755));
+  if (!setFileCapability(bridge, "=")) GTEST_SKIP() << "file capabilities need root";
+
+  EXPECT_FALSE(isGrantedTo(65534, bridge));
+  ASSERT_TRUE(setFileCapability(bridge, "cap_net_raw=p"));
+  EXPECT_FALSE(isGrantedTo(65534, bridge)) << "permitted, but not effective";
+  ASSERT_TRUE(setFileCapability(bridge, "cap_net_raw=ep"));
+  EXPECT_TRUE(isGrantedTo(65534, bridge));
+  EXPECT_FALSE(isGrantedTo(65534, bridge, [] { ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0); }));
+  EXPECT_FALSE(isGrantedTo(65534, bridge, [] { ::cap_drop_bound(CAP_NET_RAW); }));
+  fs::permissions(bridge, fs::perms(0750));
+  EXPECT_FALSE(isGrantedTo(65534, bridge)) << "not executable by this user";
+}
+
+TEST(BpfCapabilityAccess, TheHelperGivesItToTheUserWhoAskedAlone) {
+  const ScratchFolder folder;
+  fs::permissions(folder.path, fs::perms(0755));
+  const auto bridge = folder.path / "tarnlinkd";
+  const auto helper = folder.path / "tarnlink-capture-access";
+  fs::copy_file(TARNLINK_CAPTURE_ACCESS, helper);
+  const auto run = [&](const std::string& arguments) {
+    return std::system(("PKEXEC_UID=65534 " + helper.string() + arguments).c_str());
+  };
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root";
+  EXPECT_NE(run(""), 0) << "no bridge beside it";
+  std::ofstream(bridge) << "";
+  EXPECT_NE(run(" /etc/passwd"), 0);
+  if (!setFileCapability(bridge, "=")) GTEST_SKIP() << "no file capabilities here";
+  ASSERT_EQ(run(""), 0);
+  EXPECT_TRUE(isGrantedTo(65534, bridge));
+  EXPECT_FALSE(isGrantedTo(65533, bridge));
+  EXPECT_EQ(run(""), 0) << "again";
+}
+
+TEST(BpfCapabilityAccess, ARunningBridgeHearsOfConsentAlone) {
+  const std::vector<std::string> argv{"/opt/pkexec", "--disable-internal-agent", "/opt/helper"};
+  const struct {
+    ProcessOutcome answer;
+    AdminResult expected;
+  } cases[] = {
+      {outcome(0), {}},
+      {outcome(126), AdminError{-128, "Benutzer hat abgebrochen"}},
+      {outcome(127, "", "Not authorized\n"),
+       AdminError{127,
+                  "Keine Administratorrechte (Not authorized). Bitte von Hand ausführen: sudo "
+                  "'/opt/helper'"}},
+      {outcome(1, "", "setcap: no"), AdminError{1, "setcap: no"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.answer.exitStatus);
+    int told = 0;
+    BpfCapabilityAccess access(std::make_unique<ScriptedProcessRunner>(
+                                   std::vector<test::ScriptedCommand>{{argv, c.answer}}),
+                               {"/opt/tarnlinkd", "/opt/helper", "/opt/pkexec"}, [&] { ++told; });
+    EXPECT_TRUE(access.install() == c.expected);
+    EXPECT_EQ(told, c.expected ? 1 : 0);
+  }
+}
+
+}  // namespace
+}  // namespace tarnlink
