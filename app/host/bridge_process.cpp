@@ -17,6 +17,7 @@
 #include "platform/interface_names.h"
 #include "platform/preference_store.h"
 #include "platform/process_capabilities.h"
+#include "platform/service_notify.h"
 #include "platform/websocket.h"
 #include "server/bridge_server.h"
 #include "server/pairing_code.h"
@@ -97,7 +98,9 @@ class BridgeProcess {
     const auto started = co_await server_->start(port_);
     if (isStopping_) co_return;
     if (started) {
-      logToConsole("[KorvelTarnlink] Listening on port " + std::to_string(port_));
+      const auto listening = "Listening on port " + std::to_string(port_);
+      logToConsole("[KorvelTarnlink] " + listening);
+      notifyServiceReady(listening);
     } else {
       logToConsole("[KorvelTarnlink] Start failed: " + started.error().description());
       exitCode_ = kExitStartFailed;
@@ -111,6 +114,7 @@ class BridgeProcess {
     co_await signals_.async_wait(asio::redirect_error(asio::use_awaitable, cancelled));
     if (cancelled) co_return;
     isStopping_ = true;
+    notifyServiceStopping();
     co_await server_->stop();
     isDone_ = true;
   }
