@@ -1,8 +1,13 @@
 #include "app/host/bridge_process.h"
 
+#include <unistd.h>
+
+#include <array>
+#include <boost/asio/buffer.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/redirect_error.hpp>
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/thread_pool.hpp>
@@ -56,6 +61,7 @@ class BridgeProcess {
  public:
   explicit BridgeProcess(const DaemonOptions& options)
       : port_(options.port),
+        untilInputEnds_(options.untilInputEnds),
         vlan_(VlanInterfaceHelper::forThisSystem()),
         preferences_(makePreferenceStore(options.preferences, logToConsole)),
         transport_(makeWebSocketTransport(io_.get_executor())),
@@ -66,8 +72,11 @@ class BridgeProcess {
   int run() {
     asio::co_spawn(io_, stopOnSignal(), asio::detached);
     asio::co_spawn(io_, serve(), asio::detached);
+    if (untilInputEnds_) asio::co_spawn(io_, stopWhenInputEnds(), asio::detached);
     while (!isDone_ && io_.run_one() != 0) {
     }
+    boost::system::error_code ignored;
+    input_.close(ignored);
     io_.run_for(kCloseTime);
     return exitCode_;
   }
@@ -119,7 +128,20 @@ class BridgeProcess {
     isDone_ = true;
   }
 
+  // The end of its writer, whatever way it comes, ends the input; then it is as if asked to stop.
+  asio::awaitable<void> stopWhenInputEnds() {
+    input_.assign(::dup(STDIN_FILENO));
+    std::array<char, 64> ignored;
+    const auto buffer = asio::buffer(ignored);
+    boost::system::error_code ended;
+    while (!ended && input_.is_open()) {
+      co_await input_.async_read_some(buffer, asio::redirect_error(asio::use_awaitable, ended));
+    }
+    if (input_.is_open()) std::raise(SIGTERM);
+  }
+
   std::uint16_t port_;
+  bool untilInputEnds_;
   asio::io_context io_{1};
   std::unique_ptr<VlanSetup> vlan_;  // Used on the host thread, which it outlives.
   asio::thread_pool blocking_{kBlockingThreads};
@@ -128,6 +150,7 @@ class BridgeProcess {
   std::unique_ptr<PreferenceStore> preferences_;
   std::unique_ptr<WebSocketTransport> transport_;
   asio::signal_set signals_;
+  asio::posix::stream_descriptor input_{io_};
   std::shared_ptr<BridgeServer> server_;
   bool isStopping_ = false;
   bool isDone_ = false;

@@ -35,6 +35,8 @@ std::variant<DaemonOptions, ExitCode> parseDaemonOptions(int argc, const char* c
                "Take each frame from the kernel at once instead of within 100 ms");
   app.add_flag("--show-pairing-code", options.showPairingCode,
                "Print the pairing code, making one when there is none, and exit");
+  app.add_flag("--until-input-ends", options.untilInputEnds,
+               "Stop when standard input ends, and so with the program that started this one");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

@@ -15,6 +15,7 @@ struct DaemonOptions {
   bool advertise = true;
   bool lowLatency = false;
   bool showPairingCode = false;
+  bool untilInputEnds = false;  ///< Stop when standard input ends, as when its writer has ended.
 };
 
 /// The program is to end at once: after --help and --version (0), or on bad usage (2). What there
