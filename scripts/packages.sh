@@ -6,12 +6,15 @@
 build_packages=(
   g++ cmake ninja-build pkg-config
   libboost1.81-dev libpcap-dev libsimdjson-dev nlohmann-json3-dev libcli11-dev
-  libsystemd-dev libcap-dev
+  libsystemd-dev libcap-dev libavahi-client-dev
   iproute2 util-linux
 )
 
 # To build and run the tests and benches as well.
-test_packages=(libgtest-dev libgmock-dev libbenchmark-dev dbus-daemon tshark)
+test_packages=(
+  libgtest-dev libgmock-dev libbenchmark-dev tshark
+  dbus-daemon avahi-daemon avahi-utils
+)
 
 # For the checks beyond the tests.
 ci_packages=(

@@ -1,0 +1,77 @@
+#include "platform/avahi_thread.h"
+
+#include <avahi-common/error.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <new>
+#include <system_error>
+#include <utility>
+
+namespace tarnlink {
+
+AvahiLoop::AvahiLoop() : poll_(::avahi_simple_poll_new()) {
+  if (poll_ == nullptr) throw std::bad_alloc();
+  wake_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (wake_ < 0) {
+    const int error = errno;
+    ::avahi_simple_poll_free(poll_);
+    throw std::system_error(error, std::generic_category(), "eventfd");
+  }
+  // Never read, so that a request which comes between two turns ends the next one too.
+  api()->watch_new(
+      api(), wake_, AVAHI_WATCH_IN, [](AvahiWatch*, int, AvahiWatchEvent, void*) {}, nullptr);
+}
+
+AvahiLoop::~AvahiLoop() {
+  ::avahi_simple_poll_free(poll_);
+  ::close(wake_);
+}
+
+const AvahiPoll* AvahiLoop::api() const {
+  return ::avahi_simple_poll_get(poll_);
+}
+
+void AvahiLoop::run() {
+  while (!isQuit_ && !isAskedToStop_) {
+    if (::avahi_simple_poll_iterate(poll_, -1) != 0) break;
+  }
+  isQuit_ = false;
+}
+
+void AvahiLoop::askToStop() {
+  isAskedToStop_ = true;
+  ::eventfd_write(wake_, 1);
+}
+
+AvahiThread::AvahiThread(std::function<void(AvahiLoop&)> work)
+    : loop_(std::make_shared<AvahiLoop>()) {
+  std::packaged_task<void()> task([loop = loop_, work = std::move(work)] { work(*loop); });
+  ended_ = task.get_future();
+  thread_ = std::thread(std::move(task));
+}
+
+AvahiThread::~AvahiThread() {
+  stop(std::chrono::milliseconds(0));
+}
+
+bool AvahiThread::waitUntil(std::chrono::steady_clock::time_point deadline) const {
+  return ended_.wait_until(deadline) == std::future_status::ready;
+}
+
+void AvahiThread::stop(std::chrono::milliseconds patience) {
+  if (!thread_.joinable()) return;
+  loop_->askToStop();
+  if (waitUntil(std::chrono::steady_clock::now() + patience)) {
+    thread_.join();
+  } else {
+    thread_.detach();
+  }
+}
+
+DnsSdError avahiError(int code) {
+  return {code, ::avahi_strerror(code)};
+}
+
+}  // namespace tarnlink
