@@ -7,7 +7,7 @@
 
 namespace tarnlink {
 
-/// Calls come from the server's actor and return at once.
+/// Calls come from the server's actor; stop() may hold it for a fraction of a second.
 class ServiceAdvertiser {
  public:
   virtual ~ServiceAdvertiser() = default;

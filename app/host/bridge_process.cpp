@@ -17,6 +17,7 @@
 #include <string>
 #include <utility>
 
+#include "app/host/bridge_advertiser.h"
 #include "app/host/vlan_interface_helper.h"
 #include "platform/console_log.h"
 #include "platform/interface_names.h"
@@ -54,6 +55,10 @@ std::vector<NetworkInterfaceInfo> listInterfaces(BridgePorts::Names names) {
   SystemNames source;
   return InterfaceDiscovery::listEthernetInterfaces(names == BridgePorts::Names::display ? &source
                                                                                          : nullptr);
+}
+
+std::unique_ptr<ServiceAdvertiser> makeAdvertiser(std::int32_t port) {
+  return std::make_unique<BridgeAdvertiser>(port, logToConsole);
 }
 
 /// Owns everything that lives while the bridge serves.
@@ -99,7 +104,7 @@ class BridgeProcess {
         .hostExecutor = host_.executor(),
         .listInterfaces = listInterfaces,
         .blockingExecutor = blocking_.executor(),
-        .makeAdvertiser = {},
+        .makeAdvertiser = options.advertise ? AdvertiserFactory(makeAdvertiser) : nullptr,
     };
   }
 
