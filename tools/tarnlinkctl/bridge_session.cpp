@@ -10,8 +10,6 @@
 namespace tarnlink {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 // The bridge's code for commands before authentication.
 constexpr std::int64_t kNotAuthenticated = 7;
 
@@ -73,20 +71,22 @@ CtlResult<std::optional<BridgeEvent>> BridgeSession::next(std::chrono::milliseco
   return std::optional(std::move(event));
 }
 
+CtlResult<BridgeEvent> BridgeSession::nextBefore(Clock::time_point deadline) {
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+  auto event = next(std::max(left, std::chrono::milliseconds(0)));
+  if (!event) return event.error();
+  if (*event) return std::move(**event);
+  return CtlError{CtlExit::connection,
+                  "no answer from the bridge at " + address_ + " within " + seconds(timeout_)};
+}
+
 CtlResult<BridgeEvent> BridgeSession::answer(std::initializer_list<std::string_view> names) {
   const auto deadline = Clock::now() + timeout_;
   while (true) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-    auto event = next(std::max(left, std::chrono::milliseconds(0)));
-    if (!event) return event.error();
-    if (!*event) {
-      return CtlError{CtlExit::connection,
-                      "no answer from the bridge at " + address_ + " within " + seconds(timeout_)};
-    }
-    if ((*event)->name == "error") return errorOf(**event);
-    if (std::find(names.begin(), names.end(), (*event)->name) != names.end()) {
-      return std::move(**event);
-    }
+    auto event = nextBefore(deadline);
+    if (!event) return event;
+    if (event->name == "error") return errorOf(*event);
+    if (std::find(names.begin(), names.end(), event->name) != names.end()) return event;
   }
 }
 

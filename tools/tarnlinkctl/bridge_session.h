@@ -34,12 +34,17 @@ CtlError errorOf(const BridgeEvent& event);
 /// Blocking; one thread.
 class BridgeSession {
  public:
+  using Clock = std::chrono::steady_clock;
+
   static CtlResult<BridgeSession> connect(const CtlOptions& options);
 
   CtlResult<void> send(std::string_view command);
 
   /// The next event; nothing when none came within the time.
   CtlResult<std::optional<BridgeEvent>> next(std::chrono::milliseconds wait);
+
+  /// The next event; that none came in time is the error.
+  CtlResult<BridgeEvent> nextBefore(Clock::time_point deadline);
 
   /// The next event of one of the names. Broadcasts that come before it are dropped; an "error"
   /// event is the error.

@@ -1,86 +1,27 @@
 #include "tools/tarnlinkctl/commands.h"
 
-#include <chrono>
-#include <memory>
-#include <string>
 #include <utility>
+#include <variant>
 
-#include "platform/preference_store.h"
-#include "server/json_writer.h"
-#include "tools/tarnlinkctl/bridge_session.h"
+#include "tools/tarnlinkctl/ctl_run.h"
 #include "tools/tarnlinkctl/printing.h"
 
 namespace tarnlink {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = BridgeSession::Clock;
 
-// How long an interrupt goes unnoticed at most.
-constexpr std::chrono::milliseconds kInterruptCheck{200};
+// Answers a confirmed command's ping; any number will do.
+constexpr std::int64_t kConfirmation = 1;
 
-/// {"cmd":NAME and then texts by key.
-class CommandText {
- public:
-  explicit CommandText(std::string_view name) {
-    writer_.literal("{\"cmd\":");
-    writer_.string(name);
-  }
-  CommandText& text(std::string_view key, std::string_view value) {
-    member(key);
-    writer_.string(value);
-    return *this;
-  }
-  CommandText& integer(std::string_view key, std::int64_t value) {
-    member(key);
-    auto run = writer_.begin(JsonRun::kMaxInteger);
-    run.integer(value);
-    writer_.end(run);
-    return *this;
-  }
-  CtlResult<std::string> end() {
-    writer_.literal("}");
-    if (writer_.failed()) return CtlError{CtlExit::usage, "an argument is not UTF-8"};
-    return std::string(writer_.text());
-  }
+}  // namespace
 
- private:
-  void member(std::string_view key) {
-    writer_.literal(",");
-    writer_.string(key);
-    writer_.literal(":");
-  }
-  JsonWriter writer_;
-};
+std::string activeInterfaceOf(const BridgeEvent& status) {
+  const auto* active = status.members.string("activeInterface");
+  return active && !active->empty() ? printable(*active) : "no interface yet";
+}
 
-/// One run of the program.
-class Run {
- public:
-  Run(const CtlOptions& options, std::ostream& out, std::ostream& errors,
-      const std::atomic<bool>& interrupted)
-      : options_(options), out_(out), errors_(errors), interrupted_(interrupted) {}
-
-  CtlResult<void> operator()(const PairCommand& command);
-  CtlResult<void> operator()(const PingCommand& command);
-  CtlResult<void> operator()(const InterfacesCommand& command);
-  CtlResult<void> operator()(const SetInterfaceCommand& command);
-  CtlResult<void> operator()(const SubscribeGooseCommand& command);
-
- private:
-  std::unique_ptr<PreferenceStore> rememberedCodes();
-  CtlResult<BridgeSession> authenticated();
-  CtlResult<BridgeEvent> ask(BridgeSession& session, CommandText command,
-                             std::initializer_list<std::string_view> answers);
-  CtlResult<void> printMessages(BridgeSession& session, std::optional<std::uint64_t> count);
-  void print(const std::string& line) { out_ << line << std::endl; }
-
-  const CtlOptions& options_;
-  std::ostream& out_;
-  std::ostream& errors_;
-  const std::atomic<bool>& interrupted_;
-  bool storeFailed_ = false;
-};
-
-std::unique_ptr<PreferenceStore> Run::rememberedCodes() {
+std::unique_ptr<PreferenceStore> CtlRun::rememberedCodes() {
   return makePreferenceStore(defaultPreferenceFile().replace_filename("ctl.json"),
                              [this](std::string_view line) {
                                storeFailed_ = true;
@@ -88,7 +29,7 @@ std::unique_ptr<PreferenceStore> Run::rememberedCodes() {
                              });
 }
 
-CtlResult<BridgeSession> Run::authenticated() {
+CtlResult<BridgeSession> CtlRun::authenticated() {
   const auto code =
       options_.code ? options_.code : rememberedCodes()->read(bridgeAddress(options_));
   auto session = BridgeSession::connect(options_);
@@ -102,15 +43,35 @@ CtlResult<BridgeSession> Run::authenticated() {
   return session;
 }
 
-CtlResult<BridgeEvent> Run::ask(BridgeSession& session, CommandText command,
-                                std::initializer_list<std::string_view> answers) {
-  const auto text = command.end();
-  if (!text) return text.error();
-  if (const auto sent = session.send(*text); !sent) return sent.error();
+CtlResult<BridgeEvent> CtlRun::ask(BridgeSession& session, CommandText command,
+                                   std::initializer_list<std::string_view> answers) {
+  if (const auto sent = send(session, std::move(command)); !sent) return sent.error();
   return session.answer(answers);
 }
 
-CtlResult<void> Run::operator()(const PairCommand& command) {
+CtlResult<void> CtlRun::send(BridgeSession& session, CommandText command) {
+  const auto text = command.end();
+  if (!text) return CtlError{CtlExit::usage, "an argument is not UTF-8"};
+  return session.send(*text);
+}
+
+// For commands that succeed in silence, or whose answer also comes as a broadcast: the bridge
+// serves a client's commands in their order, so whatever they led to is there before this pong.
+CtlResult<void> CtlRun::confirm(BridgeSession& session, const Handler& onEvent) {
+  const auto deadline = Clock::now() + options_.timeout;
+  CommandText ping("ping");
+  ping.integer("timestamp", kConfirmation);
+  if (const auto sent = send(session, std::move(ping)); !sent) return sent.error();
+  while (true) {
+    const auto event = session.nextBefore(deadline);
+    if (!event) return event.error();
+    if (event->name == "pong") return {};
+    if (event->name == "error") return errorOf(*event);
+    onEvent(*event);
+  }
+}
+
+CtlResult<void> CtlRun::operator()(const PairCommand& command) {
   auto session = BridgeSession::connect(options_);
   if (!session) return session.error();
   const auto accepted = session->authenticate(command.code);
@@ -125,7 +86,7 @@ CtlResult<void> Run::operator()(const PairCommand& command) {
   return {};
 }
 
-CtlResult<void> Run::operator()(const PingCommand&) {
+CtlResult<void> CtlRun::operator()(const PingCommand&) {
   auto session = BridgeSession::connect(options_);
   if (!session) return session.error();
   const auto now = std::chrono::system_clock::now().time_since_epoch();
@@ -142,7 +103,7 @@ CtlResult<void> Run::operator()(const PingCommand&) {
   return {};
 }
 
-CtlResult<void> Run::operator()(const InterfacesCommand&) {
+CtlResult<void> CtlRun::operator()(const InterfacesCommand&) {
   auto session = authenticated();
   if (!session) return session.error();
   const auto event = ask(*session, CommandText("get_interfaces"), {"interfaces"});
@@ -163,7 +124,7 @@ CtlResult<void> Run::operator()(const InterfacesCommand&) {
   return {};
 }
 
-CtlResult<void> Run::operator()(const SetInterfaceCommand& command) {
+CtlResult<void> CtlRun::operator()(const SetInterfaceCommand& command) {
   auto session = authenticated();
   if (!session) return session.error();
   auto status =
@@ -181,48 +142,15 @@ CtlResult<void> Run::operator()(const SetInterfaceCommand& command) {
   return {};
 }
 
-CtlResult<void> Run::operator()(const SubscribeGooseCommand& command) {
-  auto session = authenticated();
-  if (!session) return session.error();
-  CommandText text("subscribe_goose");
-  if (command.appId) text.text("appIdFilter", std::to_string(*command.appId));
-  if (command.goCBRef) text.text("goCBRefFilter", *command.goCBRef);
-  const auto status = ask(*session, std::move(text), {"bridge_status"});
-  if (!status) return status.error();
-  if (options_.json) {
-    print(status->text);
-  } else {
-    const auto* active = status->members.string("activeInterface");
-    errors_ << "subscribed on " << (active ? printable(*active) : "?") << std::endl;
-  }
-  return printMessages(*session, command.count);
+bool runsUntilInterrupted(const CtlCommand& command) {
+  return std::holds_alternative<SubscribeGooseCommand>(command) ||
+         std::holds_alternative<SubscribeSvCommand>(command) ||
+         std::holds_alternative<PublishSvCommand>(command);
 }
-
-CtlResult<void> Run::printMessages(BridgeSession& session, std::optional<std::uint64_t> count) {
-  while (!interrupted_ && count != 0) {
-    auto event = session.next(kInterruptCheck);
-    if (!event) return event.error();
-    if (!*event) continue;
-    const auto& members = (*event)->members;
-    const bool isMessage = (*event)->name == "goose_message";
-    if (options_.json) {
-      print((*event)->text);
-    } else if (const auto* message = members.find("message"); isMessage && message) {
-      if (const auto* fields = message->as<JsonObject>()) print(gooseLine(*fields));
-    } else if ((*event)->name == "error") {
-      errors_ << "tarnlinkctl: " << errorOf(**event).text << std::endl;
-    }
-    if (isMessage && count) --*count;
-  }
-  session.close();
-  return {};
-}
-
-}  // namespace
 
 CtlExit runCtl(const CtlOptions& options, std::ostream& out, std::ostream& errors,
                const std::atomic<bool>& interrupted) {
-  Run run(options, out, errors, interrupted);
+  CtlRun run(options, out, errors, interrupted);
   const auto result = std::visit(run, options.command);
   if (result) return CtlExit::done;
   errors << "tarnlinkctl: " << result.error().text << std::endl;

@@ -20,7 +20,7 @@ int main(int argc, char** argv) {
     return static_cast<int>(end->exit);
   }
   const auto& options = std::get<tarnlink::CtlOptions>(parsed);
-  if (std::holds_alternative<tarnlink::SubscribeGooseCommand>(options.command)) {
+  if (tarnlink::runsUntilInterrupted(options.command)) {
     for (const int signal : {SIGINT, SIGTERM}) std::signal(signal, [](int) { interrupted = true; });
   }
   return static_cast<int>(tarnlink::runCtl(options, std::cout, std::cerr, interrupted));

@@ -1,8 +1,11 @@
 #include "tools/tarnlinkctl/options.h"
 
 #include <CLI/CLI.hpp>
-#include <charconv>
+#include <memory>
 #include <sstream>
+
+#include "tools/tarnlinkctl/option_checks.h"
+#include "tools/tarnlinkctl/publish_options.h"
 
 namespace tarnlink {
 namespace {
@@ -19,31 +22,59 @@ constexpr const char* kFooter =
     "Exit codes: 0 done, 1 no connection or no answer, 2 bad usage, 3 code wrong or not known,\n"
     "4 the bridge answered with an error.";
 
-template <class Number>
-std::optional<Number> parseWhole(std::string_view text, int base = 10) {
-  Number number = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, base);
-  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-  return number;
+void addPlainCommands(CLI::App& app, CtlCommand& command) {
+  const auto pair = std::make_shared<PairCommand>();
+  auto* pairApp = app.add_subcommand("pair", "Check a pairing code and remember it");
+  pairApp->add_option("CODE", pair->code, "The six digits")->required()->type_name("");
+  pairApp->callback([pair, &command] { command = *pair; });
+
+  app.add_subcommand("ping", "Measure the time to the bridge and back")->callback([&command] {
+    command = PingCommand{};
+  });
+  app.add_subcommand("interfaces", "List the bridge's Ethernet interfaces")->callback([&command] {
+    command = InterfacesCommand{};
+  });
+
+  const auto setInterface = std::make_shared<SetInterfaceCommand>();
+  auto* setInterfaceApp =
+      app.add_subcommand("set-interface", "Choose the interface for capture and publishing");
+  setInterfaceApp->add_option("NAME", setInterface->name, "Interface name")
+      ->required()
+      ->type_name("");
+  setInterfaceApp->callback([setInterface, &command] { command = *setInterface; });
 }
 
-std::string checkAppId(const std::string& text) {
-  return parseAppId(text) ? "" : "must be 0 to 65535, or 0x0 to 0xFFFF: " + text;
+/// What both kinds of messages are chosen by; more options may follow.
+template <class Command>
+CLI::App* addSubscription(CLI::App& app, const char* name, const char* description,
+                          const std::shared_ptr<Command>& subscription, CtlCommand& command) {
+  auto* subscribe = app.add_subcommand(name, description);
+  const auto appId = std::make_shared<std::string>();
+  subscribe->add_option("--app-id", *appId, "Only this APPID (4096 or 0x1000)")
+      ->check(checkAppId)
+      ->type_name("N");
+  subscribe->add_option("--count", subscription->count, "End after so many messages")
+      ->check(checkCount)
+      ->type_name("N");
+  subscribe->callback([subscription, appId, &command] {
+    subscription->appId = parseAppId(*appId);
+    command = *subscription;
+  });
+  return subscribe;
 }
 
-std::string checkCount(const std::string& text) {
-  // CLI11 takes "-1" for the largest unsigned number.
-  return parseWhole<std::uint64_t>(text).value_or(0) > 0 ? "" : "must be a number above 0: " + text;
+void addSubscribeCommands(CLI::App& app, CtlCommand& command) {
+  auto* subscribe = app.add_subcommand("subscribe", "Print messages as they arrive");
+  subscribe->require_subcommand(1);
+  const auto goose = std::make_shared<SubscribeGooseCommand>();
+  addSubscription(*subscribe, "goose", "GOOSE messages, until interrupted", goose, command)
+      ->add_option("--gocb-ref", goose->goCBRef, "Only this control block")
+      ->type_name("TEXT");
+  addSubscription(*subscribe, "sv", "Sampled Values, undecoded, until interrupted",
+                  std::make_shared<SubscribeSvCommand>(), command);
 }
 
 }  // namespace
-
-std::optional<std::uint16_t> parseAppId(std::string_view text) {
-  if (text.starts_with("0x") || text.starts_with("0X")) {
-    return parseWhole<std::uint16_t>(text.substr(2), 16);
-  }
-  return parseWhole<std::uint16_t>(text);
-}
 
 std::variant<CtlOptions, CtlEnd> parseCtlOptions(int argc, const char* const* argv) {
   CtlOptions options;
@@ -68,30 +99,9 @@ std::variant<CtlOptions, CtlEnd> parseCtlOptions(int argc, const char* const* ar
       ->capture_default_str();
   app.add_flag("--json", options.json, "Print the bridge's events as they come, one a line");
 
-  PairCommand pair;
-  auto* pairApp = app.add_subcommand("pair", "Check a pairing code and remember it");
-  pairApp->add_option("CODE", pair.code, "The six digits")->required()->type_name("");
-  auto* pingApp = app.add_subcommand("ping", "Measure the time to the bridge and back");
-  auto* interfacesApp = app.add_subcommand("interfaces", "List the bridge's Ethernet interfaces");
-  SetInterfaceCommand setInterface;
-  auto* setInterfaceApp =
-      app.add_subcommand("set-interface", "Choose the interface for capture and publishing");
-  setInterfaceApp->add_option("NAME", setInterface.name, "Interface name")
-      ->required()
-      ->type_name("");
-  auto* subscribeApp = app.add_subcommand("subscribe", "Print messages as they arrive");
-  subscribeApp->require_subcommand(1);
-  auto* gooseApp = subscribeApp->add_subcommand("goose", "GOOSE messages, until interrupted");
-  SubscribeGooseCommand subscribeGoose;
-  std::string appId;
-  auto* appIdOption = gooseApp->add_option("--app-id", appId, "Only this APPID (4096 or 0x1000)")
-                          ->check(checkAppId)
-                          ->type_name("N");
-  gooseApp->add_option("--gocb-ref", subscribeGoose.goCBRef, "Only this control block")
-      ->type_name("TEXT");
-  gooseApp->add_option("--count", subscribeGoose.count, "End after so many messages")
-      ->check(checkCount)
-      ->type_name("N");
+  addPlainCommands(app, options.command);
+  addSubscribeCommands(app, options.command);
+  addPublishCommands(app, options.command);
 
   try {
     app.parse(argc, argv);
@@ -102,12 +112,6 @@ std::variant<CtlOptions, CtlEnd> parseCtlOptions(int argc, const char* const* ar
     return CtlEnd{isHelp ? CtlExit::done : CtlExit::usage, isHelp ? out.str() : errors.str()};
   }
   options.timeout = std::chrono::milliseconds(static_cast<std::int64_t>(timeout * 1000));
-  if (*appIdOption) subscribeGoose.appId = parseAppId(appId);
-  if (*pairApp) options.command = pair;
-  if (*pingApp) options.command = PingCommand{};
-  if (*interfacesApp) options.command = InterfacesCommand{};
-  if (*setInterfaceApp) options.command = setInterface;
-  if (*gooseApp) options.command = subscribeGoose;
   return options;
 }
 

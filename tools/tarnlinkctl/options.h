@@ -7,6 +7,10 @@
 #include <string>
 #include <string_view>
 #include <variant>
+#include <vector>
+
+#include "stack/bytes.h"
+#include "stack/goose_data_value.h"
 
 namespace tarnlink {
 
@@ -18,6 +22,9 @@ enum class CtlExit {
   authentication = 3,  ///< The pairing code is wrong, or none is known.
   refused = 4,         ///< The bridge answered with an error.
 };
+
+/// Of publications that name none. Any will do: receivers compare it, switches do not.
+inline constexpr std::uint16_t kDefaultGooseAppId = 0x1000;
 
 struct PairCommand {
   std::string code;
@@ -32,8 +39,47 @@ struct SubscribeGooseCommand {
   std::optional<std::string> goCBRef;
   std::optional<std::uint64_t> count;  ///< End after so many messages.
 };
+struct SubscribeSvCommand {
+  std::optional<std::int64_t> appId;
+  std::optional<std::uint64_t> count;
+};
+/// What is absent is the bridge's to choose.
+struct PublishCommand {
+  std::uint16_t appId = kDefaultGooseAppId;
+  std::string goCBRef;
+  std::optional<std::string> dataSetRef;  ///< Absent: derived from goCBRef.
+  std::uint32_t confRev = 1;
+  std::optional<std::string> goId;
+  std::optional<std::string> interface;
+  std::optional<std::int64_t> vlanId;
+  std::optional<std::int64_t> vlanPriority;
+  std::optional<std::string> dstMac;
+  std::optional<std::string> srcMac;
+  std::optional<std::string> profile;
+  std::optional<std::int64_t> timeAllowedToLive;  ///< Milliseconds.
+  bool test = false;
+  bool needsCommission = false;
+  std::optional<std::int64_t> stNum;
+  std::optional<std::int64_t> sqNum;
+  bool lockStNum = false;
+  bool lockSqNum = false;
+  std::vector<GooseDataValue> values;
+};
+struct UnpublishCommand {
+  std::optional<std::string> goCBRef;  ///< Absent: whatever runs.
+};
+struct PublishSvCommand {
+  Bytes payload;  ///< All that follows the EtherType.
+  std::optional<std::string> interface;
+  std::optional<std::string> dstMac;
+  std::optional<std::int64_t> vlanId;
+  std::optional<std::int64_t> vlanPriority;
+  std::uint64_t count = 1;
+  std::chrono::milliseconds interval{1'000};  ///< Between two frames.
+};
 using CtlCommand = std::variant<PairCommand, PingCommand, InterfacesCommand, SetInterfaceCommand,
-                                SubscribeGooseCommand>;
+                                SubscribeGooseCommand, SubscribeSvCommand, PublishCommand,
+                                UnpublishCommand, PublishSvCommand>;
 
 struct CtlOptions {
   std::string host = "127.0.0.1";

@@ -1,17 +1,21 @@
 #include "tools/tarnlinkctl/printing.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdint>
 
+#include "server/base64.h"
+#include "tools/tarnlinkctl/hex_text.h"
+
 namespace tarnlink {
 namespace {
 
-constexpr const char* kHexDigits = "0123456789ABCDEF";
+// Of an SV payload: the header and what a merging unit calls its stream.
+constexpr std::size_t kShownSvOctets = 32;
 
-void appendHex(std::string& out, unsigned octet) {
-  out += kHexDigits[octet >> 4 & 0xF];
-  out += kHexDigits[octet & 0xF];
+void appendEscaped(std::string& out, unsigned char octet) {
+  out += "\\x" + hexText({&octet, 1});
 }
 
 template <class Float>
@@ -32,14 +36,14 @@ std::string integerOf(const JsonObject& object, std::string_view key) {
 }
 
 std::string hexOf(const JsonObject& value) {
-  std::string out = "0x";
-  if (const auto* octets = value.array("bytes")) {
-    for (const auto& octet : *octets) {
+  Bytes octets;
+  if (const auto* numbers = value.array("bytes")) {
+    for (const auto& octet : *numbers) {
       const auto* number = octet.as<JsonNumber>();
-      appendHex(out, number ? static_cast<unsigned>(number->integer.value_or(0)) : 0);
+      octets.push_back(static_cast<std::uint8_t>(number ? number->integer.value_or(0) : 0));
     }
   }
-  return out;
+  return "0x" + hexText(octets);
 }
 
 std::string bitsOf(const JsonObject& value) {
@@ -84,12 +88,8 @@ std::string printable(std::string_view text) {
       out += text[i];
       continue;
     }
-    out += "\\x";
-    appendHex(out, octet);
-    if (startsControl) {
-      out += "\\x";
-      appendHex(out, static_cast<unsigned char>(text[++i]));
-    }
+    appendEscaped(out, octet);
+    if (startsControl) appendEscaped(out, static_cast<unsigned char>(text[++i]));
   }
   return out;
 }
@@ -121,6 +121,21 @@ std::string gooseLine(const JsonObject& message) {
   if (message.boolean("test").value_or(false)) line += " TEST";
   if (message.boolean("needsCommission").value_or(false)) line += " NDSCOM";
   return line + " values: " + listOf(message.array("values"));
+}
+
+std::string svLine(const JsonObject& event) {
+  std::string line = textOf(event, "receivedAt");
+  const auto* encoded = event.string("pduBase64");
+  const auto payload = encoded ? decodeBase64(*encoded) : std::nullopt;
+  const bool hasAppId = payload && payload->size() >= 2;
+  line += " appId=" + (hasAppId ? std::to_string((*payload)[0] << 8 | (*payload)[1]) : "?");
+  if (event.integer("vlanId")) line += " vlan=" + integerOf(event, "vlanId");
+  line += " " + textOf(event, "srcMac") + " to " + textOf(event, "dstMac");
+  if (!payload) return line + " ?";
+  const ByteView octets = *payload;
+  line += " " + std::to_string(octets.size()) + " octets: ";
+  line += hexText(octets.first(std::min(octets.size(), kShownSvOctets)));
+  return line + (octets.size() > kShownSvOctets ? "..." : "");
 }
 
 std::string interfaceLine(const JsonObject& interface, std::string_view active) {

@@ -18,6 +18,9 @@ std::string valueText(const JsonObject& value);
 /// One line for the "message" of a "goose_message" event.
 std::string gooseLine(const JsonObject& message);
 
+/// One line for an "sv_apdu" event: the APPID, the addresses, and how the payload begins.
+std::string svLine(const JsonObject& event);
+
 /// One line for an element of an "interfaces" event; the active one is starred.
 std::string interfaceLine(const JsonObject& interface, std::string_view active);
 

@@ -1,0 +1,18 @@
+// Octets as pairs of hexadecimal digits.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "stack/bytes.h"
+
+namespace tarnlink {
+
+/// Upper-case digits, nothing between them.
+std::string hexText(ByteView octets);
+
+/// Digits of either case, nothing between them; nothing for any other text.
+std::optional<Bytes> parseHex(std::string_view text);
+
+}  // namespace tarnlink

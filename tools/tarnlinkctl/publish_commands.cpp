@@ -1,0 +1,71 @@
+// Publishing, GOOSE and Sampled Values.
+#include <algorithm>
+#include <utility>
+
+#include "tools/tarnlinkctl/ctl_run.h"
+#include "tools/tarnlinkctl/printing.h"
+
+namespace tarnlink {
+
+CtlResult<void> CtlRun::operator()(const PublishCommand& command) {
+  return changePublication(commandText(command), "publishing " + printable(command.goCBRef));
+}
+
+CtlResult<void> CtlRun::operator()(const UnpublishCommand& command) {
+  return changePublication(
+      commandText(command),
+      "unpublished " + printable(command.goCBRef.value_or("whatever was published")));
+}
+
+CtlResult<void> CtlRun::changePublication(CommandText command, const std::string& done) {
+  auto session = authenticated();
+  if (!session) return session.error();
+  if (const auto sent = send(*session, std::move(command)); !sent) return sent.error();
+  BridgeEvent status;
+  const auto confirmed = confirm(*session, [&status](const BridgeEvent& event) {
+    if (event.name == "bridge_status") status = event;
+  });
+  if (!confirmed) return confirmed.error();
+  session->close();
+  const auto count = status.members.integer("messagesPublished").value_or(0);
+  print(options_.json ? status.text
+                      : done + " (active interface: " + activeInterfaceOf(status) + ", " +
+                            std::to_string(count) + " published so far)");
+  return {};
+}
+
+CtlResult<void> CtlRun::operator()(const PublishSvCommand& command) {
+  auto session = authenticated();
+  if (!session) return session.error();
+  const auto start = BridgeSession::Clock::now();
+  std::uint64_t sent = 0;
+  while (true) {
+    if (const auto result = send(*session, commandText(command)); !result) return result.error();
+    if (++sent == command.count) break;
+    const auto waited = waitUntil(start + command.interval * sent, *session);
+    if (!waited) return waited.error();
+    if (interrupted_) break;
+  }
+  const auto confirmed = confirm(*session, [](const BridgeEvent&) {});
+  if (!confirmed) return confirmed.error();
+  session->close();
+  print("sent " + std::to_string(sent) + (sent == 1 ? " frame of " : " frames of ") +
+        std::to_string(command.payload.size()) + " octets after the EtherType");
+  return {};
+}
+
+/// Or until an interrupt, or an error of the bridge.
+CtlResult<void> CtlRun::waitUntil(BridgeSession::Clock::time_point deadline,
+                                  BridgeSession& session) {
+  while (!interrupted_) {
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(deadline - BridgeSession::Clock::now());
+    if (left.count() <= 0) break;
+    const auto event = session.next(std::min(left, kInterruptCheck));
+    if (!event) return event.error();
+    if (*event && (*event)->name == "error") return errorOf(**event);
+  }
+  return {};
+}
+
+}  // namespace tarnlink

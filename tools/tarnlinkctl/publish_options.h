@@ -1,0 +1,13 @@
+// The subcommands that put frames on the wire.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include "tools/tarnlinkctl/options.h"
+
+namespace tarnlink {
+
+/// Adds publish, unpublish and publish-sv; the one that is given sets `command`.
+void addPublishCommands(CLI::App& app, CtlCommand& command);
+
+}  // namespace tarnlink
