@@ -47,11 +47,8 @@ GoosePublisher::GoosePublisher(const boost::asio::any_io_executor& executor, Log
 // The coroutines on the strand hold the publisher alive through their parameter.
 boost::asio::awaitable<GooseResult<void>> GoosePublisher::publishStateChange(
     GoosePublishConfig config) {
-  constexpr auto onStrand =
-      [](std::shared_ptr<GoosePublisher> self,
-         GoosePublishConfig wanted) -> boost::asio::awaitable<GooseResult<void>> {
-    co_return self->changeState(std::move(wanted));
-  };
+  constexpr auto onStrand = [](std::shared_ptr<GoosePublisher> self, GoosePublishConfig wanted)
+      -> boost::asio::awaitable<GooseResult<void>> { co_return self->changeState(wanted); };
   auto work = onStrand(shared_from_this(), std::move(config));
   co_return co_await boost::asio::co_spawn(strand_, std::move(work), boost::asio::use_awaitable);
 }
@@ -80,13 +77,13 @@ boost::asio::awaitable<void> GoosePublisher::stop() {
   co_await boost::asio::co_spawn(strand_, std::move(work), boost::asio::use_awaitable);
 }
 
-GooseResult<void> GoosePublisher::changeState(GoosePublishConfig config) {
+GooseResult<void> GoosePublisher::changeState(const GoosePublishConfig& config) {
   if (const auto opened = pcapHandle_.ensureHandle(config.interface); !opened) {
     return opened.error();
   }
   schedule_.stateChange(config);
   stateChangeTimestamp_ = timeNow();
-  lastConfig_ = std::move(config);
+  lastConfig_ = config;
   ++generationCount_;
   timer_.cancel();
   const auto frame = buildFrame(schedule_.currentSqNum());

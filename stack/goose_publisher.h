@@ -41,7 +41,7 @@ class GoosePublisher final : public GoosePublishing,
   boost::asio::awaitable<void> stop() override;
 
  private:
-  GooseResult<void> changeState(GoosePublishConfig config);
+  GooseResult<void> changeState(const GoosePublishConfig& config);
   void endPublication();
   void waitForDeadline();
   void sendWhenDue(std::uint64_t generation);
