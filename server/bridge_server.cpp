@@ -148,7 +148,7 @@ asio::awaitable<void> BridgeServer::stopOnStrand(std::shared_ptr<BridgeServer> s
   }
   self->isStopping_ = true;
   self->stopped_.reset();
-  self->ports_.vlan.cancel();
+  if (const auto setup = std::exchange(self->vlanSetup_, nullptr)) setup->cancel();
   for (auto* pause : self->recoveryPauses_) pause->cancel();
   {
     const auto turn = co_await self->gooseCapture_.turn();

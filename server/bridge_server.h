@@ -46,13 +46,13 @@ struct BridgePorts {
   std::function<std::shared_ptr<RecordSource<SvCapturedFrame>>()> makeSvReceiver;
   std::function<std::shared_ptr<GoosePublishing>()> makeGoosePublisher;
   std::function<std::shared_ptr<SvPublishing>()> makeSvPublisher;
-  VlanSetup& vlan;
+  std::function<std::shared_ptr<VlanSetup>()> makeVlanSetup;
   /// One thread for work that waits for people or tools: VLAN set-up runs here.
   boost::asio::any_io_executor hostExecutor;
   /// Lists the machine's Ethernet interfaces. With display names it may block for a while.
   enum class Names { fallback, display };
   std::function<std::vector<NetworkInterfaceInfo>(Names)> listInterfaces;
-  /// Where listInterfaces runs when it may block.
+  /// Where listInterfaces runs when it may block, and where preferences are read and written.
   boost::asio::any_io_executor blockingExecutor;
   AdvertiserFactory makeAdvertiser;  ///< Empty: the bridge is not announced.
   /// Between two tries to open an interface whose capture has died.
@@ -114,7 +114,7 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
 
   // Commands (bridge_server_commands.cpp): one overload of handle() for each.
   boost::asio::awaitable<void> handleText(std::string text, ClientId id);
-  void handleAuth(const std::string& token, const ClientId& id);
+  boost::asio::awaitable<void> handleAuth(std::string token, ClientId id);
   boost::asio::awaitable<void> handle(BridgeCommand::Auth, ClientId id);
   boost::asio::awaitable<void> handle(BridgeCommand::Ping, ClientId id);
   boost::asio::awaitable<void> handle(BridgeCommand::SubscribeGoose command, ClientId id);
@@ -167,6 +167,11 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
   boost::asio::awaitable<void> recoverCapture(CaptureRecovery<Record> recovery, std::string reason);
   boost::asio::awaitable<void> recoverGooseCapture(std::string reason);
   boost::asio::awaitable<void> recoverSvCapture(std::string reason);
+  template <class Record>
+  boost::asio::awaitable<void> retryCapture(CaptureRecovery<Record> recovery);
+  boost::asio::awaitable<void> retryGooseCapture();
+  CaptureRecovery<GooseMessage> gooseRecovery();
+  CaptureRecovery<SvCapturedFrame> svRecovery();
   boost::asio::awaitable<void> pauseBeforeRecovery();
   bool hasGooseSubscribers() const { return !gooseSubscribers_.empty(); }
   bool hasSvSubscribers() const { return !svSubscribers_.empty(); }
@@ -193,6 +198,7 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
   CaptureControl<GooseMessage> gooseCapture_;
   std::map<ClientId, Subscriber<GooseFilter>> gooseSubscribers_;
   std::shared_ptr<GoosePublishing> goosePublisher_;
+  std::shared_ptr<VlanSetup> vlanSetup_;  // From the first VLAN publication to stop().
 
   std::int64_t svFramesForwarded_ = 0;
   std::int64_t svFramesPublished_ = 0;

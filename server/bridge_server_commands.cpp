@@ -22,6 +22,10 @@ std::string orStar(const std::optional<std::int64_t>& number) {
   return number ? std::to_string(*number) : "*";
 }
 
+asio::awaitable<std::string> readPairingCode(PreferenceStore& preferences) {
+  co_return pairingCode(preferences);
+}
+
 asio::awaitable<std::vector<NetworkInterfaceInfo>> listWithNames(
     std::function<std::vector<NetworkInterfaceInfo>(BridgePorts::Names)> list) {
   co_return list(BridgePorts::Names::display);
@@ -37,7 +41,7 @@ asio::awaitable<void> BridgeServer::handleText(std::string text, ClientId id) {
   } else if (const auto* ping = std::get_if<BridgeCommand::Ping>(&command->payload)) {
     sendText(BridgeEventEncoder::pong(ping->timestamp), id);
   } else if (const auto* auth = std::get_if<BridgeCommand::Auth>(&command->payload)) {
-    handleAuth(auth->token, id);
+    co_await handleAuth(auth->token, id);
   } else if (!authenticatedConnections_.contains(id)) {
     sendError("Not authenticated — send auth with pairing code", ErrorCode::notAuthenticated, id);
   } else {
@@ -46,8 +50,11 @@ asio::awaitable<void> BridgeServer::handleText(std::string text, ClientId id) {
   }
 }
 
-void BridgeServer::handleAuth(const std::string& token, const ClientId& id) {
-  const bool ok = equalsInConstantTime(pairingCode(ports_.preferences), token);
+asio::awaitable<void> BridgeServer::handleAuth(std::string token, ClientId id) {
+  const auto code = co_await asio::co_spawn(
+      ports_.blockingExecutor, readPairingCode(ports_.preferences), asio::use_awaitable);
+  if (!connections_.contains(id)) co_return;
+  const bool ok = equalsInConstantTime(code, token);
   if (ok) authenticatedConnections_.insert(id);
   sendText(BridgeEventEncoder::authResult(ok), id);
   log("[BridgeServer] client " + toText(id) + (ok ? " authenticated" : " auth failed"));

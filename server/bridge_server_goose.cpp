@@ -16,6 +16,11 @@ using GooseCapture = CaptureControl<GooseMessage>;
 // What the capture is tried on where discovery finds nothing.
 constexpr const char* kLastResortInterface = "en0";
 
+asio::awaitable<void> storeInterface(PreferenceStore& preferences, std::string name) {
+  preferences.write(kActiveInterfaceKey, name);
+  co_return;
+}
+
 }  // namespace
 
 void BridgeServer::chooseInterface() {
@@ -64,6 +69,7 @@ asio::awaitable<void> BridgeServer::handleUnsubscribeGoose(ClientId id) {
 }
 
 asio::awaitable<GooseResult<void>> BridgeServer::startCaptureInternal() {
+  chooseInterface();
   GooseCapture::Events events;
   events.onRecords = [weak = weak_from_this()](std::span<GooseMessage> messages) {
     const auto self = weak.lock();
@@ -93,18 +99,19 @@ asio::awaitable<void> BridgeServer::setActiveInterface(std::string name) {
 
 asio::awaitable<void> BridgeServer::setActiveInterfaceOnStrand(std::string name) {
   rememberActiveInterface(name);
-  ports_.preferences.write(kActiveInterfaceKey, name);
+  co_await asio::co_spawn(ports_.blockingExecutor, storeInterface(ports_.preferences, name),
+                          asio::use_awaitable);
   log("[BridgeServer] active interface set to " + name);
   {
     const auto turn = co_await gooseCapture_.turn();
-    if (gooseCapture_.isCapturing() && !isStopping_) {
-      co_await gooseCapture_.stop(GooseCapture::Queued::deliver);
-      // Subscribers are counted again: the last one may have left during the stop.
-      if (!gooseSubscribers_.empty() && !isStopping_) {
-        const auto started = co_await startCaptureInternal();
-        if (!started) {
-          log("[BridgeServer] ✗ capture start failed: " + started.error().description());
-        }
+    if (gooseCapture_.isCapturing()) co_await gooseCapture_.stop(GooseCapture::Queued::deliver);
+    // Subscribers are counted after the stop: the last one may have left meanwhile, and others may
+    // still wait for a capture that could not start.
+    if (!gooseSubscribers_.empty() && !isStopping_) {
+      const auto started = co_await startCaptureInternal();
+      if (!started) {
+        log("[BridgeServer] ✗ capture start failed: " + started.error().description());
+        spawn(retryGooseCapture());
       }
     }
   }

@@ -15,9 +15,9 @@ namespace {
 // The interface of a request that names none.
 constexpr std::string_view kUnnamedInterface = "en0";
 
-asio::awaitable<VlanResult<std::string>> ensureVlan(VlanSetup& setup, std::string parent,
-                                                    std::uint16_t vid) {
-  co_return setup.ensureVlanInterface(parent, vid);
+asio::awaitable<VlanResult<std::string>> ensureVlan(std::shared_ptr<VlanSetup> setup,
+                                                    std::string parent, std::uint16_t vid) {
+  co_return setup->ensureVlanInterface(parent, vid);
 }
 
 }  // namespace
@@ -58,8 +58,9 @@ asio::awaitable<void> BridgeServer::handlePublishGoose(GoosePublishConfig config
 asio::awaitable<bool> BridgeServer::moveToVlanInterface(GoosePublishConfig& config,
                                                         ClientId clientId) {
   const std::string parent = config.interface;
+  if (!vlanSetup_) vlanSetup_ = ports_.makeVlanSetup();
   const auto link = co_await asio::co_spawn(
-      ports_.hostExecutor, ensureVlan(ports_.vlan, parent, config.vlanId), asio::use_awaitable);
+      ports_.hostExecutor, ensureVlan(vlanSetup_, parent, config.vlanId), asio::use_awaitable);
   if (!link) {
     sendError("VLAN-Setup fehlgeschlagen: " + link.error().description, ErrorCode::vlanSetupFailed,
               clientId);

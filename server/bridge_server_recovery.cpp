@@ -18,43 +18,59 @@ asio::awaitable<void> BridgeServer::pauseBeforeRecovery() {
   recoveryPauses_.erase(entry);
 }
 
-// Stops what is left of the capture, tells the truth, and tries to open it again for as long as
-// somebody is subscribed. Whoever starts a capture meanwhile ends the tries.
+// Tries to open the interface again for as long as somebody is subscribed. Whoever starts a capture
+// meanwhile ends the tries.
 template <class Record>
-asio::awaitable<void> BridgeServer::recoverCapture(CaptureRecovery<Record> recovery,
-                                                   std::string reason) {
+asio::awaitable<void> BridgeServer::retryCapture(CaptureRecovery<Record> recovery) {
   auto& capture = recovery.capture;
-  log(recovery.label + "✗ capture on " + activeInterface_ + " ended: " + reason);
-  {
-    const auto turn = co_await capture.turn();
-    if (capture.isCapturing()) co_return;
-    co_await capture.stop(CaptureControl<Record>::Queued::deliver);
-  }
-  sendStatus(std::nullopt);
+  if (std::exchange(capture.isRetried, true)) co_return;
   while ((this->*recovery.hasSubscribers)() && !isStopping_) {
     co_await pauseBeforeRecovery();
     const auto turn = co_await capture.turn();
-    if (capture.isCapturing() || !(this->*recovery.hasSubscribers)() || isStopping_) co_return;
+    if (capture.isCapturing() || !(this->*recovery.hasSubscribers)() || isStopping_) break;
     const auto started = co_await (this->*recovery.start)();
     if (!started) continue;
     log(recovery.label + "✓ capture runs again on " + activeInterface_);
     sendStatus(std::nullopt);
-    co_return;
+    break;
   }
+  capture.isRetried = false;
+}
+
+// Stops what is left of a dead capture and tells the truth before it tries again.
+template <class Record>
+asio::awaitable<void> BridgeServer::recoverCapture(CaptureRecovery<Record> recovery,
+                                                   std::string reason) {
+  log(recovery.label + "✗ capture on " + activeInterface_ + " ended: " + reason);
+  {
+    const auto turn = co_await recovery.capture.turn();
+    if (recovery.capture.isCapturing()) co_return;
+    co_await recovery.capture.stop(CaptureControl<Record>::Queued::deliver);
+  }
+  sendStatus(std::nullopt);
+  co_await retryCapture(std::move(recovery));
+}
+
+BridgeServer::CaptureRecovery<GooseMessage> BridgeServer::gooseRecovery() {
+  return {"[BridgeServer] ", gooseCapture_, &BridgeServer::hasGooseSubscribers,
+          &BridgeServer::startCaptureInternal};
+}
+
+BridgeServer::CaptureRecovery<SvCapturedFrame> BridgeServer::svRecovery() {
+  return {"[BridgeServer] SV: ", svCapture_, &BridgeServer::hasSvSubscribers,
+          &BridgeServer::startSvCapture};
 }
 
 asio::awaitable<void> BridgeServer::recoverGooseCapture(std::string reason) {
-  CaptureRecovery<GooseMessage> recovery{"[BridgeServer] ", gooseCapture_,
-                                         &BridgeServer::hasGooseSubscribers,
-                                         &BridgeServer::startCaptureInternal};
-  return recoverCapture(std::move(recovery), std::move(reason));
+  return recoverCapture(gooseRecovery(), std::move(reason));
 }
 
 asio::awaitable<void> BridgeServer::recoverSvCapture(std::string reason) {
-  CaptureRecovery<SvCapturedFrame> recovery{"[BridgeServer] SV: ", svCapture_,
-                                            &BridgeServer::hasSvSubscribers,
-                                            &BridgeServer::startSvCapture};
-  return recoverCapture(std::move(recovery), std::move(reason));
+  return recoverCapture(svRecovery(), std::move(reason));
+}
+
+asio::awaitable<void> BridgeServer::retryGooseCapture() {
+  return retryCapture(gooseRecovery());
 }
 
 }  // namespace tarnlink

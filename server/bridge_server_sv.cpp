@@ -49,6 +49,7 @@ asio::awaitable<void> BridgeServer::handleSubscribeSv(std::optional<std::int64_t
 }
 
 asio::awaitable<GooseResult<void>> BridgeServer::startSvCapture() {
+  chooseInterface();
   SvCapture::Events events;
   events.onRecords = [weak = weak_from_this()](std::span<SvCapturedFrame> frames) {
     const auto self = weak.lock();

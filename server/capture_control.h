@@ -81,6 +81,9 @@ class CaptureControl {
     task_.reset();
   }
 
+  /// Somebody is trying to bring the capture back.
+  bool isRetried = false;
+
  private:
   struct Task {
     explicit Task(const Strand& strand) : ended(strand) {}

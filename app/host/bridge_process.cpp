@@ -67,7 +67,6 @@ class BridgeProcess {
   explicit BridgeProcess(const DaemonOptions& options)
       : port_(options.port),
         untilInputEnds_(options.untilInputEnds),
-        vlan_(VlanInterfaceHelper::forThisSystem()),
         preferences_(makePreferenceStore(options.preferences, logToConsole)),
         transport_(makeWebSocketTransport(io_.get_executor())),
         signals_(io_, SIGTERM, SIGINT),
@@ -99,8 +98,9 @@ class BridgeProcess {
             [this, mode] { return std::make_shared<SvReceiver>(blocking_.executor(), mode); },
         .makeGoosePublisher =
             [this] { return std::make_shared<GoosePublisher>(punctual_.executor(), logToConsole); },
-        .makeSvPublisher = [this] { return std::make_shared<SvPublisher>(blocking_.executor()); },
-        .vlan = *vlan_,
+        .makeSvPublisher = [this] { return std::make_shared<SvPublisher>(sending_.executor()); },
+        .makeVlanSetup =
+            [] { return std::shared_ptr<VlanSetup>(VlanInterfaceHelper::forThisSystem()); },
         .hostExecutor = host_.executor(),
         .listInterfaces = listInterfaces,
         .blockingExecutor = blocking_.executor(),
@@ -148,9 +148,9 @@ class BridgeProcess {
   std::uint16_t port_;
   bool untilInputEnds_;
   asio::io_context io_{1};
-  std::unique_ptr<VlanSetup> vlan_;  // Used on the host thread, which it outlives.
   asio::thread_pool blocking_{kBlockingThreads};
-  asio::thread_pool host_{1};  // Waits for people and tools, one request at a time.
+  asio::thread_pool host_{1};     // Waits for people and tools, one request at a time.
+  asio::thread_pool sending_{1};  // SV frames, which nothing slow may hold up.
   PunctualThread punctual_;
   std::unique_ptr<PreferenceStore> preferences_;
   std::unique_ptr<WebSocketTransport> transport_;

@@ -236,7 +236,11 @@ class BridgeHarness {
         .makeSvReceiver = [this] { return std::make_shared<FakeSource<SvCapturedFrame>>(sv); },
         .makeGoosePublisher = [this] { return goosePublisher; },
         .makeSvPublisher = [this] { return svPublisher; },
-        .vlan = vlan,
+        .makeVlanSetup =
+            [this] {
+              ++vlansMade;
+              return std::shared_ptr<VlanSetup>(&vlan, [](VlanSetup*) {});
+            },
         .hostExecutor = io.get_executor(),
         .listInterfaces = [this](BridgePorts::Names) { return interfaces; },
         .blockingExecutor = io.get_executor(),
@@ -311,6 +315,7 @@ class BridgeHarness {
   std::shared_ptr<FakeGoosePublisher> goosePublisher = std::make_shared<FakeGoosePublisher>();
   std::shared_ptr<FakeSvPublisher> svPublisher = std::make_shared<FakeSvPublisher>();
   FakeVlanSetup vlan;
+  int vlansMade = 0;
   std::vector<NetworkInterfaceInfo> interfaces;
   std::shared_ptr<BridgeServer> server;
 };

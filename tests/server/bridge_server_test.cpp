@@ -25,6 +25,12 @@ Json error(std::string_view text, int code) {
   return {{"event", "error"}, {"error", text}, {"code", code}};
 }
 
+std::string publishCommand(const std::string& more) {
+  return R"({"cmd":"publish_goose","appId":4096,"goCBRef":"A/LLN0$GO$g","dataSetRef":"A/LLN0$d",)"
+         R"("confRev":1)" +
+         more + "}";
+}
+
 class BridgeServerTest : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(bridge.start()); }
@@ -81,16 +87,20 @@ TEST(BridgeServerStartTest, StopEndsAStartThatStillWaits) {
 TEST_F(BridgeServerTest, StopEndsEverythingAndCountersSurvive) {
   const auto client = bridge.authenticated();
   bridge.say(client, kSubscribe);
+  bridge.say(client, publishCommand(R"(,"vlanId":5)"));
   bridge.goose.yield({message(), message()});
   bridge.settle();
   EXPECT_TRUE(bridge.await(bridge.server->stop()));
   EXPECT_TRUE(client->isCancelled);
   EXPECT_EQ(bridge.goose.running, 0);
+  EXPECT_TRUE(bridge.goosePublisher->isStopped);
   EXPECT_TRUE(bridge.vlan.isCancelled) << "a pending administrator prompt must not outlive stop()";
   EXPECT_EQ(bridge.logLines.back(), "[BridgeServer] Stopped");
 
   ASSERT_TRUE(bridge.start());
   const auto next = bridge.authenticated();
+  bridge.ask(next, publishCommand(R"(,"vlanId":5)"));
+  EXPECT_EQ(bridge.vlansMade, 2) << "what stop() has cancelled is not used again";
   const auto events = bridge.ask(next, kUnsubscribe);
   ASSERT_EQ(events.size(), 1U);
   EXPECT_EQ(events[0]["messagesReceived"], 2);
@@ -357,7 +367,8 @@ TEST_F(BridgeServerTest, SetInterfaceChecksStoresAndMovesTheCapture) {
   const auto lost = bridge.ask(client, R"({"cmd":"set_interface","interface":"eth3"})");
   EXPECT_EQ(lost.back()["isCapturing"], false);
   bridge.goose.failure.reset();
-  bridge.ask(client, kSubscribe);
+  const auto found = bridge.ask(client, R"({"cmd":"set_interface","interface":"eth2"})");
+  EXPECT_EQ(found.back()["isCapturing"], true) << "its subscriber was still waiting";
   bridge.goose.yield({message()});
   bridge.settle();
   EXPECT_EQ(BridgeHarness::take(client).back()["event"], "goose_message");
@@ -372,12 +383,6 @@ TEST(BridgeServerStartTest, TheStoredInterfaceIsRestored) {
 }
 
 // Publishing ---------------------------------------------------------------------------------
-
-std::string publishCommand(const std::string& more) {
-  return R"({"cmd":"publish_goose","appId":4096,"goCBRef":"A/LLN0$GO$g","dataSetRef":"A/LLN0$d",)"
-         R"("confRev":1)" +
-         more + "}";
-}
 
 TEST_F(BridgeServerTest, PublicationsLeaveOnTheInterfaceMeant) {
   const auto client = bridge.authenticated();
