@@ -13,9 +13,9 @@
 namespace tarnlink {
 namespace {
 
-// How long before a deadline the timer wakes the thread, which then builds the frame and sleeps the
-// rest: the way through the executor and the encoding are over when the deadline comes. Also how
-// long a request may have to wait.
+// How long before a deadline the timer wakes the thread, which then builds the frame and waits for
+// the rest: the way through the executor and the encoding are over when the deadline comes. Also
+// how long a request may have to wait.
 constexpr std::chrono::microseconds kLastStretch{500};
 constexpr std::size_t kLoggedOctets = 64;
 
@@ -119,7 +119,7 @@ void GoosePublisher::waitForDeadline() {
 void GoosePublisher::sendWhenDue(std::uint64_t generation) {
   if (generation != generationCount_) return;
   const auto frame = buildFrame(schedule_.nextSqNum());
-  sleepUntil(*schedule_.nextDeadline());
+  waitUntil(*schedule_.nextDeadline());
   schedule_.takeDue(PublicationSchedule::Clock::now());
   // A failure costs this frame only.
   if (frame) (void)pcapHandle_.send(*frame, lastConfig_->vlanPriority);

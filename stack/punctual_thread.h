@@ -33,7 +33,8 @@ class PunctualThread {
 /// scheduling. Says whether it got the latter.
 bool askForPunctuality();
 
-/// Blocks the calling thread until `deadline`; returns at once when that has passed.
-void sleepUntil(std::chrono::steady_clock::time_point deadline);
+/// Blocks the calling thread until `deadline`; returns at once when that has passed. Sleeps, but
+/// watches the clock for the last moments: waking takes the system tens of microseconds.
+void waitUntil(std::chrono::steady_clock::time_point deadline);
 
 }  // namespace tarnlink
