@@ -5,12 +5,11 @@
 #include <memory>
 
 #include "platform/dns_sd.h"
+#include "server/bridge_service.h"
 #include "server/service_advertiser.h"
 #include "stack/log_sink.h"
 
 namespace tarnlink {
-
-inline constexpr const char* kBridgeServiceType = "_tarnlink._tcp.";
 
 /// The instance is named as users know the computer, else "Quillon"; it has no TXT record. Without
 /// the system's DNS-SD service, or after a failure, the bridge just stays unannounced. The log gets

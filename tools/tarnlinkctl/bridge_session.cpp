@@ -19,6 +19,17 @@ std::string seconds(std::chrono::milliseconds time) {
   return text.str();
 }
 
+boost::system::result<WebSocketClient> connectToAny(const CtlOptions& options) {
+  if (options.addresses.empty()) {
+    return WebSocketClient::connect(options.host, options.port, options.timeout);
+  }
+  const auto share = options.timeout / options.addresses.size();
+  for (std::size_t i = 0;; ++i) {
+    auto client = WebSocketClient::connect(options.addresses[i], options.port, share);
+    if (client || i + 1 == options.addresses.size()) return client;
+  }
+}
+
 }  // namespace
 
 std::string bridgeAddress(const CtlOptions& options) {
@@ -36,7 +47,7 @@ CtlError errorOf(const BridgeEvent& event) {
 
 CtlResult<BridgeSession> BridgeSession::connect(const CtlOptions& options) {
   const auto address = bridgeAddress(options);
-  auto client = WebSocketClient::connect(options.host, options.port, options.timeout);
+  auto client = connectToAny(options);
   if (!client) {
     return CtlError{CtlExit::connection,
                     "no bridge at " + address + ": " + client.error().message()};

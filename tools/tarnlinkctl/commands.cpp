@@ -4,12 +4,21 @@
 #include <variant>
 
 #include "tools/tarnlinkctl/ctl_run.h"
+#include "tools/tarnlinkctl/discover.h"
 #include "tools/tarnlinkctl/printing.h"
 
 namespace tarnlink {
 namespace {
 
 using Clock = BridgeSession::Clock;
+
+CtlResult<void> runCommand(const CtlOptions& options, std::ostream& out, std::ostream& errors,
+                           const std::atomic<bool>& interrupted) {
+  const auto located = locateBridge(options);
+  if (!located) return located.error();
+  CtlRun run(*located, out, errors, interrupted);
+  return std::visit(run, located->command);
+}
 
 // Answers a confirmed command's ping; any number will do.
 constexpr std::int64_t kConfirmation = 1;
@@ -69,6 +78,16 @@ CtlResult<void> CtlRun::confirm(BridgeSession& session, const Handler& onEvent) 
     if (event->name == "error") return errorOf(*event);
     onEvent(*event);
   }
+}
+
+CtlResult<void> CtlRun::operator()(const DiscoverCommand& command) {
+  const auto bridges = discoverBridges(command.wait);
+  if (!bridges) return bridges.error();
+  for (const auto& bridge : *bridges) {
+    print(options_.json ? bridgeJson(bridge) : bridgeLine(bridge));
+  }
+  if (bridges->empty()) errors_ << "no bridge found" << std::endl;
+  return {};
 }
 
 CtlResult<void> CtlRun::operator()(const PairCommand& command) {
@@ -150,8 +169,7 @@ bool runsUntilInterrupted(const CtlCommand& command) {
 
 CtlExit runCtl(const CtlOptions& options, std::ostream& out, std::ostream& errors,
                const std::atomic<bool>& interrupted) {
-  CtlRun run(options, out, errors, interrupted);
-  const auto result = std::visit(run, options.command);
+  const auto result = runCommand(options, out, errors, interrupted);
   if (result) return CtlExit::done;
   errors << "tarnlinkctl: " << result.error().text << std::endl;
   return result.error().exit;

@@ -29,6 +29,7 @@ class CtlRun {
          const std::atomic<bool>& interrupted)
       : options_(options), out_(out), errors_(errors), interrupted_(interrupted) {}
 
+  CtlResult<void> operator()(const DiscoverCommand& command);
   CtlResult<void> operator()(const PairCommand& command);
   CtlResult<void> operator()(const PingCommand& command);
   CtlResult<void> operator()(const InterfacesCommand& command);

@@ -14,6 +14,10 @@ constexpr double kShortestTimeout = 0.1;  // Seconds.
 constexpr double kLongestTimeout = 3600;  // Seconds.
 
 constexpr const char* kFooter =
+    "A bridge that 'discover' lists is reached under its name: its address and, without --port, "
+    "its\n"
+    "port are found out anew each time. Names are not proven: on a network that you do not trust,\n"
+    "give an address.\n"
     "'pair' checks the code that the bridge shows (tarnlinkd --show-pairing-code) and remembers "
     "it\n"
     "for that host and port in $XDG_CONFIG_HOME/tarnlink/ctl.json, so that the other commands "
@@ -21,6 +25,20 @@ constexpr const char* kFooter =
     "no --code.\n"
     "Exit codes: 0 done, 1 no connection or no answer, 2 bad usage, 3 code wrong or not known,\n"
     "4 the bridge answered with an error.";
+
+void addDiscoverCommand(CLI::App& app, CtlCommand& command) {
+  auto* discover = app.add_subcommand("discover", "List the bridges on the network");
+  const auto wait =
+      std::make_shared<double>(std::chrono::duration<double>(DiscoverCommand().wait).count());
+  discover->add_option("--wait", *wait, "Seconds to look for them at most")
+      ->check(CLI::Range(kShortestTimeout, kLongestTimeout))
+      ->type_name("S")
+      ->capture_default_str();
+  discover->callback([wait, &command] {
+    const auto milliseconds = static_cast<std::int64_t>(*wait * 1000);
+    command = DiscoverCommand{std::chrono::milliseconds(milliseconds)};
+  });
+}
 
 void addPlainCommands(CLI::App& app, CtlCommand& command) {
   const auto pair = std::make_shared<PairCommand>();
@@ -82,13 +100,14 @@ std::variant<CtlOptions, CtlEnd> parseCtlOptions(int argc, const char* const* ar
   app.footer(kFooter);
   app.require_subcommand(1);
   app.fallthrough();  // the options below may follow the command too
-  app.add_option("--host", options.host, "Name or address of the bridge")
+  app.add_option("--host", options.host,
+                 "Name, as 'discover' lists it or of the host, or address of the bridge")
       ->type_name("HOST")
       ->capture_default_str();
-  app.add_option("--port", options.port, "TCP port of the bridge")
-      ->check(CLI::Range(1, 65535))
-      ->type_name("N")
-      ->capture_default_str();
+  const auto* port = app.add_option("--port", options.port, "TCP port of the bridge")
+                         ->check(CLI::Range(1, 65535))
+                         ->type_name("N")
+                         ->capture_default_str();
   app.add_option("--code", options.code, "Pairing code, in place of the remembered one")
       ->envname("TARNLINK_CODE")
       ->type_name("CODE");
@@ -99,6 +118,7 @@ std::variant<CtlOptions, CtlEnd> parseCtlOptions(int argc, const char* const* ar
       ->capture_default_str();
   app.add_flag("--json", options.json, "Print the bridge's events as they come, one a line");
 
+  addDiscoverCommand(app, options.command);
   addPlainCommands(app, options.command);
   addSubscribeCommands(app, options.command);
   addPublishCommands(app, options.command);
@@ -111,6 +131,7 @@ std::variant<CtlOptions, CtlEnd> parseCtlOptions(int argc, const char* const* ar
     const bool isHelp = app.exit(end, out, errors) == 0;
     return CtlEnd{isHelp ? CtlExit::done : CtlExit::usage, isHelp ? out.str() : errors.str()};
   }
+  options.isPortGiven = port->count() > 0;
   options.timeout = std::chrono::milliseconds(static_cast<std::int64_t>(timeout * 1000));
   return options;
 }

@@ -77,13 +77,19 @@ struct PublishSvCommand {
   std::uint64_t count = 1;
   std::chrono::milliseconds interval{1'000};  ///< Between two frames.
 };
+struct DiscoverCommand {
+  std::chrono::milliseconds wait{2'000};
+};
 using CtlCommand = std::variant<PairCommand, PingCommand, InterfacesCommand, SetInterfaceCommand,
                                 SubscribeGooseCommand, SubscribeSvCommand, PublishCommand,
-                                UnpublishCommand, PublishSvCommand>;
+                                UnpublishCommand, PublishSvCommand, DiscoverCommand>;
 
 struct CtlOptions {
   std::string host = "127.0.0.1";
   std::uint16_t port = 8765;
+  bool isPortGiven = false;
+  /// Where to connect to, the best first; empty: `host`, which people and codes know the bridge by.
+  std::vector<std::string> addresses;
   std::optional<std::string> code;  ///< From --code or TARNLINK_CODE.
   std::chrono::milliseconds timeout{5'000};
   bool json = false;
