@@ -20,7 +20,7 @@ ALLOWED = {
     "platform": {"platform"},
     "server": {"server", "stack", "platform"},
     "app": {"app", "server", "platform", "stack", "ber"},
-    "tools": {"tools", "server", "platform", "stack"},
+    "tools": {"tools", "server", "platform", "stack", "ber"},
 }
 OTHER_FOLDERS = {"tests", "bench"}
 BEAST_UNITS = {"platform/websocket_beast.cpp", "platform/websocket_client.cpp"}

@@ -7,17 +7,13 @@
 #include <array>
 #include <cstdio>
 #include <filesystem>
-#include <set>
 #include <string>
-
 #include <vector>
 
 #include "stack/ethernet_frame.h"
-#include "stack/goose_pdu.h"
 #include "tests/support/network_namespace.h"
 #include "tools/tarnlink_ied/options.h"
 #include "tools/tarnlink_ied/replay.h"
-#include "tools/tarnlink_ied/simulated_ied.h"
 
 namespace tarnlink {
 namespace {
@@ -45,11 +41,11 @@ class JumpingPacer final : public Pacer {
 class RecordingSink final : public FrameSink {
  public:
   explicit RecordingSink(JumpingPacer& pacer) : pacer_(pacer) {}
-  IedResult<SendOutcome> send(ByteView frame) override {
-    if (frame.size() > mtu + 14) return SendOutcome::tooLong;
+  IedResult<SinkOutcome> send(ByteView frame) override {
+    if (frame.size() > mtu + 14) return SinkOutcome::tooLong;
     frames.emplace_back(frame.begin(), frame.end());
     sentAt.push_back(pacer_.now().time_since_epoch() / 1ms);
-    return SendOutcome::sent;
+    return SinkOutcome::sent;
   }
   std::size_t mtu = 1500;
   std::vector<Bytes> frames;
@@ -177,93 +173,18 @@ TEST(Replay, CaptureCutInMidFrameSendsWhatIsWholeAndFails) {
   EXPECT_EQ(report.sent, 1U);
 }
 
-TEST(Simulation, NumbersAndTimeFollowTheStates) {
-  auto blocks = feederBay(kSource, 500ms);
-  auto& trip = blocks.at(0);
-  std::vector<GooseDataValue> previous;
-  TimePoint changedAt{};
-  for (std::uint32_t sent = 0; sent < 40; ++sent) {
-    SCOPED_TRACE(sent);
-    const TimePoint now = timeFromUnixSeconds(1'700'000'000.0 + sent);
-    const auto octets = trip.nextFrame(now);
-    ASSERT_TRUE(octets);
-    const auto frame = EthernetFrame::parse(*octets);
-    ASSERT_TRUE(frame);
-    const auto pdu = GoosePdu::parse(frame->payload);
-    ASSERT_TRUE(pdu);
-    EXPECT_EQ(frame->vlanId, 100);
-    EXPECT_EQ(frame->vlanPriority, 4);
-    EXPECT_EQ(pdu->stNum, 1 + sent / 4);
-    EXPECT_EQ(pdu->sqNum, sent % 4);
-    if (pdu->sqNum == 0) changedAt = now;
-    EXPECT_EQ(pdu->timestamp, changedAt);
-    EXPECT_EQ(pdu->allData == previous, pdu->sqNum != 0);
-    previous = pdu->allData;
-  }
-}
-
-TEST(Simulation, StateNumberRollsOverToOne) {
-  GoosePublishConfig config{};
-  config.initialStNum = UINT32_MAX;
-  ControlBlock block(config, kSource, 1, [](auto...) { return std::vector<GooseDataValue>(); });
-  const auto octets = block.nextFrame(TimePoint());
-  EXPECT_EQ(GoosePdu::parse(EthernetFrame::parse(*octets)->payload)->stNum, 1U);
-}
-
-TEST(Simulation, DatasetsSurviveDecodingAndHoldEveryType) {
-  std::set<GooseDataValue::Kind> kinds;
-  const auto collect = [&](const auto& self, const std::vector<GooseDataValue>& values) -> void {
-    for (const auto& value : values) {
-      kinds.insert(value.kind());
-      if (const auto* members = std::get_if<GooseDataValue::Structure>(&value.payload)) {
-        self(self, members->members);
-      } else if (const auto* elements = std::get_if<GooseDataValue::Array>(&value.payload)) {
-        self(self, elements->members);
-      }
-    }
-  };
-  for (auto& block : feederBay(kSource, 500ms)) {
-    SCOPED_TRACE(block.config().goCBRef);
-    const auto octets = block.nextFrame(timeFromUnixSeconds(1'700'000'000.0));
-    const auto pdu = GoosePdu::parse(EthernetFrame::parse(*octets)->payload);
-    ASSERT_TRUE(pdu);
-    EXPECT_EQ(pdu->allData, block.config().values);
-    EXPECT_EQ(pdu->timeAllowedToLive, 1500U);
-    collect(collect, pdu->allData);
-  }
-  using Kind = GooseDataValue::Kind;
-  EXPECT_THAT(kinds, ElementsAre(Kind::boolean, Kind::bitString, Kind::integer,
-                                 Kind::unsignedInteger, Kind::floatingPoint, Kind::octetString,
-                                 Kind::visibleString, Kind::utcTime, Kind::structure, Kind::array));
-}
-
-TEST(Simulation, KeepsItsGridAndLeavesOutWhatAStallMissed) {
-  JumpingPacer pacer;
-  class StallingSink final : public FrameSink {
-   public:
-    explicit StallingSink(JumpingPacer& p) : pacer(p) {}
-    IedResult<SendOutcome> send(ByteView) override {
-      sentAt.push_back(pacer.now().time_since_epoch() / 1ms);
-      pacer.stall(sentAt.size() == 2 ? 250ms : 7ms);
-      return SendOutcome::sent;
-    }
-    JumpingPacer& pacer;
-    std::vector<std::int64_t> sentAt;
-  } sink(pacer);
-  auto blocks = feederBay(kSource, 100ms);
-  blocks.erase(blocks.begin() + 1, blocks.end());
-  SendReport report;
-  ASSERT_TRUE(simulate(std::move(blocks), {100ms, 4}, sink, pacer, report));
-  EXPECT_THAT(sink.sentAt, ElementsAre(0, 100, 400, 500));
-}
-
 TEST(IedCommandLine, RefusesWhatDoesNotFit) {
   const std::vector<std::vector<const char*>> cases = {
       {},
       {"--interface"},
       {"--interface", "a", "--count", "0"},
       {"--interface", "a", "--count", "-1"},
-      {"--interface", "a", "--interval", "0"},
+      {"--interface", "a", "--interval", "-1"},
+      {"--interface", "a", "--no-goose"},
+      {"--interface", "a", "--no-goose", "--listen", "--interval", "9"},
+      {"--interface", "a", "--sv-rate", "4000"},
+      {"--interface", "a", "--sv", "--sv-rate", "50001"},
+      {"--interface", "a", "--sv", "--replay", "f"},
       {"--interface", "a", "--speed", "2"},
       {"--interface", "a", "--loop"},
       {"--interface", "a", "--replay", "f", "--interval", "20"},
@@ -289,7 +210,7 @@ TEST_F(InterfaceSinkTest, TaggedFrameArrivesOctetForOctet) {
   ASSERT_TRUE(peer) << errors.data();
   auto sink = InterfaceSink::open(kIed);
   ASSERT_TRUE(sink) << sink.error().text;
-  ASSERT_EQ(*sink->send(tagged(7)), SendOutcome::sent);
+  ASSERT_EQ(*sink->send(tagged(7)), SinkOutcome::sent);
   pcap_pkthdr* header = nullptr;
   const u_char* octets = nullptr;
   Bytes received;
@@ -304,9 +225,9 @@ TEST_F(InterfaceSinkTest, TaggedFrameArrivesOctetForOctet) {
 TEST_F(InterfaceSinkTest, TroublesOfTheLinkAreTold) {
   auto sink = InterfaceSink::open(kIed);
   ASSERT_TRUE(sink);
-  EXPECT_EQ(*sink->send(Bytes(2000)), SendOutcome::tooLong);
+  EXPECT_EQ(*sink->send(Bytes(2000)), SinkOutcome::tooLong);
   test::NetworkNamespace::setUp(kIed, false);
-  EXPECT_EQ(*sink->send(tagged(1)), SendOutcome::linkDown);
+  EXPECT_EQ(*sink->send(tagged(1)), SinkOutcome::linkDown);
   test::NetworkNamespace::removeLink(kIed);
   EXPECT_THAT(sink->send(tagged(1)).error().text, ::testing::HasSubstr(kIed));
   EXPECT_THAT(InterfaceSink::open(kIed).error().text, ::testing::HasSubstr("no interface"));

@@ -28,13 +28,13 @@ IedResult<InterfaceSink> InterfaceSink::open(const std::string& interface) {
   return InterfaceSink(interface, std::move(*handle));
 }
 
-IedResult<SendOutcome> InterfaceSink::send(ByteView frame) {
+IedResult<SinkOutcome> InterfaceSink::send(ByteView frame) {
   errno = 0;
   if (pcap_sendpacket(handle_.get(), frame.data(), static_cast<int>(frame.size())) == 0) {
-    return SendOutcome::sent;
+    return SinkOutcome::sent;
   }
-  if (errno == EMSGSIZE) return SendOutcome::tooLong;
-  if (errno == ENETDOWN) return SendOutcome::linkDown;
+  if (errno == EMSGSIZE) return SinkOutcome::tooLong;
+  if (errno == ENETDOWN) return SinkOutcome::linkDown;
   return IedError{"sending on " + interface_ + " failed: " + pcap_geterr(handle_.get())};
 }
 

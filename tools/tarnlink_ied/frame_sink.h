@@ -18,7 +18,7 @@ template <class T>
 using IedResult = boost::system::result<T, IedError>;
 
 /// What became of one frame that did not fail the program.
-enum class SendOutcome {
+enum class SinkOutcome {
   sent,
   tooLong,   ///< Longer than the link carries.
   linkDown,  ///< The interface is down for now; frames may pass later.
@@ -28,7 +28,7 @@ class FrameSink {
  public:
   virtual ~FrameSink() = default;
   /// `frame` is a whole Ethernet frame without check sequence, 802.1Q tag in place.
-  virtual IedResult<SendOutcome> send(ByteView frame) = 0;
+  virtual IedResult<SinkOutcome> send(ByteView frame) = 0;
 };
 
 /// A real interface, through a libpcap send handle. One thread.
@@ -36,7 +36,7 @@ class InterfaceSink final : public FrameSink {
  public:
   /// Refuses interfaces that are absent, not permitted, or no Ethernet.
   static IedResult<InterfaceSink> open(const std::string& interface);
-  IedResult<SendOutcome> send(ByteView frame) override;
+  IedResult<SinkOutcome> send(ByteView frame) override;
 
  private:
   InterfaceSink(std::string interface, PcapHandle handle);

@@ -30,20 +30,22 @@ std::string checkCount(const std::string& text) {
 }  // namespace
 
 std::variant<IedOptions, CommandLineEnd> parseIedOptions(int argc, const char* const* argv) {
-  CLI::App app("Sends GOOSE frames like a protection device, or replays a capture.",
-               "tarnlink-ied");
+  CLI::App app(
+      "Sends GOOSE frames like a protection device, and Sampled Values, or replays a capture.",
+      "tarnlink-ied");
   std::string interface;
-  int interval = 500;
+  SimulationOptions simulation;
+  auto interval = simulation.interval.count();
   std::uint64_t count = 0;
   ReplayOptions recording;
   app.add_option("--interface", interface, "Ethernet interface to send on")
       ->required()
       ->type_name("NAME");
-  auto* intervalOption =
-      app.add_option("--interval", interval, "Milliseconds between frames of a control block")
-          ->check(CLI::Range(1, kMaxInterval))
-          ->type_name("MS")
-          ->capture_default_str();
+  auto* intervalOption = app.add_option("--interval", interval,
+                                        "Milliseconds between state changes; 0: only on demand")
+                             ->check(CLI::Range(0, kMaxInterval))
+                             ->type_name("MS")
+                             ->capture_default_str();
   auto* countOption = app.add_option("--count", count, "End after so many frames were sent")
                           ->check(checkCount)
                           ->type_name("N");
@@ -57,11 +59,33 @@ std::variant<IedOptions, CommandLineEnd> parseIedOptions(int argc, const char* c
       ->capture_default_str()
       ->needs(replayOption);
   app.add_flag("--loop", recording.loop, "Replay again and again")->needs(replayOption);
+  std::uint32_t svRate = SvStreamConfig::kNominalRate;
+  bool sendsSv = false;
+  bool sendsNoGoose = false;
+  auto* svOption = app.add_flag("--sv", sendsSv, "Also send Sampled Values as of IEC 61850-9-2LE")
+                       ->excludes(replayOption);
+  app.add_option("--sv-rate", svRate, "Samples a second, one a frame")
+      ->check(CLI::Range(1, static_cast<int>(SvStreamConfig::kMaxRate)))
+      ->type_name("N")
+      ->capture_default_str()
+      ->needs(svOption);
+  app.add_flag("--listen", simulation.listens, "Print the GOOSE messages that others send")
+      ->excludes(replayOption);
+  app.add_flag("--no-goose", sendsNoGoose, "Send no GOOSE messages: with --sv or --listen")
+      ->excludes(replayOption)
+      ->excludes(intervalOption);
   app.footer(
+      "The control blocks of a feeder bay take turns in changing their states; each change is "
+      "sent\n"
+      "with the standard's transmission pattern. The line 'trip' on standard input changes the\n"
+      "breaker's state at once; 'change', or SIGUSR1, that of whichever control block is next.\n"
       "Sending needs root or CAP_NET_RAW. SIGINT and SIGTERM end the program.\n"
       "Exit codes: 0 done or asked to end, 1 failed, 2 bad usage.");
   try {
     app.parse(argc, argv);
+    if (sendsNoGoose && !sendsSv && !simulation.listens) {
+      throw CLI::RequiresError("--no-goose", "--sv or --listen");
+    }
   } catch (const CLI::ParseError& end) {
     std::ostringstream out;
     std::ostringstream errors;
@@ -73,7 +97,11 @@ std::variant<IedOptions, CommandLineEnd> parseIedOptions(int argc, const char* c
     recording.count = limit;
     return IedOptions{interface, recording};
   }
-  return IedOptions{interface, SimulationOptions{std::chrono::milliseconds(interval), limit}};
+  simulation.sendsGoose = !sendsNoGoose;
+  simulation.interval = std::chrono::milliseconds(interval);
+  if (sendsSv) simulation.svRate = svRate;
+  simulation.count = limit;
+  return IedOptions{interface, simulation};
 }
 
 }  // namespace tarnlink

@@ -55,15 +55,15 @@ void ReplaySchedule::startNextRound() {
   recorded_ += kRoundGap;
 }
 
-void SendReport::count(SendOutcome outcome) {
+void SendReport::count(SinkOutcome outcome) {
   switch (outcome) {
-    case SendOutcome::sent:
+    case SinkOutcome::sent:
       ++sent;
       break;
-    case SendOutcome::tooLong:
+    case SinkOutcome::tooLong:
       ++tooLong;
       break;
-    case SendOutcome::linkDown:
+    case SinkOutcome::linkDown:
       ++linkDown;
       break;
   }

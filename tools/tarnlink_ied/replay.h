@@ -51,7 +51,7 @@ struct SendReport {
 
   bool operator==(const SendReport&) const = default;
 
-  void count(SendOutcome outcome);
+  void count(SinkOutcome outcome);
   /// "Sent 12 frames", with what was skipped and why.
   std::string text() const;
 };

@@ -1,129 +1,123 @@
 #include "tools/tarnlink_ied/simulated_ied.h"
 
-#include <algorithm>
-#include <array>
-#include <cmath>
+#include <memory>
+#include <mutex>
+#include <optional>
 #include <utility>
+#include <vector>
+
+#include "stack/goose_publisher.h"
+#include "stack/punctual_thread.h"
+#include "tools/tarnlink_ied/feeder_bay.h"
+#include "tools/tarnlink_ied/goose_listener.h"
+#include "tools/tarnlink_ied/send_tally.h"
+#include "tools/tarnlink_ied/simulation.h"
+#include "tools/tarnlink_ied/sv_sender.h"
 
 namespace tarnlink {
 namespace {
 
-using Value = GooseDataValue;
-using Values = std::vector<GooseDataValue>;
+/// Lines from several threads, and why the program could not go on.
+class Journal {
+ public:
+  explicit Journal(std::ostream& out) : out_(out) {}
 
-constexpr std::uint16_t kTripVlan = 100;
-// IEC 61850-8-1, annex C: the priority that GOOSE has unless configured otherwise.
-constexpr std::uint8_t kGoosePriority = 4;
-
-/// Quality (IEC 61850-8-1, 8.2): 13 bits, all zero for a good value.
-Value goodQuality() {
-  return Value::bitString(Value::BitString(13, false));
-}
-
-/// Dbpos (IEC 61850-8-1, 8.2): 00 intermediate, 01 off, 10 on.
-Value position(bool first, bool second) {
-  return Value::bitString({first, second});
-}
-
-/// A breaker that closes, trips, and is closed again: on, trip, moving, off, moving.
-Values breaker(std::uint32_t state, TimePoint changedAt) {
-  static constexpr std::array<std::array<bool, 3>, 5> kCycle = {{
-      // position, position, trip
-      {true, false, false},
-      {true, false, true},
-      {false, false, true},
-      {false, true, false},
-      {false, false, false},
-  }};
-  const auto& [first, second, trip] = kCycle[state % kCycle.size()];
-  return {position(first, second), goodQuality(), Value::utcTime(changedAt), Value::boolean(trip),
-          goodQuality()};
-}
-
-/// Load that swings around 400 A with a period of 24 states.
-float current(std::uint32_t state, float phaseShift) {
-  constexpr float kTurn = 6.2831853F;
-  return 400.0F + 25.0F * std::sin(static_cast<float>(state % 24) / 24.0F * kTurn + phaseShift);
-}
-
-/// Every type of value that a dataset can hold and a receiver understands.
-Values measurements(std::uint32_t state, TimePoint changedAt) {
-  constexpr float kThirdOfTurn = 2.0943951F;
-  const auto phase = [&](std::uint32_t number) {
-    return Value::structure(
-        {Value::floatingPoint(current(state, -kThirdOfTurn * static_cast<float>(number))),
-         goodQuality()});
-  };
-  const auto tap = static_cast<std::int32_t>(state % 11) - 5;
-  return {Value::boolean(tap >= 4),  // Tap position alarm.
-          Value::integer(tap),
-          Value::unsignedInteger(100000 + state),  // Operation counter.
-          Value::array({phase(0), phase(1), phase(2)}),
-          Value::visibleString(tap < 0 ? "lowering" : "raising"),
-          Value::octetString({0x0A, static_cast<std::uint8_t>(state)}),
-          goodQuality(),
-          Value::utcTime(changedAt)};
-}
-
-/// Four switches: one opens, the one before it closes.
-Values interlocking(std::uint32_t state, TimePoint changedAt) {
-  Values values;
-  for (std::uint32_t number = 0; number < 4; ++number) {
-    values.push_back(Value::boolean(state % 4 != number));
+  void line(std::string_view text) {
+    const std::lock_guard hold(lock_);
+    out_ << text << std::endl;
   }
-  values.push_back(Value::utcTime(changedAt));
-  return values;
+  void fail(std::string reason) {
+    const std::lock_guard hold(lock_);
+    if (!failure_) failure_ = std::move(reason);
+  }
+  std::optional<std::string> failure() {
+    const std::lock_guard hold(lock_);
+    return failure_;
+  }
+
+ private:
+  std::mutex lock_;
+  std::ostream& out_;
+  std::optional<std::string> failure_;
+};
+
+std::vector<Publication> publications(const std::string& interface, PunctualThread& thread,
+                                      const std::shared_ptr<SendHandleSource>& handles) {
+  std::vector<Publication> all;
+  for (auto& block : feederBay(interface)) {
+    // The simulation itself says what changes.
+    auto publisher = std::make_shared<GoosePublisher>(
+        thread.executor(), [](std::string_view) {}, handles);
+    all.push_back({std::move(block), std::move(publisher)});
+  }
+  return all;
 }
 
-GoosePublishConfig blockConfig(std::uint16_t appId, const std::string& name,
-                               std::chrono::milliseconds interval) {
-  GoosePublishConfig config{};
-  config.appId = appId;
-  config.goCBRef = "BAY1LD0/LLN0$GO$gcb" + name;
-  config.dataSetRef = "BAY1LD0/LLN0$ds" + name;
-  config.goId = "BAY1_" + name;
-  config.confRev = 1;
-  config.vlanPriority = kGoosePriority;
-  // IEC 61850-8-1, annex B: the multicast addresses for GOOSE.
-  config.dstMac = {0x01, 0x0C, 0xCD, 0x01, 0x00, static_cast<std::uint8_t>(appId)};
-  config.timeAllowedToLive = static_cast<std::uint32_t>(3 * interval.count());
-  return config;
+IedResult<std::unique_ptr<SvSender>> startStream(const std::string& interface, std::uint32_t rate,
+                                                 SendHandleSource& handles) {
+  auto handle = handles.openSendHandle(interface);
+  if (!handle) return IedError{handle.error().description()};
+  const auto source = handles.macAddressBytes(interface);
+  if (!source) return IedError{interface + " has no MAC address"};
+  SvStreamConfig config;
+  config.rate = rate;
+  SampledValues values(config, *source);
+  return std::make_unique<SvSender>(std::move(*handle), std::move(values));
 }
 
-/// The first moment of the grid after `now`.
-Pacer::Clock::time_point nextTick(Pacer::Clock::time_point due, Pacer::Clock::time_point now,
-                                  std::chrono::milliseconds interval) {
-  const auto late = std::max(now - due, Pacer::Clock::duration::zero());
-  return due + (late / interval + 1) * interval;
+std::string announcement(const std::string& interface, const SimulationOptions& options,
+                         std::size_t controlBlocks) {
+  std::string text;
+  if (controlBlocks > 0) text += "Publishing " + std::to_string(controlBlocks) + " control blocks";
+  if (options.svRate) {
+    text += (text.empty() ? "Sending " : ", sending ") + std::to_string(*options.svRate) +
+            " Sampled Values a second";
+  }
+  if (options.listens) text += text.empty() ? "Listening" : ", listening";
+  return text + " on " + interface;
 }
 
 }  // namespace
 
-std::vector<ControlBlock> feederBay(const MacAddress& source, std::chrono::milliseconds interval) {
-  auto trip = blockConfig(1, "Trip", interval);
-  trip.vlanId = kTripVlan;
-  trip.vlanTagged = true;
-  std::vector<ControlBlock> blocks;
-  blocks.emplace_back(std::move(trip), source, 4, breaker);
-  blocks.emplace_back(blockConfig(2, "Measurement", interval), source, 2, measurements);
-  blocks.emplace_back(blockConfig(3, "Interlocking", interval), source, 10, interlocking);
-  return blocks;
-}
-
-IedResult<void> simulate(std::vector<ControlBlock> blocks, const SimulationOptions& options,
-                         FrameSink& sink, Pacer& pacer, SendReport& report) {
-  auto due = pacer.now();
-  while (pacer.waitUntil(due)) {
-    for (ControlBlock& block : blocks) {
-      const auto frame = block.nextFrame(timeNow());
-      if (!frame) return IedError{frame.error().description()};
-      const auto outcome = sink.send(*frame);
-      if (!outcome) return outcome.error();
-      report.count(*outcome);
-      if (options.count && report.sent >= *options.count) return {};
-    }
-    due = nextTick(due, pacer.now(), options.interval);
+IedResult<void> simulateIed(const std::string& interface, const SimulationOptions& options,
+                            OperatorCues& cues, std::ostream& out) {
+  // Says in people's words what is wrong with an interface.
+  if (const auto sink = InterfaceSink::open(interface); !sink) return sink.error();
+  Journal journal(out);
+  SendTally tally(options.count, [&cues] { cues.end(); });
+  const auto handles = countedSendHandles(systemSendHandles(), tally);
+  PunctualThread thread;
+  std::unique_ptr<GooseListener> listener;
+  if (options.listens) {
+    auto started =
+        GooseListener::start(interface, {[&journal](std::string_view line) { journal.line(line); },
+                                         [&journal, &cues](std::string reason) {
+                                           journal.fail(std::move(reason));
+                                           cues.end();
+                                         }});
+    if (!started) return started.error();
+    listener = std::move(*started);
   }
+  std::vector<Publication> blocks;
+  if (options.sendsGoose) blocks = publications(interface, thread, handles);
+  journal.line(announcement(interface, options, blocks.size()));
+  std::unique_ptr<SvSender> stream;
+  if (options.svRate) {
+    auto started = startStream(interface, *options.svRate, *handles);
+    if (!started) return started.error();
+    stream = std::move(*started);
+  }
+  {
+    Simulation simulation(std::move(blocks), thread.executor(), [&](std::string_view line) {
+      if (!tally.isOver()) journal.line(line);
+    });
+    simulation.run(options.interval, cues);
+  }
+  stream.reset();
+  listener.reset();
+  journal.line(tally.text());
+  if (tally.isInterfaceGone()) return IedError{"the interface " + interface + " has gone"};
+  if (const auto reason = journal.failure()) return IedError{*reason};
   return {};
 }
 

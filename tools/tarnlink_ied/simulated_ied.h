@@ -1,35 +1,19 @@
-// A protection and control device of a feeder bay, as far as a process bus shows it.
+// A protection device and merging unit of a feeder bay, as far as a process bus shows them.
 #pragma once
 
-#include <chrono>
-#include <cstdint>
-#include <optional>
+#include <ostream>
 #include <string>
-#include <vector>
 
-#include "stack/mac_address.h"
-#include "tools/tarnlink_ied/control_block.h"
+#include "tools/tarnlink_ied/cues.h"
 #include "tools/tarnlink_ied/frame_sink.h"
-#include "tools/tarnlink_ied/pacer.h"
-#include "tools/tarnlink_ied/replay.h"
+#include "tools/tarnlink_ied/options.h"
 
 namespace tarnlink {
 
-/// Three control blocks: the breaker's position and trip (tagged, VLAN 100, priority 4),
-/// measurements that hold every type of value, and interlocking.
-/// `interval` is the time between frames of one control block; receivers may call a publication
-/// lost after three of them.
-std::vector<ControlBlock> feederBay(const MacAddress& source, std::chrono::milliseconds interval);
-
-struct SimulationOptions {
-  std::chrono::milliseconds interval{500};
-  std::optional<std::uint64_t> count;  ///< End after so many frames were sent.
-};
-
-/// Sends one frame of every control block each interval, counted from the start so that errors do
-/// not add up; after a stall the intervals that have passed are left out. Returns after `count`
-/// frames or when `pacer` says so; fails when the interface is lost.
-IedResult<void> simulate(std::vector<ControlBlock> blocks, const SimulationOptions& options,
-                         FrameSink& sink, Pacer& pacer, SendReport& report);
+/// Sends, and listens, as the options say, until `cues` ends it, the count is reached, or the
+/// interface is lost, which is a failure. What happens goes to `out`, a flushed line each; the last
+/// one says how many frames were sent. Blocks; works on threads of its own beside the caller's.
+IedResult<void> simulateIed(const std::string& interface, const SimulationOptions& options,
+                            OperatorCues& cues, std::ostream& out);
 
 }  // namespace tarnlink

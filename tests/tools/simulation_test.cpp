@@ -1,0 +1,146 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "stack/goose_pdu.h"
+#include "stack/punctual_thread.h"
+#include "tools/tarnlink_ied/feeder_bay.h"
+#include "tools/tarnlink_ied/send_tally.h"
+#include "tools/tarnlink_ied/simulation.h"
+
+namespace tarnlink {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+
+/// Time that passes only where somebody waits, or stalls; cues at given moments.
+class ScriptedCues final : public CueSource {
+ public:
+  explicit ScriptedCues(std::vector<std::pair<std::int64_t, Cue>> script)
+      : script_(std::move(script)) {}
+  Clock::time_point now() const override { return now_; }
+  Cue waitUntil(std::optional<Clock::time_point> deadline) override {
+    const auto [at, cue] = script_.front();
+    const Clock::time_point scripted{std::chrono::milliseconds(at)};
+    if (deadline && *deadline < scripted) {
+      now_ = std::max(now_, *deadline);
+      return Cue::due;
+    }
+    script_.erase(script_.begin());
+    now_ = std::max(now_, scripted);
+    return cue;
+  }
+  std::int64_t milliseconds() const { return now_.time_since_epoch() / 1ms; }
+  void stall(Clock::duration duration) { now_ += duration; }
+
+ private:
+  Clock::time_point now_{};
+  std::vector<std::pair<std::int64_t, Cue>> script_;
+};
+
+class RecordingPublisher final : public GoosePublishing {
+ public:
+  using OnPublish = std::function<GooseResult<void>(const GoosePublishConfig&)>;
+  explicit RecordingPublisher(OnPublish onPublish) : onPublish_(std::move(onPublish)) {}
+
+  boost::asio::awaitable<GooseResult<void>> publishStateChange(GoosePublishConfig config) override {
+    co_return onPublish_(config);
+  }
+  boost::asio::awaitable<void> unpublish(std::optional<std::string>) override { co_return; }
+  boost::asio::awaitable<void> stop() override { co_return; }
+
+ private:
+  OnPublish onPublish_;
+};
+
+/// "3@1500": control block 3 changed after 1,500 ms.
+std::vector<std::string> changes(std::chrono::milliseconds interval, ScriptedCues& cues,
+                                 std::chrono::milliseconds stallOnce = 0ms) {
+  std::vector<std::string> seen;
+  const auto publisher = std::make_shared<RecordingPublisher>([&](const auto& config) {
+    seen.push_back(std::to_string(config.appId) + "@" + std::to_string(cues.milliseconds()));
+    if (seen.size() == 4) cues.stall(stallOnce);
+    return seen.size() == 1 ? GooseResult<void>(GooseError::sendFailed("link down"))
+                            : GooseResult<void>();
+  });
+  std::vector<Publication> publications;
+  for (auto& block : feederBay("eth1")) publications.push_back({std::move(block), publisher});
+  PunctualThread thread;
+  Simulation simulation(std::move(publications), thread.executor(), [](std::string_view) {});
+  simulation.run(interval, cues);
+  return seen;
+}
+
+TEST(Simulation, ControlBlocksTakeTurnsAndAStallsChangesAreLeftOut) {
+  ScriptedCues cues({{650, Cue::end}});
+  EXPECT_THAT(changes(100ms, cues, 250ms),
+              ElementsAre("1@0", "2@0", "3@0", "1@100", "2@400", "3@500", "1@600"));
+}
+
+TEST(Simulation, ChangesOnDemandComeBetweenAndDoNotShiftTheGrid) {
+  ScriptedCues cues({{130, Cue::trip}, {140, Cue::change}, {250, Cue::end}});
+  EXPECT_THAT(changes(100ms, cues),
+              ElementsAre("1@0", "2@0", "3@0", "1@100", "1@130", "2@140", "3@200"));
+}
+
+TEST(Simulation, WithoutIntervalOnlyDemandChanges) {
+  ScriptedCues cues({{5000, Cue::change}, {9000, Cue::end}});
+  EXPECT_THAT(changes(0ms, cues), ElementsAre("1@0", "2@0", "3@0", "1@5000"));
+}
+
+TEST(FeederBay, DatasetsSurviveTheWireHoldEveryTypeAndChangeWithEachState) {
+  std::set<GooseDataValue::Kind> kinds;
+  const auto collect = [&](const auto& self, const std::vector<GooseDataValue>& values) -> void {
+    for (const auto& value : values) {
+      kinds.insert(value.kind());
+      if (const auto* members = std::get_if<GooseDataValue::Structure>(&value.payload)) {
+        self(self, members->members);
+      } else if (const auto* elements = std::get_if<GooseDataValue::Array>(&value.payload)) {
+        self(self, elements->members);
+      }
+    }
+  };
+  for (auto& block : feederBay("eth1")) {
+    SCOPED_TRACE(block.config().goCBRef);
+    std::vector<GooseDataValue> previous;
+    for (int state = 0; state < 30; ++state) {
+      GoosePduFields fields;
+      const auto values = block.nextState(timeFromUnixSeconds(1'700'000'000.0)).values;
+      fields.values = values;
+      const auto octets = GoosePdu::encode(fields);
+      ASSERT_TRUE(octets);
+      EXPECT_EQ(GoosePdu::parse(*octets)->allData, values);
+      EXPECT_NE(values, previous);
+      previous = values;
+    }
+    collect(collect, previous);
+  }
+  using Kind = GooseDataValue::Kind;
+  EXPECT_THAT(kinds, ElementsAre(Kind::boolean, Kind::bitString, Kind::integer,
+                                 Kind::unsignedInteger, Kind::floatingPoint, Kind::octetString,
+                                 Kind::visibleString, Kind::utcTime, Kind::structure, Kind::array));
+}
+
+TEST(SendTally, FailedFramesLeaveTheirPlaceInTheLimitAndTheLastOneEnds) {
+  int ends = 0;
+  SendTally tally(2, [&ends] { ++ends; });
+  EXPECT_TRUE(tally.claim());
+  EXPECT_TRUE(tally.claim());
+  EXPECT_FALSE(tally.claim());
+  tally.count({SendOutcome::Status::failed, "link down"});
+  EXPECT_TRUE(tally.claim());
+  tally.count({});
+  EXPECT_EQ(ends, 0);
+  tally.count({});
+  EXPECT_EQ(ends, 1);
+  EXPECT_FALSE(tally.claim());
+  EXPECT_EQ(tally.text(), "Sent 2 frames; 1 could not be sent");
+}
+
+}  // namespace
+}  // namespace tarnlink

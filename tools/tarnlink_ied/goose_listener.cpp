@@ -1,0 +1,62 @@
+#include "tools/tarnlink_ied/goose_listener.h"
+
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/detached.hpp>
+#include <boost/asio/use_future.hpp>
+#include <utility>
+
+#include "server/json_value.h"
+#include "server/json_value_codec.h"
+#include "stack/interface_discovery.h"
+#include "tools/tarnlinkctl/printing.h"
+
+namespace tarnlink {
+namespace {
+
+using Stream = MessageStream<GooseMessage>;
+using OnMessage = std::function<void(std::string_view)>;
+
+std::string lineOf(const GooseMessage& message) {
+  JsonWriter writer;
+  toBridgeJson(message, writer);
+  const auto fields = writer.failed() ? std::nullopt : parseJsonObject(writer.text());
+  const std::string from = "Heard from " + message.srcMac.value_or("?") + ": ";
+  return from + (fields ? gooseLine(*fields) : "a message that has no text form");
+}
+
+boost::asio::awaitable<void> showAll(Stream stream, std::optional<std::string> ownMac,
+                                     OnMessage onMessage) {
+  Stream::Batch batch;
+  while (co_await stream.next(batch)) {
+    for (const GooseMessage& message : batch.records()) {
+      if (!ownMac || message.srcMac != ownMac) onMessage(lineOf(message));
+    }
+  }
+}
+
+}  // namespace
+
+GooseListener::GooseListener()
+    : receiver_(std::make_shared<GooseReceiver>(thread_.get_executor(), CaptureMode::lowLatency)) {}
+
+GooseListener::~GooseListener() {
+  boost::asio::co_spawn(thread_, receiver_->stop(), boost::asio::use_future).get();
+  thread_.join();
+}
+
+IedResult<std::unique_ptr<GooseListener>> GooseListener::start(const std::string& interface,
+                                                               Handlers handlers) {
+  std::unique_ptr<GooseListener> listener(new GooseListener);
+  auto work = listener->receiver_->start(interface, std::move(handlers.onDeath));
+  auto stream =
+      boost::asio::co_spawn(listener->thread_, std::move(work), boost::asio::use_future).get();
+  if (!stream)
+    return IedError{"cannot listen on " + interface + ": " + stream.error().description()};
+  const auto own = InterfaceDiscovery::macAddressBytes(interface);
+  auto ownMac = own ? std::optional(formatMac(*own)) : std::nullopt;
+  auto showing = showAll(std::move(*stream), std::move(ownMac), std::move(handlers.onMessage));
+  boost::asio::co_spawn(listener->thread_, std::move(showing), boost::asio::detached);
+  return listener;
+}
+
+}  // namespace tarnlink

@@ -1,0 +1,76 @@
+#include "tools/tarnlink_ied/send_tally.h"
+
+#include <utility>
+
+namespace tarnlink {
+namespace {
+
+class CountedSendHandle final : public SendHandle {
+ public:
+  CountedSendHandle(std::unique_ptr<SendHandle> handle, SendTally& tally)
+      : handle_(std::move(handle)), tally_(tally) {}
+
+  SendOutcome sendPacket(ByteView frame) override {
+    if (!tally_.claim()) return {SendOutcome::Status::failed, "enough frames were sent"};
+    auto outcome = handle_->sendPacket(frame);
+    tally_.count(outcome);
+    return outcome;
+  }
+  SendOutcome inject(ByteView frame) override { return sendPacket(frame); }
+  void setPriority(std::uint8_t priority) override { handle_->setPriority(priority); }
+
+ private:
+  std::unique_ptr<SendHandle> handle_;
+  SendTally& tally_;
+};
+
+class CountedSendHandles final : public SendHandleSource {
+ public:
+  CountedSendHandles(std::shared_ptr<SendHandleSource> source, SendTally& tally)
+      : source_(std::move(source)), tally_(tally) {}
+
+  GooseResult<std::unique_ptr<SendHandle>> openSendHandle(const std::string& interface) override {
+    auto handle = source_->openSendHandle(interface);
+    if (!handle) return handle.error();
+    return std::make_unique<CountedSendHandle>(std::move(*handle), tally_);
+  }
+  std::optional<MacAddress> macAddressBytes(const std::string& interface) override {
+    return source_->macAddressBytes(interface);
+  }
+
+ private:
+  std::shared_ptr<SendHandleSource> source_;
+  SendTally& tally_;
+};
+
+}  // namespace
+
+bool SendTally::claim() {
+  if (!limit_ || ++claimed_ <= *limit_) return true;
+  --claimed_;
+  return false;
+}
+
+void SendTally::count(const SendOutcome& outcome) {
+  if (outcome.status == SendOutcome::Status::sent) {
+    ++sent_;
+  } else {
+    ++failed_;
+    --claimed_;
+    if (outcome.status == SendOutcome::Status::interfaceGone) isInterfaceGone_ = true;
+  }
+  if (isOver()) onEnd_();
+}
+
+std::string SendTally::text() const {
+  std::string text = "Sent " + std::to_string(sent_) + (sent_ == 1 ? " frame" : " frames");
+  if (failed_ > 0) text += "; " + std::to_string(failed_) + " could not be sent";
+  return text;
+}
+
+std::shared_ptr<SendHandleSource> countedSendHandles(std::shared_ptr<SendHandleSource> source,
+                                                     SendTally& tally) {
+  return std::make_shared<CountedSendHandles>(std::move(source), tally);
+}
+
+}  // namespace tarnlink
