@@ -25,9 +25,7 @@ class TextFrame {
   const char* data() const { return storage_.get() + begin_; }
   std::size_t size() const { return end_ - begin_; }
   /// The message without its header.
-  std::string_view text() const {
-    return {storage_.get() + kHeaderRoom, end_ - kHeaderRoom};
-  }
+  std::string_view text() const { return {storage_.get() + kHeaderRoom, end_ - kHeaderRoom}; }
 
   TextFrame(std::unique_ptr<char[]> storage, std::size_t textLength);
 

@@ -6,8 +6,12 @@ namespace tarnlink {
 namespace {
 
 // ASCII only, whatever the locale.
-bool isLetter(char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); }
-bool isLetterOrDigit(char c) { return isLetter(c) || (c >= '0' && c <= '9'); }
+bool isLetter(char c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
+}
+bool isLetterOrDigit(char c) {
+  return isLetter(c) || (c >= '0' && c <= '9');
+}
 
 }  // namespace
 

@@ -12,9 +12,13 @@ constexpr TimePoint timeFromUnixSeconds(double seconds) {
   return TimePoint(std::chrono::duration<double>(seconds));
 }
 
-constexpr double unixSeconds(TimePoint time) { return time.time_since_epoch().count(); }
+constexpr double unixSeconds(TimePoint time) {
+  return time.time_since_epoch().count();
+}
 
-inline TimePoint timeNow() { return TimePoint(std::chrono::system_clock::now()); }
+inline TimePoint timeNow() {
+  return TimePoint(std::chrono::system_clock::now());
+}
 
 /// 0001-01-01T00:00:00Z: stands for a time that could not be read.
 inline constexpr TimePoint kDistantPast = timeFromUnixSeconds(-62135596800.0);
