@@ -8,6 +8,7 @@ ied=ied0
 start_limit=10  # Seconds.
 
 work=''
+code=''  # The client's.
 declare -A children=()
 
 # Starts this program anew in a network of its own, which the kernel removes with its last process.
@@ -74,12 +75,12 @@ fail_with_log() {
   exit 1
 }
 
-# await_line NAME TEXT: until the bridge's log has the text; fails when child NAME ends before.
+# await_line NAME LOG TEXT: until that log has the text; fails when child NAME ends before.
 await_line() {
   local deadline=$((SECONDS + start_limit))
-  until grep -qsF "$2" "$work/bridge.log"; do
-    is_running "${children[$1]}" || fail_with_log bridge "the $1 ended"
-    ((SECONDS < deadline)) || fail_with_log bridge "no '$2' from the bridge in $start_limit seconds"
+  until grep -qsF "$3" "$work/$2.log"; do
+    is_running "${children[$1]}" || fail_with_log "$2" "the $1 ended"
+    ((SECONDS < deadline)) || fail_with_log "$2" "no '$3' from the $2 in $start_limit seconds"
     sleep 0.05
   done
 }
@@ -111,24 +112,40 @@ start_bridge() {
       sleep 0.05
     done
   fi
-  await_line bridge "[BridgeServer] Listening on port"
+  await_line bridge bridge "[BridgeServer] Listening on port"
 }
 
 # Subscribes; returns when the bridge captures, so that no frame comes too early.
 start_client() {
-  local code
   code=$("$bin/tarnlinkd" --show-pairing-code --preferences "$work/preferences.json")
   TARNLINK_CODE=$code setpriv --pdeathsig TERM -- "$bin/tarnlinkctl" ${json:+--json} \
     subscribe goose ${count:+--count "$count"} &
   children[client]=$!
-  await_line client "capture started"
+  await_line client bridge "capture started"
 }
 
 start_ied() {
   local ied_command=("$bin/tarnlink-ied" --interface "$ied")
-  [[ -z $replay ]] || ied_command+=(--replay "$replay")
+  if [[ -n $replay ]]; then
+    ied_command+=(--replay "$replay")
+  else
+    ied_command+=(--listen)
+  fi
   [[ -z $speed ]] || ied_command+=(--speed "$speed")
   start ied "${ied_command[@]}"
+}
+
+# The other direction: one message from a client through the bridge to the IED, which shows it.
+show_publishing() {
+  # shellcheck disable=SC2016  # These are no variables.
+  local reference='TARNLINK/LLN0$GO$hello' values=(bool:true string:hello)
+  await_line ied ied "listening on $ied"
+  say "publishing through the bridge: tarnlinkctl publish --gocb-ref '$reference' ${values[*]}"
+  # One frame alone, so that the messages of the IED stay in the foreground.
+  TARNLINK_CODE=$code "$bin/tarnlinkctl" publish --gocb-ref "$reference" --profile single \
+    "${values[@]}" >"$work/publish.log" 2>&1 || fail_with_log publish "publishing failed"
+  await_line ied ied "$reference"
+  say "the IED says: $(grep -m 1 -F "$reference" "$work/ied.log")"
 }
 
 # Until the client has enough, the recording is over, or something breaks.
@@ -165,6 +182,7 @@ show_bridge_at_work() {
     say "messages on a virtual process bus; Ctrl-C ends"
     start_client
     start_ied
+    [[ -n $replay ]] || show_publishing
   fi
   await_end
 }
