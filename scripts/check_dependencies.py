@@ -62,12 +62,13 @@ class Tree:
         return places
 
     def sources_of(self, target, folder):
-        """The sources that CMake lists for a library, and their headers."""
+        """The sources and lone headers that CMake lists for a library, and their headers."""
         text = (self.root / folder / "CMakeLists.txt").read_text(encoding="utf-8")
         match = re.search(r"add_library\(\s*" + target + r"\b([^)]*)\)", text)
         if not match:
             sys.exit(f"{folder}/CMakeLists.txt: no add_library({target} ...)")
-        stems = [f"{folder}/{name[:-4]}" for name in match[1].split() if name.endswith(".cpp")]
+        names = (pathlib.Path(folder, name) for name in match[1].split())
+        stems = [str(name.with_suffix("")) for name in names if name.suffix in {".cpp", ".h"}]
         return {file for stem in stems for file in (stem + ".cpp", stem + ".h")} & self.known
 
 
