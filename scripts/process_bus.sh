@@ -150,8 +150,16 @@ show_publishing() {
 
 # Until the client has enough, the recording is over, or something breaks.
 await_end() {
-  local ended status=0
-  wait -n -p ended "${children[@]}" || status=$?
+  local ended='' status=0 child
+  # wait -n knows no child that has ended while this shell waited for something else.
+  for child in "${children[@]}"; do
+    is_running "$child" || ended=$child
+  done
+  if [[ -n $ended ]]; then
+    wait "$ended" || status=$?
+  else
+    wait -n -p ended "${children[@]}" || status=$?
+  fi
   case $ended in
     "${children[client]}")
       # 141: nobody reads on (./run | head), which is no failure.
