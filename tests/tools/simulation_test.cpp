@@ -1,9 +1,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <csignal>
 #include <set>
 #include <string>
+#include <string_view>
+#include <thread>
 #include <vector>
 
 #include "stack/goose_pdu.h"
@@ -91,6 +96,29 @@ TEST(Simulation, ChangesOnDemandComeBetweenAndDoNotShiftTheGrid) {
 TEST(Simulation, WithoutIntervalOnlyDemandChanges) {
   ScriptedCues cues({{5000, Cue::change}, {9000, Cue::end}});
   EXPECT_THAT(changes(0ms, cues), ElementsAre("1@0", "2@0", "3@0", "1@5000"));
+}
+
+TEST(OperatorCues, LinesInPiecesSignalsAndTheDeadlineAreAllHeard) {
+  std::array<int, 2> input{};
+  ASSERT_EQ(::pipe(input.data()), 0);
+  ::dup2(input[0], STDIN_FILENO);
+  const auto type = [&](std::string_view text) {
+    ASSERT_EQ(::write(input[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  };
+  OperatorCues cues;
+  type("trip\nnonsense\ncha");
+  EXPECT_EQ(cues.waitUntil(std::nullopt), Cue::trip);
+  EXPECT_EQ(cues.waitUntil(cues.now() + 1ms), Cue::due);
+  type("nge\n");
+  EXPECT_EQ(cues.waitUntil(std::nullopt), Cue::change);
+  ::raise(SIGUSR1);
+  EXPECT_EQ(cues.waitUntil(std::nullopt), Cue::change);
+  ::close(input[0]);
+  ::close(input[1]);
+  // The end of the input is no cue, and no reason to spin.
+  EXPECT_EQ(cues.waitUntil(cues.now() + 1ms), Cue::due);
+  std::thread([&cues] { cues.end(); }).join();
+  EXPECT_EQ(cues.waitUntil(std::nullopt), Cue::end);
 }
 
 TEST(FeederBay, DatasetsSurviveTheWireHoldEveryTypeAndChangeWithEachState) {
