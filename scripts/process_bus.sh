@@ -138,12 +138,13 @@ start_ied() {
 # The other direction: one message from a client through the bridge to the IED, which shows it.
 show_publishing() {
   # shellcheck disable=SC2016  # These are no variables.
-  local reference='TARNLINK/LLN0$GO$hello' values=(bool:true string:hello)
-  await_line ied ied "listening on $ied"
-  say "publishing through the bridge: tarnlinkctl publish --gocb-ref '$reference' ${values[*]}"
+  local reference='TARNLINK/LLN0$GO$hello'
   # One frame alone, so that the messages of the IED stay in the foreground.
-  TARNLINK_CODE=$code "$bin/tarnlinkctl" publish --gocb-ref "$reference" --profile single \
-    "${values[@]}" >"$work/publish.log" 2>&1 || fail_with_log publish "publishing failed"
+  local rest=(--profile single bool:true string:hello)
+  await_line ied ied "listening on $ied"
+  say "publishing through the bridge: tarnlinkctl publish --gocb-ref '$reference' ${rest[*]}"
+  TARNLINK_CODE=$code "$bin/tarnlinkctl" publish --gocb-ref "$reference" "${rest[@]}" \
+    >"$work/publish.log" 2>&1 || fail_with_log publish "publishing failed"
   await_line ied ied "$reference"
   say "the IED says: $(grep -m 1 -F "$reference" "$work/ied.log")"
 }
