@@ -10,11 +10,17 @@ build_packages=(
   iproute2 util-linux
 )
 
+# To build and run the desktop program as well.
+desktop_packages=(qt6-base-dev libqt6svg6-dev libxcb1-dev acl libcap2-bin)
+
 # To build and run the tests and benches as well.
 test_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev tshark
   dbus-daemon avahi-daemon avahi-utils
 )
+
+# To test the desktop program on a display of its own.
+desktop_test_packages=(dbus-daemon openbox trayer xclip xdotool xvfb)
 
 # For the checks beyond the tests.
 ci_packages=(

@@ -1,0 +1,36 @@
+#include "app/desktop/desktop_files.h"
+
+#include <QStandardPaths>
+#include <cstdlib>
+#include <string>
+
+#include "platform/preference_store.h"
+#include "server/pairing_code.h"
+
+namespace tarnlink {
+namespace fs = std::filesystem;
+
+CapabilityAccessFiles findBridgeFiles(const fs::path& ownFolder) {
+  const auto installed = ownFolder.parent_path() / "libexec" / "tarnlink";
+  std::error_code ignored;
+  const auto folder = fs::exists(installed / "tarnlinkd", ignored) ? installed : ownFolder;
+  CapabilityAccessFiles files{folder / "tarnlinkd", folder / "tarnlink-capture-access"};
+  const auto pkexec = QStandardPaths::findExecutable(QStringLiteral("pkexec"));
+  if (!pkexec.isEmpty()) files.pkexec = pkexec.toStdString();
+  return files;
+}
+
+fs::path usablePreferenceFile(const LogSink& log) {
+  const auto file = defaultPreferenceFile();
+  const auto code = pairingCode(*makePreferenceStore(file, log));
+  if (makePreferenceStore(file, [](std::string_view) {})->read(kPairingCodeKey) == code) {
+    return file;
+  }
+  std::string folder = (fs::temp_directory_path() / "tarnlink.XXXXXX").string();
+  if (::mkdtemp(folder.data()) == nullptr) return file;
+  const auto own = fs::path(folder) / "preferences.json";
+  log("[KorvelTarnlink] Preferences for this run alone: " + own.string());
+  return own;
+}
+
+}  // namespace tarnlink

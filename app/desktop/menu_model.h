@@ -1,0 +1,41 @@
+// What the status-bar menu shows, as a plain value: built without a user interface, compared with
+// the menu that is shown, and only then drawn.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "stack/network_interface_info.h"
+
+namespace tarnlink {
+
+/// Everything that the menu tells.
+struct MenuState {
+  std::string appVersion;
+  bool isRunning = false;
+  std::uint16_t port = 0;
+  std::string pairingCode;
+  std::vector<NetworkInterfaceInfo> interfaces;  ///< In the order of the menu.
+  std::string activeInterface;                   ///< Empty: none.
+  bool canCapture = false;
+};
+
+enum class MenuAction { none, copyPairingCode, selectInterface, installBpfAccess, quit };
+
+/// Without an action an item is disabled. A separator has no title.
+struct MenuItem {
+  std::string title;
+  MenuAction action = MenuAction::none;
+  std::string represented;  ///< The interface's name, of items that choose one.
+  bool isChecked = false;
+  bool isSeparator = false;
+
+  bool operator==(const MenuItem&) const = default;
+};
+
+using MenuModel = std::vector<MenuItem>;
+
+MenuModel buildMenu(const MenuState& state);
+
+}  // namespace tarnlink

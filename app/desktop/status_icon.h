@@ -1,0 +1,34 @@
+// The icon in the status bar, from the moment that there is a status bar.
+#pragma once
+
+#include <QIcon>
+#include <QMenu>
+#include <QSystemTrayIcon>
+#include <memory>
+
+#include "stack/log_sink.h"
+
+namespace tarnlink {
+
+/// The thread that draws. A status bar may start long after this program, at log-in for example.
+/// Qt decides with the first icon, and for good, whether icons are status notifier items on D-Bus
+/// or XEmbed windows; so none is made before one of the two has a host.
+class StatusIcon {
+ public:
+  /// The menu outlives the icon.
+  StatusIcon(QMenu* menu, LogSink log);
+
+  void setImage(const QIcon& image);
+
+  /// Makes the icon when there is a status bar for it. Call from time to time.
+  void lookForStatusBar();
+
+ private:
+  QMenu* menu_;
+  LogSink log_;
+  QIcon image_;
+  std::unique_ptr<QSystemTrayIcon> item_;
+  bool hasComplained_ = false;
+};
+
+}  // namespace tarnlink

@@ -1,0 +1,272 @@
+// The desktop program as its users meet it: on a display, in a status bar, with its real bridge.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <thread>
+
+#include "platform/websocket_client.h"
+#include "server/json_value.h"
+#include "tests/desktop/desktop_session.h"
+#include "tests/desktop/status_bar_host.h"
+#include "tests/support/network_namespace.h"
+
+namespace tarnlink {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using test::DesktopSession;
+using test::NetworkNamespace;
+using test::SessionProgram;
+using test::StatusBarHost;
+
+constexpr std::uint16_t kPort = 8765;
+const std::string kListening = "[KorvelTarnlink] Listening on port 8765";
+
+class DesktopProgram : public ::testing::Test {
+ protected:
+  void start(DesktopSession::Bus bus) {
+    session_ = std::make_unique<DesktopSession>(bus);
+    NetworkNamespace::addVethPair("bus0", "ied0");
+  }
+  void launch() {
+    tarnlink_ = std::make_unique<SessionProgram>(std::vector<std::string>{TARNLINK});
+  }
+
+  std::unique_ptr<DesktopSession> session_;
+  std::unique_ptr<SessionProgram> tarnlink_;
+};
+
+/// A client of the bridge that has paired.
+class PairedClient {
+ public:
+  explicit PairedClient(const std::string& code)
+      : client_(WebSocketClient::connect("127.0.0.1", kPort).value()) {
+    send(R"({"cmd":"auth","token":")" + code + "\"}");
+    EXPECT_TRUE(await("auth_result").boolean("ok").value_or(false));
+  }
+  void send(const std::string& command) { EXPECT_TRUE(client_.sendText(command)); }
+  /// The next event of that name, or of any when it is empty; an empty one when none comes.
+  JsonObject await(const std::string& name) {
+    while (const auto message = client_.receive()) {
+      auto event = parseJsonObject(message->data);
+      if (event && (name.empty() || *event->string("event") == name)) return *event;
+    }
+    return {};
+  }
+
+ private:
+  WebSocketClient client_;
+};
+
+std::string codeIn(const std::string& label) {
+  return label.substr(std::string("Pairing-Code: ").size(), 6);
+}
+
+// The bridge runs in this test's network and in no other.
+pid_t bridgeProcess() {
+  const auto network = fs::read_symlink("/proc/self/ns/net");
+  for (const auto& entry : fs::directory_iterator("/proc")) {
+    std::error_code error;
+    std::ifstream name(entry.path() / "comm");
+    std::string text;
+    if (!std::getline(name, text) || text != "tarnlinkd") continue;
+    if (fs::read_symlink(entry.path() / "ns/net", error) == network) {
+      return std::stoi(entry.path().filename());
+    }
+  }
+  return 0;
+}
+
+TEST_F(DesktopProgram, TheMenuInAStatusBarDrivesTheBridge) {
+  start(DesktopSession::Bus::session);
+  StatusBarHost bar;
+  launch();
+  bar.awaitItem();
+  EXPECT_EQ(tarnlink_->await(kListening), kListening);
+  auto menu = bar.awaitMenu("Läuft");
+  std::vector<std::string> shown;
+  for (const auto& item : menu.items) shown.push_back((item.isEnabled ? "" : "x") + item.label);
+  const auto code = codeIn(menu.find("Pairing-Code").label);
+  EXPECT_EQ(shown, (std::vector<std::string>{
+                       "xKorvel 61850 Tarnlink " TARNLINK_VERSION, "", "x● Läuft  ·  Port 8765",
+                       "Pairing-Code: " + code + "  (klicken zum Kopieren)", "",
+                       "xNetzwerk-Interface:", "  bus0 — bus0", "  ied0 — ied0", "",
+                       "x✓ BPF-Zugriff aktiv", "", "Beenden"}));
+
+  bar.sendEvent(menu.find("Pairing-Code").id, "clicked");
+  std::string copied;
+  for (int i = 0; i < 50 && copied != code; ++i) {
+    copied = DesktopSession::run("xclip -o -selection clipboard 2>&1");
+  }
+  EXPECT_EQ(copied, code);
+
+  PairedClient client(code);
+  bar.sendEvent(menu.find("ied0").id, "clicked");
+  EXPECT_EQ(*client.await("bridge_status").string("activeInterface"), "ied0");
+  menu = bar.awaitMenu("ied0", true);
+  EXPECT_FALSE(menu.find("bus0").isChecked);
+  bar.sendEvent(menu.find("ied0").id, "clicked");
+  EXPECT_EQ(*client.await("bridge_status").string("activeInterface"), "ied0");
+  EXPECT_TRUE(bar.awaitMenu("ied0", true).find("ied0").isChecked) << "clicked again";
+
+  // An interface that goes is dropped with a refresh, but not under the user's hands.
+  bar.openMenu();
+  NetworkNamespace::removeLink("bus0");
+  std::this_thread::sleep_for(6s);
+  EXPECT_NE(bar.menu().find("bus0").id, 0);
+  bar.sendEvent(0, "closed");
+  menu = bar.awaitMenu("keine Interfaces gefunden");
+  std::this_thread::sleep_for(6s);
+  EXPECT_EQ(bar.menu().revision, menu.revision) << "an unchanged menu is left alone";
+
+  bar.sendEvent(menu.find("Beenden").id, "clicked");
+  EXPECT_EQ(tarnlink_->awaitEnd(), "exit code 0");
+  EXPECT_EQ(tarnlink_->count("[BridgeServer] Stopped"), 1);
+  EXPECT_FALSE(WebSocketClient::connect("127.0.0.1", kPort));
+}
+
+TEST_F(DesktopProgram, AStatusBarThatStartsLaterGetsTheIcon) {
+  start(DesktopSession::Bus::session);
+  launch();
+  EXPECT_NE(tarnlink_->await("No status bar yet"), "");
+  EXPECT_EQ(tarnlink_->await(kListening), kListening);
+  StatusBarHost bar;
+  bar.awaitItem();
+  EXPECT_NE(bar.awaitMenu("Läuft").find("Beenden").id, 0);
+  tarnlink_->terminate();
+  EXPECT_EQ(tarnlink_->awaitEnd(), "exit code 0") << "as at the end of a session";
+  EXPECT_EQ(tarnlink_->count("No status bar"), 1);
+}
+
+// XEmbed, without a session bus; Ctrl+Q works where the menu has the keyboard.
+TEST_F(DesktopProgram, ATrayOfTheOlderKindShowsTheMenu) {
+  start(DesktopSession::Bus::none);
+  SessionProgram tray({"/usr/bin/trayer", "--edge", "top", "--align", "left", "--widthtype",
+                       "pixel", "--width", "40", "--height", "24"});
+  launch();
+  EXPECT_NE(tarnlink_->await("No session bus"), "");
+  EXPECT_EQ(tarnlink_->await(kListening), kListening);
+  const auto menus = [] {
+    return DesktopSession::run("xdotool search --onlyvisible --class tarnlink getwindowgeometry");
+  };
+  for (int i = 0; i < 50 && menus().find("Geometry: 3") == std::string::npos; ++i) {
+    DesktopSession::run("xdotool mousemove 12 12 click 1");
+    std::this_thread::sleep_for(200ms);
+  }
+  DesktopSession::run("xdotool key ctrl+q");
+  EXPECT_EQ(tarnlink_->awaitEnd(), "exit code 0");
+}
+
+/// The user nobody, whose programs hold no capability, and a prompt that the test answers.
+class DesktopProgramWithoutAccess : public DesktopProgram {
+ protected:
+  void SetUp() override {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root, to act for another user";
+    start(DesktopSession::Bus::session);
+    bar_ = std::make_unique<StatusBarHost>();
+    folder_ = session_->folder() / "programs";
+    fs::create_directory(folder_);
+    fs::permissions(session_->folder(), fs::perms(0777));
+    for (const std::string file : {TARNLINK, TARNLINKD, TARNLINK_CAPTURE_ACCESS}) {
+      fs::copy_file(file, folder_ / fs::path(file).filename());
+    }
+    std::ofstream(folder_ / "pkexec") << "#!/bin/sh\ncd " << session_->folder().string()
+                                      << "\necho \"$@\" >asked\n"
+                                         "until [ -s answer ]; do sleep 0.05; done\n"
+                                         "exit $(cat answer)\n";
+    fs::permissions(folder_ / "pkexec", fs::perms(0755));
+    ::setenv("PATH", (folder_.string() + ":/usr/bin:/bin").c_str(), 1);
+    auto argv = test::kAsNobody;
+    argv.push_back((folder_ / "tarnlink").string());
+    tarnlink_ = std::make_unique<SessionProgram>(argv);
+  }
+
+  static std::string firstLineOf(const fs::path& file) {
+    std::string line;
+    for (int i = 0; i < 200 && line.empty(); ++i) {
+      std::ifstream stream(file);
+      std::getline(stream, line);
+      std::this_thread::sleep_for(50ms);
+    }
+    return line;
+  }
+
+  /// Agrees to the question, and does as the administrator what the prompt then asks for.
+  void consent() {
+    ASSERT_TRUE(DesktopSession::answerAlert("Return")) << "the question";
+    const auto helper = (folder_ / "tarnlink-capture-access").string();
+    ASSERT_EQ(firstLineOf(session_->folder() / "asked"), "--disable-internal-agent " + helper);
+    ASSERT_EQ(std::system(("PKEXEC_UID=65534 " + helper).c_str()), 0);
+    std::ofstream(session_->folder() / "answer") << "0\n";
+    ASSERT_TRUE(DesktopSession::answerAlert("Return")) << "what became of it";
+  }
+
+  /// Whether a subscription starts a capture.
+  bool captures() {
+    const auto code = codeIn(bar_->awaitMenu("Läuft").find("Pairing-Code").label);
+    PairedClient client(code);
+    client.send(R"({"cmd":"subscribe_goose"})");
+    const auto answer = client.await("");
+    return answer.boolean("isCapturing").value_or(false);
+  }
+
+  std::unique_ptr<StatusBarHost> bar_;
+  fs::path folder_;
+};
+
+TEST_F(DesktopProgramWithoutAccess, ConsentAtLaunchMakesTheBridgeCapture) {
+  consent();
+  bar_->awaitItem();
+  EXPECT_EQ(tarnlink_->await(kListening), kListening);
+  EXPECT_FALSE(bar_->awaitMenu("✓ BPF-Zugriff aktiv").find("✓ BPF-Zugriff aktiv").isEnabled);
+  EXPECT_TRUE(captures());
+}
+
+TEST_F(DesktopProgramWithoutAccess, ConsentLaterReachesTheRunningBridge) {
+  ASSERT_TRUE(DesktopSession::answerAlert("Escape"));
+  bar_->awaitItem();
+  EXPECT_EQ(tarnlink_->await(kListening), kListening);
+  EXPECT_FALSE(captures());
+  bar_->sendEvent(bar_->menu().find("⚠ BPF-Zugriff einrichten…").id, "clicked");
+  consent();
+  EXPECT_EQ(tarnlink_->await(kListening), kListening);
+  bar_->awaitMenu("✓ BPF-Zugriff aktiv");
+  EXPECT_TRUE(captures());
+  EXPECT_EQ(tarnlink_->count("died"), 0);
+}
+
+TEST_F(DesktopProgram, WhatIsBrokenAroundItGetsOneLine) {
+  start(DesktopSession::Bus::session);
+  const auto preferences = session_->folder() / "config/tarnlink/preferences.json";
+
+  fs::create_directories(preferences.parent_path());
+  std::ofstream(preferences) << "{\"pairingCode\":";
+  launch();
+  EXPECT_EQ(tarnlink_->await(kListening), kListening);
+  EXPECT_EQ(tarnlink_->count("is not a JSON object"), 1);
+
+  ::kill(bridgeProcess(), SIGKILL);
+  EXPECT_EQ(tarnlink_->await("[KorvelTarnlink]"),
+            "[KorvelTarnlink] tarnlinkd died (signal 9); starting it again in 500 ms");
+  EXPECT_EQ(tarnlink_->await("[KorvelTarnlink]"), kListening);
+
+  SessionProgram second({TARNLINK});
+  EXPECT_EQ(second.await("[KorvelTarnlink] Start"),
+            "[KorvelTarnlink] Start failed: Address already in use");
+  second.terminate();
+  EXPECT_EQ(second.awaitEnd(), "exit code 0");
+
+  ::setenv("DISPLAY", ":4711", 1);
+  SessionProgram blind({TARNLINK});
+  EXPECT_EQ(blind.awaitEnd(), "exit code 1");
+  EXPECT_EQ(blind.count(""), 1);
+  EXPECT_EQ(blind.count("No display"), 1);
+}
+
+}  // namespace
+}  // namespace tarnlink

@@ -1,0 +1,128 @@
+#include "tests/desktop/desktop_session.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <stdexcept>
+#include <thread>
+
+#include "tests/support/network_namespace.h"
+
+namespace tarnlink::test {
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+constexpr auto kLimit = 10s;
+
+// As Debian's, but for every user: the status bar and the program need not be of the same.
+constexpr const char* kBusConfig = R"(<busconfig>
+  <type>session</type>
+  <listen>unix:tmpdir=/tmp</listen>
+  <policy context="default">
+    <allow user="*"/>
+    <allow own="*"/>
+    <allow send_destination="*"/>
+    <allow receive_sender="*"/>
+  </policy>
+</busconfig>
+)";
+
+SessionProgram::SessionProgram(const std::vector<std::string>& argv) {
+  auto started = BackgroundProcess::start(argv);
+  if (!started) throw std::runtime_error(argv[0] + ": " + started.error().message());
+  process_ = std::move(*started);
+}
+
+std::string SessionProgram::await(const std::string& text) {
+  const auto deadline = BackgroundProcess::Clock::now() + kLimit;
+  std::string line;
+  while (process_->next(line, never_, deadline) == BackgroundProcess::Event::line) {
+    lines_.push_back(line);
+    if (line.find(text) != std::string::npos) return line;
+  }
+  return {};
+}
+
+std::string SessionProgram::awaitEnd() {
+  const auto deadline = BackgroundProcess::Clock::now() + kLimit;
+  std::string line;
+  while (true) {
+    const auto event = process_->next(line, never_, deadline);
+    if (event == BackgroundProcess::Event::ended) return process_->end();
+    if (event != BackgroundProcess::Event::line) return {};
+    lines_.push_back(line);
+  }
+}
+
+int SessionProgram::count(const std::string& text) {
+  int found = 0;
+  for (const auto& line : lines_) found += line.find(text) != std::string::npos ? 1 : 0;
+  return found;
+}
+
+DesktopSession::DesktopSession(Bus bus)
+    : folder_(fs::path(::testing::TempDir()) / ("desktop." + std::to_string(::getpid()))) {
+  NetworkNamespace::enter();
+  fs::create_directories(folder_ / "config");
+  // One test is about another user.
+  fs::permissions(folder_ / "config", fs::perms(0777));
+  ::setenv("HOME", folder_.c_str(), 1);
+  ::setenv("XDG_CONFIG_HOME", (folder_ / "config").c_str(), 1);
+  ::setenv("LC_ALL", "C.UTF-8", 1);
+  ::unsetenv("WAYLAND_DISPLAY");
+
+  programs_.push_back(std::make_unique<SessionProgram>(
+      std::vector<std::string>{"/usr/bin/Xvfb", "-displayfd", "1", "-ac", "-nolisten", "tcp",
+                               "-screen", "0", "800x600x24"}));
+  const auto display = programs_.back()->await("");
+  if (display.empty()) throw std::runtime_error("Xvfb does not start");
+  ::setenv("DISPLAY", (":" + display).c_str(), 1);
+
+  ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent", 1);
+  if (bus == Bus::session) {
+    const auto config = folder_ / "bus.conf";
+    std::ofstream(config) << kBusConfig;
+    programs_.push_back(std::make_unique<SessionProgram>(
+        std::vector<std::string>{"/usr/bin/dbus-daemon", "--config-file=" + config.string(),
+                                 "--nofork", "--nopidfile", "--print-address=1"}));
+    ::setenv("DBUS_SESSION_BUS_ADDRESS", programs_.back()->await("unix:").c_str(), 1);
+  }
+  programs_.push_back(std::make_unique<SessionProgram>(
+      std::vector<std::string>{"/usr/bin/openbox", "--startup", "echo ready"}));
+  if (programs_.back()->await("ready").empty()) throw std::runtime_error("openbox does not start");
+}
+
+DesktopSession::~DesktopSession() {
+  programs_.clear();
+  std::error_code ignored;
+  fs::remove_all(folder_, ignored);
+}
+
+std::string DesktopSession::run(const std::string& command) {
+  std::string text;
+  FILE* pipe = ::popen(("timeout 10 " + command).c_str(), "r");
+  for (int c; (c = std::fgetc(pipe)) != EOF;) text += static_cast<char>(c);
+  ::pclose(pipe);
+  if (text.ends_with('\n')) text.pop_back();
+  return text;
+}
+
+bool DesktopSession::answerAlert(const std::string& key) {
+  const auto deadline = BackgroundProcess::Clock::now() + kLimit;
+  std::string alert;
+  // A key that comes before the window listens is lost, so it is pressed until the window goes.
+  while (BackgroundProcess::Clock::now() < deadline) {
+    const auto visible = run("xdotool search --onlyvisible --class tarnlink 2>/dev/null");
+    const auto first = visible.substr(0, visible.find('\n'));
+    if (!alert.empty() && first != alert) return true;
+    alert = first;
+    if (!alert.empty()) run("xdotool windowfocus " + alert + " key " + key + " 2>/dev/null");
+    std::this_thread::sleep_for(100ms);
+  }
+  return false;
+}
+
+}  // namespace tarnlink::test

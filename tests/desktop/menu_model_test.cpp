@@ -1,0 +1,55 @@
+#include "app/desktop/menu_model.h"
+
+#include <gtest/gtest.h>
+
+namespace tarnlink {
+namespace {
+
+// One line an item: "-" for a separator, else the check mark, the title and, for an item that can
+// be chosen, "-> action represented".
+std::vector<std::string> linesOf(const MenuModel& menu) {
+  static const char* const kActions[] = {"", " -> copy", " -> select ", " -> install", " -> quit"};
+  std::vector<std::string> lines;
+  for (const auto& item : menu) {
+    lines.push_back(item.isSeparator
+                        ? "-" + item.title
+                        : (item.isChecked ? "*" : "") + item.title +
+                              kActions[static_cast<int>(item.action)] + item.represented);
+  }
+  return lines;
+}
+
+TEST(MenuModel, ShowsTheBridgeAsItIs) {
+  const NetworkInterfaceInfo office{"eth0", "Ethernet", true, "", true};
+  const NetworkInterfaceInfo bus{"bus0", "", false, "", true};
+  const struct {
+    const char* situation;
+    MenuState state;
+    std::vector<std::string> lines;
+  } cases[] = {
+      {"just launched",
+       {"1.2", false, 8765, "000123", {}, "", false},
+       {"Korvel 61850 Tarnlink 1.2", "-", "○ Gestoppt",
+        "Pairing-Code: 000123  (klicken zum Kopieren) -> copy", "-",
+        "Netzwerk-Interface:", "  (keine Interfaces gefunden)", "-",
+        "⚠ BPF-Zugriff einrichten… -> install", "-", "Beenden -> quit"}},
+      {"serving",
+       {"dev", true, 8765, "654321", {office, bus}, "bus0", true},
+       {"Korvel 61850 Tarnlink dev", "-", "● Läuft  ·  Port 8765",
+        "Pairing-Code: 654321  (klicken zum Kopieren) -> copy", "-",
+        "Netzwerk-Interface:", "  eth0 — Ethernet -> select eth0", "*  bus0  (down) -> select bus0",
+        "-", "✓ BPF-Zugriff aktiv", "-", "Beenden -> quit"}},
+      {"active interface unplugged",
+       {"dev", true, 8765, "654321", {office}, "bus0", true},
+       {"Korvel 61850 Tarnlink dev", "-", "● Läuft  ·  Port 8765",
+        "Pairing-Code: 654321  (klicken zum Kopieren) -> copy", "-", "Netzwerk-Interface:",
+        "  eth0 — Ethernet -> select eth0", "-", "✓ BPF-Zugriff aktiv", "-", "Beenden -> quit"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.situation);
+    EXPECT_EQ(linesOf(buildMenu(c.state)), c.lines);
+  }
+}
+
+}  // namespace
+}  // namespace tarnlink
