@@ -5,6 +5,9 @@
 # shellcheck source=scripts/packages.sh
 source scripts/packages.sh
 
+# Lets ccache, where it is installed, serve one clone with what another has built.
+export CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=1
+
 say() { printf '%s\n' "${0##*/}: $*" >&2; }
 
 fail() {
