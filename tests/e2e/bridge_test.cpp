@@ -90,7 +90,10 @@ class BridgeEndToEndTest : public ProcessBusTest {
     ASSERT_EQ(code.size(), 6U);
   }
   void send(const Bytes& frame) {
-    if (!peer) peer = std::move(*systemSendHandles()->openSendHandle(kIed));
+    if (!peer) {
+      auto opened = systemSendHandles()->openSendHandle(kIed);
+      peer = std::move(*opened);
+    }
     ASSERT_EQ(peer->sendPacket(frame).status, SendOutcome::Status::sent);
   }
 
