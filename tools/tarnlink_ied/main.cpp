@@ -15,7 +15,7 @@ IedResult<void> play(const std::string& interface, const ReplayOptions& recordin
   if (!sink) return sink.error();
   std::cout << "Replaying " << recording.path << " on " << interface << std::endl;
   SendReport report;
-  const auto result = replay(recording, *sink, pacer, report);
+  auto result = replay(recording, *sink, pacer, report);
   std::cout << report.text() << std::endl;
   return result;
 }
