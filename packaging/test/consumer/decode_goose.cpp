@@ -1,0 +1,16 @@
+// Encodes a GOOSE message and decodes it again, with the codecs alone.
+#include <cstdio>
+
+#include "stack/goose_pdu.h"
+
+int main() {
+  tarnlink::GoosePduFields fields;
+  fields.goCBRef = "IED1/LLN0$GO$g1";
+  fields.stNum = 7;
+  const auto payload = tarnlink::GoosePdu::encode(fields);
+  if (!payload) return 1;
+  const auto pdu = tarnlink::GoosePdu::parse(*payload);
+  if (!pdu) return 1;
+  std::printf("%s stNum %u\n", pdu->goCBRef.c_str(), pdu->stNum);
+  return pdu->goCBRef == fields.goCBRef && pdu->stNum == fields.stNum ? 0 : 1;
+}
