@@ -13,7 +13,9 @@
 #include <system_error>
 #include <utility>
 
+#if !defined(__GLIBC__)
 extern char** environ;
+#endif
 
 namespace tarnlink {
 namespace {

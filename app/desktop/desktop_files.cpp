@@ -21,14 +21,14 @@ CapabilityAccessFiles findBridgeFiles(const fs::path& ownFolder) {
 }
 
 fs::path usablePreferenceFile(const LogSink& log) {
-  const auto file = defaultPreferenceFile();
+  auto file = defaultPreferenceFile();
   const auto code = pairingCode(*makePreferenceStore(file, log));
   if (makePreferenceStore(file, [](std::string_view) {})->read(kPairingCodeKey) == code) {
     return file;
   }
   std::string folder = (fs::temp_directory_path() / "tarnlink.XXXXXX").string();
   if (::mkdtemp(folder.data()) == nullptr) return file;
-  const auto own = fs::path(folder) / "preferences.json";
+  auto own = fs::path(folder) / "preferences.json";
   log("[KorvelTarnlink] Preferences for this run alone: " + own.string());
   return own;
 }

@@ -97,7 +97,7 @@ AdminResult BpfDeviceAccess::install() {
   if (const auto error = replaceFile(draft, propertyList())) {
     return AdminError{error.value(), error.message()};
   }
-  const auto done =
+  auto done =
       runAsAdmin(*runner_, AdminRights::osascript, installLine(draft.string(), kDaemonFile));
   if (!done) return done;
   std::error_code ignored;

@@ -191,7 +191,7 @@ void BridgeSupervisor::take(const std::string& line) {
   log_(line);
 }
 
-void BridgeSupervisor::report(BridgeState state) {
+void BridgeSupervisor::report(const BridgeState& state) {
   if (!isStopping_) handler_(state);
 }
 

@@ -58,7 +58,7 @@ class BridgeSupervisor final : public Bridge {
   Outcome serveOnce();
   Outcome outcomeOfEnd(const std::string& end);
   void take(const std::string& line);
-  void report(BridgeState state);
+  void report(const BridgeState& state);
   void setShownInterface(std::string_view name);
   void choose(const std::string& name);
   std::vector<std::string> commandLine() const;
