@@ -18,9 +18,11 @@ using namespace std::chrono_literals;
 constexpr auto kLimit = 10s;
 
 // As Debian's, but for every user: the status bar and the program need not be of the same.
-constexpr const char* kBusConfig = R"(<busconfig>
+std::string busConfig(const fs::path& socket) {
+  return R"(<busconfig>
   <type>session</type>
-  <listen>unix:tmpdir=/tmp</listen>
+  <listen>unix:path=)" +
+         socket.string() + R"(</listen>
   <policy context="default">
     <allow user="*"/>
     <allow own="*"/>
@@ -29,6 +31,7 @@ constexpr const char* kBusConfig = R"(<busconfig>
   </policy>
 </busconfig>
 )";
+}
 
 SessionProgram::SessionProgram(const std::vector<std::string>& argv) {
   auto started = BackgroundProcess::start(argv);
@@ -84,7 +87,7 @@ DesktopSession::DesktopSession(Bus bus)
   ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent", 1);
   if (bus == Bus::session) {
     const auto config = folder_ / "bus.conf";
-    std::ofstream(config) << kBusConfig;
+    std::ofstream(config) << busConfig(folder_ / "bus");
     programs_.push_back(std::make_unique<SessionProgram>(
         std::vector<std::string>{"/usr/bin/dbus-daemon", "--config-file=" + config.string(),
                                  "--nofork", "--nopidfile", "--print-address=1"}));
