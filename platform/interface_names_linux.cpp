@@ -120,6 +120,7 @@ class PropertyQueries {
     slots.clear();  // Questions without an answer let go of `answers`.
     open_ = 0;
     std::vector<Properties> all;
+    all.reserve(answers.size());
     for (Answer& answer : answers) all.push_back(std::move(answer.properties));
     return all;
   }

@@ -41,7 +41,7 @@ class PreferenceStore {
 /// change renames it to "<file>.damaged-<n>", n from 1, never over an older one. A file that
 /// exists but cannot be read is left alone, and the texts last read from it stand. Log lines go to
 /// `log`.
-std::unique_ptr<PreferenceStore> makePreferenceStore(std::filesystem::path file,
+std::unique_ptr<PreferenceStore> makePreferenceStore(const std::filesystem::path& file,
                                                      std::function<void(std::string_view)> log);
 
 /// $XDG_CONFIG_HOME/tarnlink/preferences.json, else ~/.config/tarnlink/preferences.json. Call

@@ -213,7 +213,7 @@ class FilePreferenceStore final : public PreferenceStore {
       lastRead_[std::string(key)] = *stored;
       return *stored;
     }
-    const std::string text = decide(lastRead(key));
+    std::string text = decide(lastRead(key));
     log_("[Preferences] Cannot store " + std::string(key) + " in " + file_.string() + ": " +
          stored.error().message() + "; kept until this program ends");
     unstored_[std::string(key)] = text;
@@ -266,12 +266,14 @@ class FilePreferenceStore final : public PreferenceStore {
 
 }  // namespace
 
-std::unique_ptr<PreferenceStore> makePreferenceStore(fs::path file,
+std::unique_ptr<PreferenceStore> makePreferenceStore(const fs::path& file,
                                                      std::function<void(std::string_view)> log) {
   return std::make_unique<FilePreferenceStore>(fs::absolute(file), std::move(log));
 }
 
 fs::path defaultPreferenceFile() {
+  // Programs ask before they start threads; nothing here changes the environment or the user.
+  // NOLINTBEGIN(concurrency-mt-unsafe)
   fs::path directory;
   // The XDG base directory specification has relative paths ignored.
   if (const char* config = std::getenv("XDG_CONFIG_HOME"); config != nullptr && *config == '/') {
@@ -283,6 +285,7 @@ fs::path defaultPreferenceFile() {
   } else {
     directory = "/var/lib";  // A service without a user entry.
   }
+  // NOLINTEND(concurrency-mt-unsafe)
   return directory / "tarnlink" / "preferences.json";
 }
 
