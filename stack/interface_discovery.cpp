@@ -26,7 +26,7 @@ bool InterfaceDiscovery::isSkippedName(std::string_view name) {
 }
 
 std::string InterfaceDiscovery::fallbackDisplayName(std::string_view name) {
-  const std::string text(name);
+  std::string text(name);
   if (name.starts_with("en")) return "Ethernet (" + text + ")";
   if (name.starts_with("pdp_ip")) return "Cellular (" + text + ")";
   return text;
