@@ -133,7 +133,7 @@ ShownMenu StatusBarHost::menu() {
                            nullptr, &reply, "iias", 0, -1, 0),
         "GetLayout");
   ShownMenu menu;
-  check(sd_bus_message_read(reply, "u", &menu.revision), "revision");
+  check(sd_bus_message_skip(reply, "u"), "revision");
   readNode(reply, &menu.items);
   sd_bus_message_unref(reply);
   return menu;

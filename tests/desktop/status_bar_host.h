@@ -18,7 +18,6 @@ struct ShownItem {
 };
 
 struct ShownMenu {
-  std::uint32_t revision = 0;
   std::vector<ShownItem> items;
 
   /// The first item whose label holds the text; a default one when there is none.
