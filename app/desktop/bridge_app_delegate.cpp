@@ -1,16 +1,17 @@
 #include "app/desktop/bridge_app_delegate.h"
 
+#include "app/desktop/termination.h"
+
 namespace tarnlink {
 
 void BridgeAppDelegate::applicationDidFinishLaunching() {
   ports_.permission.ensureAccess();
-  if (isTerminating_) return;  // While an alert was open.
+  if (isAskedToEnd()) return;  // While an alert was open.
   statusBarController_ = std::make_unique<StatusBarController>(ports_);
   statusBarController_->start();
 }
 
 void BridgeAppDelegate::applicationWillTerminate() {
-  isTerminating_ = true;
   ports_.bridge.stop();
 }
 

@@ -22,7 +22,6 @@ class BridgeAppDelegate {
  private:
   StatusBarPorts ports_;
   std::unique_ptr<StatusBarController> statusBarController_;
-  bool isTerminating_ = false;
 };
 
 }  // namespace tarnlink

@@ -13,6 +13,7 @@ namespace tarnlink {
 namespace {
 
 WakeSignal* signalled = nullptr;  // Set before the handlers.
+bool askedToEnd = false;          // On the thread of the application alone.
 
 extern "C" void wakeOnSignal(int) {
   signalled->wake();
@@ -33,9 +34,14 @@ void quitOnSignals() {
   auto* notifier = new QSocketNotifier(wake.descriptor(), QSocketNotifier::Read, qApp);
   QObject::connect(notifier, &QSocketNotifier::activated, qApp, [] {
     wake.clear();
+    askedToEnd = true;
     QApplication::quit();
   });
   for (const int number : {SIGTERM, SIGINT, SIGHUP}) std::signal(number, wakeOnSignal);
+}
+
+bool isAskedToEnd() {
+  return askedToEnd;
 }
 
 void expectDisplay() {

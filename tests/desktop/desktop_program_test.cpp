@@ -228,6 +228,13 @@ TEST_F(DesktopProgramWithoutAccess, ConsentAtLaunchMakesTheBridgeCapture) {
   EXPECT_TRUE(captures());
 }
 
+TEST_F(DesktopProgramWithoutAccess, AskedToEndDuringTheQuestionItStartsNothing) {
+  ASSERT_FALSE(DesktopSession::run("xdotool search --sync --onlyvisible --class tarnlink").empty());
+  tarnlink_->terminate();
+  EXPECT_EQ(tarnlink_->awaitEnd(), "exit code 0");
+  EXPECT_EQ(tarnlink_->count(""), 0) << "no bridge and no icon were tried";
+}
+
 TEST_F(DesktopProgramWithoutAccess, ConsentLaterReachesTheRunningBridge) {
   ASSERT_TRUE(DesktopSession::answerAlert("Escape"));
   bar_->awaitItem();
