@@ -17,6 +17,20 @@ bool isCloseFrame(std::string_view frame) {
   return !frame.empty() && (static_cast<unsigned char>(frame[0]) & 0x0F) == 8;
 }
 
+// RFC 6455, 7.4: codes from here on have no meaning and nobody may send them. The library takes
+// them from the peer and would echo them.
+constexpr unsigned kCodesEnd = 5000;
+constexpr unsigned kProtocolError = 1002;
+
+// The code of an unmasked close frame is in its third and fourth octet.
+void mendCloseCode(std::string& frame) {
+  if (frame.size() < 4) return;
+  const auto octet = [&](std::size_t at) { return static_cast<unsigned char>(frame[at]); };
+  if ((octet(2) * 256u + octet(3)) < kCodesEnd) return;
+  frame[2] = static_cast<char>(kProtocolError >> 8);
+  frame[3] = static_cast<char>(kProtocolError & 0xFF);
+}
+
 }  // namespace
 
 GatheredStream::GatheredStream(Socket socket, std::size_t queueLimit)
@@ -53,6 +67,7 @@ void GatheredStream::open() {
 
 void GatheredStream::queueLibraryOctets() {
   const bool closes = isCloseFrame(libraryOctets_);
+  if (closes) mendCloseCode(libraryOctets_);
   bool idle = false;
   {
     const std::lock_guard lock(mutex_);
@@ -128,8 +143,11 @@ void GatheredStream::written(std::size_t octets) {
 }
 
 void GatheredStream::waitWritable() {
+  stalled_ = true;
+  if (hurries_) refuseText();
   socket_.async_wait(Socket::wait_write,
                      [this, owner = owner_.lock()](const boost::system::error_code& error) {
+                       stalled_ = false;
                        if (!owner || !socket_.is_open()) return;
                        if (error) {
                          fail(error);
@@ -157,6 +175,11 @@ void GatheredStream::refuseText() {
   writing_.erase(std::remove_if(first, writing_.end(), isText), writing_.end());
   std::erase_if(pending_, isText);
   queuedOctets_ = octetsOf(writing_, next_) + octetsOf(pending_, 0);
+}
+
+void GatheredStream::hurry() {
+  hurries_ = true;
+  if (stalled_) refuseText();
 }
 
 void GatheredStream::close(bool reset) {

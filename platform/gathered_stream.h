@@ -74,6 +74,10 @@ class GatheredStream {
   /// Forgets the text frames that are not yet begun, and takes none any more.
   void refuseText();
 
+  /// For a close frame that has to arrive: from now on text frames wait for nothing. Those that the
+  /// socket does not take at once are forgotten.
+  void hurry();
+
   /// Aborts everything. With reset, octets still in the kernel are thrown away too.
   void close(bool reset);
 
@@ -165,6 +169,8 @@ class GatheredStream {
 
   // Strand only.
   bool open_ = false;
+  bool stalled_ = false;  // waiting for the socket to take more
+  bool hurries_ = false;
   std::string putBack_;
   Clock::time_point lastRead_ = Clock::now();
   std::string libraryOctets_;

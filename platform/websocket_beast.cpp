@@ -35,7 +35,34 @@ constexpr std::chrono::milliseconds kCancelFarewell{1'000};
 // Octets read and thrown away in one step while waiting for the peer's end.
 constexpr std::size_t kDiscardBuffer = 16 * 1024;
 
+// Characters of a Sec-WebSocket-Key: base64 of 16 octets, the last two of which are padding.
+constexpr std::size_t kKeyLength = 24;
+
 constexpr auto kWait = asio::as_tuple(asio::use_awaitable);
+
+// RFC 6455, 4.2.1, as far as the library does not check it: it takes any key that is not too long,
+// and the first of several.
+bool hasProperKey(const http::request<http::empty_body>& request) {
+  const auto count = [&](http::field field) { return request.count(field); };
+  if (count(http::field::sec_websocket_key) != 1) return false;
+  if (count(http::field::sec_websocket_version) > 1) return false;
+  const auto value = request[http::field::sec_websocket_key];
+  const std::string_view key(value.data(), value.size());
+  constexpr std::string_view kDigits =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  const auto digits = std::min(key.find_first_not_of(kDigits), key.size());
+  return key.size() == kKeyLength && key.substr(digits) == "==";
+}
+
+// Of text that is UTF-8 so far: whether its last code point lacks octets (RFC 3629, section 3).
+bool endsInsideCodePoint(std::string_view text) {
+  for (std::size_t octets = 1; octets <= 3 && octets <= text.size(); ++octets) {
+    const auto octet = static_cast<unsigned char>(text[text.size() - octets]);
+    if (octet < 0x80) return false;
+    if (octet >= 0xC0) return octets < (octet >= 0xF0 ? 4u : octet >= 0xE0 ? 3u : 2u);
+  }
+  return false;
+}
 
 /// One connection from accept to the closing of its socket. Keeps itself alive while anything is
 /// under way. Everything but send() runs on the strand.
@@ -71,19 +98,23 @@ class Session : public std::enable_shared_from_this<Session> {
   static asio::awaitable<void> upgrade(std::shared_ptr<Session> self);
   static asio::awaitable<error_code> readRequest(std::shared_ptr<Session> self);
   static asio::awaitable<void> refuse(std::shared_ptr<Session> self, http::status status);
-  static asio::awaitable<void> sayGoodbye(std::shared_ptr<Session> self);
+  static asio::awaitable<void> sayGoodbye(std::shared_ptr<Session> self,
+                                          websocket::close_code code);
   static asio::awaitable<void> linger(std::shared_ptr<Session> self);
   static asio::awaitable<void> watch(std::shared_ptr<Session> self);
   static asio::awaitable<void> ping(std::shared_ptr<Session> self);
 
   void configure();
   void forgetHandlers();
+  error_code refuseCutText();
   error_code endReceiving(error_code error);
   Clock::time_point lastHeard() { return std::max(lastHeard_, stream().lastRead()); }
   Clock::time_point deadline();
   void onDeadline();
   void onIdleDeadline();
   void onWriteFailed(const error_code& error);
+  void onCloseQueued();
+  void saidAll();
   void endBy(Clock::time_point end);
   void fail(error_code error);
   void report(const TransportState& state);
@@ -114,6 +145,8 @@ class Session : public std::enable_shared_from_this<Session> {
   Clock::time_point lastHeard_;
   std::optional<Clock::time_point> pingedFor_;  // lastHeard() when the last ping was sent
   std::optional<Clock::time_point> endBy_;      // the socket is closed then, whatever happens
+  bool saidAll_ = false;                        // our last octet has gone to the socket
+  bool heardAll_ = false;                       // the peer has ended its side
 };
 
 void Session::start(StateHandler onState, SendErrorHandler onSendError) {
@@ -138,7 +171,7 @@ void Session::start(StateHandler onState, SendErrorHandler onSendError) {
 void Session::configure() {
   GatheredStream::Events events;
   events.writeFailed = [this](const error_code& error) { onWriteFailed(error); };
-  events.closeQueued = [this] { endBy(Clock::now() + kFarewell); };
+  events.closeQueued = [this] { onCloseQueued(); };
   stream().attach(weak_from_this(), std::move(events));
   websocket_.read_message_max(limits_.incomingMessage);
   websocket_.set_option(websocket::stream_base::decorator(
@@ -168,6 +201,7 @@ asio::awaitable<void> Session::upgrade(std::shared_ptr<Session> self) {
   self->endBy(Clock::now() + kFarewell);
   self->failed_ = true;
   self->report(TransportFailed{error});
+  self->saidAll();
   co_await linger(self);
 }
 
@@ -184,6 +218,10 @@ asio::awaitable<error_code> Session::readRequest(std::shared_ptr<Session> self) 
     co_await refuse(self, http::status::bad_request);
   }
   if (error) co_return error;
+  if (!hasProperKey(parser.get())) {
+    co_await refuse(self, http::status::bad_request);
+    co_return websocket::error::bad_sec_key;
+  }
   self->stream().putBack({static_cast<const char*>(buffer.data().data()), buffer.size()});
   auto [refusal] = co_await self->websocket_.async_accept(parser.get(), kWait);
   co_return refusal;
@@ -211,7 +249,22 @@ asio::awaitable<Session::Received> Session::receive(std::shared_ptr<Session> sel
   self->receiving_ = false;
   if (error) co_return self->endReceiving(error);
   message.isText = self->websocket_.got_text();
+  if (message.isText && endsInsideCodePoint(message.data)) co_return self->refuseCutText();
   co_return message;
+}
+
+// The library looks for the end of a code point with the last octets of a message only: an empty
+// last fragment goes past it.
+error_code Session::refuseCutText() {
+  if (end_) return end_;
+  end_ = websocket::error::bad_frame_payload;
+  if (phase_ == Phase::open) {
+    phase_ = Phase::lingering;
+    stream().hurry();
+    endBy(Clock::now() + kFarewell);
+    spawn(sayGoodbye(shared_from_this(), websocket::close_code::bad_payload));
+  }
+  return end_;
 }
 
 // A read has failed: says what receive() answers, and sees to the end of the socket.
@@ -222,7 +275,7 @@ error_code Session::endReceiving(error_code error) {
   phase_ = Phase::lingering;
   if (endBy_) {
     // A close frame went out, ours or the answer to the peer's.
-    spawn(linger(shared_from_this()));
+    saidAll();
   } else {
     close(false);
   }
@@ -313,7 +366,7 @@ void Session::cancel() {
     case Phase::open:
       phase_ = Phase::cancelling;
       endBy(Clock::now() + kCancelFarewell);
-      spawn(sayGoodbye(shared_from_this()));
+      spawn(sayGoodbye(shared_from_this(), websocket::close_code::going_away));
       break;
     case Phase::cancelling:
       break;
@@ -336,10 +389,29 @@ void Session::forgetHandlers() {
   onSendError_ = nullptr;
 }
 
-asio::awaitable<void> Session::sayGoodbye(std::shared_ptr<Session> self) {
-  const websocket::close_reason reason(websocket::close_code::going_away);
+asio::awaitable<void> Session::sayGoodbye(std::shared_ptr<Session> self,
+                                          websocket::close_code code) {
+  const websocket::close_reason reason(code);
   co_await self->websocket_.async_close(reason, kWait);
+  self->saidAll();
   co_await linger(self);
+}
+
+// The library answers the peer's close frame, or fails the connection, and reads no more. The peer
+// may be busy sending while our road to it is full: unless its octets are read away, it never comes
+// to reading, and the close frame never goes out.
+void Session::onCloseQueued() {
+  endBy(Clock::now() + kFarewell);
+  if (phase_ != Phase::open) return;
+  stream().hurry();
+  spawn(linger(shared_from_this()));
+}
+
+void Session::saidAll() {
+  saidAll_ = true;
+  error_code ignored;
+  stream().socket().shutdown(asio::socket_base::shutdown_send, ignored);
+  if (heardAll_) close(false);
 }
 
 // RFC 6455, 7.1.1. Unread octets would make the kernel answer our closing with a reset, which can
@@ -347,13 +419,13 @@ asio::awaitable<void> Session::sayGoodbye(std::shared_ptr<Session> self) {
 asio::awaitable<void> Session::linger(std::shared_ptr<Session> self) {
   auto& socket = self->stream().socket();
   error_code error;
-  socket.shutdown(asio::socket_base::shutdown_send, error);
   std::array<char, kDiscardBuffer> discarded;
   const auto buffer = asio::buffer(discarded);
   while (!error && socket.is_open()) {
     std::tie(error, std::ignore) = co_await socket.async_read_some(buffer, kWait);
   }
-  self->close(false);
+  self->heardAll_ = true;
+  if (self->saidAll_) self->close(false);
 }
 
 void Session::endBy(Clock::time_point end) {
