@@ -75,8 +75,9 @@ struct JsonMember {
 };
 
 /// Containers within containers, the top-level object included. A document that nests deeper is
-/// refused, which bounds every recursion over a tree.
-inline constexpr std::size_t kMaxJsonNesting = 64;
+/// refused, which bounds every recursion over a tree. The deepest events of the bridge itself, with
+/// two levels for each one of a dataset, stay below.
+inline constexpr std::size_t kMaxJsonNesting = 80;
 
 /// Nothing unless the text is one whole well-formed JSON object in UTF-8. Strings come unescaped
 /// and hold valid UTF-8. Safe from any thread.

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "server/bridge_time.h"
+#include "stack/goose_pdu.h"
 
 namespace tarnlink {
 
@@ -262,6 +263,10 @@ boost::system::result<GoosePublishConfig, Unreadable> fromBridgeJson(const JsonO
 }
 
 namespace {
+
+// The event, its message, the list of values; an object and a list for each level of a dataset.
+static_assert(3 + 2 * (GoosePdu::kMaxDataNesting + 1) <= kMaxJsonNesting,
+              "clients can read every event that the bridge writes");
 
 // Room for the fragments of one value around its payload.
 constexpr std::size_t kValueFrame = 48;

@@ -5,6 +5,9 @@
 #include <limits>
 #include <string>
 
+#include "server/bridge_event_encoder.h"
+#include "stack/goose_pdu.h"
+
 namespace tarnlink {
 namespace {
 
@@ -69,6 +72,18 @@ TEST(JsonValueCodecTest, FullOctetAndBitStringsFitTheRoomThatWasEnsured) {
     const Value bits = Value::bitString(Value::BitString(length, false));
     EXPECT_EQ(*readValue(written(bits)), bits);
   }
+}
+
+TEST(JsonValueCodecTest, DeepestDatasetFromTheWireReadsBackInsideItsEvent) {
+  std::string octets;
+  for (int i = 0; i < 60; ++i) octets.insert(0, {'\xA2', static_cast<char>(octets.size())});
+  GooseMessage message;
+  message.values = GoosePdu::parseDataValues(
+      {reinterpret_cast<const std::uint8_t*>(octets.data()), octets.size()});
+  ASSERT_EQ(message.values.size(), 1U);
+  JsonWriter out;
+  BridgeEventEncoder::gooseMessage(message, out);
+  EXPECT_TRUE(parseJsonObject(out.text())) << out.text();
 }
 
 TEST(JsonValueCodecTest, ReadingFollowsNamesFallbacksAndDefaults) {
