@@ -22,7 +22,7 @@ ALLOWED = {
     "app": {"app", "server", "platform", "stack", "ber"},
     "tools": {"tools", "server", "platform", "stack", "ber"},
 }
-OTHER_FOLDERS = {"tests", "bench"}
+OTHER_FOLDERS = {"tests", "bench", "fuzz"}
 BEAST_UNITS = {"platform/websocket_beast.cpp", "platform/websocket_client.cpp"}
 NETWORK = re.compile(r"boost/asio|boost/beast|pcap")
 BEAST = re.compile(r"boost/beast(\.hpp|/websocket|/http)")  # The rest of it is cheap.

@@ -1,0 +1,197 @@
+// Texts of clients: parsed, decoded to a command, and the command's values put to the use that the
+// server has for them.
+#include <chrono>
+#include <string>
+
+#include "fuzz/json_judge.h"
+#include "fuzz/require.h"
+#include "server/base64.h"
+#include "server/bridge_command.h"
+#include "server/bridge_event_encoder.h"
+#include "server/goose_filter.h"
+#include "server/json_value.h"
+#include "server/json_value_codec.h"
+#include "stack/goose_pdu.h"
+#include "stack/interface_name.h"
+#include "stack/publication_schedule.h"
+#include "stack/sv_frame.h"
+#include "stack/utf8.h"
+
+namespace tarnlink::fuzz {
+namespace {
+
+bool isUtf8(std::string_view text) {
+  return isValidUtf8({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
+}
+
+void write(const JsonObject& object, JsonWriter& out);
+
+void write(const JsonValue& value, JsonWriter& out) {
+  if (const auto* flag = value.as<bool>()) {
+    out.string(*flag ? "t" : "f");
+  } else if (const auto* number = value.as<JsonNumber>()) {
+    out.number(number->real.value_or(0));
+  } else if (const auto* text = value.as<std::string>()) {
+    out.string(*text);
+  } else if (const auto* array = value.as<JsonArray>()) {
+    out.literal("[");
+    for (std::size_t i = 0; i < array->size(); ++i) {
+      if (i != 0) out.literal(",");
+      write((*array)[i], out);
+    }
+    out.literal("]");
+  } else if (const auto* object = value.as<JsonObject>()) {
+    write(*object, out);
+  } else {
+    out.literal("null");
+  }
+}
+
+void write(const JsonObject& object, JsonWriter& out) {
+  out.literal("{");
+  for (std::size_t i = 0; i < object.members().size(); ++i) {
+    const auto& [key, value] = object.members()[i];
+    if (i != 0) out.literal(",");
+    out.string(key);
+    out.literal(":");
+    write(value, out);
+  }
+  out.literal("}");
+}
+
+std::string textOf(const JsonObject& object) {
+  JsonWriter out;
+  write(object, out);
+  require(!out.failed(), "parsed strings are UTF-8 and parsed numbers finite");
+  return std::string(out.text());
+}
+
+/// Both parsers agree, but where the limits of one are known.
+void checkVerdict(std::string_view text, bool accepted) {
+  // The other one takes NUL for the end, and skips a byte order mark.
+  if (text.find('\0') != std::string_view::npos || text.starts_with("\xEF\xBB\xBF")) return;
+  const JsonJudge judge(text);
+  if (accepted) {
+    require(judge.isObject() || judge.stoppedAtNumber(), "what is no JSON object is refused");
+  } else {
+    require(!judge.isObject() || judge.nesting() > kMaxJsonNesting, "JSON objects are accepted");
+  }
+}
+
+std::string textOf(const GooseDataValue& value) {
+  JsonWriter out;
+  toBridgeJson(value, out);
+  require(!out.failed(), "values from JSON have a text");
+  return std::string(out.text());
+}
+
+void checkValue(const GooseDataValue& value) {
+  const std::string text = textOf(value);
+  const auto object = parseJsonObject(text);
+  require(object.has_value(), "a value's text is JSON");
+  const auto back = fromBridgeJson<GooseDataValue>(*object);
+  require(back && textOf(*back) == text, "a value's text reads back");
+}
+
+void checkSchedule(const GoosePublishConfig& config) {
+  PublicationSchedule schedule;
+  schedule.stateChange(config);
+  require(schedule.currentStNum() != 0 || config.lockStNum, "state numbers begin at one");
+  PublicationSchedule::Instant now{};
+  schedule.start(now);
+  for (int frame = 0; frame < 3 && schedule.nextDeadline(); ++frame) {
+    require(*schedule.nextDeadline() >= now, "deadlines go forward");
+    now = *schedule.nextDeadline();
+    require(schedule.takeDue(now).has_value(), "a deadline brings a frame");
+  }
+}
+
+void use(const GoosePublishConfig& config) {
+  for (const GooseDataValue& value : config.values) checkValue(value);
+  checkSchedule(config);
+  GoosePduFields fields;
+  fields.header.appId = config.appId;
+  fields.goCBRef = config.goCBRef;
+  fields.timeAllowedToLive = config.timeAllowedToLive;
+  fields.datSet = config.dataSetRef;
+  fields.goId = config.goId;
+  fields.stNum = config.initialStNum;
+  fields.sqNum = config.initialSqNum;
+  fields.confRev = config.confRev;
+  fields.values = config.values;
+  const auto payload = GoosePdu::encode(fields);
+  if (!payload) return;  // Too large for a frame.
+  const auto pdu = GoosePdu::parse(*payload);
+  require(pdu && pdu->goCBRef == config.goCBRef && pdu->datSet == config.dataSetRef &&
+              pdu->goId == config.goId && pdu->timeAllowedToLive == config.timeAllowedToLive &&
+              pdu->allData.size() == config.values.size(),
+          "what is published can be received");
+}
+
+void use(const BridgeCommand::PublishGoose& command) {
+  use(command.config);
+}
+
+void use(const BridgeCommand::PublishSvApdu& command) {
+  std::string text(base64Length(command.pdu.size()), ' ');
+  writeBase64(command.pdu, text.data());
+  require(decodeBase64(text) == command.pdu, "octets survive their text");
+  const MacAddress source{};
+  const Bytes frame = buildSvFrame(command.config.dstMac, source, command.config.vlanId,
+                                   command.config.vlanPriority, command.pdu);
+  const auto sv = parseSvFrame(frame);
+  require(sv && sv->dstMac == command.config.dstMac && sv->pdu.size() == command.pdu.size(),
+          "what is published can be received");
+}
+
+void use(const BridgeCommand::SubscribeGoose& command) {
+  GooseMessage message;
+  message.appId = 65535;
+  message.goCBRef = "IED1LD0/LLN0$GO$gcb01";
+  const GooseFilter filter{command.appIdFilter, command.goCBRefFilter};
+  const bool wantsId =
+      !command.appIdFilter || command.appIdFilter->empty() || *command.appIdFilter == "65535";
+  const bool wantsReference =
+      !command.goCBRefFilter || message.goCBRef.find(*command.goCBRefFilter) != std::string::npos;
+  require(filter.matches(message) == (wantsId && wantsReference), "filters match as they say");
+}
+
+void use(const BridgeCommand::Ping& command) {
+  const auto pong = parseJsonObject(BridgeEventEncoder::pong(command.timestamp));
+  require(pong && pong->integer("originalTimestamp") == command.timestamp,
+          "a pong brings the ping's number back");
+}
+
+void use(const BridgeCommand::SetInterface& command) {
+  // Names that pass go into log lines, events and other programs' arguments.
+  if (!isValidInterfaceName(command.name)) return;
+  for (const char c : command.name) require(c > ' ' && c < 0x7F, "names are printable");
+}
+
+template <class Command>
+void use(const Command&) {}
+
+void run(std::string_view text) {
+  const auto object = parseJsonObject(text);
+  checkVerdict(text, object.has_value());
+  if (!object) {
+    return require(!BridgeCommand::fromText(text), "no command without an object");
+  }
+  require(isUtf8(text), "what is accepted is UTF-8");
+  const std::string written = textOf(*object);
+  const auto again = parseJsonObject(written);
+  require(again && textOf(*again) == written, "a parsed tree can be written and parsed");
+
+  const auto command = BridgeCommand::fromText(text);
+  require(command == BridgeCommand::fromJson(*object), "text and tree decode alike");
+  if (command) std::visit([](const auto& payload) { use(payload); }, command->payload);
+  if (const auto value = fromBridgeJson<GooseDataValue>(*object)) checkValue(*value);
+}
+
+}  // namespace
+}  // namespace tarnlink::fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  tarnlink::fuzz::run({reinterpret_cast<const char*>(data), size});
+  return 0;
+}
