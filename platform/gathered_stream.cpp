@@ -47,13 +47,13 @@ GatheredStream::Push GatheredStream::push(SharedTextFrame frame) {
   std::vector<Item> freed;  // outside the lock
   const std::lock_guard lock(mutex_);
   if (refusesText_) return Push::dropped;
-  const std::string_view octets(frame->data(), frame->size());
-  if (queuedOctets_ + octets.size() > queueLimit_) {
+  if (queuedMemory_ + frame->footprint() > queueLimit_) {
     refusesText_ = true;
     freed.swap(pending_);
     return Push::overflow;
   }
-  queuedOctets_ += octets.size();
+  queuedMemory_ += frame->footprint();
+  const std::string_view octets(frame->data(), frame->size());
   pending_.push_back({std::move(frame), octets});
   return std::exchange(draining_, true) ? Push::accepted : Push::acceptedWhileIdle;
 }
@@ -71,7 +71,6 @@ void GatheredStream::queueLibraryOctets() {
   bool idle = false;
   {
     const std::lock_guard lock(mutex_);
-    queuedOctets_ += libraryOctets_.size();
     pending_.push_back({nullptr, libraryOctets_});
     idle = !std::exchange(draining_, true);
     if (closes) refusesText_ = true;
@@ -129,15 +128,18 @@ void GatheredStream::drain() {
 }
 
 void GatheredStream::written(std::size_t octets) {
-  queuedOctets_ -= octets;
   while (octets > 0) {
     auto& item = writing_[next_];
     const auto part = std::min(octets, item.octets.size());
     item.octets.remove_prefix(part);
     octets -= part;
     if (!item.octets.empty()) return;
-    if (!item.frame) completeLibraryWrite({});
-    item.frame.reset();
+    if (item.frame) {
+      queuedMemory_ -= item.frame->footprint();
+      item.frame.reset();
+    } else {
+      completeLibraryWrite({});
+    }
     ++next_;
   }
 }
@@ -159,11 +161,6 @@ void GatheredStream::waitWritable() {
 
 void GatheredStream::refuseText() {
   const auto isText = [](const Item& item) { return item.frame != nullptr; };
-  const auto octetsOf = [](const std::vector<Item>& items, std::size_t from) {
-    std::size_t sum = 0;
-    for (auto i = from; i < items.size(); ++i) sum += items[i].octets.size();
-    return sum;
-  };
   const std::lock_guard lock(mutex_);
   refusesText_ = true;
   // Half a frame on the wire has to be finished.
@@ -171,10 +168,14 @@ void GatheredStream::refuseText() {
     return item.frame != nullptr && item.octets.size() < item.frame->size();
   };
   auto first = writing_.begin() + static_cast<std::ptrdiff_t>(next_);
-  if (first != writing_.end() && isBegun(*first)) ++first;
+  std::size_t kept = 0;
+  if (first != writing_.end() && isBegun(*first)) {
+    kept = first->frame->footprint();
+    ++first;
+  }
   writing_.erase(std::remove_if(first, writing_.end(), isText), writing_.end());
   std::erase_if(pending_, isText);
-  queuedOctets_ = octetsOf(writing_, next_) + octetsOf(pending_, 0);
+  queuedMemory_ = kept;
 }
 
 void GatheredStream::hurry() {
@@ -194,7 +195,7 @@ void GatheredStream::close(bool reset) {
   }
   std::vector<Item>().swap(writing_);
   next_ = 0;
-  queuedOctets_ = 0;
+  queuedMemory_ = 0;
   completeLibraryWrite(boost::asio::error::operation_aborted);
 }
 

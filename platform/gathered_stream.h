@@ -48,7 +48,8 @@ class GatheredStream {
     std::function<void()> closeQueued;
   };
 
-  /// The limit bounds the octets of all frames queued but not yet given to the socket.
+  /// The limit bounds the memory of all text frames that the socket has not yet taken whole.
+  /// Octets.
   GatheredStream(Socket socket, std::size_t queueLimit);
 
   /// Set before use. The owner is held while the stream waits for the socket.
@@ -179,8 +180,9 @@ class GatheredStream {
   std::size_t next_ = 0;
   std::vector<boost::asio::const_buffer> gathered_;
 
-  // Octets of pending_ and writing_; grows under the lock only, so that the limit is exact.
-  std::atomic<std::size_t> queuedOctets_ = 0;
+  // The text frames of pending_ and writing_; grows under the lock only, so that the limit is
+  // exact. Octets.
+  std::atomic<std::size_t> queuedMemory_ = 0;
 
   std::mutex mutex_;  // guards what follows; held for a few instructions
   std::vector<Item> pending_;

@@ -29,20 +29,23 @@ std::size_t writeHeader(char* textBegin, std::size_t length) {
 
 }  // namespace
 
-TextFrame::TextFrame(std::unique_ptr<char[]> storage, std::size_t textLength)
+TextFrame::TextFrame(std::unique_ptr<char[]> storage, std::size_t storageSize,
+                     std::size_t textLength)
     : storage_(std::move(storage)),
+      storageSize_(storageSize),
       begin_(kHeaderRoom - writeHeader(storage_.get() + kHeaderRoom, textLength)),
       end_(kHeaderRoom + textLength) {}
 
 std::shared_ptr<const TextFrame> TextFrame::adopt(std::unique_ptr<char[]> storage,
-                                                  std::size_t textLength) {
-  return std::make_shared<const TextFrame>(std::move(storage), textLength);
+                                                  std::size_t storageSize, std::size_t textLength) {
+  return std::make_shared<const TextFrame>(std::move(storage), storageSize, textLength);
 }
 
 std::shared_ptr<const TextFrame> TextFrame::copyOf(std::string_view text) {
-  std::unique_ptr<char[]> storage(new char[kHeaderRoom + text.size()]);
+  const std::size_t size = kHeaderRoom + text.size();
+  std::unique_ptr<char[]> storage(new char[size]);
   if (!text.empty()) std::memcpy(storage.get() + kHeaderRoom, text.data(), text.size());
-  return adopt(std::move(storage), text.size());
+  return adopt(std::move(storage), size, text.size());
 }
 
 }  // namespace tarnlink

@@ -14,9 +14,10 @@ class TextFrame {
   /// Octets that a writer leaves free in front of its text, so that the header fits without a copy.
   static constexpr std::size_t kHeaderRoom = 10;
 
-  /// Takes over storage whose text begins at offset kHeaderRoom. The text must be UTF-8.
+  /// Takes over storage of so many octets, whose text begins at offset kHeaderRoom. The text must
+  /// be UTF-8.
   static std::shared_ptr<const TextFrame> adopt(std::unique_ptr<char[]> storage,
-                                                std::size_t textLength);
+                                                std::size_t storageSize, std::size_t textLength);
 
   /// Copies the text, which must be UTF-8.
   static std::shared_ptr<const TextFrame> copyOf(std::string_view text);
@@ -27,10 +28,18 @@ class TextFrame {
   /// The message without its header.
   std::string_view text() const { return {storage_.get() + kHeaderRoom, end_ - kHeaderRoom}; }
 
-  TextFrame(std::unique_ptr<char[]> storage, std::size_t textLength);
+  /// The memory that a frame takes while it waits, with its place in a queue. Octets.
+  std::size_t footprint() const { return storageSize_ + kOverhead; }
+
+  TextFrame(std::unique_ptr<char[]> storage, std::size_t storageSize, std::size_t textLength);
 
  private:
+  // This object, its reference counts, the heap's own, and an entry of a queue that has grown by
+  // doubling. Octets.
+  static constexpr std::size_t kOverhead = 128;
+
   std::unique_ptr<char[]> storage_;
+  std::size_t storageSize_;
   std::size_t begin_;
   std::size_t end_;
 };

@@ -23,7 +23,8 @@ namespace tarnlink {
 struct WebSocketLimits {
   /// A longer incoming message gets close code 1009. Octets.
   std::size_t incomingMessage = std::size_t{1} << 20;
-  /// A client whose unsent frames pass this is dropped (WebSocketError::sendQueueFull). Octets.
+  /// A client whose unsent frames take more memory than this (TextFrame::footprint()) is dropped
+  /// (WebSocketError::sendQueueFull). Octets.
   std::size_t sendQueue = std::size_t{64} << 20;
   /// A connection that has not finished its upgrade by then is dropped.
   std::chrono::milliseconds handshake{10'000};

@@ -262,7 +262,7 @@ void BridgeServer::sendError(std::string_view message, std::int64_t code, const 
 
 SharedTextFrame BridgeServer::toFrame(JsonWriter writer) {
   auto storage = writer.release();
-  return TextFrame::adopt(std::move(storage.octets), storage.textLength);
+  return TextFrame::adopt(std::move(storage.octets), storage.size, storage.textLength);
 }
 
 bool BridgeServer::broadcast(std::string_view text) {

@@ -156,8 +156,9 @@ void JsonWriter::clear() {
 }
 
 JsonWriter::Storage JsonWriter::release() {
-  const std::size_t octets = length();
-  return {std::move(storage_), octets};
+  const std::size_t textLength = length();
+  const auto size = static_cast<std::size_t>(end_ - storage_.get());
+  return {std::move(storage_), size, textLength};
 }
 
 }  // namespace tarnlink

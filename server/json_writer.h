@@ -60,6 +60,7 @@ class JsonWriter {
   /// Storage as another owner takes it over: the text begins behind the front room.
   struct Storage {
     std::unique_ptr<char[]> octets;
+    std::size_t size = 0;  // octets held
     std::size_t textLength = 0;
   };
 
