@@ -16,7 +16,7 @@ desktop_packages=(qt6-base-dev libqt6svg6-dev libxcb1-dev acl libcap2-bin)
 # To build and run the tests and benches as well.
 test_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev tshark
-  dbus-daemon avahi-daemon avahi-utils
+  dbus-daemon avahi-daemon avahi-utils python3
 )
 
 # To test the desktop program on a display of its own.
@@ -24,5 +24,5 @@ desktop_test_packages=(dbus-daemon openbox trayer xclip xdotool xvfb)
 
 # For the checks beyond the tests.
 ci_packages=(
-  clang-14 libclang-rt-14-dev clang-format-14 clang-tidy-14 python3 shellcheck
+  clang-14 libclang-rt-14-dev clang-format-14 clang-tidy-14 python3 shellcheck valgrind
 )

@@ -20,6 +20,8 @@ PORT = 8765
 START_LIMIT = 10  # Seconds.
 ETHERTYPE_GOOSE, ETHERTYPE_SV = 0x88B8, 0x88BA
 SOURCE = bytes.fromhex("020000000009")
+UPGRADE = (b"GET / HTTP/1.1\r\nHost: localhost\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+           b"Sec-WebSocket-Key: AAAAAAAAAAAAAAAAAAAAAA==\r\nSec-WebSocket-Version: 13\r\n\r\n")
 
 
 def enter_private_network():
@@ -49,14 +51,15 @@ def lay_cable():
 class Daemon:
     """The bridge on the bus; what it writes goes to a file. With `with`, it ends with the block."""
 
-    def __init__(self, program, options=("--low-latency",)):
+    def __init__(self, program, options=("--low-latency",), under=()):
+        """`under`: a program that runs this one."""
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="tarnlink-load-"))
         self.log_file = self.folder / "log"
         preferences = ["--preferences", str(self.folder / "preferences.json")]
         self.code = subprocess.run([program, "--show-pairing-code", *preferences], check=True,
                                    capture_output=True, text=True).stdout.strip()
         with open(self.log_file, "wb") as log:
-            self.process = subprocess.Popen([program, "--interface", BUS, "--no-advertise",
+            self.process = subprocess.Popen([*under, program, "--interface", BUS, "--no-advertise",
                                              *options, *preferences], stdout=log)
         self.await_log("[KorvelTarnlink] Listening on port")
 
@@ -83,13 +86,13 @@ class Daemon:
 class Client:
     """One WebSocket connection (RFC 6455) and the events that come over it."""
 
-    def __init__(self, code=None, limit=5.0):
-        self.socket = socket.create_connection(("127.0.0.1", PORT), timeout=limit)
+    def __init__(self, code=None, limit=5.0, upgrading=None):
+        """`upgrading`: a connection that has sent its request already."""
+        self.socket = upgrading or socket.create_connection(("127.0.0.1", PORT), timeout=limit)
         self.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self.buffer = b""
-        self.socket.sendall(b"GET / HTTP/1.1\r\nHost: localhost\r\nUpgrade: websocket\r\n"
-                            b"Connection: Upgrade\r\nSec-WebSocket-Key: AAAAAAAAAAAAAAAAAAAAAA==\r\n"
-                            b"Sec-WebSocket-Version: 13\r\n\r\n")
+        if upgrading is None:
+            self.socket.sendall(UPGRADE)
         while b"\r\n\r\n" not in self.buffer:
             self._receive()
         head, self.buffer = self.buffer.split(b"\r\n\r\n", 1)
