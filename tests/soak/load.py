@@ -23,7 +23,8 @@ import bus
 
 QUEUE_LIMIT = 64 << 20  # Octets that may wait for one client.
 SLACK = 16 << 20  # Octets of resident memory that come and go with anything.
-SMALL_BUFFER = 4096  # Octets in the kernel for a client that shall be slow.
+SMALL_BUFFER = 4096  # Octets in the kernel for a client that does not read.
+STOPPED_BUFFER = 64 << 10  # The same for one that goes on; a smaller one makes TCP wait.
 HANDSHAKE_LIMIT = 10  # Seconds.
 CAPTURE_BUFFER = 10_000  # Frames, at least.
 SILENCE = 5  # Seconds without a frame after which nothing more is expected.
@@ -273,12 +274,12 @@ def unread_answers(daemon, quick):
 
 def stopped(daemon, quick):
     """Half of the clients are stopped for a while and then go on: nobody has lost a frame."""
-    count, frames, rate = (20, 2_000, 1000) if quick else (100, 10_000, 1000)
+    count, frames, rate = (20, 2_000, 1000) if quick else (100, 20_000, 2000)
     everybody_ready = multiprocessing.Barrier(count + 1)
     results = multiprocessing.Queue()
 
     def follow():
-        follower = Follower(daemon.code, SMALL_BUFFER)
+        follower = Follower(daemon.code, STOPPED_BUFFER)
         everybody_ready.wait()
         try:
             follower.take_all(frames)
