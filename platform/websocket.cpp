@@ -20,6 +20,12 @@ class WebSocketCategory final : public boost::system::error_category {
         return "handshake was not finished in time";
       case WebSocketError::idleTimeout:
         return "connection was silent for too long";
+      case WebSocketError::originNotAllowed:
+        return "web pages of its origin are not allowed";
+      case WebSocketError::hostNotAllowed:
+        return "a web page reached this computer under a name that is not allowed";
+      case WebSocketError::tooManyClients:
+        return "there are as many clients as are allowed";
     }
     return "unknown WebSocket error";
   }

@@ -5,6 +5,7 @@
 
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/awaitable.hpp>
+#include <boost/asio/ip/address.hpp>
 #include <boost/system/error_code.hpp>
 #include <boost/system/result.hpp>
 #include <chrono>
@@ -14,8 +15,10 @@
 #include <memory>
 #include <string>
 #include <variant>
+#include <vector>
 
 #include "platform/text_frame.h"
+#include "platform/upgrade_rules.h"
 
 namespace tarnlink {
 
@@ -34,11 +37,25 @@ struct WebSocketLimits {
   std::chrono::milliseconds acceptBackOff{100};
 };
 
+/// Who is let in. As made, everybody.
+struct WebSocketAccess {
+  /// Local addresses to listen on; empty: all of them.
+  std::vector<boost::asio::ip::address> addresses;
+  /// Upgrades that break them are answered with status 403.
+  UpgradeRules rules;
+  /// Connections at a time, unfinished handshakes counted; 0: any number. One more is answered
+  /// with status 503, or closed at once where many wait for that answer.
+  std::size_t maxClients = 0;
+};
+
 /// Failures that are the transport's own; all others are the system's or the WebSocket library's.
 enum class WebSocketError {
   sendQueueFull = 1,
   handshakeTimeout,
   idleTimeout,
+  originNotAllowed,
+  hostNotAllowed,
+  tooManyClients,
 };
 boost::system::error_code make_error_code(WebSocketError error);
 
@@ -118,10 +135,11 @@ class WebSocketTransport {
       std::uint16_t port) = 0;
 };
 
-/// The transport of this system: all local addresses, IPv6 and IPv4 (IPv4 alone where the machine
-/// has no IPv6), address reuse on, any path and origin, no compression.
+/// The transport of this system: IPv6 and IPv4 (IPv4 alone where the machine has no IPv6), address
+/// reuse on, any path, no compression.
 std::unique_ptr<WebSocketTransport> makeWebSocketTransport(boost::asio::any_io_executor executor,
-                                                           WebSocketLimits limits = {});
+                                                           WebSocketLimits limits = {},
+                                                           WebSocketAccess access = {});
 
 }  // namespace tarnlink
 

@@ -72,8 +72,11 @@ class Session : public std::enable_shared_from_this<Session> {
   using SendErrorHandler = WebSocketConnection::SendErrorHandler;
   using Received = boost::system::result<WebSocketMessage>;
 
-  Session(GatheredStream::Socket socket, const WebSocketLimits& limits)
-      : limits_(limits), websocket_(std::move(socket), limits.sendQueue), timer_(strand()) {}
+  Session(GatheredStream::Socket socket, const WebSocketLimits& limits, Admission admission)
+      : limits_(limits),
+        admission_(std::move(admission)),
+        websocket_(std::move(socket), limits.sendQueue),
+        timer_(strand()) {}
 
   GatheredStream::executor_type strand() { return stream().get_executor(); }
 
@@ -130,6 +133,7 @@ class Session : public std::enable_shared_from_this<Session> {
   }
 
   const WebSocketLimits limits_;
+  Admission admission_;
   websocket::stream<GatheredStream, false> websocket_;
   asio::steady_timer timer_;
 
@@ -205,6 +209,31 @@ asio::awaitable<void> Session::upgrade(std::shared_ptr<Session> self) {
   co_await linger(self);
 }
 
+using Request = http::request<http::empty_body>;
+
+// What none of a field's values may violate: a request with several is not a browser's.
+template <class Rule>
+bool allowsAll(const Request& request, http::field field, const Rule& rule) {
+  const auto [begin, end] = request.equal_range(field);
+  return std::all_of(begin, end, [&rule](const auto& found) { return rule(found.value()); });
+}
+
+// Why the request is refused, whatever else it says; no error when it is not.
+error_code objection(const Admission& admission, const Request& request) {
+  if (admission.isOneTooMany) return WebSocketError::tooManyClients;
+  if (request.count(http::field::origin) == 0) return {};
+  const auto& rules = *admission.rules;
+  if (!allowsAll(request, http::field::origin,
+                 [&rules](auto origin) { return rules.allowsOrigin(origin); })) {
+    return WebSocketError::originNotAllowed;
+  }
+  if (!allowsAll(request, http::field::host,
+                 [&rules](auto host) { return rules.allowsHost(host); })) {
+    return WebSocketError::hostNotAllowed;
+  }
+  return {};
+}
+
 // Reads the request and answers it, be it with an upgrade or a refusal.
 asio::awaitable<error_code> Session::readRequest(std::shared_ptr<Session> self) {
   boost::beast::flat_buffer buffer(kMaxRequestHeader);
@@ -218,6 +247,12 @@ asio::awaitable<error_code> Session::readRequest(std::shared_ptr<Session> self) 
     co_await refuse(self, http::status::bad_request);
   }
   if (error) co_return error;
+  if (const auto reason = objection(self->admission_, parser.get())) {
+    co_await refuse(self, reason == WebSocketError::tooManyClients
+                              ? http::status::service_unavailable
+                              : http::status::forbidden);
+    co_return reason;
+  }
   if (!hasProperKey(parser.get())) {
     co_await refuse(self, http::status::bad_request);
     co_return websocket::error::bad_sec_key;
@@ -448,6 +483,7 @@ void Session::close(bool reset) {
   phase_ = Phase::closed;
   if (!end_) end_ = asio::error::operation_aborted;
   stream().close(reset);
+  admission_.place.reset();
   timer_.cancel();
   if (cancelled_) report(TransportCancelled{});
 }
@@ -506,8 +542,10 @@ class Connection final : public WebSocketConnection {
 }  // namespace
 
 std::shared_ptr<WebSocketConnection> makeWebSocketConnection(GatheredStream::Socket socket,
-                                                             const WebSocketLimits& limits) {
-  return std::make_shared<Connection>(std::make_shared<Session>(std::move(socket), limits));
+                                                             const WebSocketLimits& limits,
+                                                             Admission admission) {
+  return std::make_shared<Connection>(
+      std::make_shared<Session>(std::move(socket), limits, std::move(admission)));
 }
 
 }  // namespace tarnlink

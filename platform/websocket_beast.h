@@ -9,9 +9,18 @@
 
 namespace tarnlink {
 
+/// What the listener has decided about a connection.
+struct Admission {
+  std::shared_ptr<const UpgradeRules> rules;
+  bool isOneTooMany = false;  ///< The upgrade is refused, whatever it says.
+  std::shared_ptr<void>
+      place;  ///< Among the connections that are counted; dropped with the socket.
+};
+
 /// Takes over an accepted socket, whose executor becomes the connection's strand. Dropping the
 /// result ends the connection as cancel() does, without a report.
 std::shared_ptr<WebSocketConnection> makeWebSocketConnection(GatheredStream::Socket socket,
-                                                             const WebSocketLimits& limits);
+                                                             const WebSocketLimits& limits,
+                                                             Admission admission);
 
 }  // namespace tarnlink

@@ -1,4 +1,5 @@
 // Listening sockets of the WebSocket transport.
+#include <atomic>
 #include <boost/asio/as_tuple.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
@@ -8,6 +9,7 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/strand.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <limits>
 #include <list>
 #include <optional>
 #include <utility>
@@ -24,6 +26,36 @@ using boost::system::error_code;
 using boost::system::errc::errc_t;
 
 constexpr auto kWait = asio::as_tuple(asio::use_awaitable);
+
+// Connections beyond the allowed number that wait for their refusal, at a time; each costs a
+// descriptor until then. Further ones are closed at once.
+constexpr std::size_t kMaxRefusals = 32;
+
+/// A limited number of places. Taken on the listener's strand, given back anywhere.
+class Places {
+ public:
+  explicit Places(std::size_t limit) : limit_(limit) {}
+
+  /// Nothing when all are taken; otherwise taken until the result is dropped.
+  std::shared_ptr<void> take() {
+    if (*taken_ >= limit_) return nullptr;
+    ++*taken_;
+    return std::make_shared<Place>(taken_);
+  }
+
+ private:
+  struct Place {
+    explicit Place(std::shared_ptr<std::atomic<std::size_t>> c) : count(std::move(c)) {}
+    ~Place() { --*count; }
+    Place(const Place&) = delete;
+    Place& operator=(const Place&) = delete;
+    const std::shared_ptr<std::atomic<std::size_t>> count;
+  };
+
+  const std::size_t limit_;
+  const std::shared_ptr<std::atomic<std::size_t>> taken_ =
+      std::make_shared<std::atomic<std::size_t>>(0);
+};
 
 // After these the acceptor itself is of no use any more; everything else accept(2) reports passes.
 bool isFatalToAcceptor(const error_code& error) {
@@ -45,8 +77,14 @@ class Listening : public std::enable_shared_from_this<Listening> {
   using ConnectionHandler = WebSocketListener::ConnectionHandler;
 
   Listening(const asio::any_io_executor& executor, std::uint16_t port,
-            const WebSocketLimits& limits)
-      : executor_(executor), strand_(asio::make_strand(executor)), port_(port), limits_(limits) {}
+            const WebSocketLimits& limits, std::shared_ptr<const WebSocketAccess> access)
+      : executor_(executor),
+        strand_(asio::make_strand(executor)),
+        port_(port),
+        limits_(limits),
+        access_(std::move(access)),
+        clients_(access_->maxClients != 0 ? access_->maxClients
+                                          : std::numeric_limits<std::size_t>::max()) {}
 
   const asio::any_io_executor& strand() const { return strand_; }
 
@@ -81,6 +119,12 @@ class Listening : public std::enable_shared_from_this<Listening> {
 
  private:
   error_code listen() {
+    if (!access_->addresses.empty()) {
+      for (const auto& address : access_->addresses) {
+        if (const auto error = listenOn(tcp::endpoint(address, port_))) return error;
+      }
+      return {};
+    }
     const auto error6 = listenOn(tcp::endpoint(tcp::v6(), port_));
     if (error6 && !meansNoIpv6(error6)) return error6;
     return listenOn(tcp::endpoint(tcp::v4(), port_));
@@ -123,8 +167,14 @@ class Listening : public std::enable_shared_from_this<Listening> {
     error_code ignored;  // a peer that has gone already is noticed by the first read
     socket.set_option(tcp::no_delay(true), ignored);
     if (!onConnection_) return;
+    Admission admission{{access_, &access_->rules}, false, clients_.take()};
+    if (!admission.place) {
+      admission.isOneTooMany = true;
+      admission.place = refusals_.take();
+      if (!admission.place) return;  // which closes the socket
+    }
     const auto handler = onConnection_;  // may drop the listener, and with it the handler
-    handler(makeWebSocketConnection(std::move(socket), limits_));
+    handler(makeWebSocketConnection(std::move(socket), limits_, std::move(admission)));
   }
 
   void report(const TransportState& state) {
@@ -138,6 +188,9 @@ class Listening : public std::enable_shared_from_this<Listening> {
   const asio::any_io_executor strand_;
   const std::uint16_t port_;
   const WebSocketLimits limits_;
+  const std::shared_ptr<const WebSocketAccess> access_;
+  Places clients_;
+  Places refusals_{kMaxRefusals};
   std::list<tcp::acceptor> acceptors_;  // the accepting coroutines refer to them
   StateHandler onState_;
   ConnectionHandler onConnection_;
@@ -176,28 +229,33 @@ class Listener final : public WebSocketListener {
 
 class BeastTransport final : public WebSocketTransport {
  public:
-  BeastTransport(asio::any_io_executor executor, const WebSocketLimits& limits)
-      : executor_(std::move(executor)), limits_(limits) {}
+  BeastTransport(asio::any_io_executor executor, const WebSocketLimits& limits,
+                 WebSocketAccess access)
+      : executor_(std::move(executor)),
+        limits_(limits),
+        access_(std::make_shared<const WebSocketAccess>(std::move(access))) {}
 
   bool acceptsPort(std::uint16_t port) const override { return port != 0; }
 
   boost::system::result<std::shared_ptr<WebSocketListener>> makeListener(
       std::uint16_t port) override {
     std::shared_ptr<WebSocketListener> listener =
-        std::make_shared<Listener>(std::make_shared<Listening>(executor_, port, limits_));
+        std::make_shared<Listener>(std::make_shared<Listening>(executor_, port, limits_, access_));
     return listener;
   }
 
  private:
   const asio::any_io_executor executor_;
   const WebSocketLimits limits_;
+  const std::shared_ptr<const WebSocketAccess> access_;
 };
 
 }  // namespace
 
 std::unique_ptr<WebSocketTransport> makeWebSocketTransport(asio::any_io_executor executor,
-                                                           WebSocketLimits limits) {
-  return std::make_unique<BeastTransport>(std::move(executor), limits);
+                                                           WebSocketLimits limits,
+                                                           WebSocketAccess access) {
+  return std::make_unique<BeastTransport>(std::move(executor), limits, std::move(access));
 }
 
 }  // namespace tarnlink

@@ -68,7 +68,7 @@ class BridgeProcess {
       : port_(options.port),
         untilInputEnds_(options.untilInputEnds),
         preferences_(makePreferenceStore(options.preferences, logToConsole)),
-        transport_(makeWebSocketTransport(io_.get_executor())),
+        transport_(makeWebSocketTransport(io_.get_executor(), {}, options.access)),
         signals_(io_, SIGTERM, SIGINT),
         server_(std::make_shared<BridgeServer>(io_.get_executor(), ports(options),
                                                options.interface)) {}

@@ -6,6 +6,8 @@
 #include <string>
 #include <variant>
 
+#include "platform/websocket.h"
+
 namespace tarnlink {
 
 struct DaemonOptions {
@@ -15,6 +17,7 @@ struct DaemonOptions {
   bool advertise = true;
   bool lowLatency = false;
   bool showPairingCode = false;
+  WebSocketAccess access;
   bool untilInputEnds = false;  ///< Stop when standard input ends, as when its writer has ended.
 };
 

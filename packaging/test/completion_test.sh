@@ -37,6 +37,7 @@ expect --low-latency - tarnlinkd --
 expect lo - tarnlinkd --interface ''
 expect 'two words.pcap' - tarnlink-ied --interface lo --replay tw
 expect none - tarnlinkd --port ''
+expect none - tarnlinkd --allow-origin ''
 expect set-interface goose tarnlinkctl ''
 expect goose ping tarnlinkctl --host bridge subscribe ''
 # Options of the outer command stand behind the subcommand too; those of another one do not.

@@ -23,6 +23,11 @@ grep -E '^CapEff:[[:space:]]0000000000002000$' "/proc/$pid/status"
 grep -E '^Seccomp:[[:space:]]2$' "/proc/$pid/status"
 test "$(stat -c %U "/proc/$pid")" = tarnlinkd
 
+# Web pages from elsewhere are refused.
+bash -c 'exec 3<>/dev/tcp/127.0.0.1/8765
+  printf "GET / HTTP/1.1\r\nHost: localhost\r\nOrigin: https://elsewhere.example\r\n\r\n" >&3
+  head -n 1 <&3' | grep -F 'HTTP/1.1 403'
+
 # D-Bus works from inside: the announcement reaches an independent client.
 for try in 1 2 3 4 5 6 7 8 9 10; do
   if avahi-browse --resolve --parsable --terminate _tarnlink._tcp | grep '^=.*;8765;'; then break; fi

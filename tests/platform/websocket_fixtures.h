@@ -51,8 +51,10 @@ class Server {
   /// What happens to messages. Echoes are text: of a binary message, its size.
   enum class Messages { recorded, echoed, leftUnread };
 
-  explicit Server(WebSocketLimits limits = {}, Messages messages = Messages::recorded)
-      : messages_(messages), transport_(makeWebSocketTransport(context_.get_executor(), limits)) {
+  explicit Server(WebSocketLimits limits = {}, Messages messages = Messages::recorded,
+                  WebSocketAccess access = {})
+      : messages_(messages),
+        transport_(makeWebSocketTransport(context_.get_executor(), limits, std::move(access))) {
     listener_ = transport_->makeListener(port).value();
     listener_->start([this](const TransportState& state) { note(listenerReports, state); },
                      [this](auto connection) { accept(std::move(connection)); });
