@@ -15,7 +15,7 @@ desktop_packages=(qt6-base-dev libqt6svg6-dev libxcb1-dev acl libcap2-bin)
 
 # To build and run the tests and benches as well.
 test_packages=(
-  libgtest-dev libgmock-dev libbenchmark-dev tshark
+  libgtest-dev libgmock-dev tshark
   dbus-daemon avahi-daemon avahi-utils python3
 )
 

@@ -1,11 +1,10 @@
 #include "tests/stack/allocation_count.h"
 
-#include <atomic>
 #include <cstdlib>
 #include <new>
 
 namespace {
-std::atomic<std::size_t> count = 0;
+thread_local std::size_t count = 0;
 }
 
 void* operator new(std::size_t size) {

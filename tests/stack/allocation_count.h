@@ -1,11 +1,11 @@
-// Counts calls of operator new in the test program that links it.
+// Counts calls of operator new in the program that links it, at no cost that a bench could see.
 #pragma once
 
 #include <cstddef>
 
 namespace tarnlink::test {
 
-/// Since the program's start, on all threads.
+/// By the calling thread, since it began.
 std::size_t allocationCount();
 
 }  // namespace tarnlink::test
