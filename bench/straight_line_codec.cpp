@@ -20,21 +20,38 @@ std::uint32_t bigEndian(const std::uint8_t* octets, std::size_t count) {
   return value;
 }
 
-std::uint32_t unsignedOf(const StraightLineValue& value) {
-  return bigEndian(value.octets, value.length);
-}
-
-std::int32_t signedOf(const StraightLineValue& value) {
-  std::uint32_t bits = (value.octets[0] & 0x80) != 0 ? ~std::uint32_t{0} : 0;
-  for (std::size_t i = 0; i < value.length; ++i) bits = bits << 8 | value.octets[i];
-  return static_cast<std::int32_t>(bits);
-}
-
 /// The content's length behind a tag, in the short form or the two longer ones that frames need.
 const std::uint8_t* skipLength(const std::uint8_t* at, std::size_t& length) {
   const std::size_t longer = *at < 0x80 ? 0 : *at & 0x7F;
   length = longer == 0 ? *at : bigEndian(at + 1, longer);
   return at + 1 + longer;
+}
+
+/// Decodes one element; `store` is where octets are kept, and moves on behind them.
+void decodeElement(const std::uint8_t* at, bool isTime, bool isNumber, StraightLineValue& value,
+                   std::uint8_t*& store) {
+  value.tag = at[0];
+  value.length = at[1];
+  if (isTime) {
+    value.number = bigEndian(at + 2, 4);
+    value.fraction = bigEndian(at + 6, 3);
+  } else if (isNumber) {
+    value.number = bigEndian(at + 2, at[1]);
+    // An integer's sign; fields and unsigned values have a zero octet in front of such a bit.
+    if ((at[2] & 0x80) != 0 && at[1] < 4) value.number |= ~std::uint32_t{0} << (8 * at[1]);
+  } else {
+    std::memcpy(store, at + 2, at[1]);
+    value.octets = store;
+    store += at[1];
+  }
+}
+
+bool isText(std::size_t field) {
+  return field == kGocbRef || field == kDatSet || field == kGoId;
+}
+
+bool isNumber(std::uint8_t tag) {
+  return tag == kTagBoolean || tag == kTagInteger || tag == kTagUnsigned;
 }
 
 template <std::size_t N>
@@ -102,8 +119,8 @@ char* putTime(char* out, std::uint32_t seconds, unsigned milliseconds) {
 }
 
 char* putTime(char* out, const StraightLineValue& time) {
-  const std::uint64_t fraction = bigEndian(time.octets + 4, 3);
-  return putTime(out, bigEndian(time.octets, 4), static_cast<unsigned>(fraction * 1000 >> 24));
+  const auto milliseconds = static_cast<unsigned>(std::uint64_t{time.fraction} * 1000 >> 24);
+  return putTime(out, time.number, milliseconds);
 }
 
 char* putTime(char* out, double unixSeconds) {
@@ -124,7 +141,7 @@ char* putValue(char* out, const StraightLineValue& value) {
   switch (value.tag) {
     case kTagBoolean:
       out = put(out, "{\"runtimeType\":\"boolean\",\"value\":");
-      out = putBoolean(out, *value.octets != 0);
+      out = putBoolean(out, value.number != 0);
       break;
     case kTagBitString:
       out = put(out, "{\"runtimeType\":\"bitString\",\"bits\":[");
@@ -133,11 +150,11 @@ char* putValue(char* out, const StraightLineValue& value) {
       break;
     case kTagInteger:
       out = put(out, "{\"runtimeType\":\"int32\",\"value\":");
-      out = putNumber(out, signedOf(value));
+      out = putNumber(out, static_cast<std::int32_t>(value.number));
       break;
     case kTagUnsigned:
       out = put(out, "{\"runtimeType\":\"uint32\",\"value\":");
-      out = putNumber(out, unsignedOf(value));
+      out = putNumber(out, value.number);
       break;
     case kTagFloatingPoint:
       out = put(out, "{\"runtimeType\":\"float32\",\"value\":");
@@ -180,9 +197,11 @@ char* putBase64(char* out, const std::uint8_t* from, std::size_t count) {
 bool decodeGoose(ByteView frame, StraightLineGoose& goose) {
   const std::uint8_t* at = frame.data();
   const std::uint8_t* end = at + frame.size();
-  if (frame.size() < 24 || bigEndian(at + 12, 2) != 0x88B8) return false;
-  goose.frame = at;
+  if (frame.size() < 24 || frame.size() > goose.store.size() || bigEndian(at + 12, 2) != 0x88B8)
+    return false;
+  std::memcpy(goose.macs.data(), at, goose.macs.size());
   goose.appId = static_cast<std::uint16_t>(bigEndian(at + 14, 2));
+  std::uint8_t* store = goose.store.data();
   at += 22;
   if (*at != 0x61) return false;
   std::size_t length = 0;
@@ -190,7 +209,7 @@ bool decodeGoose(ByteView frame, StraightLineGoose& goose) {
   if (length > static_cast<std::size_t>(end - at)) return false;
   for (std::uint8_t number = 0; number < goose.fields.size(); ++number) {
     if (end - at < 2 || at[0] != 0x80 + number || at[1] > end - at - 2) return false;
-    goose.fields[number] = {at[0], at[1], at + 2};
+    decodeElement(at, number == kTime, !isText(number), goose.fields[number], store);
     at += 2 + at[1];
   }
   if (end - at < 2 || *at != 0xAB) return false;
@@ -199,7 +218,7 @@ bool decodeGoose(ByteView frame, StraightLineGoose& goose) {
   end = at + length;
   goose.valueCount = 0;
   while (end - at >= 2 && at[1] <= end - at - 2 && goose.valueCount < goose.values.size()) {
-    goose.values[goose.valueCount++] = {at[0], at[1], at + 2};
+    decodeElement(at, *at == kTagUtcTime, isNumber(*at), goose.values[goose.valueCount++], store);
     at += 2 + at[1];
   }
   return at == end;
@@ -216,17 +235,17 @@ char* writeGooseEvent(const StraightLineGoose& goose, double receivedAt, char* o
   out = put(out, ",\"timestamp\":");
   out = putTime(out, fields[kTime]);
   out = put(out, ",\"stNum\":");
-  out = putNumber(out, unsignedOf(fields[kStNum]));
+  out = putNumber(out, fields[kStNum].number);
   out = put(out, ",\"sqNum\":");
-  out = putNumber(out, unsignedOf(fields[kSqNum]));
+  out = putNumber(out, fields[kSqNum].number);
   out = put(out, ",\"test\":");
-  out = putBoolean(out, *fields[kSimulation].octets != 0);
+  out = putBoolean(out, fields[kSimulation].number != 0);
   out = put(out, ",\"needsCommission\":");
-  out = putBoolean(out, *fields[kNdsCom].octets != 0);
+  out = putBoolean(out, fields[kNdsCom].number != 0);
   out = put(out, ",\"confRev\":");
-  out = putNumber(out, unsignedOf(fields[kConfRev]));
+  out = putNumber(out, fields[kConfRev].number);
   out = put(out, ",\"timeAllowedToLive\":");
-  out = putNumber(out, unsignedOf(fields[kTimeAllowedToLive]));
+  out = putNumber(out, fields[kTimeAllowedToLive].number);
   out = put(out, ",\"values\":[");
   for (std::size_t i = 0; i < goose.valueCount; ++i) {
     if (i != 0) *out++ = ',';
@@ -235,9 +254,9 @@ char* writeGooseEvent(const StraightLineGoose& goose, double receivedAt, char* o
   out = put(out, "],\"receivedAt\":");
   out = putTime(out, receivedAt);
   out = put(out, ",\"srcMac\":");
-  out = putMac(out, goose.frame + 6);
+  out = putMac(out, goose.macs.data() + 6);
   out = put(out, ",\"dstMac\":");
-  out = putMac(out, goose.frame);
+  out = putMac(out, goose.macs.data());
   return put(out, "}}");
 }
 

@@ -1,30 +1,43 @@
 #include "server/bridge_time.h"
 
+#include <array>
 #include <chrono>
-#include <cmath>
 #include <cstdint>
 #include <cstring>
 
 namespace tarnlink {
 namespace {
 
-constexpr std::int64_t kMillisecondsPerDay = 86'400'000;
 constexpr std::int64_t kFirstMillisecond = -62'135'596'800'000;  // 0001-01-01T00:00:00.000Z
 constexpr std::int64_t kLastMillisecond = 253'402'300'799'999;   // 9999-12-31T23:59:59.999Z
+constexpr std::uint64_t kMillisecondsPerDay = 86'400'000;
+constexpr std::chrono::sys_days kFirstDay = std::chrono::year(1) / 1 / 1;
 
+// In whole numbers and comparisons, because rounding functions are calls where the processor's
+// baseline has no instruction for them.
 std::int64_t toMilliseconds(TimePoint time) {
   const double seconds = unixSeconds(time);
   if (!(seconds > static_cast<double>(kFirstMillisecond) / 1000)) return kFirstMillisecond;
   if (seconds >= static_cast<double>(kLastMillisecond) / 1000) return kLastMillisecond;
+  auto whole = static_cast<std::int64_t>(seconds);
+  if (static_cast<double>(whole) > seconds) --whole;
   // Only the fraction is scaled: it is exact, the product of the whole is not.
-  const double whole = std::floor(seconds);
-  return static_cast<std::int64_t>(whole) * 1000 + std::llround((seconds - whole) * 1000);
+  const double scaled = (seconds - static_cast<double>(whole)) * 1000;
+  const auto milliseconds = static_cast<std::int64_t>(scaled);
+  const bool roundsUp = scaled - static_cast<double>(milliseconds) >= 0.5;
+  return whole * 1000 + milliseconds + (roundsUp ? 1 : 0);
 }
 
-char* writeTwoDigits(unsigned value, char* out) {
-  out[0] = static_cast<char>('0' + value / 10);
-  out[1] = static_cast<char>('0' + value % 10);
-  return out + 2;
+constexpr auto kTwoDigits = [] {
+  std::array<std::array<char, 2>, 100> pairs{};
+  for (std::size_t i = 0; i < pairs.size(); ++i) {
+    pairs[i] = {static_cast<char>('0' + i / 10), static_cast<char>('0' + i % 10)};
+  }
+  return pairs;
+}();
+
+void writeTwoDigits(unsigned value, char* out) {
+  std::memcpy(out, kTwoDigits[value].data(), 2);
 }
 
 /// Reads the digits and separators of one text from left to right.
@@ -64,32 +77,26 @@ class Scanner {
 }  // namespace
 
 char* writeIso8601(TimePoint time, char* out) {
-  const std::int64_t milliseconds = toMilliseconds(time);
-  std::int64_t days = milliseconds / kMillisecondsPerDay;
-  if (milliseconds % kMillisecondsPerDay < 0) --days;
-  auto rest = static_cast<unsigned>(milliseconds - days * kMillisecondsPerDay);
-  const std::chrono::year_month_day date{
-      std::chrono::sys_days(std::chrono::days(static_cast<int>(days)))};
-
+  // From the first day that has a text, so that nothing is negative.
+  const auto milliseconds = static_cast<std::uint64_t>(toMilliseconds(time) - kFirstMillisecond);
+  const auto day = static_cast<int>(milliseconds / kMillisecondsPerDay);
+  const auto rest = static_cast<unsigned>(milliseconds % kMillisecondsPerDay);
+  const std::chrono::year_month_day date(kFirstDay + std::chrono::days(day));
   const auto year = static_cast<unsigned>(static_cast<int>(date.year()));
-  out = writeTwoDigits(year / 100, out);
-  out = writeTwoDigits(year % 100, out);
-  *out++ = '-';
-  out = writeTwoDigits(static_cast<unsigned>(date.month()), out);
-  *out++ = '-';
-  out = writeTwoDigits(static_cast<unsigned>(date.day()), out);
-  *out++ = 'T';
-  out = writeTwoDigits(rest / 3'600'000, out);
-  *out++ = ':';
-  out = writeTwoDigits(rest / 60'000 % 60, out);
-  *out++ = ':';
-  out = writeTwoDigits(rest / 1000 % 60, out);
-  *out++ = '.';
-  rest %= 1000;
-  *out++ = static_cast<char>('0' + rest / 100);
-  out = writeTwoDigits(rest % 100, out);
-  *out++ = 'Z';
-  return out;
+  const unsigned second = rest / 1000;
+  const unsigned minute = second / 60;
+
+  std::memcpy(out, "0000-00-00T00:00:00.000Z", kIso8601Length);
+  writeTwoDigits(year / 100, out);
+  writeTwoDigits(year % 100, out + 2);
+  writeTwoDigits(static_cast<unsigned>(date.month()), out + 5);
+  writeTwoDigits(static_cast<unsigned>(date.day()), out + 8);
+  writeTwoDigits(minute / 60, out + 11);
+  writeTwoDigits(minute % 60, out + 14);
+  writeTwoDigits(second % 60, out + 17);
+  writeTwoDigits(rest % 1000 / 10, out + 20);
+  out[22] = static_cast<char>('0' + rest % 10);
+  return out + kIso8601Length;
 }
 
 std::string BridgeIso8601Formatter::string(TimePoint time) const {

@@ -296,9 +296,10 @@ void writeOctets(const Bytes& octets, JsonWriter& out) {
 }
 
 void writeValues(const std::vector<GooseDataValue>& values, JsonWriter& out) {
-  for (std::size_t i = 0; i < values.size(); ++i) {
-    if (i != 0) out.literal(",");
-    toBridgeJson(values[i], out);
+  bool isFirst = true;
+  for (const GooseDataValue& value : values) {
+    if (!std::exchange(isFirst, false)) out.literal(",");
+    toBridgeJson(value, out);
   }
 }
 

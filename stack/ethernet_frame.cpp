@@ -24,23 +24,27 @@ void appendUInt16(Bytes& out, std::uint16_t value) {
 }  // namespace
 
 std::optional<ParsedEthernetFrame> EthernetFrame::parse(ByteView frame, std::uint16_t etherType) {
-  if (frame.size() < kUntaggedHeader) return std::nullopt;
-  ParsedEthernetFrame parsed;
+  std::optional<ParsedEthernetFrame> result;  // Filled in place: copying it would cost most.
+  if (frame.size() < kUntaggedHeader) return result;
+  std::uint16_t foundType = readUInt16(frame, 12);
+  const bool isTagged = foundType == kEtherTypeVlan;
+  if (isTagged) {
+    if (frame.size() < kTaggedHeader) return result;
+    foundType = readUInt16(frame, 16);
+  }
+  if (foundType != etherType) return result;
+
+  ParsedEthernetFrame& parsed = result.emplace();
   std::copy_n(frame.begin(), kMacLength, parsed.dstMac.begin());
   std::copy_n(frame.begin() + kMacLength, kMacLength, parsed.srcMac.begin());
-  parsed.etherType = readUInt16(frame, 12);
-  std::size_t headerLength = kUntaggedHeader;
-  if (parsed.etherType == kEtherTypeVlan) {
-    if (frame.size() < kTaggedHeader) return std::nullopt;
+  if (isTagged) {
     const std::uint16_t tci = readUInt16(frame, 14);
     parsed.vlanId = static_cast<std::uint16_t>(tci & kVlanIdMask);
     parsed.vlanPriority = static_cast<std::uint8_t>(tci >> kPriorityShift);
-    parsed.etherType = readUInt16(frame, 16);
-    headerLength = kTaggedHeader;
   }
-  if (parsed.etherType != etherType) return std::nullopt;
-  parsed.payload = frame.subspan(headerLength);
-  return parsed;
+  parsed.etherType = foundType;
+  parsed.payload = frame.subspan(isTagged ? kTaggedHeader : kUntaggedHeader);
+  return result;
 }
 
 Bytes EthernetFrame::build(ByteView dstMac, ByteView srcMac, std::uint16_t vlanId,

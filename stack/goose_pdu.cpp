@@ -65,10 +65,10 @@ class FieldTable {
     while (const std::optional<BerTlv> element = sequence.next()) {
       const auto number = static_cast<std::uint8_t>(element->tag - kFirstFieldTag);
       if (number < kFieldCount) {
-        values_[number] = element->value;
+        values_[number] = {element->value.data(), element->value.size()};
         present_ |= bitOf(number);
-      } else if (element->tag == kTagAllData && !allData_) {
-        allData_ = element->value;
+      } else if (element->tag == kTagAllData && allData_.begin == nullptr) {
+        allData_ = {element->value.data(), element->value.size()};
       }
     }
   }
@@ -85,13 +85,22 @@ class FieldTable {
     return names;
   }
 
-  ByteView operator[](Field field) const { return values_[field]; }
-  ByteView allData() const { return allData_.value_or(ByteView()); }
+  ByteView operator[](Field field) const {
+    if ((present_ & bitOf(field)) == 0) return {};
+    return {values_[field].begin, values_[field].size};
+  }
+  ByteView allData() const { return {allData_.begin, allData_.size}; }
 
  private:
-  std::array<ByteView, kFieldCount> values_{};
+  // Written member by member: a span copied whole is read back before its halves have left the
+  // processor's store buffer, which takes longer than all the rest of the walk.
+  struct Value {
+    const std::uint8_t* begin;
+    std::size_t size;
+  };
+  std::array<Value, kFieldCount> values_;  // Not cleared: only those present are looked at.
   std::uint32_t present_ = 0;
-  std::optional<ByteView> allData_;
+  Value allData_{nullptr, 0};
 };
 
 std::uint16_t readUInt16(ByteView octets, std::size_t at) {
@@ -118,11 +127,22 @@ void assignText(ByteView value, std::string& text) {
   }
 }
 
+// Apart from reuseAs(), because a steady stream of like frames never comes here.
+template <class T>
+[[gnu::noinline]] T& become(GooseDataValue::Payload& payload) {
+  return payload.emplace<T>();
+}
+
 /// The payload as alternative T; its storage survives when it holds one already.
 template <class T>
 T& reuseAs(GooseDataValue::Payload& payload) {
   if (T* held = std::get_if<T>(&payload)) return *held;
-  return payload.emplace<T>();
+  return become<T>(payload);
+}
+
+void assignUnknown(std::uint8_t tag, ByteView value, GooseDataValue::Unknown& unknown) {
+  unknown.tag = tag;
+  unknown.data.assign(value.begin(), value.end());
 }
 
 void assignBits(ByteView value, GooseDataValue::BitString& bits) {
@@ -162,14 +182,31 @@ void parseMembers(ByteView octets, int nesting, std::vector<GooseDataValue>& mem
   }
 }
 
+// Apart from the plain values, which need hardly a register beside what a value's storage takes.
+[[gnu::noinline]] void parseStoredValueInto(std::uint8_t tag, ByteView value, int nesting,
+                                            GooseDataValue::Payload& payload) {
+  switch (tag) {
+    case kTagBitString:
+      return assignBits(value, reuseAs<GooseDataValue::BitString>(payload));
+    case kTagOctetString:
+      reuseAs<Bytes>(payload).assign(value.begin(), value.end());
+      return;
+    case kTagVisibleString:
+      return assignText(value, reuseAs<std::string>(payload));
+    case kTagArray:
+      return parseMembers(value, nesting, reuseAs<GooseDataValue::Array>(payload).members);
+    case kTagStructure:
+      return parseMembers(value, nesting, reuseAs<GooseDataValue::Structure>(payload).members);
+    default:
+      return assignUnknown(tag, value, reuseAs<GooseDataValue::Unknown>(payload));
+  }
+}
+
 void parseDataValueInto(std::uint8_t tag, ByteView value, int nesting, GooseDataValue& result) {
   GooseDataValue::Payload& payload = result.payload;
   switch (tag) {
     case kTagBoolean:
       reuseAs<bool>(payload) = isSet(value);
-      break;
-    case kTagBitString:
-      assignBits(value, reuseAs<GooseDataValue::BitString>(payload));
       break;
     case kTagInteger:
       reuseAs<std::int32_t>(payload) = parseInt32(value);
@@ -180,38 +217,24 @@ void parseDataValueInto(std::uint8_t tag, ByteView value, int nesting, GooseData
     case kTagFloatingPoint:
       reuseAs<float>(payload) = parseFloat(value);
       break;
-    case kTagOctetString:
-      reuseAs<Bytes>(payload).assign(value.begin(), value.end());
-      break;
-    case kTagVisibleString:
-      assignText(value, reuseAs<std::string>(payload));
-      break;
     case kTagUtcTime:
       reuseAs<TimePoint>(payload) = GoosePdu::parseUTCTime(value);
       break;
-    case kTagArray:
-      parseMembers(value, nesting, reuseAs<GooseDataValue::Array>(payload).members);
-      break;
-    case kTagStructure:
-      parseMembers(value, nesting, reuseAs<GooseDataValue::Structure>(payload).members);
-      break;
-    default: {
-      auto& unknown = reuseAs<GooseDataValue::Unknown>(payload);
-      unknown.tag = tag;
-      unknown.data.assign(value.begin(), value.end());
-    }
+    default:
+      parseStoredValueInto(tag, value, nesting, payload);
   }
 }
 
 void parseDataValuesInto(ByteView octets, int nesting, std::vector<GooseDataValue>& values) {
+  const std::size_t held = values.size();
   std::size_t count = 0;
   BerSequence sequence(octets);
   while (const std::optional<BerTlv> element = sequence.next()) {
-    if (count == values.size()) values.emplace_back();
+    if (count >= held) values.emplace_back();
     parseDataValueInto(element->tag, element->value, nesting, values[count]);
     ++count;
   }
-  values.resize(count);
+  if (count < held) values.resize(count);
 }
 
 void fill(const FieldTable& fields, GoosePdu& pdu) {

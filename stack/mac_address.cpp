@@ -1,6 +1,18 @@
 #include "stack/mac_address.h"
 
+#include <cstring>
+
 namespace tarnlink {
+namespace {
+
+constexpr auto kHexPairs = [] {
+  constexpr char kDigits[] = "0123456789ABCDEF";
+  std::array<std::array<char, 2>, 256> pairs{};
+  for (std::size_t i = 0; i < pairs.size(); ++i) pairs[i] = {kDigits[i >> 4], kDigits[i & 0x0F]};
+  return pairs;
+}();
+
+}  // namespace
 
 std::string formatMac(ByteView octets) {
   std::string text;
@@ -9,13 +21,12 @@ std::string formatMac(ByteView octets) {
 }
 
 void formatMacInto(ByteView octets, std::string& text) {
-  constexpr char kDigits[] = "0123456789ABCDEF";
   text.resize(octets.empty() ? 0 : octets.size() * 3 - 1);
-  std::size_t at = 0;
-  for (const std::uint8_t octet : octets) {
-    if (at != 0) text[at++] = ':';
-    text[at++] = kDigits[octet >> 4];
-    text[at++] = kDigits[octet & 0x0F];
+  char* at = text.data();
+  for (std::size_t i = 0; i < octets.size(); ++i) {
+    if (i != 0) *at++ = ':';
+    std::memcpy(at, kHexPairs[octets[i]].data(), 2);
+    at += 2;
   }
 }
 

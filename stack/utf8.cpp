@@ -8,15 +8,26 @@ namespace {
 
 constexpr std::uint64_t kTopBits = 0x8080808080808080;
 
-/// Octets at the start that are ASCII, counted in whole words.
-std::size_t asciiWords(ByteView octets) {
-  std::size_t at = 0;
-  for (; octets.size() - at >= sizeof(std::uint64_t); at += sizeof(std::uint64_t)) {
-    std::uint64_t word;
-    std::memcpy(&word, octets.data() + at, sizeof word);
-    if ((word & kTopBits) != 0) break;
-  }
-  return at;
+template <class Word>
+Word wordAt(ByteView octets, std::size_t at) {
+  Word word;
+  std::memcpy(&word, octets.data() + at, sizeof word);
+  return word;
+}
+
+/// In words, of which the last two overlap.
+template <class Word>
+bool isAscii(ByteView octets) {
+  const std::size_t last = octets.size() - sizeof(Word);
+  auto seen = wordAt<Word>(octets, last);
+  for (std::size_t at = 0; at < last; at += sizeof(Word)) seen |= wordAt<Word>(octets, at);
+  return (seen & static_cast<Word>(kTopBits)) == 0;
+}
+
+bool isAscii(ByteView octets) {
+  if (octets.size() >= sizeof(std::uint64_t)) return isAscii<std::uint64_t>(octets);
+  if (octets.size() >= sizeof(std::uint32_t)) return isAscii<std::uint32_t>(octets);
+  return octets.empty() || isAscii<std::uint8_t>(octets);
 }
 
 bool isContinuation(std::uint8_t octet) {
@@ -53,8 +64,9 @@ std::size_t characterLength(ByteView octets) {
 }  // namespace
 
 bool isValidUtf8(ByteView octets) {
-  // Names on the process bus are ASCII nearly always; only what is left goes octet by octet.
-  ByteView rest = octets.subspan(asciiWords(octets));
+  // Names on the process bus are ASCII nearly always.
+  if (isAscii(octets)) return true;
+  ByteView rest = octets;
   while (!rest.empty()) {
     const std::size_t length = characterLength(rest);
     if (length == 0) return false;
