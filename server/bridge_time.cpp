@@ -8,24 +8,32 @@
 namespace tarnlink {
 namespace {
 
-constexpr std::int64_t kFirstMillisecond = -62'135'596'800'000;  // 0001-01-01T00:00:00.000Z
-constexpr std::int64_t kLastMillisecond = 253'402'300'799'999;   // 9999-12-31T23:59:59.999Z
-constexpr std::uint64_t kMillisecondsPerDay = 86'400'000;
+constexpr std::int64_t kFirstSecond = -62'135'596'800;  // 0001-01-01T00:00:00Z
+constexpr std::int64_t kEndSecond = 253'402'300'800;    // 10000-01-01T00:00:00Z
+constexpr std::uint32_t kSecondsPerDay = 86'400;
 constexpr std::chrono::sys_days kFirstDay = std::chrono::year(1) / 1 / 1;
 
-// In whole numbers and comparisons, because rounding functions are calls where the processor's
-// baseline has no instruction for them.
-std::int64_t toMilliseconds(TimePoint time) {
+/// A time that has a text.
+struct WrittenTime {
+  std::uint64_t seconds;  ///< Since the first one that has a text, so that nothing is negative.
+  unsigned milliseconds;
+};
+
+// Without rounding functions, which are library calls where the processor's baseline has no
+// instruction for them.
+WrittenTime nearestWritten(TimePoint time) {
+  constexpr std::uint64_t kLast = kEndSecond - kFirstSecond - 1;
   const double seconds = unixSeconds(time);
-  if (!(seconds > static_cast<double>(kFirstMillisecond) / 1000)) return kFirstMillisecond;
-  if (seconds >= static_cast<double>(kLastMillisecond) / 1000) return kLastMillisecond;
+  if (!(seconds > static_cast<double>(kFirstSecond))) return {0, 0};
+  if (seconds >= static_cast<double>(kEndSecond)) return {kLast, 999};
   auto whole = static_cast<std::int64_t>(seconds);
   if (static_cast<double>(whole) > seconds) --whole;
   // Only the fraction is scaled: it is exact, the product of the whole is not.
-  const double scaled = (seconds - static_cast<double>(whole)) * 1000;
-  const auto milliseconds = static_cast<std::int64_t>(scaled);
-  const bool roundsUp = scaled - static_cast<double>(milliseconds) >= 0.5;
-  return whole * 1000 + milliseconds + (roundsUp ? 1 : 0);
+  const double fraction = seconds - static_cast<double>(whole);
+  const auto milliseconds = static_cast<unsigned>(fraction * 1000 + 0.5);
+  const auto since = static_cast<std::uint64_t>(whole - kFirstSecond);
+  if (milliseconds < 1000) return {since, milliseconds};
+  return since == kLast ? WrittenTime{kLast, 999} : WrittenTime{since + 1, 0};
 }
 
 constexpr auto kTwoDigits = [] {
@@ -77,13 +85,11 @@ class Scanner {
 }  // namespace
 
 char* writeIso8601(TimePoint time, char* out) {
-  // From the first day that has a text, so that nothing is negative.
-  const auto milliseconds = static_cast<std::uint64_t>(toMilliseconds(time) - kFirstMillisecond);
-  const auto day = static_cast<int>(milliseconds / kMillisecondsPerDay);
-  const auto rest = static_cast<unsigned>(milliseconds % kMillisecondsPerDay);
+  const auto [seconds, milliseconds] = nearestWritten(time);
+  const auto day = static_cast<std::uint32_t>(seconds / kSecondsPerDay);
+  const auto second = static_cast<std::uint32_t>(seconds % kSecondsPerDay);
   const std::chrono::year_month_day date(kFirstDay + std::chrono::days(day));
   const auto year = static_cast<unsigned>(static_cast<int>(date.year()));
-  const unsigned second = rest / 1000;
   const unsigned minute = second / 60;
 
   std::memcpy(out, "0000-00-00T00:00:00.000Z", kIso8601Length);
@@ -94,8 +100,8 @@ char* writeIso8601(TimePoint time, char* out) {
   writeTwoDigits(minute / 60, out + 11);
   writeTwoDigits(minute % 60, out + 14);
   writeTwoDigits(second % 60, out + 17);
-  writeTwoDigits(rest % 1000 / 10, out + 20);
-  out[22] = static_cast<char>('0' + rest % 10);
+  writeTwoDigits(milliseconds / 10, out + 20);
+  out[22] = static_cast<char>('0' + milliseconds % 10);
   return out + kIso8601Length;
 }
 

@@ -3,7 +3,6 @@
 #include <simdjson.h>
 
 #include <algorithm>
-#include <array>
 #include <bit>
 #include <cmath>
 #include <cstdint>
@@ -17,6 +16,7 @@ using Block = unsigned char __attribute__((vector_size(16)));
 /// Not zero where an octet needs a closer look: a control character, a quote, a backslash, no
 /// ASCII.
 using Unclean = decltype(Block() == Block());
+using Halves = std::uint64_t __attribute__((vector_size(16)));
 
 template <class Octets>
 auto uncleanOf(const Octets& octets) {
@@ -34,7 +34,7 @@ bool copyCleanBlocks(const char* from, std::size_t size, char* to) {
     unclean |= uncleanOf(block);
     if (at == last) break;
   }
-  const auto halves = std::bit_cast<std::array<std::uint64_t, 2>>(unclean);
+  const auto halves = std::bit_cast<Halves>(unclean);
   return (halves[0] | halves[1]) == 0;
 }
 

@@ -34,7 +34,7 @@ TEST(JsonWriterTest, StringsAreEscapedAndReadBackTheSame) {
 // One special character at every place of texts around the width of the scan.
 TEST(JsonWriterTest, SpecialCharacterIsFoundAtEveryPlace) {
   for (const std::string special : {"\"", "\\", "\x1F", "\n", "\u00e4"}) {
-    for (std::size_t length = 0; length < 20; ++length) {
+    for (std::size_t length = 0; length < 40; ++length) {
       for (std::size_t place = 0; place <= length; ++place) {
         std::string text(length, 'x');
         text.insert(place, special);
