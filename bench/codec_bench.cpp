@@ -218,7 +218,7 @@ boost::asio::awaitable<void> consume(MessageStream<GooseMessage> stream) {
   while (co_await stream.next(batch)) {
     for (const GooseMessage& message : batch.records()) {
       auto storage = gooseEvent(message);
-      keep(TextFrame::adopt(std::move(storage.octets), storage.textLength));
+      keep(TextFrame::adopt(std::move(storage.octets), storage.size, storage.textLength));
     }
   }
 }
