@@ -91,8 +91,9 @@ std::string factor(double value) {
 using Figures = std::vector<double>;
 
 void beside(const char* what, const Figures& ours, const char* peer, const Figures& theirs) {
+  const double ratio = medianRatio(ours, theirs);
   print({what, nanoseconds(ours), peer + (" " + nanoseconds(theirs)),
-         factor(medianRatio(ours, theirs)), ""});
+         ratio < 0.5 ? factor(medianRatio(theirs, ours)) + " faster" : factor(ratio), ""});
 }
 
 void besideLimit(const char* what, const Figures& ours, const Figures& limit) {
