@@ -59,6 +59,7 @@ BridgeServer::BridgeServer(const asio::any_io_executor& executor, BridgePorts po
       ports_(std::move(ports)),
       tasks_(strand_, ports_.log),
       stopped_(strand_),
+      storeTurn_(strand_),
       gooseCapture_(strand_, ports_.makeGooseReceiver),
       svCapture_(strand_, ports_.makeSvReceiver) {
   const bool isGiven = !interfaceForThisRun.empty();
@@ -91,12 +92,13 @@ asio::awaitable<BridgeResult<void>> BridgeServer::start(std::uint16_t port) {
 
 asio::awaitable<BridgeResult<void>> BridgeServer::startOnStrand(std::shared_ptr<BridgeServer> self,
                                                                 std::uint16_t port) {
-  if (self->listener_) co_return BridgeResult<void>();
   if (self->isStopping_) co_return BridgeError::cancelled();
+  if (self->listener_) co_return BridgeResult<void>();
   if (!self->ports_.transport.acceptsPort(port)) co_return BridgeError::invalidPort(port);
-  auto listener = self->ports_.transport.makeListener(port);
-  if (!listener) co_return BridgeError::transport(listener.error());
-  self->listener_ = *listener;
+  const auto made = self->ports_.transport.makeListener(port);
+  if (!made) co_return BridgeError::transport(made.error());
+  const auto listener = *made;
+  self->listener_ = listener;
   self->activePort_ = port;
 
   auto wait = std::make_shared<StartWait>(self->strand_);
@@ -112,13 +114,15 @@ asio::awaitable<BridgeResult<void>> BridgeServer::startOnStrand(std::shared_ptr<
       if (const auto server = weak.lock()) server->acceptConnection(std::move(connection));
     });
   };
-  self->listener_->start(std::move(onState), std::move(onConnection));
+  listener->start(std::move(onState), std::move(onConnection));
 
   const TransportState state = co_await wait->wait();
   if (const auto* failed = std::get_if<TransportFailed>(&state)) {
     co_return BridgeError::transport(failed->error);
   }
-  if (std::holds_alternative<TransportCancelled>(state) || self->isStopping_) {
+  // stop() may have begun meanwhile, and may even be over.
+  const bool isOurs = self->listener_ == listener && !self->isStopping_;
+  if (std::holds_alternative<TransportCancelled>(state) || !isOurs) {
     co_return BridgeError::cancelled();
   }
   if (self->ports_.makeAdvertiser) {
@@ -179,7 +183,8 @@ asio::awaitable<void> BridgeServer::stopOnStrand(std::shared_ptr<BridgeServer> s
 // Connections --------------------------------------------------------------------------------
 
 void BridgeServer::acceptConnection(Connection connection) {
-  if (isStopping_) {
+  // One that was accepted just before the listener closed comes late, perhaps after stop().
+  if (isStopping_ || !listener_) {
     connection->cancel();
     return;
   }

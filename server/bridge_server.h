@@ -193,6 +193,7 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
   std::unique_ptr<ServiceAdvertiser> advertiser_;
 
   std::string activeInterface_;
+  AsyncMutex storeTurn_;  // For storing it.
   std::int64_t messagesReceived_ = 0;
   std::int64_t messagesPublished_ = 0;
   CaptureControl<GooseMessage> gooseCapture_;

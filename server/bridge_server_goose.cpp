@@ -99,8 +99,13 @@ asio::awaitable<void> BridgeServer::setActiveInterface(std::string name) {
 
 asio::awaitable<void> BridgeServer::setActiveInterfaceOnStrand(std::string name) {
   rememberActiveInterface(name);
-  co_await asio::co_spawn(ports_.blockingExecutor, storeInterface(ports_.preferences, name),
-                          asio::use_awaitable);
+  {
+    // Whoever comes last stores the choice that counts, whichever that is.
+    const auto turn = co_await storeTurn_.lock();
+    co_await asio::co_spawn(ports_.blockingExecutor,
+                            storeInterface(ports_.preferences, activeInterface_),
+                            asio::use_awaitable);
+  }
   log("[BridgeServer] active interface set to " + name);
   {
     const auto turn = co_await gooseCapture_.turn();

@@ -2,14 +2,15 @@
 // run takes the same turns.
 #pragma once
 
+#include <atomic>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/beast/core/error.hpp>
-#include <deque>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -24,56 +25,70 @@ namespace tarnlink::test {
 namespace asio = boost::asio;
 using Json = nlohmann::json;
 
-/// A client as the server sees it.
+/// A client as the server sees it. Safe from any thread.
 class FakeConnection final : public WebSocketConnection {
  public:
-  explicit FakeConnection(asio::io_context& io) : arrived_(io.get_executor()) {}
-
   void start(StateHandler onState, SendErrorHandler onSendError) override {
-    onState_ = std::move(onState);
     onSendError_ = std::move(onSendError);
-    onState_(TransportReady{});
+    const std::lock_guard hold(lock_);
+    onState_ = std::move(onState);
+    onState_(ended_.value_or(TransportReady{}));
   }
   asio::awaitable<boost::system::result<WebSocketMessage>> receive() override {
-    while (incoming_.empty() && !isClosed_) {
-      co_await arrived_.wait();
-      arrived_.reset();
+    if (next_ == batch_.size()) {
+      next_ = 0;
+      const bool isMore = co_await stream_.next(batch_);
+      if (!isMore) co_return asio::error::make_error_code(asio::error::connection_reset);
     }
     if (isClosed_) co_return asio::error::make_error_code(asio::error::connection_reset);
-    WebSocketMessage message = std::move(incoming_.front());
-    incoming_.pop_front();
-    co_return message;
+    co_return std::move(batch_.records()[next_++]);
   }
-  void send(SharedTextFrame frame) override { sent.push_back(std::move(frame)); }
+  void send(SharedTextFrame frame) override {
+    const std::lock_guard hold(lock_);
+    sent.push_back(std::move(frame));
+  }
   void cancel() override {
     isCancelled = true;
     close(TransportCancelled{});
   }
 
   void say(std::string text, bool isText = true) {
-    incoming_.push_back({isText, std::move(text)});
-    arrived_.set();
+    RecycledBatch<WebSocketMessage> message;
+    message.append() = {isText, std::move(text)};
+    incoming_->yield(message);
   }
   /// The connection ends, as the peer or the network wills.
   void close(const TransportState& how) {
-    if (std::exchange(isClosed_, true)) return;
-    arrived_.set();
+    if (isClosed_.exchange(true)) return;
+    incoming_->abandon();
+    const std::lock_guard hold(lock_);
+    ended_ = how;
     if (onState_) onState_(how);
   }
   /// The peer goes: the receive loop meets the error first.
   void reset() {
     isClosed_ = true;
-    arrived_.set();
+    incoming_->abandon();
   }
   void failSend() { onSendError_(asio::error::make_error_code(asio::error::broken_pipe)); }
+  bool isClosed() const { return isClosed_; }
+  std::vector<SharedTextFrame> take() {
+    const std::lock_guard hold(lock_);
+    return std::exchange(sent, {});
+  }
 
   std::vector<SharedTextFrame> sent;
-  bool isCancelled = false;
+  std::atomic<bool> isCancelled = false;
 
  private:
-  std::deque<WebSocketMessage> incoming_;
-  AsyncEvent arrived_;
-  bool isClosed_ = false;
+  using Incoming = StreamState<WebSocketMessage>;
+  std::shared_ptr<Incoming> incoming_ = std::make_shared<Incoming>();
+  MessageStream<WebSocketMessage> stream_{incoming_};
+  RecycledBatch<WebSocketMessage> batch_;
+  std::size_t next_ = 0;
+  std::atomic<bool> isClosed_ = false;
+  std::mutex lock_;
+  std::optional<TransportState> ended_;
   StateHandler onState_;
   SendErrorHandler onSendError_;
 };
@@ -84,12 +99,18 @@ class FakeListener final : public WebSocketListener {
   void start(StateHandler onState, ConnectionHandler onConnection) override {
     onState_ = std::move(onState);
     accept = std::move(onConnection);
+    isStarted = true;
     if (first_) onState_(*first_);
   }
-  void cancel() override { report(TransportCancelled{}); }
+  void cancel() override {
+    isCancelled = true;
+    report(TransportCancelled{});
+  }
   void report(const TransportState& state) { onState_(state); }
 
   ConnectionHandler accept;
+  std::atomic<bool> isStarted = false;
+  std::atomic<bool> isCancelled = false;
 
  private:
   std::optional<TransportState> first_;
@@ -101,28 +122,42 @@ class FakeTransport final : public WebSocketTransport {
   bool acceptsPort(std::uint16_t port) const override { return port != 0; }
   boost::system::result<std::shared_ptr<WebSocketListener>> makeListener(std::uint16_t) override {
     ++made;
+    const std::lock_guard hold(lock_);
     listener = std::make_shared<FakeListener>(firstState);
     return std::shared_ptr<WebSocketListener>(listener);
   }
+  std::shared_ptr<FakeListener> current() {
+    const std::lock_guard hold(lock_);
+    return listener;
+  }
 
   std::optional<TransportState> firstState = TransportReady{};
-  std::shared_ptr<FakeListener> listener;
+  std::shared_ptr<FakeListener> listener;  ///< The latest; current() is for any thread.
   int made = 0;
+
+ private:
+  std::mutex lock_;
 };
 
 class MemoryPreferences final : public PreferenceStore {
  public:
   std::optional<std::string> read(std::string_view key) override {
+    const std::lock_guard hold(lock_);
     const auto found = texts.find(std::string(key));
     return found == texts.end() ? std::nullopt : std::optional(found->second);
   }
   void write(std::string_view key, std::string_view text) override {
+    const std::lock_guard hold(lock_);
     texts[std::string(key)] = text;
   }
   std::map<std::string, std::string> texts;
+
+ private:
+  std::mutex lock_;
 };
 
-/// All captures of one kind: what was started, what runs, and a tap for records.
+/// All captures of one kind: what was started, what runs, and a tap for records. yield() and die()
+/// are for any thread.
 template <class Record>
 struct FakeCaptures {
   explicit FakeCaptures(asio::io_context& io) : gate(io.get_executor()) { gate.set(); }
@@ -130,22 +165,48 @@ struct FakeCaptures {
   void yield(std::vector<Record> records) {
     RecycledBatch<Record> batch;
     for (Record& record : records) batch.append() = std::move(record);
-    if (const auto state = current.lock()) state->yield(batch);
+    if (const auto state = latest().current.lock()) state->yield(batch);
+  }
+  /// Makes the latest capture die, if there was one.
+  void die(std::string reason) {
+    if (const auto kill = latest().kill) kill(std::move(reason));
+  }
+
+  struct Latest {
+    std::weak_ptr<StreamState<Record>> current;
+    std::function<void(std::string)> kill;
+  };
+  Latest latest() {
+    const std::lock_guard hold(lock_);
+    return latest_;
+  }
+  void setLatest(Latest latest) {
+    const std::lock_guard hold(lock_);
+    latest_ = std::move(latest);
   }
 
   AsyncEvent gate;  ///< Reset: starts wait here.
+  /// What else starting and stopping wait for, before and after their work.
+  std::function<asio::awaitable<void>()> pause = []() -> asio::awaitable<void> { co_return; };
   std::optional<GooseError> failure;
+  std::atomic<bool> isDown = false;  ///< Starts fail, as with `failure`; for any thread.
   std::vector<std::string> interfaces;
-  int running = 0;
-  int mostRunning = 0;
-  std::weak_ptr<StreamState<Record>> current;
-  std::function<void(std::string)> kill;  ///< Makes the latest capture die.
+  std::atomic<int> running = 0;
+  std::atomic<int> mostRunning = 0;
+  std::atomic<int> dropped = 0;  ///< Sources that were let go without being stopped.
+
+ private:
+  std::mutex lock_;
+  Latest latest_;
 };
 
 template <class Record>
 class FakeSource final : public RecordSource<Record> {
  public:
   explicit FakeSource(FakeCaptures<Record>& captures) : captures_(captures) {}
+  ~FakeSource() override {
+    if (state_) ++captures_.dropped;
+  }
 
   using typename RecordSource<Record>::DeathHandler;
 
@@ -153,17 +214,21 @@ class FakeSource final : public RecordSource<Record> {
                                                             DeathHandler onDeath) override {
     captures_.interfaces.push_back(std::move(interface));
     co_await captures_.gate.wait();
+    co_await captures_.pause();
     if (captures_.failure) co_return *captures_.failure;
-    captures_.mostRunning = std::max(captures_.mostRunning, ++captures_.running);
+    if (captures_.isDown) co_return GooseError::pcapOpenFailed("no such device");
+    captures_.mostRunning = std::max<int>(captures_.mostRunning, ++captures_.running);
     state_ = std::make_shared<StreamState<Record>>();
-    captures_.current = state_;
-    captures_.kill = std::move(onDeath);
+    captures_.setLatest({state_, std::move(onDeath)});
+    co_await captures_.pause();
     co_return MessageStream<Record>(state_);
   }
   asio::awaitable<void> stop() override {
+    co_await captures_.pause();
     if (!state_) co_return;
     --captures_.running;
     std::exchange(state_, nullptr)->finish();
+    co_await captures_.pause();
   }
 
  private:
@@ -275,7 +340,7 @@ class BridgeHarness {
   }
 
   std::shared_ptr<FakeConnection> connect() {
-    auto client = std::make_shared<FakeConnection>(io);
+    auto client = std::make_shared<FakeConnection>();
     transport.listener->accept(client);
     settle();
     return client;
@@ -297,7 +362,7 @@ class BridgeHarness {
   }
   static std::vector<Json> take(const std::shared_ptr<FakeConnection>& client) {
     std::vector<Json> events;
-    for (const auto& frame : std::exchange(client->sent, {})) {
+    for (const auto& frame : client->take()) {
       events.push_back(Json::parse(frame->text()));
     }
     return events;

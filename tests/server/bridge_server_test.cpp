@@ -307,7 +307,7 @@ TEST_F(BridgeServerTest, ADeadCaptureIsToldAndTriedAgain) {
   bridge.say(client, kSubscribe);
   client->sent.clear();
   bridge.goose.failure = GooseError::pcapOpenFailed("No such device");
-  bridge.goose.kill("The interface disappeared");
+  bridge.goose.die("The interface disappeared");
   bridge.settle();
   const auto told = BridgeHarness::take(client);
   ASSERT_EQ(told.size(), 1U);
@@ -332,7 +332,7 @@ TEST_F(BridgeServerTest, ADeadCaptureIsToldAndTriedAgain) {
 TEST_F(BridgeServerTest, StopDoesNotWaitForTheNextTryOfADeadCapture) {
   const auto client = bridge.authenticated();
   bridge.say(client, R"({"cmd":"subscribe_sv"})");
-  bridge.sv.kill("The interface disappeared");
+  bridge.sv.die("The interface disappeared");
   bridge.settle();
   EXPECT_TRUE(bridge.await(bridge.server->stop()));
 }
@@ -340,7 +340,7 @@ TEST_F(BridgeServerTest, StopDoesNotWaitForTheNextTryOfADeadCapture) {
 TEST_F(BridgeServerTest, AStreamThatEndsByItselfClearsTheFlag) {
   const auto client = bridge.authenticated();
   bridge.say(client, kSubscribe);
-  bridge.goose.current.lock()->finish();
+  bridge.goose.latest().current.lock()->finish();
   bridge.settle();
   client->sent.clear();
   const auto other = bridge.authenticated();
