@@ -73,6 +73,16 @@ class Daemon:
                 raise RuntimeError(f"no '{text}' from the bridge:\n{self.log()[-2000:]}")
             time.sleep(0.005)
 
+    def stop(self, limit):
+        """SIGTERM; gives the exit code (none when it takes longer than the limit) and the seconds."""
+        start = time.monotonic()
+        self.process.terminate()
+        try:
+            exit_code = self.process.wait(limit)
+        except subprocess.TimeoutExpired:
+            exit_code = None
+        return exit_code, time.monotonic() - start
+
     def __enter__(self):
         return self
 
