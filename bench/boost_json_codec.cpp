@@ -23,7 +23,7 @@ struct ValueWriter {
   json::object operator()(const GooseDataValue::BitString& value) const {
     json::array bits;
     bits.reserve(value.size());
-    for (const bool bit : value) bits.emplace_back(bit);
+    for (std::size_t i = 0; i < value.size(); ++i) bits.emplace_back(value[i]);
     return {{"runtimeType", "bitString"}, {"bits", std::move(bits)}};
   }
   json::object operator()(std::int32_t value) const {

@@ -79,7 +79,8 @@ void checkVerdict(std::string_view text, bool accepted) {
 }
 
 std::string textOf(const GooseDataValue& value) {
-  JsonWriter out;
+  constexpr std::size_t kShort = 64;
+  JsonWriter out(0, kShort);
   toBridgeJson(value, out);
   require(!out.failed(), "values from JSON have a text");
   return std::string(out.text());

@@ -50,7 +50,7 @@ class RandomGoose {
       case 0:
         return Value::boolean(flag());
       case 1:
-        return Value::bitString(sequence<Value::BitString>());
+        return Value::bitString(bits());
       case 2:
         return Value::integer(static_cast<std::int32_t>(random_()) >> below(32));
       case 3:
@@ -58,7 +58,7 @@ class RandomGoose {
       case 4:
         return Value::floatingPoint(std::bit_cast<float>(static_cast<std::uint32_t>(random_())));
       case 5:
-        return Value::octetString(sequence<Bytes>());
+        return Value::octetString(octets());
       case 6:
         return Value::visibleString(text());
       case 7:
@@ -71,13 +71,16 @@ class RandomGoose {
   }
 
  private:
-  template <class Sequence>
-  Sequence sequence() {
-    Sequence sequence(length());
-    for (std::size_t i = 0; i < sequence.size(); ++i) {
-      sequence[i] = static_cast<typename Sequence::value_type>(random_());
-    }
-    return sequence;
+  BitString bits() {
+    BitString bits;
+    for (std::size_t left = length(); left > 0; --left) bits.push_back(flag());
+    return bits;
+  }
+
+  Bytes octets() {
+    Bytes octets(length());
+    for (std::uint8_t& octet : octets) octet = static_cast<std::uint8_t>(random_());
+    return octets;
   }
 
   std::mt19937 random_;

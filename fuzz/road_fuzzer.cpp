@@ -31,7 +31,8 @@ bool holdsNonFinite(const std::vector<Value>& values) {
 }
 
 std::string textOf(const Value& value) {
-  JsonWriter out;
+  constexpr std::size_t kShort = 64;
+  JsonWriter out(0, kShort);
   toBridgeJson(value, out);
   require(!out.failed(), "finite values have a text");
   return std::string(out.text());
@@ -87,8 +88,9 @@ void checkGoose(ByteView frame) {
   GooseFrameDecoder fresh;
   GooseMessage message;
   if (!fresh.decode(frame, kReceivedAt, message)) return;
-  GooseFrameDecoder used;
-  GooseMessage recycled;
+  static GooseFrameDecoder used;
+  static GooseMessage recycled;
+  // Twice, because decoder and message exchange their storage.
   require(used.decode(kOther, {}, recycled) && used.decode(kOther, {}, recycled) &&
               used.decode(frame, kReceivedAt, recycled),
           "frames before do not matter");

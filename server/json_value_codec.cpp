@@ -1,8 +1,10 @@
 #include "server/json_value_codec.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 #include <string>
 #include <utility>
 #include <vector>
@@ -114,10 +116,9 @@ ValueResult bitStringValue(const JsonObject& object) {
     const bool* value = element.as<bool>();
     return value ? std::optional(*value) : std::nullopt;
   };
-  using Bits = GooseDataValue::BitString;
-  auto bits = readArray<Bits>(object, "bits", bit);
-  if (!bits) bits = readArray<Bits>(object, "value", bit);
-  return GooseDataValue::bitString(std::move(bits).value_or(Bits()));
+  auto bits = readArray<BitString>(object, "bits", bit);
+  if (!bits) bits = readArray<BitString>(object, "value", bit);
+  return GooseDataValue::bitString(std::move(bits).value_or(BitString()));
 }
 
 ValueResult utcTimeValue(const JsonObject& object) {
@@ -271,13 +272,44 @@ static_assert(3 + 2 * (GoosePdu::kMaxDataNesting + 1) <= kMaxJsonNesting,
 // Room for the fragments of one value around its payload.
 constexpr std::size_t kValueFrame = 48;
 
-void writeBits(const GooseDataValue::BitString& bits, JsonWriter& out) {
-  JsonRun run = out.begin(kValueFrame + bits.size() * (JsonRun::kMaxBoolean + 1));
-  run.literal("{\"runtimeType\":\"bitString\",\"bits\":[");
-  for (std::size_t i = 0; i < bits.size(); ++i) {
-    if (i != 0) run.character(',');
-    run.boolean(bits[i]);
+/// Every four bits as text, each bit with a comma behind it. Half a million bits in random order
+/// take too long with a decision for each.
+struct FourBits {
+  static constexpr std::size_t kRoom = 4 * (JsonRun::kMaxBoolean + 1);
+  std::array<char, kRoom> text{};
+  std::uint8_t length = 0;
+};
+constexpr auto kFourBits = [] {
+  std::array<FourBits, 16> all{};
+  for (std::size_t bits = 0; bits < all.size(); ++bits) {
+    for (std::size_t mask = 8; mask != 0; mask /= 2) {
+      const std::string_view bit = (bits & mask) != 0 ? "true," : "false,";
+      for (const char c : bit) all[bits].text[all[bits].length++] = c;
+    }
   }
+  return all;
+}();
+
+char* writeFourBits(unsigned bits, char* out) {
+  std::memcpy(out, kFourBits[bits].text.data(), FourBits::kRoom);
+  return out + kFourBits[bits].length;
+}
+
+void writeBits(const BitString& bits, JsonWriter& out) {
+  JsonRun run = out.begin(kValueFrame + bits.octets().size() * 2 * FourBits::kRoom);
+  run.literal("{\"runtimeType\":\"bitString\",\"bits\":[");
+  const std::size_t wholeOctets = bits.size() / 8;
+  char* at = run.position();
+  for (const std::uint8_t octet : bits.octets().first(wholeOctets)) {
+    at = writeFourBits(octet & 0xF, writeFourBits(octet >> 4, at));
+  }
+  run = JsonRun(at);
+  for (std::size_t i = wholeOctets * 8; i < bits.size(); ++i) {
+    run.boolean(bits[i]);
+    run.character(',');
+  }
+  // The end takes the place of the last comma.
+  if (!bits.empty()) run = JsonRun(run.position() - 1);
   run.literal("]}");
   out.end(run);
 }
@@ -322,7 +354,7 @@ void toBridgeJson(const GooseDataValue& value, JsonWriter& out) {
       run.boolean(std::get<bool>(value.payload));
       break;
     case Kind::bitString:
-      return writeBits(std::get<GooseDataValue::BitString>(value.payload), out);
+      return writeBits(std::get<BitString>(value.payload), out);
     case Kind::integer:
       run.literal("{\"runtimeType\":\"int32\",\"value\":");
       run.integer(std::get<std::int32_t>(value.payload));
@@ -365,7 +397,10 @@ void toBridgeJson(const GooseDataValue& value, JsonWriter& out) {
 void toBridgeJson(const GooseMessage& message, JsonWriter& out) {
   // More than the keys, six integers, two booleans and a time of the longest group take.
   constexpr std::size_t kGroup = 320;
-  JsonRun run = out.begin(kGroup);
+  // Room for most datasets at once: growing a text of megabytes step by step takes longer than
+  // writing it.
+  constexpr std::size_t kTypicalValue = 64;
+  JsonRun run = out.begin(kGroup + message.values.size() * kTypicalValue);
   run.literal("{\"appId\":");
   run.integer(message.appId);
   run.literal(",\"goCBRef\":");

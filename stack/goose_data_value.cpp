@@ -31,7 +31,10 @@ FlutterValue memberList(const std::vector<GooseDataValue>& members) {
 struct Renderer {
   FlutterDict operator()(bool value) const { return entry("boolean", FlutterValue{value}); }
   FlutterDict operator()(const GooseDataValue::BitString& bits) const {
-    return entry("bitString", listOf(bits, [](bool bit) { return bit; }));
+    FlutterList list;
+    list.reserve(bits.size());
+    for (std::size_t i = 0; i < bits.size(); ++i) list.push_back(FlutterValue{bits[i]});
+    return entry("bitString", FlutterValue{std::move(list)});
   }
   FlutterDict operator()(std::int32_t value) const {
     return entry("int32", FlutterValue{std::int64_t{value}});

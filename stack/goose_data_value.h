@@ -7,6 +7,7 @@
 #include <variant>
 #include <vector>
 
+#include "stack/bit_string.h"
 #include "stack/bytes.h"
 #include "stack/flutter_dict.h"
 #include "stack/time_point.h"
@@ -15,8 +16,7 @@ namespace tarnlink {
 
 /// A plain value, copied on assignment. `structure` and `array` nest.
 struct GooseDataValue {
-  /// First bit first.
-  using BitString = std::vector<bool>;
+  using BitString = tarnlink::BitString;
   struct Structure {
     std::vector<GooseDataValue> members;
     bool operator==(const Structure&) const;

@@ -145,17 +145,10 @@ void assignUnknown(std::uint8_t tag, ByteView value, GooseDataValue::Unknown& un
   unknown.data.assign(value.begin(), value.end());
 }
 
-void assignBits(ByteView value, GooseDataValue::BitString& bits) {
-  if (value.size() < 2) {
-    bits.clear();
-    return;
-  }
+void assignBits(ByteView value, BitString& bits) {
+  if (value.size() < 2) return bits.assign({}, 0);
   const ByteView octets = value.subspan(1);
-  const std::size_t count = octets.size() * 8 - std::min<std::size_t>(value[0], 8);
-  bits.assign(count, false);
-  for (std::size_t i = 0; i < count; ++i) {
-    if ((octets[i / 8] & (0x80 >> (i % 8))) != 0) bits[i] = true;
-  }
+  bits.assign(octets, octets.size() * 8 - std::min<std::size_t>(value[0], 8));
 }
 
 std::int32_t parseInt32(ByteView octets) {
@@ -170,16 +163,21 @@ float parseFloat(ByteView octets) {
   return std::bit_cast<float>(GoosePdu::parseUInt32(octets.subspan(1)));
 }
 
+std::size_t countElements(ByteView octets) {
+  std::size_t count = 0;
+  for (BerSequence sequence(octets); sequence.next();) ++count;
+  return count;
+}
+
 void parseDataValuesInto(ByteView octets, int nesting, std::vector<GooseDataValue>& values);
 
 /// `nesting` counts the structures and arrays around the element that holds the members. Walking a
 /// level reads its headers only, so that the cost of a whole dataset is linear in its octets.
 void parseMembers(ByteView octets, int nesting, std::vector<GooseDataValue>& members) {
-  if (nesting < GoosePdu::kMaxDataNesting) {
-    parseDataValuesInto(octets, nesting + 1, members);
-  } else {
-    members.clear();
-  }
+  if (nesting == GoosePdu::kMaxDataNesting) return members.clear();
+  // Counting is cheaper than moving values to ever larger storage.
+  if (members.capacity() == 0) members.reserve(countElements(octets));
+  parseDataValuesInto(octets, nesting + 1, members);
 }
 
 // Apart from the plain values, which need hardly a register beside what a value's storage takes.
@@ -187,7 +185,7 @@ void parseMembers(ByteView octets, int nesting, std::vector<GooseDataValue>& mem
                                             GooseDataValue::Payload& payload) {
   switch (tag) {
     case kTagBitString:
-      return assignBits(value, reuseAs<GooseDataValue::BitString>(payload));
+      return assignBits(value, reuseAs<BitString>(payload));
     case kTagOctetString:
       reuseAs<Bytes>(payload).assign(value.begin(), value.end());
       return;

@@ -72,22 +72,18 @@ auto floatOctets(std::uint8_t exponentWidth, Bits bits) {
   return octets;
 }
 
-Bytes packBits(const GooseDataValue::BitString& bits) {
-  Bytes octets(1 + (bits.size() + 7) / 8, 0);
-  octets[0] = static_cast<std::uint8_t>((8 - bits.size() % 8) % 8);
-  for (std::size_t i = 0; i < bits.size(); ++i) {
-    if (bits[i]) octets[1 + i / 8] |= static_cast<std::uint8_t>(0x80 >> (i % 8));
-  }
-  return octets;
+/// The content octets (X.690, 8.6.2): the number of unused bits, then the bits.
+Bytes packBits(const BitString& bits) {
+  Bytes content{static_cast<std::uint8_t>(bits.octets().size() * 8 - bits.size())};
+  content.insert(content.end(), bits.octets().begin(), bits.octets().end());
+  return content;
 }
 
 struct ValueEncoder {
   ElementWriter& out;
 
   void operator()(bool value) const { out.append(kTagBoolean, value); }
-  void operator()(const GooseDataValue::BitString& bits) const {
-    out.append(kTagBitString, packBits(bits));
-  }
+  void operator()(const BitString& bits) const { out.append(kTagBitString, packBits(bits)); }
   void operator()(std::int32_t value) const {
     out.append(kTagInteger, BerIntegerOctets(value).octets());
   }
