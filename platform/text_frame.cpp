@@ -29,16 +29,41 @@ std::size_t writeHeader(char* textBegin, std::size_t length) {
 
 }  // namespace
 
-TextFrame::TextFrame(std::unique_ptr<char[]> storage, std::size_t storageSize,
-                     std::size_t textLength)
-    : storage_(std::move(storage)),
+/// Puts the one object that it is asked for at the beginning of the storage, and gives the whole
+/// storage back with it.
+template <class T>
+struct TextFrame::InStorage {
+  using value_type = T;
+
+  explicit InStorage(char* octets) : storage(octets) {}
+  template <class Other>
+  explicit InStorage(const InStorage<Other>& other) : storage(other.storage) {}
+
+  T* allocate(std::size_t) {
+    static_assert(sizeof(T) <= kObjectRoom && alignof(T) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__);
+    return reinterpret_cast<T*>(storage);
+  }
+  void deallocate(T*, std::size_t) { delete[] storage; }
+
+  template <class Other>
+  bool operator==(const InStorage<Other>& other) const {
+    return storage == other.storage;
+  }
+
+  char* storage;
+};
+
+TextFrame::TextFrame(char* storage, std::size_t storageSize, std::size_t textLength)
+    : storage_(storage),
       storageSize_(storageSize),
-      begin_(kHeaderRoom - writeHeader(storage_.get() + kHeaderRoom, textLength)),
+      begin_(kHeaderRoom - writeHeader(storage + kHeaderRoom, textLength)),
       end_(kHeaderRoom + textLength) {}
 
 std::shared_ptr<const TextFrame> TextFrame::adopt(std::unique_ptr<char[]> storage,
                                                   std::size_t storageSize, std::size_t textLength) {
-  return std::make_shared<const TextFrame>(std::move(storage), storageSize, textLength);
+  char* octets = storage.release();  // Nothing throws from here on.
+  return std::allocate_shared<TextFrame>(InStorage<TextFrame>(octets), octets, storageSize,
+                                         textLength);
 }
 
 std::shared_ptr<const TextFrame> TextFrame::copyOf(std::string_view text) {

@@ -8,11 +8,14 @@
 namespace tarnlink {
 
 /// Immutable: a complete RFC 6455 frame (section 5.2: FIN, opcode text, unmasked) in one piece of
-/// storage, header included. Safe to share between threads.
+/// storage, which also holds this object and its reference counts. Safe to share between threads.
 class TextFrame {
+  static constexpr std::size_t kLongestHeader = 10;  // Octets.
+  static constexpr std::size_t kObjectRoom = 64;     // Octets; this object and its counts.
+
  public:
-  /// Octets that a writer leaves free in front of its text, so that the header fits without a copy.
-  static constexpr std::size_t kHeaderRoom = 10;
+  /// Octets that a writer leaves free in front of its text, so that nothing is copied.
+  static constexpr std::size_t kHeaderRoom = kObjectRoom + kLongestHeader;
 
   /// Takes over storage of so many octets, whose text begins at offset kHeaderRoom. The text must
   /// be UTF-8.
@@ -23,22 +26,27 @@ class TextFrame {
   static std::shared_ptr<const TextFrame> copyOf(std::string_view text);
 
   /// The octets for the wire.
-  const char* data() const { return storage_.get() + begin_; }
+  const char* data() const { return storage_ + begin_; }
   std::size_t size() const { return end_ - begin_; }
   /// The message without its header.
-  std::string_view text() const { return {storage_.get() + kHeaderRoom, end_ - kHeaderRoom}; }
+  std::string_view text() const { return {storage_ + kHeaderRoom, end_ - kHeaderRoom}; }
 
   /// The memory that a frame takes while it waits, with its place in a queue. Octets.
   std::size_t footprint() const { return storageSize_ + kOverhead; }
 
-  TextFrame(std::unique_ptr<char[]> storage, std::size_t storageSize, std::size_t textLength);
+  /// For adopt(), in whose storage the object comes to lie.
+  TextFrame(char* storage, std::size_t storageSize, std::size_t textLength);
+  TextFrame(const TextFrame&) = delete;
+  TextFrame& operator=(const TextFrame&) = delete;
 
  private:
-  // This object, its reference counts, the heap's own, and an entry of a queue that has grown by
-  // doubling. Octets.
-  static constexpr std::size_t kOverhead = 128;
+  template <class T>
+  struct InStorage;
 
-  std::unique_ptr<char[]> storage_;
+  // The heap's own, and an entry of a queue that has grown by doubling. Octets.
+  static constexpr std::size_t kOverhead = 64;
+
+  const char* storage_;
   std::size_t storageSize_;
   std::size_t begin_;
   std::size_t end_;

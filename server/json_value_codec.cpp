@@ -395,8 +395,10 @@ void toBridgeJson(const GooseDataValue& value, JsonWriter& out) {
 }
 
 void toBridgeJson(const GooseMessage& message, JsonWriter& out) {
-  // More than the keys, six integers, two booleans and a time of the longest group take.
+  // More than the keys and values of a group take. Too much in front of the last one would make the
+  // storage grow for nothing at the end of a long message.
   constexpr std::size_t kGroup = 320;
+  constexpr std::size_t kLastGroup = 96;
   // Room for most datasets at once: growing a text of megabytes step by step takes longer than
   // writing it.
   constexpr std::size_t kTypicalValue = 64;
@@ -428,7 +430,7 @@ void toBridgeJson(const GooseMessage& message, JsonWriter& out) {
   out.end(run);
   writeValues(message.values, out);
 
-  run = out.begin(kGroup);
+  run = out.begin(kLastGroup);
   run.literal("],\"receivedAt\":");
   run.time(message.receivedAt);
   if (message.vlanId) {

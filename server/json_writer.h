@@ -64,10 +64,10 @@ class JsonWriter {
     std::size_t textLength = 0;
   };
 
-  /// Octets of text: an eight-value message with room to spare. With a frame's header it stays
-  /// within the 1,032 octets up to which glibc's malloc keeps freed storage at hand for the thread;
-  /// one octet more costs five times as much.
-  static constexpr std::size_t kInitialCapacity = 1016;
+  /// Octets of text: an eight-value message with room to spare. With the room in front of it, it
+  /// stays within the 1,032 octets up to which glibc's malloc keeps freed storage at hand for the
+  /// thread; one octet more costs five times as much.
+  static constexpr std::size_t kInitialCapacity = 952;
 
   /// `frontRoom`: octets left free before the text, for a header that is known only afterwards.
   explicit JsonWriter(std::size_t frontRoom = 0, std::size_t capacity = kInitialCapacity);
