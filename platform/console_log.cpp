@@ -1,10 +1,17 @@
 #include "platform/console_log.h"
 
 #include <poll.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <condition_variable>
+#include <csignal>
+#include <cstdlib>
 #include <mutex>
+#include <system_error>
+#include <thread>
+#include <utility>
 
 namespace tarnlink {
 namespace {
@@ -32,11 +39,107 @@ void appendEscape(std::string& out, unsigned char octet) {
   out += kDigits[octet & 0x0F];
 }
 
+// Lines that wait for the reader of standard output; those beyond are lost, counted and reported.
+// Octets. Twice that is held at most: as much again is being written.
+constexpr std::size_t kMaxQueued = std::size_t{1} << 20;
+// How long the end of the program waits for the reader.
+constexpr std::chrono::milliseconds kExitWait{500};
+
 // Standard output may share a terminal that another program has made non-blocking.
 bool waitUntilWritable() {
   pollfd output{STDOUT_FILENO, POLLOUT, 0};
   return ::poll(&output, 1, -1) > 0 || errno == EINTR;
 }
+
+void writeOut(std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = ::write(STDOUT_FILENO, text.data(), text.size());
+    if (written >= 0) {
+      text.remove_prefix(static_cast<std::size_t>(written));
+    } else if (errno == EAGAIN) {
+      if (!waitUntilWritable()) return;
+    } else if (errno != EINTR) {
+      return;
+    }
+  }
+}
+
+/// The queue before standard output and the thread that empties it, which waits for the reader so
+/// that nobody else has to. Never destroyed: the thread may be stuck when the process ends.
+class Writer {
+ public:
+  static Writer& ofThisProcess() {
+    static auto* const writer = new Writer;
+    return *writer;
+  }
+
+  void put(std::string line) {
+    const std::lock_guard guard(mutex_);
+    // After a lost line all are, until the queue is taken: the report stands where they are
+    // missing.
+    if (lost_ != 0 || queued_.size() + line.size() > kMaxQueued) {
+      ++lost_;
+      return;
+    }
+    queued_ += line;
+    if (!hasThread_) startThread();
+    if (hasThread_) {
+      filled_.notify_one();
+    } else {
+      writeOut(std::exchange(queued_, {}));
+    }
+  }
+
+  bool flush(std::chrono::milliseconds limit) {
+    std::unique_lock lock(mutex_);
+    return emptied_.wait_for(lock, limit,
+                             [this] { return queued_.empty() && lost_ == 0 && !isWriting_; });
+  }
+
+ private:
+  void startThread() {
+    // Signals are for the program's other threads.
+    sigset_t all;
+    sigset_t before;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &before);
+    try {
+      std::thread([this] { run(); }).detach();
+      hasThread_ = true;
+      std::atexit([] { flushConsoleLog(kExitWait); });
+    } catch (const std::system_error&) {
+      // No thread to be had: whoever logs writes.
+    }
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  }
+
+  void run() {
+    std::string text;
+    std::unique_lock lock(mutex_);
+    while (true) {
+      filled_.wait(lock, [this] { return !queued_.empty() || lost_ != 0; });
+      text.clear();
+      text.swap(queued_);
+      if (const auto lost = std::exchange(lost_, 0); lost != 0) {
+        text += "[Log] " + std::to_string(lost) + " lines lost: nobody read the output\n";
+      }
+      isWriting_ = true;
+      lock.unlock();
+      writeOut(text);
+      lock.lock();
+      isWriting_ = false;
+      if (queued_.empty() && lost_ == 0) emptied_.notify_all();
+    }
+  }
+
+  std::mutex mutex_;  // Held for a few instructions; guards what follows.
+  std::condition_variable filled_;
+  std::condition_variable emptied_;
+  std::string queued_;
+  std::size_t lost_ = 0;
+  bool isWriting_ = false;
+  bool hasThread_ = false;
+};
 
 }  // namespace
 
@@ -60,21 +163,11 @@ std::string escapeControlCharacters(std::string_view text) {
 }
 
 void logToConsole(std::string_view line) {
-  static std::mutex mutex;
-  std::string text = escapeControlCharacters(line);
-  text += '\n';
-  const std::lock_guard guard(mutex);
-  std::string_view rest = text;
-  while (!rest.empty()) {
-    const ssize_t written = ::write(STDOUT_FILENO, rest.data(), rest.size());
-    if (written >= 0) {
-      rest.remove_prefix(static_cast<std::size_t>(written));
-    } else if (errno == EAGAIN) {
-      if (!waitUntilWritable()) return;
-    } else if (errno != EINTR) {
-      return;
-    }
-  }
+  Writer::ofThisProcess().put(escapeControlCharacters(line) + '\n');
+}
+
+bool flushConsoleLog(std::chrono::milliseconds limit) {
+  return Writer::ofThisProcess().flush(limit);
 }
 
 }  // namespace tarnlink

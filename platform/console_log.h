@@ -1,6 +1,7 @@
 // Log lines on standard output.
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <string_view>
 
@@ -11,9 +12,16 @@ namespace tarnlink {
 /// their own nor command the terminal. All other octets, backslashes too, stay as they are.
 std::string escapeControlCharacters(std::string_view text);
 
-/// Writes one line, escaped, with a line feed, to standard output at once. Safe from any thread;
-/// lines never mix. A line that cannot be written (closed pipe, full disk) is dropped; the program
-/// must ignore SIGPIPE for that. Blocks while the reader of a pipe does not read.
+/// Puts one line, escaped, with a line feed, into the queue before standard output and returns at
+/// once, also while the reader of a pipe does not read: a thread of its own, which the first line
+/// starts, writes the lines in their order. What finds the queue full (1 MiB) is lost; one line
+/// says how many were, once the reader reads again. Safe from any thread; lines never mix. A line
+/// that cannot be written (closed pipe, full disk) is dropped; the program must ignore SIGPIPE for
+/// that. At an orderly exit all queued lines are written, unless the reader takes longer than half
+/// a second; a program that is killed loses those of its last moment.
 void logToConsole(std::string_view line);
+
+/// Waits until all lines so far are written. False when the time is up.
+bool flushConsoleLog(std::chrono::milliseconds limit);
 
 }  // namespace tarnlink

@@ -4,16 +4,20 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace tarnlink {
 namespace {
+
+using namespace std::chrono_literals;
 
 TEST(EscapedControlCharacters, LeaveOneVisibleLine) {
   using namespace std::string_view_literals;
@@ -31,18 +35,48 @@ TEST(EscapedControlCharacters, LeaveOneVisibleLine) {
   for (const auto& [text, escaped] : cases) EXPECT_EQ(escapeControlCharacters(text), escaped);
 }
 
+/// Standard output is a pipe while this lives; the test reads its other end.
+class PipedOutput {
+ public:
+  PipedOutput() {
+    std::signal(SIGPIPE, SIG_IGN);
+    std::fflush(stdout);
+    int ends[2];
+    EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    // A full pipe with a non-blocking end makes partial writes, which is where lines would mix.
+    EXPECT_EQ(::fcntl(ends[1], F_SETFL, O_NONBLOCK), 0);
+    ::dup2(ends[1], STDOUT_FILENO);
+    ::close(ends[1]);
+    reader_ = ::fdopen(ends[0], "r");
+  }
+  ~PipedOutput() {
+    close();
+    EXPECT_TRUE(flushConsoleLog(5s));
+    ::dup2(saved_, STDOUT_FILENO);
+    ::close(saved_);
+  }
+  void close() {
+    if (reader_ != nullptr) std::fclose(std::exchange(reader_, nullptr));
+  }
+  std::string readLine() {
+    char* line = nullptr;
+    std::size_t room = 0;
+    const auto size = ::getline(&line, &room, reader_);
+    std::string text(line, size > 0 ? static_cast<std::size_t>(size - 1) : 0);
+    std::free(line);
+    return text;
+  }
+
+ private:
+  const int saved_ = ::dup(STDOUT_FILENO);
+  FILE* reader_ = nullptr;
+};
+
 TEST(ConsoleLog, LinesOfSeveralThreadsNeverMixAndAClosedPipeEndsNothing) {
   constexpr int kThreads = 4;
-  constexpr int kLines = 200;
+  constexpr int kLines = 40;  // Together less than the queue holds.
   const std::string padding(5000, '.');
-  std::signal(SIGPIPE, SIG_IGN);
-  int pipe[2];
-  ASSERT_EQ(::pipe(pipe), 0);
-  // A full pipe with a non-blocking end makes partial writes, which is where lines would mix.
-  ASSERT_EQ(::fcntl(pipe[1], F_SETFL, O_NONBLOCK), 0);
-  std::fflush(stdout);
-  const int saved = ::dup(STDOUT_FILENO);
-  ::dup2(pipe[1], STDOUT_FILENO);
+  PipedOutput output;
   std::vector<std::thread> writers;
   for (int t = 0; t < kThreads; ++t) {
     writers.emplace_back([&padding, t] {
@@ -50,22 +84,50 @@ TEST(ConsoleLog, LinesOfSeveralThreadsNeverMixAndAClosedPipeEndsNothing) {
     });
   }
   std::set<std::string> lines;
-  FILE* reader = ::fdopen(pipe[0], "r");
-  char* line = nullptr;
-  std::size_t room = 0;
-  for (int i = 0; i<kThreads * kLines&& ::getline(&line, &room, reader)> 0; ++i) {
-    lines.insert(line);
-  }
-  std::free(line);
+  for (int i = 0; i < kThreads * kLines; ++i) lines.insert(output.readLine());
   for (auto& writer : writers) writer.join();
-  std::fclose(reader);
+  output.close();
   logToConsole("nobody reads this");
-  ::dup2(saved, STDOUT_FILENO);
-  ::close(saved);
-  ::close(pipe[1]);
   for (int i = 0; i < kThreads * kLines; ++i) {
-    EXPECT_TRUE(lines.contains(std::to_string(i) + padding + "\n")) << i;
+    EXPECT_TRUE(lines.contains(std::to_string(i) + padding)) << i;
   }
+}
+
+// A terminal that is scrolled back, or a stopped pager: the bridge must go on, and publish on time.
+TEST(ConsoleLog, AReaderThatStopsReadingHoldsUpNobodyAndHearsWhatItMissed) {
+  constexpr int kLines = 5000;
+  const std::string padding(1000, '.');
+  PipedOutput output;
+  const auto begin = std::chrono::steady_clock::now();
+  for (int i = 0; i < kLines; ++i) logToConsole(std::to_string(i) + padding);
+  EXPECT_FALSE(flushConsoleLog(1ms));
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 2s);
+  int read = 0;
+  std::string line;
+  while ((line = output.readLine()) == std::to_string(read) + padding) ++read;
+  EXPECT_GT(read, 1000) << "what the queue holds";
+  EXPECT_EQ(line, "[Log] " + std::to_string(kLines - read) + " lines lost: nobody read the output");
+  logToConsole("all is well again");
+  EXPECT_EQ(output.readLine(), "all is well again");
+}
+
+TEST(ConsoleLog, TheEndOfTheProgramWritesWhatWaitsButNotForever) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto logMuchAndExit = [](int output) {
+    std::fflush(stdout);
+    ::dup2(output, STDOUT_FILENO);
+    for (int i = 0; i < 500; ++i) logToConsole(std::string(1000, '.'));
+    logToConsole("the last line");
+    std::exit(0);
+  };
+  EXPECT_EXIT(logMuchAndExit(STDERR_FILENO), ::testing::ExitedWithCode(0), "the last line");
+  int nobodyReads[2];
+  ASSERT_EQ(::pipe(nobodyReads), 0);
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EXIT(logMuchAndExit(nobodyReads[1]), ::testing::ExitedWithCode(0), "");
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s);
+  ::close(nobodyReads[0]);
+  ::close(nobodyReads[1]);
 }
 
 }  // namespace
