@@ -2,14 +2,18 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sched.h>
 #include <sys/file.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
+#include <random>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -162,20 +166,6 @@ class LoweredLimit {
   rlimit saved_{};
 };
 
-TEST_F(PreferenceFile, AFullDiskLeavesTheOldFileWhole) {
-  const auto store = open();
-  store->write("pairingCode", "111111");
-  const std::string before = octetsOf(file_);
-  std::signal(SIGXFSZ, SIG_IGN);
-  {
-    const LoweredLimit fullDisk(RLIMIT_FSIZE, 10);
-    store->write("pairingCode", "222222");
-  }
-  EXPECT_EQ(octetsOf(file_), before);
-  EXPECT_EQ(store->read("pairingCode"), "222222");
-  EXPECT_FALSE(fs::exists(file_.string() + ".tmp"));
-}
-
 TEST_F(PreferenceFile, ClientsThatUseUpAllDescriptorsDoNotChangeTheCode) {
   const auto store = open();
   store->write("pairingCode", "111111");
@@ -209,6 +199,110 @@ TEST_F(PreferenceFile, ProgramsThatWriteAtOnceLoseNothingAndAgreeOnACode) {
   }
   EXPECT_EQ(std::set(codes.begin(), codes.end()).size(), 1U);
   EXPECT_EQ(open()->read("pairingCode"), codes.front());
+}
+
+TEST_F(PreferenceFile, ACodeIsThereWhereverTheFileWasCut) {
+  const std::string whole =
+      "{\n  \"pairingCode\": \"004711\",\n  \"activeInterface\": \"eth0\"\n}\n";
+  for (std::size_t size = 0; size <= whole.size(); ++size) {
+    put(whole.substr(0, size));
+    const auto makeCode = [] { return std::string("123456"); };
+    const auto isCode = [](std::string_view text) { return text.size() == 6; };
+    const bool isWhole = size + 1 >= whole.size();  // Without its last line feed it is.
+    const std::string code = isWhole ? "004711" : "123456";
+    EXPECT_EQ(open()->readOrStore("pairingCode", isCode, makeCode), code) << size;
+    EXPECT_EQ(open()->read("pairingCode"), code) << size;
+  }
+}
+
+// Gives its own process a mount namespace and, without root, a user namespace for that.
+bool enterMountNamespace() {
+  if (const auto user = ::geteuid(), group = ::getegid(); user != 0) {
+    if (::unshare(CLONE_NEWUSER) != 0) return false;
+    std::ofstream("/proc/self/setgroups") << "deny";
+    std::ofstream("/proc/self/uid_map") << "0 " << user << " 1";
+    std::ofstream("/proc/self/gid_map") << "0 " << group << " 1";
+  }
+  return ::unshare(CLONE_NEWNS) == 0 &&
+         ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+}
+
+/// Runs the part in a child; what it returns is the exit status.
+int inAChild(const std::function<bool()>& part) {
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(part() ? 0 : 1);
+  int status = -1;
+  ::waitpid(child, &status, 0);
+  return status;
+}
+
+TEST_F(PreferenceFile, ADiskThatTakesNothingLeavesTheOldFileAndTheBridgeServes) {
+  fs::create_directories(file_.parent_path());
+  const std::string folder = file_.parent_path();
+  const struct {
+    const char* situation;
+    std::function<bool()> cause;
+  } cases[] = {
+      {"full disk",
+       [&] {
+         std::ofstream(file_.parent_path() / "filler") << std::string(1 << 20, 'x');
+         return true;
+       }},
+      {"full disk, no file more",
+       [&] { return ::mount("none", folder.c_str(), "tmpfs", MS_REMOUNT, "nr_inodes=3") == 0; }},
+      {"read-only",
+       [&] { return ::mount("none", folder.c_str(), "tmpfs", MS_REMOUNT | MS_RDONLY, "") == 0; }},
+  };
+  for (const auto& [situation, cause] : cases) {
+    EXPECT_EQ(inAChild([this, &folder, &cause = cause] {
+                if (!enterMountNamespace() ||
+                    ::mount("none", folder.c_str(), "tmpfs", 0, "size=16k,nr_inodes=8") != 0) {
+                  return false;
+                }
+                open()->write("pairingCode", "111111");
+                const std::string before = octetsOf(file_);
+                if (before.empty() || !cause()) return false;
+                const auto store = open();
+                store->write("pairingCode", "222222");
+                return octetsOf(file_) == before && !fs::exists(file_.string() + ".tmp") &&
+                       store->read("pairingCode") == "222222" &&
+                       open()->read("pairingCode") == "111111";
+              }),
+              0)
+        << situation;
+  }
+}
+
+TEST_F(PreferenceFile, AWriterKilledAtAnyMomentLeavesTheOldOrTheNewFile) {
+  constexpr int kKills = 200;
+  const std::string codes[] = {"111111", "222222"};
+  open()->write("pairingCode", codes[0]);
+  std::minstd_rand random(1);
+  int changes = 0;
+  std::string before = codes[0];
+  for (int i = 0; i < kKills; ++i) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      const auto store = open();
+      for (int n = 0;; ++n) store->write("pairingCode", codes[n % 2]);
+    }
+    std::this_thread::sleep_for(std::chrono::microseconds(random() % 5000));
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+    const auto code = open()->read("pairingCode");
+    ASSERT_TRUE(code == codes[0] || code == codes[1]) << octetsOf(file_);
+    changes += *code != before ? 1 : 0;
+    before = *code;
+  }
+  EXPECT_GT(changes, 10) << "the kills must come while it writes";
+  open()->write("pairingCode", "333333");
+  EXPECT_EQ(open()->read("pairingCode"), "333333");
+  EXPECT_THAT(log_, IsEmpty());
+  std::set<std::string> files;
+  for (const auto& entry : fs::directory_iterator(file_.parent_path())) {
+    files.insert(entry.path().filename());
+  }
+  EXPECT_THAT(files, ElementsAre("preferences.json", "preferences.json.lock"));
 }
 
 }  // namespace
