@@ -29,8 +29,9 @@ WrittenTime nearestWritten(TimePoint time) {
   auto whole = static_cast<std::int64_t>(seconds);
   if (static_cast<double>(whole) > seconds) --whole;
   // Only the fraction is scaled: it is exact, the product of the whole is not.
-  const double fraction = seconds - static_cast<double>(whole);
-  const auto milliseconds = static_cast<unsigned>(fraction * 1000 + 0.5);
+  const double scaled = (seconds - static_cast<double>(whole)) * 1000;
+  auto milliseconds = static_cast<unsigned>(scaled);
+  if (scaled - milliseconds >= 0.5) ++milliseconds;
   const auto since = static_cast<std::uint64_t>(whole - kFirstSecond);
   if (milliseconds < 1000) return {since, milliseconds};
   return since == kLast ? WrittenTime{kLast, 999} : WrittenTime{since + 1, 0};
