@@ -149,6 +149,12 @@ class GatheredStream {
       socket_.async_write_some(source, std::move(handler));
       return;
     }
+    if (!socket_.is_open()) {
+      // The answer to something that was read before a failed write closed the socket.
+      LibraryWriteOf<Handler>(std::move(handler))
+          .complete(get_executor(), boost::asio::error::operation_aborted, 0);
+      return;
+    }
     libraryOctets_.resize(boost::asio::buffer_size(source));
     boost::asio::buffer_copy(boost::asio::buffer(libraryOctets_), source);
     libraryWrite_ = std::make_unique<LibraryWriteOf<Handler>>(std::move(handler));

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "platform/gathered_stream.h"
 #include "platform/websocket_client.h"
 #include "tests/platform/websocket_fixtures.h"
 
@@ -182,6 +183,25 @@ TEST(WebSocketTransport, EndingByTheOwner) {
     std::sort(reports.begin(), reports.end());
     EXPECT_EQ(reports, c.reports);
   }
+}
+
+// A write failed and closed the socket while the peer's close frame had already been read: the
+// answer that never ended kept its connection, and the server's stop(), waiting for ever.
+TEST(WebSocketTransport, AnAnswerOntoAClosedSocketFails) {
+  using boost::asio::ip::tcp;
+  boost::asio::io_context io;
+  tcp::acceptor acceptor(io, {boost::asio::ip::address_v4::loopback(), 0});
+  tcp::socket peer(io);
+  peer.connect(acceptor.local_endpoint());
+  GatheredStream stream(acceptor.accept(), 1 << 20);
+  stream.open();
+  stream.close(false);
+  std::optional<boost::system::error_code> end;
+  stream.async_write_some(boost::asio::buffer("\x88\x00", 2),
+                          [&](const auto& error, std::size_t) { end = error; });
+  EXPECT_FALSE(end) << "completed inside the call that began it";
+  io.run_for(std::chrono::seconds(1));
+  EXPECT_EQ(end, boost::asio::error::operation_aborted);
 }
 
 TEST(WebSocketTransport, ATakenPortFailsBeforeReadyAndAFreedOneServesAgain) {
