@@ -86,16 +86,24 @@ GooseResult<void> GoosePublisher::changeState(const GoosePublishConfig& config) 
   lastConfig_ = config;
   ++generationCount_;
   timer_.cancel();
-  const auto frame = buildFrame(schedule_.currentSqNum());
-  if (!frame) return frame.error();
-  // The schedule counts from the moment at which the frame is handed over.
-  const auto start = PublicationSchedule::Clock::now();
-  if (const auto sent = pcapHandle_.send(*frame, lastConfig_->vlanPriority); !sent) {
-    return sent.error();
+  auto start = PublicationSchedule::Clock::now();
+  auto sent = sendStateChange(start);
+  // The interface may have been made anew since the handle was opened.
+  if (!sent && !pcapHandle_.isOpen() && pcapHandle_.ensureHandle(config.interface)) {
+    sent = sendStateChange(start);
   }
+  if (!sent) return sent;
   schedule_.start(start);
   waitForDeadline();
   return {};
+}
+
+GooseResult<void> GoosePublisher::sendStateChange(PublicationSchedule::Clock::time_point& start) {
+  const auto frame = buildFrame(schedule_.currentSqNum());
+  if (!frame) return frame.error();
+  // The schedule counts from the moment at which the frame is handed over.
+  start = PublicationSchedule::Clock::now();
+  return pcapHandle_.send(*frame, lastConfig_->vlanPriority);
 }
 
 void GoosePublisher::endPublication() {

@@ -24,6 +24,7 @@ namespace tarnlink {
 ///
 /// - A publication replaces the one before, whatever its reference. One that fails to open its
 ///   interface leaves the old one running, without a handle when it named another interface.
+/// - A state-change frame whose interface has gone opens it anew once: it may have come back.
 /// - When the state-change frame fails to send, the publication is recorded, its numbers are taken,
 ///   and nothing is scheduled. Later frames that fail are dropped, and the schedule goes on.
 /// - Frames with sequence number 0 are logged, in two lines, before they are sent.
@@ -42,6 +43,7 @@ class GoosePublisher final : public GoosePublishing,
 
  private:
   GooseResult<void> changeState(const GoosePublishConfig& config);
+  GooseResult<void> sendStateChange(PublicationSchedule::Clock::time_point& start);
   void endPublication();
   void waitForDeadline();
   void sendWhenDue(std::uint64_t generation);

@@ -7,6 +7,7 @@
 
 #include "stack/ethernet_frame.h"
 #include "stack/goose_pdu.h"
+#include "stack/interface_discovery.h"
 #include "stack/punctual_thread.h"
 #include "tests/stack/publishing_fixtures.h"
 #include "tests/support/frame_recorder.h"
@@ -274,6 +275,23 @@ TEST_F(GooseOnTheBus, AVanishedInterfaceDropsFramesUntilARequestFindsItAgain) {
   test::FrameRecorder recorder(kIed, "ether proto 0x88b8");
   ASSERT_TRUE(publisher.publish(test::publication(kQuick)));
   EXPECT_EQ(recorder.frames(2).size(), 2U);
+}
+
+// Nothing was sent meanwhile that could have met the old interface's end.
+TEST_F(GooseOnTheBus, AnInterfaceMadeAnewBetweenTwoRequestsCarriesTheSecond) {
+  Publisher publisher(systemSendHandles());
+  const auto config = test::publication(RetransmissionProfile::single());
+  ASSERT_TRUE(publisher.publish(config));
+  test::NetworkNamespace::removeLink(kBus);
+  test::NetworkNamespace::addVethPair(kBus, kIed);
+  test::FrameRecorder recorder(kIed, "ether proto 0x88b8");
+  ASSERT_TRUE(publisher.publish(config));
+  const auto frames = recorder.frames(1);
+  ASSERT_EQ(frames.size(), 1U);
+  EXPECT_EQ(pduOf(frames[0].octets).stNum, 2U);
+  const auto source = InterfaceDiscovery::macAddressBytes(kBus);
+  EXPECT_TRUE(std::equal(source->begin(), source->end(), frames[0].octets.begin() + 6))
+      << "the address is the new interface's";
 }
 
 }  // namespace
