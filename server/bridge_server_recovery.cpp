@@ -30,7 +30,7 @@ asio::awaitable<void> BridgeServer::retryCapture(CaptureRecovery<Record> recover
     if (capture.isCapturing() || !(this->*recovery.hasSubscribers)() || isStopping_) break;
     const auto started = co_await (this->*recovery.start)();
     if (!started) continue;
-    log(recovery.label + "✓ capture runs again on " + activeInterface_);
+    log(recovery.label + "✓ capture runs again on " + capture.interface());
     sendStatus(std::nullopt);
     break;
   }
@@ -41,7 +41,7 @@ asio::awaitable<void> BridgeServer::retryCapture(CaptureRecovery<Record> recover
 template <class Record>
 asio::awaitable<void> BridgeServer::recoverCapture(CaptureRecovery<Record> recovery,
                                                    std::string reason) {
-  log(recovery.label + "✗ capture on " + activeInterface_ + " ended: " + reason);
+  log(recovery.label + "✗ capture on " + recovery.capture.interface() + " ended: " + reason);
   {
     const auto turn = co_await recovery.capture.turn();
     if (recovery.capture.isCapturing()) co_return;

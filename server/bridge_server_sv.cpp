@@ -43,7 +43,7 @@ asio::awaitable<void> BridgeServer::handleSubscribeSv(std::optional<std::int64_t
     sendError("SV capture failed: " + description, ErrorCode::svCaptureFailed, client);
     co_return;
   }
-  log("[BridgeServer] SV: capture started on " + activeInterface_);
+  log("[BridgeServer] SV: capture started on " + svCapture_.interface());
   // Nobody may be left to listen by now.
   if (svSubscribers_.empty()) co_await svCapture_.stop(SvCapture::Queued::drop);
 }

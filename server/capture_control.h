@@ -50,6 +50,9 @@ class CaptureControl {
   /// True from a successful start until stop(), or until the capture has ended by itself.
   bool isCapturing() const { return task_ && !task_->ended.isSet() && !task_->hasDied; }
 
+  /// Where the latest capture was started; the active interface may be another by now.
+  const std::string& interface() const { return interface_; }
+
   boost::asio::awaitable<GooseResult<void>> start(std::string interface, Events events) {
     co_await stop(Queued::drop);
     auto source = makeSource_();
@@ -62,6 +65,7 @@ class CaptureControl {
         if (dead && !std::exchange(dead->hasDied, true)) tell(reason);
       });
     };
+    interface_ = interface;
     auto stream = co_await source->start(std::move(interface), std::move(onDeath));
     if (!stream) co_return stream.error();
     source_ = std::move(source);
@@ -111,6 +115,7 @@ class CaptureControl {
   Strand strand_;
   SourceFactory makeSource_;
   AsyncMutex turn_;
+  std::string interface_;
   std::shared_ptr<Source> source_;
   std::shared_ptr<Task> task_;
 };

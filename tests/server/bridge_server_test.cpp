@@ -332,8 +332,11 @@ TEST_F(BridgeServerTest, ADeadCaptureIsToldAndTriedAgain) {
 TEST_F(BridgeServerTest, StopDoesNotWaitForTheNextTryOfADeadCapture) {
   const auto client = bridge.authenticated();
   bridge.say(client, R"({"cmd":"subscribe_sv"})");
+  bridge.say(client, R"({"cmd":"set_interface","interface":"eth9"})");
   bridge.sv.die("The interface disappeared");
   bridge.settle();
+  EXPECT_TRUE(bridge.logged("[BridgeServer] SV: ✗ capture on en0 ended: The interface disappeared"))
+      << "it had stayed where it was";
   EXPECT_TRUE(bridge.await(bridge.server->stop()));
 }
 
