@@ -2,105 +2,22 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <chrono>
 #include <fstream>
-#include <nlohmann/json.hpp>
-#include <optional>
 #include <string>
 
-#include "platform/websocket_client.h"
 #include "server/base64.h"
-#include "stack/ethernet_frame.h"
-#include "stack/goose_pdu.h"
-#include "stack/send_handle.h"
 #include "stack/sv_frame.h"
-#include "tests/support/daemon.h"
+#include "tests/e2e/bridge_end_to_end.h"
 #include "tests/support/frame_recorder.h"
-#include "tests/support/network_namespace.h"
 
 namespace tarnlink::test {
 namespace {
-
-using namespace std::chrono_literals;
-using Json = nlohmann::json;
-
-constexpr MacAddress kDestination{0x01, 0x0C, 0xCD, 0x01, 0x00, 0x01};
-constexpr MacAddress kSource{0x02, 0, 0, 0, 0, 0x09};
 
 std::string encodeBase64(ByteView octets) {
   std::string text(base64Length(octets.size()), '\0');
   writeBase64(octets, text.data());
   return text;
 }
-
-/// A client that has sent the pairing code, unless told otherwise.
-class Client {
- public:
-  explicit Client(const std::string& code, const std::string& host = "127.0.0.1")
-      : socket_(WebSocketClient::connect(host, 8765).value()) {
-    if (code.empty()) return;
-    say({{"cmd", "auth"}, {"token", code}});
-    EXPECT_EQ(next("auth_result")["ok"], true);
-  }
-  void say(const Json& command) { socket_.sendText(command.dump()).value(); }
-
-  /// The next event of that name; others before it are passed over. Null when the time is up.
-  Json next(const std::string& name, std::chrono::milliseconds patience = 5s) {
-    const auto deadline = std::chrono::steady_clock::now() + patience;
-    while (std::chrono::steady_clock::now() < deadline) {
-      auto message = socket_.receive(1s);
-      if (!message && message.error() == WebSocketClientError::timedOut) continue;
-      if (!message) return nullptr;
-      Json event = Json::parse(message->data);
-      if (event["event"] == name) return event;
-    }
-    return nullptr;
-  }
-  WebSocketClient& socket() { return socket_; }
-
- private:
-  WebSocketClient socket_;
-};
-
-Bytes gooseFrame(std::uint32_t sqNum, std::uint16_t vlanId,
-                 std::vector<GooseDataValue> values = {}) {
-  GoosePduFields fields;
-  fields.header.appId = 0x1000;
-  fields.goCBRef = "IED1CTRL/LLN0$GO$gcb01";
-  fields.datSet = "IED1CTRL/LLN0$ds";
-  fields.goId = "trip";
-  fields.timeAllowedToLive = 2000;
-  fields.stNum = 3;
-  fields.sqNum = sqNum;
-  fields.confRev = 7;
-  fields.timestamp = timeFromUnixSeconds(1715933730.125);
-  fields.values = values;
-  return EthernetFrame::build(kDestination, kSource, vlanId, 4, *GoosePdu::encode(fields));
-}
-
-class BridgeEndToEndTest : public ProcessBusTest {
- protected:
-  void startDaemon(std::vector<std::string> more = {"--interface", "bus0", "--low-latency"}) {
-    daemon.emplace(std::move(more));
-    ASSERT_TRUE(daemon->waitForLog("[KorvelTarnlink] Listening on port 8765"));
-    int exitCode = 0;
-    code = outputOf({"--show-pairing-code", "--preferences", daemon->preferences()}, exitCode);
-    ASSERT_EQ(exitCode, 0);
-    code.pop_back();
-    ASSERT_EQ(code.size(), 6U);
-  }
-  void send(const Bytes& frame) {
-    if (!peer) {
-      auto opened = systemSendHandles()->openSendHandle(kIed);
-      peer = std::move(*opened);
-    }
-    ASSERT_EQ(peer->sendPacket(frame).status, SendOutcome::Status::sent);
-  }
-
-  std::optional<Daemon> daemon;
-  std::string code;
-  std::unique_ptr<SendHandle> peer;
-};
 
 TEST_F(BridgeEndToEndTest, GooseFromTheWireReachesTheClientDecoded) {
   startDaemon();
@@ -146,15 +63,6 @@ TEST_F(BridgeEndToEndTest, StandardCaptureDeliversWithinItsReadTimeout) {
   for (std::uint32_t i = 0; i < 200; ++i) {
     ASSERT_EQ(client.next("goose_message")["message"]["sqNum"], i);
   }
-}
-
-Json publication(const std::string& goCBRef, const Json& more) {
-  Json command = {{"cmd", "publish_goose"}, {"appId", 4096},
-                  {"goCBRef", goCBRef},     {"dataSetRef", "IED1CTRL/LLN0$ds"},
-                  {"confRev", 1},           {"values", {{{"type", "boolean"}, {"value", true}}}},
-                  {"interface", "bus0"}};
-  command.update(more);
-  return command;
 }
 
 TEST_F(BridgeEndToEndTest, APublicationIsReplacedByTheNextWhoeverSendsIt) {

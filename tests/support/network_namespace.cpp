@@ -64,6 +64,10 @@ void NetworkNamespace::setUp(const std::string& name, bool up) {
   ip("link set " + name + (up ? " up" : " down"));
 }
 
+void NetworkNamespace::rename(const std::string& name, const std::string& to) {
+  ip("link set " + name + " name " + to);
+}
+
 void ProcessBusTest::SetUp() {
   NetworkNamespace::enter();
   NetworkNamespace::addVethPair(kBus, kIed);

@@ -25,6 +25,8 @@ class NetworkNamespace {
   /// Of a veth pair, either end takes the other with it.
   static void removeLink(const std::string& name);
   static void setUp(const std::string& name, bool up);
+  /// The link must be down.
+  static void rename(const std::string& name, const std::string& to);
 };
 
 /// A process bus: what is sent on one end arrives on the other. Every case gets a fresh pair.

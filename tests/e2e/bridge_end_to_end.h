@@ -1,0 +1,107 @@
+// What end-to-end tests share: the real daemon on a veth pair, a WebSocket client, real frames.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/websocket_client.h"
+#include "stack/ethernet_frame.h"
+#include "stack/goose_pdu.h"
+#include "stack/send_handle.h"
+#include "tests/support/daemon.h"
+#include "tests/support/network_namespace.h"
+
+namespace tarnlink::test {
+
+using namespace std::chrono_literals;
+using Json = nlohmann::json;
+
+inline constexpr MacAddress kDestination{0x01, 0x0C, 0xCD, 0x01, 0x00, 0x01};
+inline constexpr MacAddress kSource{0x02, 0, 0, 0, 0, 0x09};
+
+/// A client that has sent the pairing code, unless told otherwise.
+class Client {
+ public:
+  explicit Client(const std::string& code, const std::string& host = "127.0.0.1")
+      : socket_(WebSocketClient::connect(host, 8765).value()) {
+    if (code.empty()) return;
+    say({{"cmd", "auth"}, {"token", code}});
+    EXPECT_EQ(next("auth_result")["ok"], true);
+  }
+  void say(const Json& command) { socket_.sendText(command.dump()).value(); }
+
+  /// The next event of that name; others before it are passed over. Null when the time is up.
+  Json next(const std::string& name, std::chrono::milliseconds patience = 5s) {
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (std::chrono::steady_clock::now() < deadline) {
+      auto message = socket_.receive(1s);
+      if (!message && message.error() == WebSocketClientError::timedOut) continue;
+      if (!message) return nullptr;
+      Json event = Json::parse(message->data);
+      if (event["event"] == name) return event;
+    }
+    return nullptr;
+  }
+  WebSocketClient& socket() { return socket_; }
+
+ private:
+  WebSocketClient socket_;
+};
+
+inline Bytes gooseFrame(std::uint32_t sqNum, std::uint16_t vlanId,
+                        std::vector<GooseDataValue> values = {}) {
+  GoosePduFields fields;
+  fields.header.appId = 0x1000;
+  fields.goCBRef = "IED1CTRL/LLN0$GO$gcb01";
+  fields.datSet = "IED1CTRL/LLN0$ds";
+  fields.goId = "trip";
+  fields.timeAllowedToLive = 2000;
+  fields.stNum = 3;
+  fields.sqNum = sqNum;
+  fields.confRev = 7;
+  fields.timestamp = timeFromUnixSeconds(1715933730.125);
+  fields.values = values;
+  return EthernetFrame::build(kDestination, kSource, vlanId, 4, *GoosePdu::encode(fields));
+}
+
+class BridgeEndToEndTest : public ProcessBusTest {
+ protected:
+  void startDaemon(std::vector<std::string> more = {"--interface", "bus0", "--low-latency"}) {
+    daemon.emplace(std::move(more));
+    ASSERT_TRUE(daemon->waitForLog("[KorvelTarnlink] Listening on port 8765"));
+    int exitCode = 0;
+    code = outputOf({"--show-pairing-code", "--preferences", daemon->preferences()}, exitCode);
+    ASSERT_EQ(exitCode, 0);
+    code.pop_back();
+    ASSERT_EQ(code.size(), 6U);
+  }
+  void send(const Bytes& frame) {
+    if (!peer) {
+      auto opened = systemSendHandles()->openSendHandle(kIed);
+      peer = std::move(*opened);
+    }
+    ASSERT_EQ(peer->sendPacket(frame).status, SendOutcome::Status::sent);
+  }
+
+  std::optional<Daemon> daemon;
+  std::string code;
+  std::unique_ptr<SendHandle> peer;
+};
+
+inline Json publication(const std::string& goCBRef, const Json& more = Json::object()) {
+  Json command = {{"cmd", "publish_goose"}, {"appId", 4096},
+                  {"goCBRef", goCBRef},     {"dataSetRef", "IED1CTRL/LLN0$ds"},
+                  {"confRev", 1},           {"values", {{{"type", "boolean"}, {"value", true}}}},
+                  {"interface", "bus0"}};
+  command.update(more);
+  return command;
+}
+
+}  // namespace tarnlink::test
