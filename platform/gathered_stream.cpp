@@ -5,8 +5,6 @@
 namespace tarnlink {
 namespace {
 
-// Buffers of one gathered write: what Asio passes on to one sendmsg.
-constexpr std::size_t kBuffersPerWrite = 64;
 // Writes in a row before other connections get their turn.
 constexpr int kWritesPerTurn = 16;
 // Emptied queues above this capacity give their memory back. Frames.
@@ -34,27 +32,29 @@ void mendCloseCode(std::string& frame) {
 }  // namespace
 
 GatheredStream::GatheredStream(Socket socket, std::size_t queueLimit)
-    : socket_(std::move(socket)), queueLimit_(queueLimit) {
-  gathered_.reserve(kBuffersPerWrite);
-}
+    : socket_(std::move(socket)), queueLimit_(queueLimit) {}
 
 void GatheredStream::attach(std::weak_ptr<void> owner, Events events) {
   owner_ = std::move(owner);
   events_ = std::move(events);
 }
 
-GatheredStream::Push GatheredStream::push(SharedTextFrame frame) {
+GatheredStream::Push GatheredStream::push(std::span<SharedTextFrame> frames) {
   std::vector<Item> freed;  // outside the lock
   const std::lock_guard lock(mutex_);
   if (refusesText_) return Push::dropped;
-  if (queuedMemory_ + frame->footprint() > queueLimit_) {
+  std::size_t added = 0;
+  for (SharedTextFrame& frame : frames) {
+    added += frame->footprint();
+    const std::string_view octets(frame->data(), frame->size());
+    pending_.push_back({std::move(frame), octets});
+  }
+  if (queuedMemory_ + added > queueLimit_) {
     refusesText_ = true;
     freed.swap(pending_);
     return Push::overflow;
   }
-  queuedMemory_ += frame->footprint();
-  const std::string_view octets(frame->data(), frame->size());
-  pending_.push_back({std::move(frame), octets});
+  queuedMemory_ += added;
   return std::exchange(draining_, true) ? Push::accepted : Push::acceptedWhileIdle;
 }
 
@@ -94,24 +94,26 @@ bool GatheredStream::refill() {
   return draining_;
 }
 
-std::size_t GatheredStream::gather() {
-  gathered_.clear();
-  std::size_t octets = 0;
-  const auto end = std::min(writing_.size(), next_ + kBuffersPerWrite);
-  for (auto i = next_; i < end; ++i) {
-    gathered_.emplace_back(writing_[i].octets.data(), writing_[i].octets.size());
-    octets += writing_[i].octets.size();
+GatheredStream::Gathered GatheredStream::gather(Buffers& buffers) const {
+  Gathered gathered;
+  const auto count = std::min(writing_.size() - next_, buffers.size());
+  for (std::size_t i = 0; i < count; ++i) {
+    const auto octets = writing_[next_ + i].octets;
+    buffers[i] = boost::asio::const_buffer(octets.data(), octets.size());
+    gathered.octets += octets.size();
   }
-  return octets;
+  gathered.buffers = std::span(buffers).first(count);
+  return gathered;
 }
 
 void GatheredStream::drain() {
   for (int turn = 0; turn < kWritesPerTurn; ++turn) {
     if (!socket_.is_open() || !refill()) return;
-    const auto offered = gather();
+    Buffers buffers;
+    const auto gathered = gather(buffers);
     boost::system::error_code error;
-    const auto taken = socket_.write_some(gathered_, error);
-    if (error == boost::asio::error::would_block || (!error && taken < offered)) {
+    const auto taken = socket_.write_some(gathered.buffers, error);
+    if (error == boost::asio::error::would_block || (!error && taken < gathered.octets)) {
       written(taken);
       waitWritable();
       return;

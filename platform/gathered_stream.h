@@ -4,6 +4,7 @@
 // can interleave inside a frame (RFC 6455, 5.4).
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/async_result.hpp>
@@ -18,6 +19,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -64,7 +66,8 @@ class GatheredStream {
     /// The connection is closing or gone.
     dropped,
   };
-  Push push(SharedTextFrame frame);
+  /// Takes the frames, in their order.
+  Push push(std::span<SharedTextFrame> frames);
 
   /// The handshake has been answered: frames may flow.
   void open();
@@ -110,6 +113,14 @@ class GatheredStream {
   struct Item {
     SharedTextFrame frame;
     std::string_view octets;
+  };
+
+  // Buffers of one gathered write: what Asio passes on to one sendmsg.
+  static constexpr std::size_t kBuffersPerWrite = 64;
+  using Buffers = std::array<boost::asio::const_buffer, kBuffersPerWrite>;
+  struct Gathered {
+    std::span<const boost::asio::const_buffer> buffers;
+    std::size_t octets = 0;
   };
 
   // The library's write that is under way (there is one at a time), whatever its handler's type.
@@ -163,7 +174,7 @@ class GatheredStream {
 
   void queueLibraryOctets();
   bool refill();
-  std::size_t gather();
+  Gathered gather(Buffers& buffers) const;
   void written(std::size_t octets);
   void waitWritable();
   void fail(const boost::system::error_code& error);
@@ -184,13 +195,12 @@ class GatheredStream {
   std::unique_ptr<LibraryWrite> libraryWrite_;
   std::vector<Item> writing_;  // taken from pending_ as a whole; begun at next_
   std::size_t next_ = 0;
-  std::vector<boost::asio::const_buffer> gathered_;
 
   // The text frames of pending_ and writing_; grows under the lock only, so that the limit is
   // exact. Octets.
   std::atomic<std::size_t> queuedMemory_ = 0;
 
-  std::mutex mutex_;  // guards what follows; held for a few instructions
+  std::mutex mutex_;  // guards what follows; held for a few instructions a frame
   std::vector<Item> pending_;
   bool draining_ = true;  // a drain is posted, running or waiting; held true until open()
   bool refusesText_ = false;

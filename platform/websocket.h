@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <variant>
 #include <vector>
@@ -103,6 +104,11 @@ class WebSocketConnection {
   /// All frames queued in one turn of the executor leave with one gathered write. Frames for a
   /// connection that is closing or gone are dropped.
   virtual void send(SharedTextFrame frame) = 0;
+
+  /// Queues frames in their order, as send() does, but pays for the queue once for all of them. On
+  /// the transport's own executor they are written at once, while they are in the cache. Takes
+  /// the frames, but not the storage of the list.
+  virtual void sendBurst(std::span<SharedTextFrame> frames) = 0;
 
   /// Ends the connection: close code 1001 if the peer reads, then the socket is closed, after one
   /// second at the latest. Then reports Cancelled, unless Failed was reported before.

@@ -82,6 +82,7 @@ class Session : public std::enable_shared_from_this<Session> {
 
   void start(StateHandler onState, SendErrorHandler onSendError);
   void send(SharedTextFrame frame);
+  void sendBurst(std::span<SharedTextFrame> frames);
   void cancel();
   void abandon();
   static asio::awaitable<Received> receive(std::shared_ptr<Session> self);
@@ -108,6 +109,7 @@ class Session : public std::enable_shared_from_this<Session> {
   static asio::awaitable<void> ping(std::shared_ptr<Session> self);
 
   void configure();
+  bool push(std::span<SharedTextFrame> frames);
   void forgetHandlers();
   error_code refuseCutText();
   error_code endReceiving(error_code error);
@@ -318,18 +320,25 @@ error_code Session::endReceiving(error_code error) {
 }
 
 void Session::send(SharedTextFrame frame) {
-  switch (stream().push(std::move(frame))) {
-    case GatheredStream::Push::accepted:
-    case GatheredStream::Push::dropped:
-      return;
-    case GatheredStream::Push::acceptedWhileIdle:
-      asio::post(strand(), [self = shared_from_this()] { self->stream().drain(); });
-      return;
-    case GatheredStream::Push::overflow:
-      asio::post(strand(),
-                 [self = shared_from_this()] { self->fail(WebSocketError::sendQueueFull); });
-      return;
+  if (push({&frame, 1})) {
+    asio::post(strand(), [self = shared_from_this()] { self->stream().drain(); });
   }
+}
+
+void Session::sendBurst(std::span<SharedTextFrame> frames) {
+  if (!frames.empty() && push(frames)) {
+    asio::dispatch(strand(), [self = shared_from_this()] { self->stream().drain(); });
+  }
+}
+
+// True when the queue was idle, so that somebody has to make it drain.
+bool Session::push(std::span<SharedTextFrame> frames) {
+  const auto pushed = stream().push(frames);
+  if (pushed == GatheredStream::Push::overflow) {
+    asio::post(strand(),
+               [self = shared_from_this()] { self->fail(WebSocketError::sendQueueFull); });
+  }
+  return pushed == GatheredStream::Push::acceptedWhileIdle;
 }
 
 void Session::onWriteFailed(const error_code& error) {
@@ -523,6 +532,7 @@ class Connection final : public WebSocketConnection {
   }
 
   void send(SharedTextFrame frame) override { session_->send(std::move(frame)); }
+  void sendBurst(std::span<SharedTextFrame> frames) override { session_->sendBurst(frames); }
 
   void cancel() override {
     asio::post(session_->strand(), [session = session_] { session->cancel(); });

@@ -23,6 +23,7 @@
 #include "server/bridge_error.h"
 #include "server/capture_control.h"
 #include "server/client_id.h"
+#include "server/event_fan_out.h"
 #include "server/goose_filter.h"
 #include "server/json_writer.h"
 #include "server/service_advertiser.h"
@@ -135,7 +136,7 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
   boost::asio::awaitable<void> setActiveInterfaceOnStrand(std::string name);
   boost::asio::awaitable<GooseResult<void>> startCaptureInternal();
   boost::asio::awaitable<void> stopCaptureIfNeeded();
-  void dispatchGooseMessage(const GooseMessage& message);
+  void dispatchGooseMessages(std::span<const GooseMessage> messages);
   void chooseInterface();
   void rememberActiveInterface(std::string name);
 
@@ -151,7 +152,7 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
                                                  ClientId client);
   boost::asio::awaitable<GooseResult<void>> startSvCapture();
   boost::asio::awaitable<void> stopSvCaptureIfNeeded();
-  void forwardSvFrame(const SvCapturedFrame& frame);
+  void forwardSvFrames(std::span<const SvCapturedFrame> frames);
   boost::asio::awaitable<void> handlePublishSvApdu(Bytes pdu, SvPublishConfig config,
                                                    ClientId clientId);
 
@@ -184,6 +185,7 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
   TaskGroup tasks_;
   bool isStopping_ = false;
   AsyncEvent stopped_;
+  EventFanOut fanOut_;
   std::set<boost::asio::steady_timer*> recoveryPauses_;  // Cancelled by stop().
 
   std::shared_ptr<WebSocketListener> listener_;

@@ -72,9 +72,7 @@ asio::awaitable<GooseResult<void>> BridgeServer::startCaptureInternal() {
   chooseInterface();
   GooseCapture::Events events;
   events.onRecords = [weak = weak_from_this()](std::span<GooseMessage> messages) {
-    const auto self = weak.lock();
-    if (!self) return;
-    for (const GooseMessage& message : messages) self->dispatchGooseMessage(message);
+    if (const auto self = weak.lock()) self->dispatchGooseMessages(messages);
   };
   events.onDeath = [weak = weak_from_this()](const std::string& reason) {
     if (const auto self = weak.lock()) self->spawn(self->recoverGooseCapture(reason));
@@ -123,18 +121,17 @@ asio::awaitable<void> BridgeServer::setActiveInterfaceOnStrand(std::string name)
   sendStatus(std::nullopt);
 }
 
-void BridgeServer::dispatchGooseMessage(const GooseMessage& message) {
-  ++messagesReceived_;
-  SharedTextFrame frame;
-  for (const auto& [id, subscriber] : gooseSubscribers_) {
-    if (!subscriber.filter.matches(message)) continue;
-    if (!frame) {
-      JsonWriter writer(TextFrame::kHeaderRoom);
-      BridgeEventEncoder::gooseMessage(message, writer);
-      frame = toFrame(std::move(writer));
-    }
-    subscriber.connection->send(frame);
-  }
+void BridgeServer::dispatchGooseMessages(std::span<const GooseMessage> messages) {
+  messagesReceived_ += static_cast<std::int64_t>(messages.size());
+  const auto wants = [](const GooseFilter& filter, const GooseMessage& message) {
+    return filter.matches(message);
+  };
+  const auto encode = [](const GooseMessage& message) {
+    JsonWriter writer(TextFrame::kHeaderRoom);
+    BridgeEventEncoder::gooseMessage(message, writer);
+    return toFrame(std::move(writer));
+  };
+  fanOut_.send(messages, gooseSubscribers_, wants, encode);
 }
 
 }  // namespace tarnlink

@@ -52,9 +52,7 @@ asio::awaitable<GooseResult<void>> BridgeServer::startSvCapture() {
   chooseInterface();
   SvCapture::Events events;
   events.onRecords = [weak = weak_from_this()](std::span<SvCapturedFrame> frames) {
-    const auto self = weak.lock();
-    if (!self) return;
-    for (const SvCapturedFrame& frame : frames) self->forwardSvFrame(frame);
+    if (const auto self = weak.lock()) self->forwardSvFrames(frames);
   };
   events.onDeath = [weak = weak_from_this()](const std::string& reason) {
     if (const auto self = weak.lock()) self->spawn(self->recoverSvCapture(reason));
@@ -68,19 +66,18 @@ asio::awaitable<void> BridgeServer::stopSvCaptureIfNeeded() {
   co_await svCapture_.stop(SvCapture::Queued::drop);
 }
 
-void BridgeServer::forwardSvFrame(const SvCapturedFrame& frame) {
-  const auto appId = appIdOf(frame);
-  SharedTextFrame event;
-  for (const auto& [id, subscriber] : svSubscribers_) {
-    if (subscriber.filter && appId && *subscriber.filter != *appId) continue;
-    if (!event) {
-      JsonWriter writer(TextFrame::kHeaderRoom);
-      BridgeEventEncoder::svApdu(frame, writer);
-      event = toFrame(std::move(writer));
-    }
-    subscriber.connection->send(event);
-  }
-  if (event) ++svFramesForwarded_;
+void BridgeServer::forwardSvFrames(std::span<const SvCapturedFrame> frames) {
+  const auto wants = [](std::optional<std::int64_t> filter, const SvCapturedFrame& frame) {
+    const auto appId = appIdOf(frame);
+    return !filter || !appId || *filter == *appId;
+  };
+  const auto encode = [](const SvCapturedFrame& frame) {
+    JsonWriter writer(TextFrame::kHeaderRoom);
+    BridgeEventEncoder::svApdu(frame, writer);
+    return toFrame(std::move(writer));
+  };
+  svFramesForwarded_ +=
+      static_cast<std::int64_t>(fanOut_.send(frames, svSubscribers_, wants, encode));
 }
 
 asio::awaitable<void> BridgeServer::handlePublishSvApdu(Bytes pdu, SvPublishConfig config,

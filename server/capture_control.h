@@ -36,8 +36,8 @@ class CaptureControl {
     std::function<void(const std::string& reason)> onDeath;
   };
 
-  /// Records consumed before other work of the actor gets its turn.
-  static constexpr std::size_t kRecordsPerTurn = 256;
+  /// Records consumed before other work of the actor gets its turn: one gathered write a client.
+  static constexpr std::size_t kRecordsPerTurn = 64;
 
   /// What becomes of records that wait in the stream when a capture stops.
   enum class Queued { deliver, drop };

@@ -18,8 +18,15 @@ TEST(WebSocketTransport, PongsGoBetweenWholeFramesAndNothingIsLost) {
   auto client = RawClient::upgraded(server.port, 4096);
   auto& connection = *server.peer(0).connection;
   std::thread sender([&] {
-    for (int i = 0; i < kFrames; ++i) {
-      connection.send(TextFrame::copyOf(std::to_string(i) + ":" + std::string(i % 1500, 'x')));
+    const auto frame = [](int i) {
+      return TextFrame::copyOf(std::to_string(i) + ":" + std::string(i % 1500, 'x'));
+    };
+    std::vector<SharedTextFrame> burst;
+    for (int i = 0; i < kFrames; i += 100) {
+      connection.send(frame(i));
+      burst.clear();
+      for (int k = 1; k < 100; ++k) burst.push_back(frame(i + k));
+      connection.sendBurst(burst);
     }
   });
   int pongs = 0;

@@ -47,6 +47,9 @@ class FakeConnection final : public WebSocketConnection {
     const std::lock_guard hold(lock_);
     sent.push_back(std::move(frame));
   }
+  void sendBurst(std::span<SharedTextFrame> frames) override {
+    for (SharedTextFrame& frame : frames) send(std::move(frame));
+  }
   void cancel() override {
     isCancelled = true;
     close(TransportCancelled{});
