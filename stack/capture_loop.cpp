@@ -2,7 +2,10 @@
 
 #include <pcap/pcap.h>
 
+#include <thread>
 #include <utility>
+
+#include "stack/wake_pace.h"
 
 namespace tarnlink {
 namespace {
@@ -35,9 +38,12 @@ void CaptureLoop::breakLoop() {
 void CaptureLoop::run() {
   auto* user = reinterpret_cast<u_char*>(&handlers_);
   int result = 0;
+  WakePace pace(WakePace::Clock::now());
   while (!isStopping_ && result >= 0) {
     result = pcap_dispatch(handle_.get(), -1, onPacket, user);
     handlers_.onBurstEnd();
+    const auto now = WakePace::Clock::now();
+    if (const auto next = pace.next(now); next > now) std::this_thread::sleep_until(next);
   }
   const bool hasDied = result < 0 && result != PCAP_ERROR_BREAK && !isStopping_;
   handlers_.onEnd(hasDied ? std::optional<std::string>(pcap_geterr(handle_.get())) : std::nullopt);
