@@ -26,6 +26,13 @@ inline double medianRatio(const std::vector<double>& a, const std::vector<double
   return median(std::move(ratios));
 }
 
+/// A figure as text, by a format of printf.
+inline std::string text(const char* format, double value) {
+  char buffer[32];
+  std::snprintf(buffer, sizeof buffer, format, value);
+  return buffer;
+}
+
 /// One figure of ours beside a limit or a peer, as texts with their units.
 struct Row {
   std::string what;

@@ -27,7 +27,8 @@ OTHER_FOLDERS = {"tests", "bench", "fuzz"}
 BEAST_UNITS = {
     "platform/websocket_beast.cpp",
     "platform/websocket_client.cpp",
-    "bench/idle_beast_server.cpp",  # Never built with sanitizers.
+    "bench/idle_beast_server.cpp",  # Benches are never built with sanitizers.
+    "bench/plain_beast_server.cpp",
 }
 NETWORK = re.compile(r"boost/asio|boost/beast|pcap")
 BEAST = re.compile(r"boost/beast(\.hpp|/websocket|/http)")  # The rest of it is cheap.
