@@ -77,8 +77,8 @@ class BridgeProcess {
     asio::co_spawn(io_, stopOnSignal(), asio::detached);
     asio::co_spawn(io_, serve(), asio::detached);
     if (untilInputEnds_) asio::co_spawn(io_, stopWhenInputEnds(), asio::detached);
-    while (!isDone_ && io_.run_one() != 0) {
-    }
+    io_.run();
+    io_.restart();
     boost::system::error_code ignored;
     input_.close(ignored);
     io_.run_for(kCloseTime);
@@ -118,8 +118,8 @@ class BridgeProcess {
     } else {
       logToConsole("[KorvelTarnlink] Start failed: " + started.error().description());
       exitCode_ = kExitStartFailed;
-      isDone_ = true;
       signals_.cancel();
+      io_.stop();
     }
   }
 
@@ -130,7 +130,7 @@ class BridgeProcess {
     isStopping_ = true;
     notifyServiceStopping();
     co_await server_->stop();
-    isDone_ = true;
+    io_.stop();
   }
 
   // The end of its writer, whatever way it comes, ends the input; then it is as if asked to stop.
@@ -158,7 +158,6 @@ class BridgeProcess {
   asio::posix::stream_descriptor input_{io_};
   std::shared_ptr<BridgeServer> server_;
   bool isStopping_ = false;
-  bool isDone_ = false;
   int exitCode_ = 0;
 };
 
