@@ -4,6 +4,7 @@
 
 #include <QApplication>
 #include <QSocketNotifier>
+#include <chrono>
 #include <csignal>
 
 #include "platform/background_process.h"
@@ -11,6 +12,9 @@
 
 namespace tarnlink {
 namespace {
+
+// For the last line to be written. Milliseconds.
+constexpr std::chrono::milliseconds kLogTime{500};
 
 WakeSignal* signalled = nullptr;  // Set before the handlers.
 bool askedToEnd = false;          // On the thread of the application alone.
@@ -23,6 +27,7 @@ void endWithoutDisplay(QtMsgType type, const QMessageLogContext&, const QString&
   // The messages before the fatal one are advice on Qt's plug-ins.
   if (type != QtFatalMsg) return;
   logToConsole("[KorvelTarnlink] No display to show the status bar icon on; tarnlinkd needs none");
+  flushConsoleLog(kLogTime);
   ::_exit(1);
 }
 
