@@ -73,7 +73,7 @@ class Writer {
     return *writer;
   }
 
-  void put(std::string line) {
+  void put(std::string_view line) {
     const std::lock_guard guard(mutex_);
     // After a lost line all are, until the queue is taken: the report stands where they are
     // missing.

@@ -97,7 +97,7 @@ asio::awaitable<BridgeResult<void>> BridgeServer::startOnStrand(std::shared_ptr<
   if (!self->ports_.transport.acceptsPort(port)) co_return BridgeError::invalidPort(port);
   const auto made = self->ports_.transport.makeListener(port);
   if (!made) co_return BridgeError::transport(made.error());
-  const auto listener = *made;
+  const auto& listener = *made;
   self->listener_ = listener;
   self->activePort_ = port;
 
