@@ -2,6 +2,7 @@
 """Starts, serves and stops tarnlinkd under valgrind: no memory may be lost or used wrongly."""
 
 import argparse
+import pathlib
 import signal
 import socket
 import subprocess
@@ -13,6 +14,7 @@ import bus
 FAULTS = 99  # valgrind's exit code when it has found some.
 VALGRIND = ["valgrind", "--quiet", "--leak-check=full", "--show-leak-kinds=definite,indirect,possible",
             "--errors-for-leak-kinds=definite,indirect,possible", f"--error-exitcode={FAULTS}",
+            f"--suppressions={pathlib.Path(__file__).with_name('valgrind.supp')}",
             "--num-callers=30"]
 FRAMES = 100
 PATIENCE = 60  # Seconds; everything is some thirty times as slow.
