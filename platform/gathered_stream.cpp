@@ -40,9 +40,10 @@ void GatheredStream::attach(std::weak_ptr<void> owner, Events events) {
 }
 
 GatheredStream::Push GatheredStream::push(std::span<SharedTextFrame> frames) {
-  std::vector<Item> freed;  // outside the lock
+  Items freed;  // outside the lock
   const std::lock_guard lock(mutex_);
   if (refusesText_) return Push::dropped;
+  if (pending_.capacity() == 0) pending_.swap(spareStorage());
   std::size_t added = 0;
   for (SharedTextFrame& frame : frames) {
     added += frame->footprint();
@@ -83,11 +84,20 @@ void GatheredStream::queueLibraryOctets() {
   });
 }
 
+// The storage of a queue that was emptied on this thread. The next client's burst goes through it
+// while it is in the cache, and silent clients keep none.
+GatheredStream::Items& GatheredStream::spareStorage() {
+  thread_local Items spare;
+  return spare;
+}
+
 bool GatheredStream::refill() {
   if (next_ < writing_.size()) return true;
   next_ = 0;
   writing_.clear();
-  if (writing_.capacity() > kKeptCapacity) writing_.shrink_to_fit();
+  const bool isWorthKeeping = writing_.capacity() > spareStorage().capacity();
+  if (isWorthKeeping && writing_.capacity() <= kKeptCapacity) writing_.swap(spareStorage());
+  Items().swap(writing_);
   const std::lock_guard lock(mutex_);
   writing_.swap(pending_);
   draining_ = !writing_.empty();
@@ -189,13 +199,13 @@ void GatheredStream::close(bool reset) {
   boost::system::error_code ignored;
   if (reset) socket_.set_option(boost::asio::socket_base::linger(true, 0), ignored);
   socket_.close(ignored);
-  std::vector<Item> freed;  // outside the lock
+  Items freed;  // outside the lock
   {
     const std::lock_guard lock(mutex_);
     refusesText_ = true;
     freed.swap(pending_);
   }
-  std::vector<Item>().swap(writing_);
+  Items().swap(writing_);
   next_ = 0;
   queuedMemory_ = 0;
   completeLibraryWrite(boost::asio::error::operation_aborted);

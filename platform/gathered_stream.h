@@ -115,6 +115,8 @@ class GatheredStream {
     std::string_view octets;
   };
 
+  using Items = std::vector<Item>;
+
   // Buffers of one gathered write: what Asio passes on to one sendmsg.
   static constexpr std::size_t kBuffersPerWrite = 64;
   using Buffers = std::array<boost::asio::const_buffer, kBuffersPerWrite>;
@@ -173,6 +175,7 @@ class GatheredStream {
   }
 
   void queueLibraryOctets();
+  static Items& spareStorage();
   bool refill();
   Gathered gather(Buffers& buffers) const;
   void written(std::size_t octets);
@@ -193,7 +196,7 @@ class GatheredStream {
   Clock::time_point lastRead_ = Clock::now();
   std::string libraryOctets_;
   std::unique_ptr<LibraryWrite> libraryWrite_;
-  std::vector<Item> writing_;  // taken from pending_ as a whole; begun at next_
+  Items writing_;  // taken from pending_ as a whole; begun at next_
   std::size_t next_ = 0;
 
   // The text frames of pending_ and writing_; grows under the lock only, so that the limit is
@@ -201,7 +204,7 @@ class GatheredStream {
   std::atomic<std::size_t> queuedMemory_ = 0;
 
   std::mutex mutex_;  // guards what follows; held for a few instructions a frame
-  std::vector<Item> pending_;
+  Items pending_;
   bool draining_ = true;  // a drain is posted, running or waiting; held true until open()
   bool refusesText_ = false;
 };
