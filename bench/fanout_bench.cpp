@@ -14,7 +14,6 @@
 #include <chrono>
 #include <cstdio>
 #include <exception>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -35,7 +34,6 @@ constexpr std::size_t kTextSize = 700;  // Octets.
 constexpr std::size_t kBurstsUnderWay = 2;
 constexpr std::chrono::milliseconds kRun{300};  // One server's part of a pair.
 constexpr std::uint16_t kFirstPort = 9000;
-constexpr std::uint16_t kContenders = 3;
 
 Frames makeFrames() {
   Frames frames;
@@ -124,48 +122,65 @@ void printRows(std::size_t clients, const Contender& ours, const Contender& bare
          text("%.2f", medianRatio(ours.deliveriesPerSecond, bare.deliveriesPerSecond)), "", true});
 }
 
-/// Returns the CPU per delivery of ours in microseconds.
-double measure(std::size_t clients, const Frames& frames, std::uint16_t port) {
-  std::vector<std::unique_ptr<Contender>> all;
-  const auto add = [&](const char* name, auto make) {
-    auto server = make(port, frames);
-    all.push_back(std::make_unique<Contender>(name, std::move(server), port, clients));
-    ++port;
-  };
-  add("ours", makeTransportServer);
-  add("bare epoll", makeEpollServer);
-  add("plain Beast", makePlainBeastServer);
-  for (const auto& contender : all) {
+using Contenders = std::vector<std::shared_ptr<Contender>>;
+
+/// All take turns; nobody always runs in the same one's wake.
+void runInTurn(Contenders contenders) {
+  for (const auto& contender : contenders) {
     contender->run();  // Grows windows and buffers; does not count.
     contender->forget();
   }
   for (int pair = 0; pair < kPairs; ++pair) {
-    // Nobody always runs in the same one's wake.
-    for (const auto& contender : all) contender->run();
-    std::rotate(all.begin(), all.begin() + 1, all.end());
+    for (const auto& contender : contenders) contender->run();
+    std::rotate(contenders.begin(), contenders.begin() + 1, contenders.end());
   }
-  const auto named = [&all](std::string_view name) -> const Contender& {
-    return **std::find_if(all.begin(), all.end(), [&](const auto& c) { return c->name() == name; });
-  };
-  printRows(clients, named("ours"), named("bare epoll"), named("plain Beast"));
-  return median(named("ours").cpuPerDelivery);
 }
 
-void run(const std::vector<std::size_t>& counts, bool isSteady) {
+class Bench {
+ public:
+  void measure(std::size_t clients) {
+    const auto ours = add("ours", makeTransportServer, clients);
+    const auto bare = add("bare epoll", makeEpollServer, clients);
+    const auto plain = add("plain Beast", makePlainBeastServer, clients);
+    runInTurn({ours, bare, plain});
+    printRows(clients, *ours, *bare, *plain);
+  }
+
+  void compareCounts(std::size_t few, std::size_t many) {
+    const auto ours = add("ours", makeTransportServer, few);
+    const auto oursMany = add("ours", makeTransportServer, many);
+    const auto bare = add("bare epoll", makeEpollServer, few);
+    const auto bareMany = add("bare epoll", makeEpollServer, many);
+    runInTurn({ours, oursMany, bare, bareMany});
+    const double ratio = medianRatio(oursMany->cpuPerDelivery, ours->cpuPerDelivery);
+    const double bareRatio = medianRatio(bareMany->cpuPerDelivery, bare->cpuPerDelivery);
+    print({"fan-out, CPU per delivery to " + std::to_string(many),
+           text("%.3f us", median(oursMany->cpuPerDelivery)),
+           "to " + std::to_string(few) + text(" %.3f us", median(ours->cpuPerDelivery)) +
+               text(" (bare epoll %.2f)", bareRatio),
+           text("%.2f", ratio), "<= 1", ratio <= 1});
+  }
+
+  std::uint16_t nextPort() { return port_++; }
+
+ private:
+  using MakeServer = std::unique_ptr<BurstServer> (*)(std::uint16_t, const Frames&);
+
+  std::shared_ptr<Contender> add(const char* name, MakeServer make, std::size_t clients) {
+    const auto port = nextPort();
+    return std::make_shared<Contender>(name, make(port, frames_), port, clients);
+  }
+
+  const Frames frames_ = makeFrames();
+  std::uint16_t port_ = kFirstPort;
+};
+
+void run(const std::vector<std::size_t>& counts, bool isWhole, bool isSteady) {
   test::NetworkNamespace::enter();
-  const Frames frames = makeFrames();
-  std::uint16_t port = kFirstPort;
-  std::map<std::size_t, double> ours;
-  for (const auto clients : counts) {
-    ours[clients] = measure(clients, frames, port);
-    port += kContenders;
-  }
-  if (ours.contains(10) && ours.contains(100)) {
-    const double ratio = ours[100] / ours[10];
-    print({"fan-out, CPU per delivery", "100 clients " + text("%.3f us", ours[100]),
-           "10 clients " + text("%.3f us", ours[10]), text("%.2f", ratio), "<= 1", ratio <= 1});
-  }
-  if (isSteady) measureSteadyFanOut(port);
+  Bench bench;
+  for (const auto clients : counts) bench.measure(clients);
+  if (isWhole) bench.compareCounts(10, 100);
+  if (isSteady) measureSteadyFanOut(bench.nextPort());
 }
 
 }  // namespace
@@ -188,7 +203,7 @@ int main(int argc, char** argv) {
       }
     }
     if (arguments.empty()) counts = {1, 10, 100};
-    run(counts, isSteady);
+    run(counts, arguments.empty(), isSteady);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "fanout_bench: %s\nusage: fanout_bench [CLIENTS...] [steady]\n",
                  error.what());

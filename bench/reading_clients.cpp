@@ -24,6 +24,8 @@ namespace {
 constexpr std::size_t kReadBuffer = std::size_t{1} << 20;
 // Between two reports to the parent while frames flow. Frames.
 constexpr std::uint64_t kReportEvery = 32;
+// After so long a silence the counts are told as they are. Milliseconds.
+constexpr int kTellAfter = 1000;
 
 /// From the clients' process to its parent, whole in one write.
 struct Report {
@@ -149,7 +151,8 @@ void readForever(std::vector<Reader>& readers) {
   Report told{0, 0};
   tell(told);
   while (true) {
-    const int count = ::epoll_wait(epoll, events.data(), static_cast<int>(events.size()), -1);
+    const int count =
+        ::epoll_wait(epoll, events.data(), static_cast<int>(events.size()), kTellAfter);
     for (int i = 0; i < count; ++i) {
       auto& reader = *static_cast<Reader*>(events[static_cast<std::size_t>(i)].data.ptr);
       const auto octets = checked(::read(reader.socket, buffer.data(), buffer.size()), "read");
@@ -157,7 +160,7 @@ void readForever(std::vector<Reader>& readers) {
       reader.frames.take({buffer.data(), static_cast<std::size_t>(octets)});
     }
     const Report report = countsOf(readers);
-    if (report.fewest / kReportEvery == told.fewest / kReportEvery) continue;
+    if (count > 0 && report.fewest / kReportEvery == told.fewest / kReportEvery) continue;
     tell(report);
     told = report;
   }
@@ -166,7 +169,8 @@ void readForever(std::vector<Reader>& readers) {
 }  // namespace
 
 ReadingClients::ReadingClients(std::size_t count, std::uint16_t port,
-                               const std::vector<std::string>& commands) {
+                               const std::vector<std::string>& commands)
+    : port_(port) {
   std::vector<std::string> arguments{"/proc/self/exe", kRole, std::to_string(count),
                                      std::to_string(port)};
   arguments.insert(arguments.end(), commands.begin(), commands.end());
@@ -201,7 +205,7 @@ void ReadingClients::readReport(std::chrono::steady_clock::time_point deadline) 
       std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
   pollfd ready{reports_, POLLIN, 0};
   if (left.count() <= 0 || ::poll(&ready, 1, static_cast<int>(left.count())) <= 0) {
-    throw std::runtime_error("frames were lost, or the clients hang at " + std::to_string(fewest_));
+    throw std::runtime_error("the clients do not answer");
   }
   std::array<Report, 64> reports;
   const ssize_t octets = ::read(reports_, reports.data(), sizeof reports);
@@ -213,7 +217,13 @@ void ReadingClients::readReport(std::chrono::steady_clock::time_point deadline) 
 
 void ReadingClients::waitFor(std::uint64_t frames, std::uint64_t most) {
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
-  while (fewest_ < frames) readReport(deadline);
+  while (fewest_ < frames) {
+    readReport(deadline);
+    if (std::chrono::steady_clock::now() < deadline || fewest_ >= frames) continue;
+    throw std::runtime_error("of " + std::to_string(frames) + " frames each, clients of port " +
+                             std::to_string(port_) + " have got " + std::to_string(fewest_) +
+                             " to " + std::to_string(most_));
+  }
   if (most_ > most) throw std::runtime_error("a client has got more frames than were sent");
 }
 

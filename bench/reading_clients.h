@@ -48,6 +48,7 @@ class ReadingClients {
 
   void readReport(std::chrono::steady_clock::time_point deadline);
 
+  std::uint16_t port_;
   pid_t pid_ = -1;
   int reports_ = -1;
   std::uint64_t fewest_ = 0;
