@@ -1,6 +1,7 @@
 # Everything is a Debian 12 package; see docs/dependencies.md for the reason of each.
 find_package(Boost 1.81 REQUIRED)
 find_package(Threads REQUIRED)
+find_package(OpenSSL 3.0 REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(PCAP REQUIRED IMPORTED_TARGET libpcap>=1.10)
 pkg_check_modules(SIMDJSON REQUIRED IMPORTED_TARGET simdjson>=3.0)

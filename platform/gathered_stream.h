@@ -9,7 +9,7 @@
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/async_result.hpp>
 #include <boost/asio/buffer.hpp>
-#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/generic/stream_protocol.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/beast/core/role.hpp>
 #include <boost/system/error_code.hpp>
@@ -38,8 +38,8 @@ namespace tarnlink {
 /// reading stalls its own pongs instead of filling memory.
 class GatheredStream {
  public:
-  /// Its executor is the connection's strand.
-  using Socket = boost::asio::ip::tcp::socket;
+  /// TCP, or local where something stands between. Its executor is the connection's strand.
+  using Socket = boost::asio::generic::stream_protocol::socket;
   using executor_type = Socket::executor_type;
   using Clock = std::chrono::steady_clock;
 

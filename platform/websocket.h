@@ -38,7 +38,9 @@ struct WebSocketLimits {
   std::chrono::milliseconds acceptBackOff{100};
 };
 
-/// Who is let in. As made, everybody.
+class TlsTerminator;
+
+/// Who is let in, and how. As made, everybody, without encryption.
 struct WebSocketAccess {
   /// Local addresses to listen on; empty: all of them.
   std::vector<boost::asio::ip::address> addresses;
@@ -47,6 +49,8 @@ struct WebSocketAccess {
   /// Connections at a time, unfinished handshakes counted; 0: any number. One more is answered
   /// with status 503, or closed at once where many wait for that answer.
   std::size_t maxClients = 0;
+  /// Null: no TLS. Otherwise nothing but TLS.
+  std::shared_ptr<const TlsTerminator> tls;
 };
 
 /// Failures that are the transport's own; all others are the system's or the WebSocket library's.
@@ -86,6 +90,10 @@ class WebSocketConnection {
 
   using StateHandler = std::function<void(const TransportState&)>;
   using SendErrorHandler = std::function<void(const boost::system::error_code&)>;
+
+  /// Tells peers apart as well as addresses can: the IPv4 address, the /64 network of an IPv6
+  /// address (which one machine may have entirely), and one text for all of loopback.
+  virtual std::string peer() const = 0;
 
   /// Begins the upgrade. The connection reports Ready once it is done. Call once. Failed is for
   /// ends of the transport's own making: a handshake that did not succeed, and each

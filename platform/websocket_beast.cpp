@@ -78,6 +78,7 @@ class Session : public std::enable_shared_from_this<Session> {
         websocket_(std::move(socket), limits.sendQueue),
         timer_(strand()) {}
 
+  const std::string& peer() const { return admission_.peer; }
   GatheredStream::executor_type strand() { return stream().get_executor(); }
 
   void start(StateHandler onState, SendErrorHandler onSendError);
@@ -519,6 +520,8 @@ class Connection final : public WebSocketConnection {
   ~Connection() override {
     asio::post(session_->strand(), [session = session_] { session->abandon(); });
   }
+
+  std::string peer() const override { return session_->peer(); }
 
   void start(StateHandler onState, SendErrorHandler onSendError) override {
     asio::post(session_->strand(), [session = session_, onState = std::move(onState),

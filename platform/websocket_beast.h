@@ -3,6 +3,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 
 #include "platform/gathered_stream.h"
 #include "platform/websocket.h"
@@ -13,8 +14,9 @@ namespace tarnlink {
 struct Admission {
   std::shared_ptr<const UpgradeRules> rules;
   bool isOneTooMany = false;  ///< The upgrade is refused, whatever it says.
-  std::shared_ptr<void>
-      place;  ///< Among the connections that are counted; dropped with the socket.
+  std::string peer;           ///< See WebSocketConnection::peer().
+  /// Among the connections that are counted; dropped with the socket.
+  std::shared_ptr<void> place;
 };
 
 /// Takes over an accepted socket, whose executor becomes the connection's strand. Dropping the

@@ -1,4 +1,5 @@
 // Listening sockets of the WebSocket transport.
+#include <algorithm>
 #include <atomic>
 #include <boost/asio/as_tuple.hpp>
 #include <boost/asio/co_spawn.hpp>
@@ -14,6 +15,7 @@
 #include <optional>
 #include <utility>
 
+#include "platform/tls_terminator.h"
 #include "platform/websocket.h"
 #include "platform/websocket_beast.h"
 
@@ -30,6 +32,17 @@ constexpr auto kWait = asio::as_tuple(asio::use_awaitable);
 // Connections beyond the allowed number that wait for their refusal, at a time; each costs a
 // descriptor until then. Further ones are closed at once.
 constexpr std::size_t kMaxRefusals = 32;
+
+std::string peerOf(const tcp::socket& socket) {
+  error_code error;
+  const auto address = socket.remote_endpoint(error).address();
+  if (error) return {};  // Gone already.
+  if (address.is_loopback()) return "loopback";
+  if (address.is_v4()) return address.to_string();
+  auto network = address.to_v6().to_bytes();
+  std::fill(network.begin() + 8, network.end(), static_cast<unsigned char>(0));
+  return asio::ip::address_v6(network).to_string() + "/64";
+}
 
 /// A limited number of places. Taken on the listener's strand, given back anywhere.
 class Places {
@@ -163,18 +176,21 @@ class Listening : public std::enable_shared_from_this<Listening> {
     }
   }
 
-  void hand(GatheredStream::Socket socket) {
+  void hand(tcp::socket socket) {
     error_code ignored;  // a peer that has gone already is noticed by the first read
     socket.set_option(tcp::no_delay(true), ignored);
     if (!onConnection_) return;
-    Admission admission{{access_, &access_->rules}, false, clients_.take()};
+    Admission admission{{access_, &access_->rules}, false, peerOf(socket), clients_.take()};
     if (!admission.place) {
       admission.isOneTooMany = true;
       admission.place = refusals_.take();
       if (!admission.place) return;  // which closes the socket
     }
+    auto inside = access_->tls ? access_->tls->terminate(std::move(socket))
+                               : GatheredStream::Socket(std::move(socket));
+    if (!inside) return;                 // No descriptors left, for example.
     const auto handler = onConnection_;  // may drop the listener, and with it the handler
-    handler(makeWebSocketConnection(std::move(socket), limits_, std::move(admission)));
+    handler(makeWebSocketConnection(*std::move(inside), limits_, std::move(admission)));
   }
 
   void report(const TransportState& state) {

@@ -134,6 +134,25 @@ def check_beast(tree):
                 break
 
 
+def check_packages(root):
+    """The packages that the scripts install against the first column of the document's tables."""
+    page = "docs/dependencies.md"
+    scripts = (root / "scripts/packages.sh").read_text(encoding="utf-8")
+    lists = re.findall(r"_packages=\(([^)]*)\)", scripts)
+    installed = {name for names in lists for name in names.split()}
+    documented = set()
+    for number, line in enumerate((root / page).read_text(encoding="utf-8").splitlines(), 1):
+        cell = re.match(r"\| ([a-z][^|]*) \|", line)
+        names = re.sub(r"\([^)]*\)", "", cell[1]).split(",") if cell else []
+        found = {name.strip() for name in names}
+        documented |= found
+        if cell and "installed by" not in cell[1]:
+            for name in sorted(found - installed):
+                yield f"{page}:{number}: {name} is not in scripts/packages.sh"
+    for name in sorted(installed - documented):
+        yield f"{page}: {name} of scripts/packages.sh is missing"
+
+
 def has_source(tree, header):
     """False for headers without a source of their own: what they reach decides about them. Ports
     have one source per system."""
@@ -155,6 +174,7 @@ def main():
         *check_protocol(tree, codec, protocol),
         *check_tools(tree, protocol),
         *check_beast(tree),
+        *check_packages(tree.root),
     })
     for violation in violations:
         print(violation)

@@ -6,7 +6,7 @@
 build_packages=(
   g++ cmake ninja-build pkg-config
   libboost1.81-dev libpcap-dev libsimdjson-dev nlohmann-json3-dev libcli11-dev
-  libsystemd-dev libcap-dev libavahi-client-dev
+  libssl-dev libsystemd-dev libcap-dev libavahi-client-dev
   iproute2 util-linux
 )
 
@@ -16,7 +16,7 @@ desktop_packages=(qt6-base-dev libqt6svg6-dev libxcb1-dev acl libcap2-bin)
 # To build and run the tests and benches as well.
 test_packages=(
   libgtest-dev libgmock-dev tshark
-  dbus-daemon avahi-daemon avahi-utils python3
+  dbus-daemon avahi-daemon avahi-utils openssl python3
 )
 
 # To test the desktop program on a display of its own.

@@ -62,6 +62,9 @@ BridgeServer::BridgeServer(const asio::any_io_executor& executor, BridgePorts po
       storeTurn_(strand_),
       gooseCapture_(strand_, ports_.makeGooseReceiver),
       svCapture_(strand_, ports_.makeSvReceiver) {
+  if (ports_.authDelay) {
+    authQueue_ = std::make_shared<AuthQueue>(strand_, *ports_.authDelay, ports_.log);
+  }
   const bool isGiven = !interfaceForThisRun.empty();
   auto name = isGiven ? std::move(interfaceForThisRun)
                       : ports_.preferences.read(kActiveInterfaceKey).value_or("");
@@ -152,6 +155,7 @@ asio::awaitable<void> BridgeServer::stopOnStrand(std::shared_ptr<BridgeServer> s
   }
   self->isStopping_ = true;
   self->stopped_.reset();
+  if (self->authQueue_) self->authQueue_->withdrawAll();
   if (const auto setup = std::exchange(self->vlanSetup_, nullptr)) setup->cancel();
   for (auto* pause : self->recoveryPauses_) pause->cancel();
   {
@@ -241,6 +245,7 @@ asio::awaitable<void> BridgeServer::receiveLoop(std::weak_ptr<BridgeServer> weak
 void BridgeServer::removeConnection(const ClientId& id) {
   connections_.erase(id);
   authenticatedConnections_.erase(id);
+  if (authQueue_) authQueue_->withdraw(id);
   if (gooseSubscribers_.erase(id) != 0 && gooseSubscribers_.empty()) {
     spawn(stopCaptureIfNeeded());
   }

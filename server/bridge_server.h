@@ -19,6 +19,7 @@
 
 #include "platform/preference_store.h"
 #include "platform/websocket.h"
+#include "server/auth_queue.h"
 #include "server/bridge_command.h"
 #include "server/bridge_error.h"
 #include "server/capture_control.h"
@@ -58,6 +59,8 @@ struct BridgePorts {
   AdvertiserFactory makeAdvertiser;  ///< Empty: the bridge is not announced.
   /// Between two tries to open an interface whose capture has died.
   std::chrono::milliseconds recoveryPause{5'000};
+  /// Nothing: wrong pairing codes meet neither delay nor lockout.
+  std::optional<AuthDelay> authDelay = std::nullopt;
 };
 
 inline constexpr std::uint16_t kDefaultBridgePort = 8765;
@@ -116,6 +119,7 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
   // Commands (bridge_server_commands.cpp): one overload of handle() for each.
   boost::asio::awaitable<void> handleText(std::string text, ClientId id);
   boost::asio::awaitable<void> handleAuth(std::string token, ClientId id);
+  boost::asio::awaitable<bool> waitForAuthTurn(ClientId id);
   boost::asio::awaitable<void> handle(BridgeCommand::Auth, ClientId id);
   boost::asio::awaitable<void> handle(BridgeCommand::Ping, ClientId id);
   boost::asio::awaitable<void> handle(BridgeCommand::SubscribeGoose command, ClientId id);
@@ -192,6 +196,7 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
   std::uint16_t activePort_ = kDefaultBridgePort;
   std::map<ClientId, Connection> connections_;
   std::set<ClientId> authenticatedConnections_;
+  std::shared_ptr<AuthQueue> authQueue_;  // Null: attempts need not wait.
   std::unique_ptr<ServiceAdvertiser> advertiser_;
 
   std::string activeInterface_;

@@ -50,11 +50,32 @@ asio::awaitable<void> BridgeServer::handleText(std::string text, ClientId id) {
   }
 }
 
+// False when the client has gone, or goes because too many attempts wait already: an answer would
+// say that its code is wrong.
+asio::awaitable<bool> BridgeServer::waitForAuthTurn(ClientId id) {
+  const auto connection = connections_.at(id);
+  const auto turn = co_await authQueue_->wait(id, connection->peer());
+  if (turn == AuthQueue::Turn::tooMany && connections_.contains(id)) {
+    log("[BridgeServer] client " + toText(id) + " dropped: too many attempts to authenticate wait");
+    removeConnection(id);
+    connection->cancel();
+  }
+  co_return turn == AuthQueue::Turn::yours && !isStopping_;
+}
+
 asio::awaitable<void> BridgeServer::handleAuth(std::string token, ClientId id) {
+  if (authQueue_) {
+    const bool mayTry = co_await waitForAuthTurn(id);
+    if (!mayTry) co_return;
+  }
   const auto code = co_await asio::co_spawn(
       ports_.blockingExecutor, readPairingCode(ports_.preferences), asio::use_awaitable);
-  if (!connections_.contains(id)) co_return;
   const bool ok = equalsInConstantTime(code, token);
+  if (authQueue_) authQueue_->tell(id, ok);
+  if (!connections_.contains(id)) {
+    if (authQueue_) authQueue_->withdraw(id);
+    co_return;
+  }
   if (ok) authenticatedConnections_.insert(id);
   sendText(BridgeEventEncoder::authResult(ok), id);
   log("[BridgeServer] client " + toText(id) + (ok ? " authenticated" : " auth failed"));

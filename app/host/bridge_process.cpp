@@ -24,6 +24,7 @@
 #include "platform/preference_store.h"
 #include "platform/process_capabilities.h"
 #include "platform/service_notify.h"
+#include "platform/tls_terminator.h"
 #include "platform/websocket.h"
 #include "server/bridge_server.h"
 #include "server/pairing_code.h"
@@ -105,6 +106,7 @@ class BridgeProcess {
         .listInterfaces = listInterfaces,
         .blockingExecutor = blocking_.executor(),
         .makeAdvertiser = options.advertise ? AdvertiserFactory(makeAdvertiser) : nullptr,
+        .authDelay = options.authDelay ? std::optional(AuthDelay()) : std::nullopt,
     };
   }
 
@@ -163,7 +165,7 @@ class BridgeProcess {
 
 }  // namespace
 
-int runBridgeProcess(const DaemonOptions& options) {
+int runBridgeProcess(DaemonOptions options) {
   std::signal(SIGPIPE, SIG_IGN);
   if (const auto reduced = keepOnlyCaptureCapabilities(); !reduced) {
     logToConsole("[KorvelTarnlink] Privileges could not be given up: " + reduced.error().message());
@@ -171,6 +173,14 @@ int runBridgeProcess(const DaemonOptions& options) {
   if (options.showPairingCode) {
     logToConsole(pairingCode(*makePreferenceStore(options.preferences, logToConsole)));
     return 0;
+  }
+  if (!options.tlsCertificate.empty()) {
+    const auto tls = loadTlsTerminator(options.tlsCertificate, options.tlsKey);
+    if (!tls) {
+      logToConsole("[KorvelTarnlink] Start failed: " + tls.error());
+      return kExitStartFailed;
+    }
+    options.access.tls = *tls;
   }
   return BridgeProcess(options).run();
 }

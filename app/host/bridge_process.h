@@ -7,6 +7,6 @@ namespace tarnlink {
 
 /// Serves until SIGTERM or SIGINT, then stops in order; returns the process's exit code. Logs to
 /// standard output. Call once, before any thread is started: it gives up privileges.
-int runBridgeProcess(const DaemonOptions& options);
+int runBridgeProcess(DaemonOptions options);
 
 }  // namespace tarnlink

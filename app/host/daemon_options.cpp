@@ -100,6 +100,16 @@ std::variant<DaemonOptions, ExitCode> parseDaemonOptions(int argc, const char* c
   app.add_flag("--show-pairing-code", options.showPairingCode,
                "Print the pairing code, making one when there is none, and exit");
   addAccessOptions(app, options.access);
+  auto* const certificate =
+      app.add_option("--tls-cert", options.tlsCertificate,
+                     "Serve TLS (wss) alone, with this certificate and its chain (PEM)")
+          ->type_name("FILE");
+  auto* const key = app.add_option("--tls-key", options.tlsKey, "The certificate's key (PEM)")
+                        ->type_name("FILE")
+                        ->needs(certificate);
+  certificate->needs(key);
+  app.add_flag("--auth-delay", options.authDelay,
+               "Compare at most one wrong pairing code a second after the first ten");
   app.add_flag("--until-input-ends", options.untilInputEnds,
                "Stop when standard input ends, and so with the program that started this one");
   try {

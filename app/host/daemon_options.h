@@ -18,6 +18,9 @@ struct DaemonOptions {
   bool lowLatency = false;
   bool showPairingCode = false;
   WebSocketAccess access;
+  std::filesystem::path tlsCertificate;  ///< With tlsKey: TLS alone is served. Empty: none is.
+  std::filesystem::path tlsKey;
+  bool authDelay = false;       ///< Slow down wrong pairing codes.
   bool untilInputEnds = false;  ///< Stop when standard input ends, as when its writer has ended.
 };
 

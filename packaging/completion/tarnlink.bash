@@ -30,7 +30,7 @@ _tarnlink() {
       mapfile -t COMPREPLY < <(compgen -W "$(ls /sys/class/net 2>/dev/null)" -- "$current")
       return
       ;;
-    --preferences | --replay | --file)
+    --preferences | --replay | --file | --tls-cert | --tls-key)
       compopt -o filenames 2>/dev/null
       mapfile -t COMPREPLY < <(compgen -f -- "$current")
       return

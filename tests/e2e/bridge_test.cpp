@@ -166,6 +166,30 @@ TEST_F(BridgeEndToEndTest, NothingAClientSendsStopsTheBridge) {
   EXPECT_EQ(client.next("pong")["originalTimestamp"], 3);
 }
 
+TEST_F(BridgeEndToEndTest, NoCodeThatAClientSendsIsEverInTheLog) {
+  startDaemon();
+  const std::string wrong = code == "135790" ? "135791" : "135790";
+  Client client(code);
+  Client guesser("");
+  for (const Json& token : {Json(wrong), Json(std::stoi(wrong)), Json(code + "x"), Json()}) {
+    guesser.say({{"cmd", "auth"}, {"token", token}});
+    EXPECT_EQ(guesser.next("auth_result")["ok"], false);
+  }
+  guesser.socket().sendText("{\"cmd\":\"auth\",\"token\":\"" + code).value();
+  EXPECT_EQ(guesser.next("error")["code"], -1);
+  guesser.say({{"cmd", "subscribe_goose"}, {"token", code}});
+  EXPECT_EQ(guesser.next("error")["code"], 7);
+  client.say({{"cmd", "subscribe_goose"}, {"token", code}});
+  client.next("bridge_status");
+  daemon->signal(SIGTERM);
+  EXPECT_EQ(daemon->waitForExit(2s), 0);
+  EXPECT_GT(daemon->log().size(), 5U);
+  for (const auto& line : daemon->log()) {
+    EXPECT_EQ(line.find(code), std::string::npos) << line;
+    EXPECT_EQ(line.find(wrong), std::string::npos) << line;
+  }
+}
+
 TEST_F(BridgeEndToEndTest, SigtermStopsInOrderWhileClientsListen) {
   startDaemon();
   Client client(code);
@@ -190,7 +214,16 @@ TEST_F(BridgeEndToEndTest, TheCommandLineAnswersPlainly) {
       {{"--help"}, 0, "--low-latency"},
       {{"--port", "0"}, 1, "[KorvelTarnlink] Start failed: Invalid bridge port: 0\n"},
       {{"--port", "8765"}, 1, "[KorvelTarnlink] Start failed: " + busy},
+      {{"--tls-cert", "/no/such", "--tls-key", "/no/such"},
+       1,
+       "[KorvelTarnlink] Start failed: /no/such: No such file"},
+      {{"--bind", "192.0.2.1"}, 1, "[KorvelTarnlink] Start failed: "},
       {{"--port", "70000"}, 2, "70000"},
+      {{"--tls-cert", "a.pem"}, 2, "--tls-key"},
+      {{"--allow-origin", "example.org"}, 2, "'example.org' is no origin"},
+      {{"--allow-host", "bridge:8765"}, 2, "'bridge:8765' is no host name"},
+      {{"--bind", "localhost"}, 2, "'localhost' is no IPv4 or IPv6 address"},
+      {{"--max-clients", "-1"}, 2, "--max-clients"},
       {{"--no-such-option"}, 2, "no-such-option"},
   };
   for (const auto& c : cases) {

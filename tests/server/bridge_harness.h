@@ -28,6 +28,7 @@ using Json = nlohmann::json;
 /// A client as the server sees it. Safe from any thread.
 class FakeConnection final : public WebSocketConnection {
  public:
+  std::string peer() const override { return peerName; }
   void start(StateHandler onState, SendErrorHandler onSendError) override {
     onSendError_ = std::move(onSendError);
     const std::lock_guard hold(lock_);
@@ -80,6 +81,7 @@ class FakeConnection final : public WebSocketConnection {
     return std::exchange(sent, {});
   }
 
+  std::string peerName = "192.0.2.1";
   std::vector<SharedTextFrame> sent;
   std::atomic<bool> isCancelled = false;
 
@@ -288,7 +290,9 @@ class FakeVlanSetup final : public VlanSetup {
 
 class BridgeHarness {
  public:
-  explicit BridgeHarness(std::map<std::string, std::string> preferenceTexts = {}) {
+  explicit BridgeHarness(std::map<std::string, std::string> preferenceTexts = {},
+                         std::optional<AuthDelay> delay = std::nullopt)
+      : authDelay(delay) {
     preferences.texts = std::move(preferenceTexts);
     preferences.texts.emplace(kPairingCodeKey, "042137");
     server = std::make_shared<BridgeServer>(io.get_executor(), ports());
@@ -314,6 +318,7 @@ class BridgeHarness {
         .blockingExecutor = io.get_executor(),
         .makeAdvertiser = {},
         .recoveryPause = std::chrono::milliseconds(20),
+        .authDelay = authDelay,
     };
   }
 
@@ -374,6 +379,7 @@ class BridgeHarness {
     return std::find(logLines.begin(), logLines.end(), line) != logLines.end();
   }
 
+  const std::optional<AuthDelay> authDelay;
   asio::io_context io;
   FakeTransport transport;
   MemoryPreferences preferences;

@@ -1,0 +1,58 @@
+// Clients that wait until their pairing code may be compared.
+#pragma once
+
+#include <boost/asio/any_io_executor.hpp>
+#include <boost/asio/awaitable.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/strand.hpp>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "server/auth_gate.h"
+#include "stack/async_mutex.h"
+#include "stack/log_sink.h"
+
+namespace tarnlink {
+
+/// The gate with its clock. All calls on the strand.
+class AuthQueue : public std::enable_shared_from_this<AuthQueue> {
+ public:
+  using Strand = boost::asio::strand<boost::asio::any_io_executor>;
+
+  /// Says in one line when attempts begin to wait, and again only after a quiet time.
+  AuthQueue(const Strand& strand, AuthDelay delay, LogSink log)
+      : strand_(strand), gate_(delay), log_(std::move(log)), timer_(strand) {}
+
+  enum class Turn {
+    yours,    ///< Compare, then tell().
+    tooMany,  ///< More wait than may.
+    gone,     ///< withdraw() was called meanwhile.
+  };
+  boost::asio::awaitable<Turn> wait(ClientId client, std::string peer);
+
+  void tell(const ClientId& client, bool isRight);
+
+  /// The client has gone; it waits no longer.
+  void withdraw(const ClientId& client);
+  void withdrawAll();
+
+ private:
+  struct Place {
+    explicit Place(const Strand& strand) : called(strand) {}
+    AsyncEvent called;
+    Turn turn = Turn::gone;
+  };
+
+  void callNext();
+  void call(const ClientId& client, Turn turn);
+
+  const Strand strand_;
+  AuthGate gate_;
+  const LogSink log_;
+  boost::asio::steady_timer timer_;
+  std::map<ClientId, std::shared_ptr<Place>> places_;
+  bool hasSaidSo_ = false;
+};
+
+}  // namespace tarnlink
