@@ -1,12 +1,14 @@
 // The asynchronous stream between a capture thread and the coroutine that consumes its records.
 #pragma once
 
-#include <boost/asio/associated_executor.hpp>
+#include <boost/asio/as_tuple.hpp>
 #include <boost/asio/async_result.hpp>
 #include <boost/asio/awaitable.hpp>
-#include <boost/asio/dispatch.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <boost/system/error_code.hpp>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -29,17 +31,13 @@ class StreamState {
 
   /// Producer: hands over a burst and leaves `batch` empty. Records of an ended stream are dropped.
   void yield(Batch& batch) {
-    std::function<void()> wake;
-    {
-      const std::lock_guard hold(lock_);
-      if (ended_) {
-        batch.clear();
-        return;
-      }
-      queued_.takeAll(batch);
-      wake = std::exchange(waiter_, nullptr);
+    const std::lock_guard hold(lock_);
+    if (ended_) {
+      batch.clear();
+      return;
     }
-    if (wake) wake();
+    queued_.takeAll(batch);
+    wake();
   }
 
   /// Either end: no further records; those already queued are still delivered.
@@ -48,40 +46,73 @@ class StreamState {
   /// Consumer: no further records, and queued ones are dropped.
   void abandon() { end(true); }
 
-  /// Consumer: swaps what is queued into `batch`. False when there is nothing; then `wake` is kept
-  /// and called once at the next burst or the end, unless the stream has ended already.
-  bool takeOrWait(Batch& batch, bool& ended, std::function<void()> wake) {
+  /// Consumer: swaps what is queued into `batch`. False when there is nothing.
+  bool take(Batch& batch, bool& ended) {
     batch.clear();
     const std::lock_guard hold(lock_);
     ended = ended_;
-    if (!queued_.empty()) {
-      std::swap(batch, queued_);
-      return true;
-    }
-    if (!ended_) waiter_ = std::move(wake);
-    return false;
+    if (queued_.empty()) return false;
+    std::swap(batch, queued_);
+    return true;
   }
+
+  /// The consumer's place to wait: a timer that never expires by itself. The producer cancels it,
+  /// which allocates nothing on the capture thread, unlike posting a handler.
+  class Wait {
+   public:
+    Wait(StreamState& state, const boost::asio::any_io_executor& executor)
+        : state_(state), timer_(executor, boost::asio::steady_timer::time_point::max()) {}
+    ~Wait() {
+      const std::lock_guard hold(state_.lock_);
+      state_.waiting_ = nullptr;
+    }
+    Wait(const Wait&) = delete;
+    Wait& operator=(const Wait&) = delete;
+
+    /// Completes when there may be something to take(), or the stream has ended.
+    template <class Token>
+    auto async(Token&& token) {
+      return boost::asio::async_initiate<Token, void(boost::system::error_code)>(
+          [this](auto handler) {
+            // Under the lock, because a timer is not safe to use from two threads.
+            const std::lock_guard hold(state_.lock_);
+            if (state_.queued_.empty() && !state_.ended_) {
+              state_.waiting_ = &timer_;
+            } else {
+              timer_.expires_at(boost::asio::steady_timer::time_point::min());
+            }
+            timer_.async_wait(std::move(handler));
+          },
+          token);
+    }
+
+   private:
+    StreamState& state_;
+    boost::asio::steady_timer timer_;
+  };
 
  private:
   void end(bool dropQueued) {
-    std::function<void()> wake;
     std::function<void()> termination;
     {
       const std::lock_guard hold(lock_);
       if (dropQueued) queued_.clear();
       if (ended_) return;
       ended_ = true;
-      wake = std::exchange(waiter_, nullptr);
+      wake();
       termination = std::exchange(termination_, nullptr);
     }
-    if (wake) wake();
     if (termination) termination();
+  }
+
+  void wake() {
+    if (auto* waiting = std::exchange(waiting_, nullptr)) waiting->cancel();
   }
 
   std::mutex lock_;
   Batch queued_;
   bool ended_ = false;
-  std::function<void()> waiter_;
+  boost::asio::steady_timer* waiting_ = nullptr;  // of the Wait in which the consumer sleeps
   std::function<void()> termination_;
 };
 
@@ -102,12 +133,16 @@ class MessageStream {
   /// All that has queued since the last call, in arrival order, into `batch` (whose old records
   /// are recycled). False when the stream has ended.
   boost::asio::awaitable<bool> next(Batch& batch) {
-    while (state_) {
-      bool ended = false;
-      bool taken = false;
-      co_await waitFor(batch, taken, ended);
-      if (taken) co_return true;
-      if (ended) break;
+    if (!state_) co_return false;
+    bool ended = false;
+    if (state_->take(batch, ended)) {
+      co_await boost::asio::post(boost::asio::use_awaitable);  // Others have their turn between.
+      co_return true;
+    }
+    typename StreamState<Record>::Wait wait(*state_, co_await boost::asio::this_coro::executor);
+    while (!ended) {
+      co_await wait.async(boost::asio::as_tuple(boost::asio::use_awaitable));
+      if (state_->take(batch, ended)) co_return true;
     }
     co_return false;
   }
@@ -121,20 +156,6 @@ class MessageStream {
   }
 
  private:
-  boost::asio::awaitable<void> waitFor(Batch& batch, bool& taken, bool& ended) {
-    auto initiate = [this, &batch, &taken, &ended](auto handler) {
-      auto executor = boost::asio::get_associated_executor(handler);
-      auto shared = std::make_shared<decltype(handler)>(std::move(handler));
-      auto resume = [executor, shared] {
-        boost::asio::post(executor, [shared] { std::move (*shared)(); });
-      };
-      taken = state_->takeOrWait(batch, ended, resume);
-      if (taken || ended) resume();
-    };
-    return boost::asio::async_initiate<decltype(boost::asio::use_awaitable), void()>(
-        std::move(initiate), boost::asio::use_awaitable);
-  }
-
   std::shared_ptr<StreamState<Record>> state_;
 };
 
