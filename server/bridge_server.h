@@ -160,7 +160,7 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
   boost::asio::awaitable<void> handlePublishSvApdu(Bytes pdu, SvPublishConfig config,
                                                    ClientId clientId);
 
-  // Captures that died (bridge_server_recovery.cpp).
+  // Captures that died or lost frames (bridge_server_recovery.cpp).
   template <class Record>
   struct CaptureRecovery {
     std::string label;
@@ -178,6 +178,7 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
   CaptureRecovery<GooseMessage> gooseRecovery();
   CaptureRecovery<SvCapturedFrame> svRecovery();
   boost::asio::awaitable<void> pauseBeforeRecovery();
+  std::function<void(const CaptureDrops&)> dropLog(const std::string& label) const;
   bool hasGooseSubscribers() const { return !gooseSubscribers_.empty(); }
   bool hasSvSubscribers() const { return !svSubscribers_.empty(); }
   void spawn(boost::asio::awaitable<void> task);

@@ -77,6 +77,7 @@ asio::awaitable<GooseResult<void>> BridgeServer::startCaptureInternal() {
   events.onDeath = [weak = weak_from_this()](const std::string& reason) {
     if (const auto self = weak.lock()) self->spawn(self->recoverGooseCapture(reason));
   };
+  events.onDrops = dropLog("[BridgeServer] ");
   co_return co_await gooseCapture_.start(activeInterface_, std::move(events));
 }
 

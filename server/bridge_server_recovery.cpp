@@ -1,4 +1,4 @@
-// Captures that die by themselves: their interface went away, mostly.
+// Captures that die by themselves (their interface went away, mostly) or that lose frames.
 #include <boost/asio/redirect_error.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/use_awaitable.hpp>
@@ -9,6 +9,16 @@
 
 namespace tarnlink {
 namespace asio = boost::asio;
+
+std::function<void(const CaptureDrops&)> BridgeServer::dropLog(const std::string& label) const {
+  return [log = ports_.log,
+          capture = label + "✗ capture on " + activeInterface_](const CaptureDrops& drops) {
+    const std::string total = std::to_string(drops.total);
+    log(capture + (drops.isLast ? " has ended; the kernel dropped " + total + " frames in all"
+                                : ": the kernel dropped " + std::to_string(drops.fresh) +
+                                      " frames, " + total + " so far"));
+  };
+}
 
 asio::awaitable<void> BridgeServer::pauseBeforeRecovery() {
   asio::steady_timer pause(strand_, ports_.recoveryPause);

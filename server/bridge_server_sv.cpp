@@ -57,6 +57,7 @@ asio::awaitable<GooseResult<void>> BridgeServer::startSvCapture() {
   events.onDeath = [weak = weak_from_this()](const std::string& reason) {
     if (const auto self = weak.lock()) self->spawn(self->recoverSvCapture(reason));
   };
+  events.onDrops = dropLog("[BridgeServer] SV: ");
   co_return co_await svCapture_.start(activeInterface_, std::move(events));
 }
 

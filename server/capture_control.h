@@ -28,12 +28,14 @@ class CaptureControl {
   using Strand = boost::asio::strand<boost::asio::any_io_executor>;
   using Source = RecordSource<Record>;
   using SourceFactory = std::function<std::shared_ptr<Source>()>;
-  /// What a capture does to its owner, on the strand. Both hold the owner weakly.
+  /// What a capture does to its owner, on the strand. All hold the owner weakly.
   struct Events {
     /// Records in arrival order.
     std::function<void(std::span<Record>)> onRecords;
     /// The running capture has died by itself, with the reason; it still has to be stopped.
     std::function<void(const std::string& reason)> onDeath;
+    /// The kernel had no room for frames.
+    std::function<void(const CaptureDrops& drops)> onDrops;
   };
 
   /// Records consumed before other work of the actor gets its turn: one gathered write a client.
@@ -57,16 +59,20 @@ class CaptureControl {
     co_await stop(Queued::drop);
     auto source = makeSource_();
     auto task = std::make_shared<Task>(strand_);
-    auto onDeath = [strand = strand_, weak = std::weak_ptr(task),
-                    tell = std::move(events.onDeath)](const std::string& reason) {
+    typename Source::Events told;
+    told.onDeath = [strand = strand_, weak = std::weak_ptr(task),
+                    tell = std::move(events.onDeath)](std::string reason) {
       boost::asio::post(strand, [weak, tell, reason] {
         // A capture that was stopped meanwhile has no say any more.
         const auto dead = weak.lock();
         if (dead && !std::exchange(dead->hasDied, true)) tell(reason);
       });
     };
+    told.onDrops = [strand = strand_, tell = std::move(events.onDrops)](const CaptureDrops& drops) {
+      boost::asio::post(strand, [tell, drops] { tell(drops); });
+    };
     interface_ = interface;
-    auto stream = co_await source->start(std::move(interface), std::move(onDeath));
+    auto stream = co_await source->start(std::move(interface), std::move(told));
     if (!stream) co_return stream.error();
     source_ = std::move(source);
     task->cancel = stream->canceller();

@@ -2,6 +2,7 @@
 
 #include <pcap/pcap.h>
 
+#include <cstdint>
 #include <thread>
 #include <utility>
 
@@ -38,15 +39,29 @@ void CaptureLoop::breakLoop() {
 void CaptureLoop::run() {
   auto* user = reinterpret_cast<u_char*>(&handlers_);
   int result = 0;
-  WakePace pace(WakePace::Clock::now());
+  WakePace pace(Clock::now());
   while (!isStopping_ && result >= 0) {
-    result = pcap_dispatch(handle_.get(), -1, onPacket, user);
+    result = pcap_dispatch(handle_.get(), kBurstLimit, onPacket, user);
     handlers_.onBurstEnd();
-    const auto now = WakePace::Clock::now();
+    const auto now = Clock::now();
+    if (now - dropsAsked_ >= kDropPause) tellDrops(now, false);
+    if (result >= kBurstLimit) continue;  // There is more at hand.
     if (const auto next = pace.next(now); next > now) std::this_thread::sleep_until(next);
   }
+  tellDrops(Clock::now(), true);
   const bool hasDied = result < 0 && result != PCAP_ERROR_BREAK && !isStopping_;
   handlers_.onEnd(hasDied ? std::optional<std::string>(pcap_geterr(handle_.get())) : std::nullopt);
+}
+
+void CaptureLoop::tellDrops(Clock::time_point now, bool isLast) {
+  dropsAsked_ = now;
+  pcap_stat counters{};
+  std::uint32_t fresh = 0;
+  if (pcap_stats(handle_.get(), &counters) == 0) {
+    fresh = counters.ps_drop - static_cast<std::uint32_t>(drops_);  // libpcap's count wraps.
+  }
+  drops_ += fresh;
+  if (fresh > 0 || (isLast && drops_ > 0)) handlers_.onDrops({fresh, drops_, isLast});
 }
 
 }  // namespace tarnlink

@@ -2,12 +2,15 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
 #include <thread>
 
 #include "stack/bytes.h"
+#include "stack/capture_drops.h"
 #include "stack/pcap_access.h"
 #include "stack/time_point.h"
 
@@ -19,12 +22,21 @@ class CaptureLoop {
   struct Handlers {
     /// One frame: its captured octets, borrowed until the handler returns, and its capture time.
     std::function<void(ByteView frame, TimePoint receivedAt)> onFrame;
-    /// pcap_dispatch has returned: nothing more is at hand right now.
+    /// Nothing more is at hand right now, or kBurstLimit frames have been handed out.
     std::function<void()> onBurstEnd;
+    /// The kernel has dropped frames. Told with the frames after them, at most once in kDropPause,
+    /// and at the end; a link that falls silent is not asked again before the end.
+    std::function<void(const CaptureDrops& drops)> onDrops;
     /// The thread is about to end, after the last frame: with libpcap's text when the capture has
     /// died (its interface is gone, for example), without one when the loop was broken.
     std::function<void(std::optional<std::string> death)> onEnd;
   };
+
+  /// Bounds how long the first frame of a burst waits for the last, and how long a link that is
+  /// never quiet keeps the loop from looking at the drops.
+  static constexpr int kBurstLimit = 64;
+  /// Asking costs 40 microseconds: libpcap reads the interface's counters from files as well.
+  static constexpr std::chrono::seconds kDropPause{1};
 
   /// Starts the thread.
   CaptureLoop(PcapHandle handle, Handlers handlers);
@@ -37,11 +49,16 @@ class CaptureLoop {
   void breakLoop();
 
  private:
+  using Clock = std::chrono::steady_clock;
+
   void run();
+  void tellDrops(Clock::time_point now, bool isLast);
 
   PcapHandle handle_;
   Handlers handlers_;
   std::atomic<bool> isStopping_{false};
+  Clock::time_point dropsAsked_ = Clock::now();
+  std::uint64_t drops_ = 0;
   std::thread thread_;
 };
 

@@ -53,16 +53,11 @@ class CaptureContext {
  public:
   using Record = typename Decoder::Record;
 
-  /// Records decoded before they are handed on, when the kernel has more at hand: bounds how long
-  /// the first of a burst waits for the last.
-  static constexpr std::size_t kBurstLimit = 64;
-
   explicit CaptureContext(std::shared_ptr<ContinuationBox<Record>> box) : box_(std::move(box)) {}
 
   /// Frames that do not decode vanish.
   void receiveFrame(ByteView frame, TimePoint receivedAt) {
     if (!decoder_.decode(frame, receivedAt, batch_.append())) batch_.dropLast();
-    if (batch_.size() >= kBurstLimit) flush();
   }
 
   void flush() {
@@ -92,7 +87,7 @@ class CaptureReceiver final : public RecordSource<typename Decoder::Record>,
                               public std::enable_shared_from_this<CaptureReceiver<Decoder>> {
  public:
   using Record = typename Decoder::Record;
-  using typename RecordSource<Record>::DeathHandler;
+  using typename RecordSource<Record>::Events;
 
   explicit CaptureReceiver(const boost::asio::any_io_executor& executor,
                            CaptureMode mode = CaptureMode::standard)
@@ -102,9 +97,9 @@ class CaptureReceiver final : public RecordSource<typename Decoder::Record>,
         continuationBox_(std::make_shared<ContinuationBox<Record>>()) {}
 
   boost::asio::awaitable<GooseResult<MessageStream<Record>>> start(std::string interface,
-                                                                   DeathHandler onDeath) override {
+                                                                   Events events) override {
     co_return co_await boost::asio::co_spawn(
-        strand_, startOnStrand(this->shared_from_this(), std::move(interface), std::move(onDeath)),
+        strand_, startOnStrand(this->shared_from_this(), std::move(interface), std::move(events)),
         boost::asio::use_awaitable);
   }
 
@@ -119,7 +114,7 @@ class CaptureReceiver final : public RecordSource<typename Decoder::Record>,
 
   // The static coroutines hold the receiver alive through their first parameter.
   static boost::asio::awaitable<GooseResult<MessageStream<Record>>> startOnStrand(
-      Self self, std::string interface, DeathHandler onDeath) {
+      Self self, std::string interface, Events events) {
     const auto turn = co_await self->turn_.lock();
     co_await self->endCapture();
     auto handle =
@@ -128,7 +123,7 @@ class CaptureReceiver final : public RecordSource<typename Decoder::Record>,
     auto continuation = std::make_shared<StreamState<Record>>();
     continuation->onTermination(self->stopWhenStreamEnds(++self->captureNumber_));
     self->continuationBox_->store(continuation);
-    self->beginCapture(std::move(*handle), std::move(onDeath));
+    self->beginCapture(std::move(*handle), std::move(events));
     co_return MessageStream<Record>(std::move(continuation));
   }
 
@@ -153,7 +148,7 @@ class CaptureReceiver final : public RecordSource<typename Decoder::Record>,
     };
   }
 
-  void beginCapture(PcapHandle handle, DeathHandler onDeath) {
+  void beginCapture(PcapHandle handle, Events events) {
     auto context = std::make_shared<CaptureContext<Decoder>>(continuationBox_);
     auto ended = std::make_shared<AsyncEvent>(strand_);
     loopEnded_ = ended;
@@ -162,8 +157,11 @@ class CaptureReceiver final : public RecordSource<typename Decoder::Record>,
       context->receiveFrame(frame, receivedAt);
     };
     handlers.onBurstEnd = [context] { context->flush(); };
+    handlers.onDrops = [onDrops = std::move(events.onDrops)](const CaptureDrops& drops) {
+      if (onDrops) onDrops(drops);
+    };
     handlers.onEnd = [strand = strand_, ended,
-                      onDeath = std::move(onDeath)](std::optional<std::string> death) {
+                      onDeath = std::move(events.onDeath)](std::optional<std::string> death) {
       if (death && onDeath) onDeath(*std::move(death));
       boost::asio::post(strand, [ended] { ended->set(); });
     };

@@ -5,6 +5,7 @@
 #include <functional>
 #include <string>
 
+#include "stack/capture_drops.h"
 #include "stack/goose_error.h"
 #include "stack/message_stream.h"
 
@@ -17,14 +18,19 @@ class RecordSource {
  public:
   virtual ~RecordSource() = default;
 
-  /// Called once, from any thread, when a capture ends although nobody stopped it, with libpcap's
-  /// text; the stream stays open until stop().
-  using DeathHandler = std::function<void(std::string reason)>;
+  /// What befalls a capture. Called from any thread; each may be empty.
+  struct Events {
+    /// Once, when a capture ends although nobody stopped it, with libpcap's text; the stream stays
+    /// open until stop().
+    std::function<void(std::string reason)> onDeath;
+    /// The kernel had no room for frames: as CaptureLoop tells it.
+    std::function<void(const CaptureDrops& drops)> onDrops;
+  };
 
   /// Ends any earlier capture of this source first. Fails as openPcapWithFilter() does; then there
   /// is no stream and the source is idle.
-  virtual boost::asio::awaitable<GooseResult<MessageStream<Record>>> start(
-      std::string interface, DeathHandler onDeath) = 0;
+  virtual boost::asio::awaitable<GooseResult<MessageStream<Record>>> start(std::string interface,
+                                                                           Events events) = 0;
 
   /// Ends the capture, closes its handle and finishes the stream. Safe when idle, and repeatedly.
   virtual boost::asio::awaitable<void> stop() = 0;

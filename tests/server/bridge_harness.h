@@ -174,12 +174,13 @@ struct FakeCaptures {
   }
   /// Makes the latest capture die, if there was one.
   void die(std::string reason) {
-    if (const auto kill = latest().kill) kill(std::move(reason));
+    if (const auto kill = latest().events.onDeath) kill(std::move(reason));
   }
+  void drop(const CaptureDrops& drops) { latest().events.onDrops(drops); }
 
   struct Latest {
     std::weak_ptr<StreamState<Record>> current;
-    std::function<void(std::string)> kill;
+    typename RecordSource<Record>::Events events;
   };
   Latest latest() {
     const std::lock_guard hold(lock_);
@@ -213,10 +214,10 @@ class FakeSource final : public RecordSource<Record> {
     if (state_) ++captures_.dropped;
   }
 
-  using typename RecordSource<Record>::DeathHandler;
+  using typename RecordSource<Record>::Events;
 
   asio::awaitable<GooseResult<MessageStream<Record>>> start(std::string interface,
-                                                            DeathHandler onDeath) override {
+                                                            Events events) override {
     captures_.interfaces.push_back(std::move(interface));
     co_await captures_.gate.wait();
     co_await captures_.pause();
@@ -224,7 +225,7 @@ class FakeSource final : public RecordSource<Record> {
     if (captures_.isDown) co_return GooseError::pcapOpenFailed("no such device");
     captures_.mostRunning = std::max<int>(captures_.mostRunning, ++captures_.running);
     state_ = std::make_shared<StreamState<Record>>();
-    captures_.setLatest({state_, std::move(onDeath)});
+    captures_.setLatest({state_, std::move(events)});
     co_await captures_.pause();
     co_return MessageStream<Record>(state_);
   }

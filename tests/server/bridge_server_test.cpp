@@ -360,6 +360,19 @@ TEST_F(BridgeServerTest, ADeadCaptureIsToldAndTriedAgain) {
   EXPECT_EQ(BridgeHarness::take(client).back()["isCapturing"], true);
 }
 
+TEST_F(BridgeServerTest, FramesThatTheKernelDroppedAreLogged) {
+  const auto client = bridge.authenticated();
+  bridge.say(client, kSubscribe);
+  bridge.say(client, R"({"cmd":"subscribe_sv"})");
+  bridge.goose.drop({3, 8, false});
+  bridge.sv.drop({0, 9, true});
+  bridge.settle();
+  EXPECT_TRUE(
+      bridge.logged("[BridgeServer] ✗ capture on en0: the kernel dropped 3 frames, 8 so far"));
+  EXPECT_TRUE(bridge.logged(
+      "[BridgeServer] SV: ✗ capture on en0 has ended; the kernel dropped 9 frames in all"));
+}
+
 TEST_F(BridgeServerTest, StopDoesNotWaitForTheNextTryOfADeadCapture) {
   const auto client = bridge.authenticated();
   bridge.say(client, R"({"cmd":"subscribe_sv"})");

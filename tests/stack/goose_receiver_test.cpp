@@ -163,7 +163,7 @@ TEST_P(GooseReceiverTest, ADeletedInterfaceIsReportedAndALinkDownIsNot) {
   const auto receiver = makeReceiver();
   std::promise<std::string> death;
   auto stream =
-      await(receiver->start(kBus, [&death](std::string reason) { death.set_value(reason); }));
+      await(receiver->start(kBus, {[&death](std::string reason) { death.set_value(reason); }, {}}));
   ASSERT_TRUE(stream);
   NetworkNamespace::setUp(kBus, false);
   NetworkNamespace::setUp(kBus, true);

@@ -47,7 +47,7 @@ GooseListener::~GooseListener() {
 IedResult<std::unique_ptr<GooseListener>> GooseListener::start(const std::string& interface,
                                                                Handlers handlers) {
   std::unique_ptr<GooseListener> listener(new GooseListener);
-  auto work = listener->receiver_->start(interface, std::move(handlers.onDeath));
+  auto work = listener->receiver_->start(interface, {std::move(handlers.onDeath), {}});
   auto stream =
       boost::asio::co_spawn(listener->thread_, std::move(work), boost::asio::use_future).get();
   if (!stream)
