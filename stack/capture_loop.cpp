@@ -2,6 +2,7 @@
 
 #include <pcap/pcap.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <thread>
 #include <utility>
@@ -39,14 +40,15 @@ void CaptureLoop::breakLoop() {
 void CaptureLoop::run() {
   auto* user = reinterpret_cast<u_char*>(&handlers_);
   int result = 0;
-  WakePace pace(Clock::now());
+  WakePace pace;
   while (!isStopping_ && result >= 0) {
     result = pcap_dispatch(handle_.get(), kBurstLimit, onPacket, user);
     handlers_.onBurstEnd();
     const auto now = Clock::now();
     if (now - dropsAsked_ >= kDropPause) tellDrops(now, false);
-    if (result >= kBurstLimit) continue;  // There is more at hand.
-    if (const auto next = pace.next(now); next > now) std::this_thread::sleep_until(next);
+    const auto pause = pace.pauseAfter(std::max(result, 0), now);
+    const bool isMoreAtHand = result >= kBurstLimit;
+    if (!isMoreAtHand && pause > pause.zero()) std::this_thread::sleep_for(pause);
   }
   tellDrops(Clock::now(), true);
   const bool hasDied = result < 0 && result != PCAP_ERROR_BREAK && !isStopping_;

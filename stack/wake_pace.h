@@ -1,36 +1,35 @@
 // How often a thread lets single frames wake it.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 
 namespace tarnlink {
 
-/// Waking costs a multiple of the work for one message. So a thread that hardly had to wait for its
-/// last burst lets the next one collect; after a quiet moment a message goes on at once. A plain
-/// value that is given the time.
+/// Waking costs a multiple of the work for one message. So the messages of a flow that is faster
+/// than one each kSpacing collect, once kAtOnce more of them have come than such a flow brings: a
+/// single burst, and each message of a slower flow, go on at once. A leaky bucket in the form of
+/// ITU-T I.371's generic cell rate algorithm. A plain value that is given the time.
 class WakePace {
  public:
   using Clock = std::chrono::steady_clock;
 
-  /// Messages come fast when the wait for the last burst was shorter than this: above 2,000 a
-  /// second.
-  static constexpr std::chrono::microseconds kQuick{500};
-  /// How long they collect then: what the pace adds to a message's latency at most. Half as long
-  /// cost about a quarter more CPU at 20,000 messages a second to ten clients.
+  static constexpr std::chrono::microseconds kSpacing{500};
+  static constexpr int kAtOnce = 16;  ///< Messages.
+  /// What collecting adds to a message's latency at most. Half as long cost about a quarter more
+  /// CPU at 20,000 messages a second to ten clients.
   static constexpr std::chrono::microseconds kCollect{1'000};
 
-  explicit WakePace(Clock::time_point now) : waitingSince_(now) {}
-
-  /// A burst has been dealt with. The time until which the next one is to collect; `now` for no
-  /// pause.
-  Clock::time_point next(Clock::time_point now) {
-    const bool isFast = now - waitingSince_ < kQuick;
-    waitingSince_ = isFast ? now + kCollect : now;
-    return waitingSince_;
+  /// So many messages have been dealt with. How long the next ones are to collect, or zero.
+  std::chrono::microseconds pauseAfter(int messages, Clock::time_point now) {
+    constexpr auto kTolerance = kSpacing * kAtOnce;
+    // What a flood has brought too much is forgotten within kTolerance after its end.
+    expected_ = std::min(std::max(expected_, now) + kSpacing * messages, now + 2 * kTolerance);
+    return expected_ - now > kTolerance ? kCollect : kCollect.zero();
   }
 
  private:
-  Clock::time_point waitingSince_;
+  Clock::time_point expected_;  // When a flow of one message each kSpacing would bring the next.
 };
 
 }  // namespace tarnlink

@@ -2,38 +2,60 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
+
 namespace tarnlink::test {
 namespace {
 
 using std::chrono::microseconds;
-using Clock = WakePace::Clock;
 
-// Messages that take no time to deal with, each given as the wait since the thread was ready for
-// it.
-TEST(WakePace, OnlyMessagesInQuickSuccessionCollect) {
-  Clock::time_point now{};
-  WakePace pace(now);
+constexpr microseconds kSecond{1'000'000};
+
+// Messages at a given rate for a second, dealt with in no time; those that come during a pause are
+// found together at its end.
+TEST(WakePace, OnlyASteadyQuickFlowCollects) {
   const struct {
-    const char* what;
-    microseconds wait;
+    const char* flow;
+    microseconds spacing;
+    int together;
+    int mostWakes;
     bool collects;
-  } messages[] = {
-      {"the first after a quiet moment", microseconds(5'000), false},
-      {"one a millisecond", microseconds(1'000), false},
-      {"just slow enough", WakePace::kQuick, false},
-      {"quick", WakePace::kQuick - microseconds(1), true},
-      {"there already when the pause ends", microseconds(0), true},
-      {"quick after the pause", microseconds(499), true},
-      {"quiet after the pause", microseconds(500), false},
-      {"quick again", microseconds(50), true},
+  } flows[] = {
+      {"one each millisecond", microseconds(1'000), 1, 1'000, false},
+      {"as fast as it may be", WakePace::kSpacing, 1, 2'000, false},
+      {"bursts of several devices", microseconds(20'000), WakePace::kAtOnce, 50, false},
+      {"somewhat too fast", microseconds(300), 1, 1'100, true},
+      {"a flood", microseconds(50), 1, 1'100, true},
+      {"Sampled Values of four merging units", microseconds(250), 4, 1'100, true},
   };
-  for (const auto& message : messages) {
-    SCOPED_TRACE(message.what);
-    now += message.wait;
-    const auto next = pace.next(now);
-    EXPECT_EQ(next - now, message.collects ? WakePace::kCollect : microseconds(0));
-    now = next;
+  for (const auto& flow : flows) {
+    SCOPED_TRACE(flow.flow);
+    WakePace pace;
+    WakePace::Clock::time_point now{};
+    auto next = now;
+    int wakes = 0;
+    int pauses = 0;
+    while (now < WakePace::Clock::time_point{} + kSecond) {
+      int messages = 0;
+      for (now = std::max(now, next); next <= now; next += flow.spacing) messages += flow.together;
+      ++wakes;
+      const auto pause = pace.pauseAfter(messages, now);
+      pauses += pause > pause.zero() ? 1 : 0;
+      now += pause;
+    }
+    EXPECT_LE(wakes, flow.mostWakes + 1);
+    EXPECT_EQ(pauses > 0, flow.collects);
   }
+}
+
+TEST(WakePace, AFloodIsForgottenSoonAfterItsEnd) {
+  WakePace pace;
+  WakePace::Clock::time_point now{};
+  while (now < WakePace::Clock::time_point{} + kSecond) now += pace.pauseAfter(1000, now);
+  EXPECT_GT(pace.pauseAfter(1, now).count(), 0);
+  now += WakePace::kSpacing * (WakePace::kAtOnce + 1);
+  EXPECT_EQ(pace.pauseAfter(1, now).count(), 0);
 }
 
 }  // namespace
