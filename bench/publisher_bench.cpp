@@ -6,7 +6,11 @@
 // reading just before the state-change frame was handed to libpcap, minus the frame's place in the
 // schedule: it holds the wake-up and the way through the kernel, for both alike. (Reckoning from
 // the state-change frame's own stamp would flatter whoever is slow to send it.)
+//
+// Measured twice: with the machine at rest, and beside a bridge that floods a client with the
+// frames of another wire.
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -17,24 +21,33 @@
 #include <thread>
 #include <vector>
 
+#include "bench/report.h"
+#include "bench/sample_traffic.h"
+#include "bench/wire_receivers.h"
+#include "bench/wire_traffic.h"
 #include "stack/goose_publisher.h"
 #include "stack/punctual_thread.h"
 #include "tests/support/frame_recorder.h"
 #include "tests/support/network_namespace.h"
 #include "tests/support/run_awaitable.h"
 
-namespace tarnlink {
+namespace tarnlink::bench {
 namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 
-constexpr int kDefaultRounds = 100;  // About one second each.
+constexpr int kDefaultRounds = 25;  // About one second each, at rest and under load.
 // The fast schedule's head: a full one takes four seconds and mostly waits.
 constexpr std::size_t kRetransmissions = 8;
 constexpr milliseconds kSettling{10};
 constexpr const char* kBus = "bus0";
 constexpr const char* kPeer = "ied0";
+
+constexpr const char* kLoadedBus = "bus1";
+constexpr const char* kLoadedPeer = "ied1";
+constexpr std::uint16_t kPort = 8765;
+constexpr double kLoad = 50'000;  // Frames a second.
 
 nanoseconds wallClock() {
   return std::chrono::system_clock::now().time_since_epoch();
@@ -145,73 +158,134 @@ void collect(Series& series, const std::vector<test::RecordedFrame>& frames,
   }
 }
 
-void report(Series& publisher, Series& bare) {
-  std::printf("%-22s %10s %10s %10s   frames\n", "error in microseconds", "p50", "p99", "max");
-  for (Series* series : {&bare, &publisher}) {
-    std::sort(series->errors.begin(), series->errors.end());
-    std::printf("%-22s %10.1f %10.1f %10.1f   %zu\n", series->name, series->quantile(0.5),
-                series->quantile(0.99), series->errors.back(), series->errors.size());
+/// Frames on a wire of their own, through a bridge, to a client that reads all of them.
+class WireLoad {
+ public:
+  WireLoad() : flood_(kLoadedPeer), bridge_(kLoadedBus, kPort, true), client_(bridge_) {
+    client_.start();
+    thread_ = std::thread([this] {
+      const Bytes frame = eightValueFrame();
+      while (!isStopping_) flood_.run(frame, kLoad, std::chrono::milliseconds(100));
+    });
   }
-  std::printf(
-      "publisher / bare       %10.2f %10.2f %10.2f\n", publisher.quantile(0.5) / bare.quantile(0.5),
-      publisher.quantile(0.99) / bare.quantile(0.99), publisher.errors.back() / bare.errors.back());
+  ~WireLoad() {
+    isStopping_ = true;
+    thread_.join();
+  }
+  WireLoad(const WireLoad&) = delete;
+  WireLoad& operator=(const WireLoad&) = delete;
+
+  std::uint64_t delivered() { return client_.count(); }
+
+ private:
+  FrameFlood flood_;
+  BridgeUnderLoad bridge_;
+  SubscribedBridge client_;
+  std::atomic<bool> isStopping_{false};
+  std::thread thread_;
+};
+
+std::string microseconds(double time) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.1f us", time);
+  return text;
 }
+
+/// Two senders that take turns on one wire.
+class Contest {
+ public:
+  Contest()
+      : publisher_(std::make_shared<GoosePublisher>(
+            thread_.executor(), [](std::string_view) {}, published_.handles)),
+        handle_(bare_.handles->openSendHandle(kBus).value()) {
+    publish();  // Brings the frame, opens the handles, warms the caches; does not count.
+    sendBare();
+  }
+  ~Contest() { test::runAwaitable(publisher_->stop()); }
+  Contest(const Contest&) = delete;
+  Contest& operator=(const Contest&) = delete;
+
+  void run(const std::string& circumstances, int rounds) {
+    published_.errors.clear();
+    bare_.errors.clear();
+    for (int round = 0; round < rounds; ++round) {
+      // Neither always runs in the other's wake.
+      round % 2 == 0 ? publish() : sendBare();
+      round % 2 == 0 ? sendBare() : publish();
+    }
+    for (Series* series : {&bare_, &published_}) {
+      std::sort(series->errors.begin(), series->errors.end());
+      std::fprintf(stderr, "%s, %s: p50 %.1f, p99 %.1f, max %.1f us of %zu frames, %s\n",
+                   series->name, circumstances.c_str(), series->quantile(0.5),
+                   series->quantile(0.99), series->errors.back(), series->errors.size(),
+                   thread_.isRealTime() ? "real-time" : "no real-time scheduling here");
+    }
+    printQuantile("retransmission's error " + circumstances + ", p50", 0.5, 1.3);
+    printQuantile("retransmission's error " + circumstances + ", p99", 0.99, 1.0);
+  }
+
+ private:
+  void printQuantile(const std::string& what, double share, double target) {
+    const double ours = published_.quantile(share);
+    const double theirs = bare_.quantile(share);
+    char ratio[16];
+    char limit[32];
+    std::snprintf(ratio, sizeof ratio, "%.2f x", ours / theirs);
+    std::snprintf(limit, sizeof limit, "<= %.1f x", target);
+    print({what, microseconds(ours), "clock_nanosleep " + microseconds(theirs), ratio, limit,
+           ours <= theirs * target});
+  }
+  void publish() {
+    published_.handles->firstHandedOver = {};
+    test::runAwaitable(publisher_->publishStateChange(config_)).value();
+    // Like the bare loop, it has the machine to itself until the last frame has left.
+    std::this_thread::sleep_for(offsets_.back() + kSettling);
+    collect(published_, recorder_.frames(offsets_.size()), offsets_);
+    frame_ = recorder_.frames(0).back().octets;
+    recorder_.clear();
+  }
+  void sendBare() {
+    bare_.handles->firstHandedOver = {};
+    std::thread([&] {
+      askForPunctuality();
+      bareLoop(*handle_, frame_, offsets_);
+    }).join();
+    collect(bare_, recorder_.frames(offsets_.size()), offsets_);
+    recorder_.clear();
+  }
+
+  test::FrameRecorder recorder_{kPeer, "ether proto 0x88b8"};
+  GoosePublishConfig config_ = publication();
+  std::vector<nanoseconds> offsets_ = offsetsOf(config_.retransmissionProfile);
+  Series published_{"publisher"};
+  Series bare_{"bare clock_nanosleep"};
+  PunctualThread thread_;
+  std::shared_ptr<GoosePublisher> publisher_;
+  std::unique_ptr<SendHandle> handle_;
+  Bytes frame_;
+};
 
 void run(int rounds) {
   test::NetworkNamespace::enter();
   test::NetworkNamespace::addVethPair(kBus, kPeer);
-  test::FrameRecorder recorder(kPeer, "ether proto 0x88b8");
-  const auto config = publication();
-  const auto offsets = offsetsOf(config.retransmissionProfile);
-
-  Series published{"publisher"};
-  Series bare{"bare clock_nanosleep"};
-  PunctualThread thread;
-  const auto publisher = std::make_shared<GoosePublisher>(
-      thread.executor(), [](std::string_view) {}, published.handles);
-  const auto handle = bare.handles->openSendHandle(kBus).value().release();
-  const std::unique_ptr<SendHandle> owner(handle);
-  std::printf("%s scheduling, %d rounds of %zu retransmissions each\n",
-              thread.isRealTime() ? "real-time" : "ordinary", rounds, offsets.size() - 1);
-
-  Bytes frame;
-  const auto publish = [&] {
-    published.handles->firstHandedOver = {};
-    test::runAwaitable(publisher->publishStateChange(config)).value();
-    // Like the bare loop, it has the machine to itself until the last frame has left.
-    std::this_thread::sleep_for(offsets.back() + kSettling);
-    collect(published, recorder.frames(offsets.size()), offsets);
-    frame = recorder.frames(0).back().octets;
-    recorder.clear();
-  };
-  const auto sendBare = [&] {
-    bare.handles->firstHandedOver = {};
-    std::thread([&] {
-      askForPunctuality();
-      bareLoop(*handle, frame, offsets);
-    }).join();
-    collect(bare, recorder.frames(offsets.size()), offsets);
-    recorder.clear();
-  };
-  publish();  // Brings the frame, opens the handles, warms the caches; does not count.
-  sendBare();
-  published.errors.clear();
-  bare.errors.clear();
-  for (int round = 0; round < rounds; ++round) {
-    // Neither always runs in the other's wake.
-    round % 2 == 0 ? publish() : sendBare();
-    round % 2 == 0 ? sendBare() : publish();
-  }
-  test::runAwaitable(publisher->stop());
-  report(published, bare);
+  test::NetworkNamespace::addVethPair(kLoadedBus, kLoadedPeer);
+  Contest contest;
+  contest.run("at rest", rounds);
+  WireLoad load;
+  const auto before = load.delivered();
+  const auto begin = std::chrono::steady_clock::now();
+  contest.run("under load", rounds);
+  const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
+  std::fprintf(stderr, "the load: %.0f messages/s delivered\n",
+               static_cast<double>(load.delivered() - before) / time.count());
 }
 
 }  // namespace
-}  // namespace tarnlink
+}  // namespace tarnlink::bench
 
 int main(int argc, char** argv) {
   try {
-    tarnlink::run(argc > 1 ? std::stoi(argv[1]) : tarnlink::kDefaultRounds);
+    tarnlink::bench::run(argc > 1 ? std::stoi(argv[1]) : tarnlink::bench::kDefaultRounds);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "publisher_bench: %s\nusage: publisher_bench [ROUNDS]\n", error.what());
     return 1;

@@ -1,6 +1,7 @@
 // The traffic that the benches measure with: what one feeder's protection sends.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -14,7 +15,7 @@ namespace tarnlink::bench {
 inline constexpr double kSampleTime = 1715933730.125;
 
 /// A GOOSE frame of eight values; its event text has 735 octets.
-inline Bytes eightValueFrame() {
+inline Bytes eightValueFrame(std::uint32_t sqNum = 4711) {
   using Value = GooseDataValue;
   const std::vector<Value> values{
       Value::boolean(true),
@@ -33,7 +34,7 @@ inline Bytes eightValueFrame() {
   fields.datSet = "IED1LD0/LLN0$dsEvents";
   fields.goId = "gcbEvents";
   fields.stNum = 17;
-  fields.sqNum = 4711;
+  fields.sqNum = sqNum;
   fields.confRev = 1;
   fields.values = values;
   fields.timestamp = timeFromUnixSeconds(kSampleTime);
