@@ -169,19 +169,30 @@ std::size_t countElements(ByteView octets) {
   return count;
 }
 
-void parseDataValuesInto(ByteView octets, int nesting, std::vector<GooseDataValue>& values);
+/// What a frame has used of its bounds.
+struct Bounds {
+  int nesting = 0;  // Structures and arrays around the values at hand.
+  int filled = 0;   // Structures and arrays that have got members.
+};
 
-/// `nesting` counts the structures and arrays around the element that holds the members. Walking a
-/// level reads its headers only, so that the cost of a whole dataset is linear in its octets.
-void parseMembers(ByteView octets, int nesting, std::vector<GooseDataValue>& members) {
-  if (nesting == GoosePdu::kMaxDataNesting) return members.clear();
+void parseDataValuesInto(ByteView octets, Bounds& bounds, std::vector<GooseDataValue>& values);
+
+/// Walking a level reads its headers only, so that the cost of a whole dataset is linear in its
+/// octets.
+void parseMembers(ByteView octets, Bounds& bounds, std::vector<GooseDataValue>& members) {
+  const bool isInBounds =
+      bounds.nesting < GoosePdu::kMaxDataNesting && bounds.filled < GoosePdu::kMaxFilledStructures;
+  if (octets.empty() || !isInBounds) return members.clear();
+  ++bounds.filled;
   // Counting is cheaper than moving values to ever larger storage.
   if (members.capacity() == 0) members.reserve(countElements(octets));
-  parseDataValuesInto(octets, nesting + 1, members);
+  ++bounds.nesting;
+  parseDataValuesInto(octets, bounds, members);
+  --bounds.nesting;
 }
 
 // Apart from the plain values, which need hardly a register beside what a value's storage takes.
-[[gnu::noinline]] void parseStoredValueInto(std::uint8_t tag, ByteView value, int nesting,
+[[gnu::noinline]] void parseStoredValueInto(std::uint8_t tag, ByteView value, Bounds& bounds,
                                             GooseDataValue::Payload& payload) {
   switch (tag) {
     case kTagBitString:
@@ -192,15 +203,15 @@ void parseMembers(ByteView octets, int nesting, std::vector<GooseDataValue>& mem
     case kTagVisibleString:
       return assignText(value, reuseAs<std::string>(payload));
     case kTagArray:
-      return parseMembers(value, nesting, reuseAs<GooseDataValue::Array>(payload).members);
+      return parseMembers(value, bounds, reuseAs<GooseDataValue::Array>(payload).members);
     case kTagStructure:
-      return parseMembers(value, nesting, reuseAs<GooseDataValue::Structure>(payload).members);
+      return parseMembers(value, bounds, reuseAs<GooseDataValue::Structure>(payload).members);
     default:
       return assignUnknown(tag, value, reuseAs<GooseDataValue::Unknown>(payload));
   }
 }
 
-void parseDataValueInto(std::uint8_t tag, ByteView value, int nesting, GooseDataValue& result) {
+void parseDataValueInto(std::uint8_t tag, ByteView value, Bounds& bounds, GooseDataValue& result) {
   GooseDataValue::Payload& payload = result.payload;
   switch (tag) {
     case kTagBoolean:
@@ -219,17 +230,17 @@ void parseDataValueInto(std::uint8_t tag, ByteView value, int nesting, GooseData
       reuseAs<TimePoint>(payload) = GoosePdu::parseUTCTime(value);
       break;
     default:
-      parseStoredValueInto(tag, value, nesting, payload);
+      parseStoredValueInto(tag, value, bounds, payload);
   }
 }
 
-void parseDataValuesInto(ByteView octets, int nesting, std::vector<GooseDataValue>& values) {
+void parseDataValuesInto(ByteView octets, Bounds& bounds, std::vector<GooseDataValue>& values) {
   const std::size_t held = values.size();
   std::size_t count = 0;
   BerSequence sequence(octets);
   while (const std::optional<BerTlv> element = sequence.next()) {
     if (count >= held) values.emplace_back();
-    parseDataValueInto(element->tag, element->value, nesting, values[count]);
+    parseDataValueInto(element->tag, element->value, bounds, values[count]);
     ++count;
   }
   if (count < held) values.resize(count);
@@ -250,7 +261,8 @@ void fill(const FieldTable& fields, GoosePdu& pdu) {
   // The sender's count saves the growing; an element has two octets at least, whatever it claims.
   const ByteView allData = fields.allData();
   pdu.allData.reserve(std::min<std::size_t>(pdu.numDatSetEntries, allData.size() / 2));
-  parseDataValuesInto(allData, 0, pdu.allData);
+  Bounds bounds;
+  parseDataValuesInto(allData, bounds, pdu.allData);
 }
 
 }  // namespace
@@ -293,13 +305,15 @@ TimePoint GoosePdu::parseUTCTime(ByteView octets) {
 
 std::vector<GooseDataValue> GoosePdu::parseDataValues(ByteView octets) {
   std::vector<GooseDataValue> values;
-  parseDataValuesInto(octets, 0, values);
+  Bounds bounds;
+  parseDataValuesInto(octets, bounds, values);
   return values;
 }
 
 GooseDataValue GoosePdu::parseDataValue(std::uint8_t tag, ByteView value) {
   GooseDataValue result;
-  parseDataValueInto(tag, value, 0, result);
+  Bounds bounds;
+  parseDataValueInto(tag, value, bounds, result);
   return result;
 }
 

@@ -59,6 +59,11 @@ struct GoosePdu {
   /// A structure or array inside this many others decodes without its members: a frame of nothing
   /// but nested elements must not exhaust the stack.
   static constexpr int kMaxDataNesting = 32;
+  /// Structures and arrays of one frame that decode with their members; further ones decode
+  /// without. A jumbo frame of 9,000 octets holds 2,250 of them. Frames of 65,535 octets, which
+  /// loopback and virtual links carry, would otherwise cost more than a millisecond for their
+  /// storage.
+  static constexpr int kMaxFilledStructures = 4096;
   /// Octets of the largest PDU element whose size the header's length word can express.
   static constexpr std::size_t kMaxElementSize = 65535 - 8;
 

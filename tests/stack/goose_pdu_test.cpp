@@ -208,6 +208,21 @@ TEST(GoosePdu, ContentBelowTheDeepestLevelIsDropped) {
   EXPECT_EQ(depth, GoosePdu::kMaxDataNesting + 1);
 }
 
+TEST(GoosePdu, StructuresBeyondTheirNumberDecodeWithoutMembers) {
+  const Bytes filled = hexBytes("A2 02 83 00");
+  constexpr std::size_t kBeyond = 10;
+  Bytes dataset = hexBytes("A2 00");  // Costs nothing, and does not count.
+  for (std::size_t i = 0; i < GoosePdu::kMaxFilledStructures + kBeyond; ++i) {
+    dataset.insert(dataset.end(), filled.begin(), filled.end());
+  }
+  const std::vector<Value> values = GoosePdu::parseDataValues(dataset);
+  EXPECT_EQ(values.size(), 1 + GoosePdu::kMaxFilledStructures + kBeyond);
+  for (std::size_t i = 1; i < values.size(); ++i) {
+    const auto& members = std::get<Value::Structure>(values[i].payload).members;
+    ASSERT_EQ(members.size(), i <= GoosePdu::kMaxFilledStructures ? 1U : 0U) << i;
+  }
+}
+
 TEST(GoosePdu, StreamOfLikeFramesAllocatesNothing) {
   const std::string longText(40, 'x');
   const std::vector<Value> values{
