@@ -12,6 +12,7 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/asio/write.hpp>
+#include <boost/system/system_error.hpp>
 #include <cerrno>
 #include <chrono>
 #include <fstream>
@@ -156,7 +157,11 @@ class Terminator final : public TlsTerminator {
     error_code error;
     asio::local::connect_pair(inside, outside, error);
     if (error) return error;
-    std::make_shared<Pump>(std::move(socket), context_, std::move(inside))->start();
+    try {
+      std::make_shared<Pump>(std::move(socket), context_, std::move(inside))->start();
+    } catch (const boost::system::system_error& failure) {  // OpenSSL has no memory, for example.
+      return failure.code();
+    }
     return GatheredStream::Socket(std::move(outside));
   }
 

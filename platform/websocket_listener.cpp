@@ -30,7 +30,7 @@ using boost::system::errc::errc_t;
 constexpr auto kWait = asio::as_tuple(asio::use_awaitable);
 
 // Connections beyond the allowed number that wait for their refusal, at a time; each costs a
-// descriptor until then. Further ones are closed at once.
+// descriptor until then, with TLS three. Further ones are closed at once.
 constexpr std::size_t kMaxRefusals = 32;
 
 std::string peerOf(const tcp::socket& socket) {

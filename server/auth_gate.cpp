@@ -2,19 +2,27 @@
 
 #include <algorithm>
 #include <string_view>
-#include <tuple>
 #include <utility>
 
 namespace tarnlink {
 
-std::optional<ClientId> AuthGate::enter(const ClientId& client, std::string peer) {
+AuthGate::Rank AuthGate::rankOf(const Attempt& attempt) const {
+  const auto turn = lastTurn_.find(attempt.peer);
+  const auto wrong = wrong_.find(attempt.client);
+  return {turn == lastTurn_.end() ? 0 : turn->second, wrong == wrong_.end() ? 0 : wrong->second,
+          attempt.arrival};
+}
+
+std::optional<ClientId> AuthGate::enter(const ClientId& client, std::string peer,
+                                        Clock::time_point now) {
+  if (isQuiet(now)) lastTurn_.clear();
   waiting_.push_back({client, std::move(peer), arrivals_++});
   if (waiting_.size() <= kMaxWaiting) return std::nullopt;
   std::map<std::string_view, std::size_t> counts;
   for (const auto& attempt : waiting_) ++counts[attempt.peer];
   const auto last = std::max_element(
-      waiting_.begin(), waiting_.end(), [&counts](const Attempt& a, const Attempt& b) {
-        return std::tuple(counts[a.peer], a.arrival) < std::tuple(counts[b.peer], b.arrival);
+      waiting_.begin(), waiting_.end(), [this, &counts](const Attempt& a, const Attempt& b) {
+        return std::pair(counts[a.peer], rankOf(a)) < std::pair(counts[b.peer], rankOf(b));
       });
   const ClientId refused = last->client;
   waiting_.erase(last);
@@ -22,18 +30,12 @@ std::optional<ClientId> AuthGate::enter(const ClientId& client, std::string peer
 }
 
 std::optional<ClientId> AuthGate::next(Clock::time_point now) {
-  if (isQuiet(now) || lastTurn_.size() >= kMaxPeers) lastTurn_.clear();
   if (waiting_.empty() || now < *due()) return std::nullopt;
-  const auto rank = [this](const Attempt& attempt) {
-    const auto turn = lastTurn_.find(attempt.peer);
-    const auto wrong = wrong_.find(attempt.client);
-    return std::tuple(turn == lastTurn_.end() ? 0 : turn->second,
-                      wrong == wrong_.end() ? 0 : wrong->second, attempt.arrival);
-  };
-  const auto first =
-      std::min_element(waiting_.begin(), waiting_.end(),
-                       [&rank](const Attempt& a, const Attempt& b) { return rank(a) < rank(b); });
+  const auto first = std::min_element(
+      waiting_.begin(), waiting_.end(),
+      [this](const Attempt& a, const Attempt& b) { return rankOf(a) < rankOf(b); });
   const ClientId client = first->client;
+  if (lastTurn_.size() >= kMaxPeers) lastTurn_.clear();
   lastTurn_[first->peer] = ++turns_;
   waiting_.erase(first);
   fullAt_ = std::max(fullAt_, now) + delay_.refill;

@@ -7,6 +7,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "server/client_id.h"
@@ -28,7 +29,8 @@ class AuthGate {
  public:
   using Clock = std::chrono::steady_clock;
 
-  /// Attempts that may wait. With one more, the latest of the peer that has most is refused.
+  /// Attempts that may wait. With one more, one of the peer that has most is refused; among equals
+  /// the one whose turn would come last.
   static constexpr std::size_t kMaxWaiting = 64;
 
   /// Peers whose last turn is remembered; with more, all are taken for new.
@@ -37,7 +39,7 @@ class AuthGate {
   explicit AuthGate(AuthDelay delay) : delay_(delay) {}
 
   /// One attempt a client at a time. Gives the client that is refused, this one or another.
-  std::optional<ClientId> enter(const ClientId& client, std::string peer);
+  std::optional<ClientId> enter(const ClientId& client, std::string peer, Clock::time_point now);
 
   /// Takes a token for the attempt whose turn it is; nothing when none waits or there is no token.
   std::optional<ClientId> next(Clock::time_point now);
@@ -45,7 +47,7 @@ class AuthGate {
   /// What the comparison gave, after next().
   void tell(const ClientId& client, bool isRight);
 
-  /// The client has gone.
+  /// The client has been removed.
   void leave(const ClientId& client);
 
   /// When there is a token for those who wait; nothing when nobody does.
@@ -60,6 +62,9 @@ class AuthGate {
     std::string peer;
     std::uint64_t arrival;
   };
+  /// Turns come in ascending order of the peer's last turn, wrong codes on the connection, arrival.
+  using Rank = std::tuple<std::uint64_t, int, std::uint64_t>;
+  Rank rankOf(const Attempt& attempt) const;
 
   const AuthDelay delay_;
   Clock::time_point fullAt_;  // Each token taken moves it by one refill.

@@ -7,13 +7,15 @@ namespace tarnlink {
 namespace asio = boost::asio;
 
 asio::awaitable<AuthQueue::Turn> AuthQueue::wait(ClientId client, std::string peer) {
-  if (gate_.isQuiet(AuthGate::Clock::now())) hasSaidSo_ = false;
+  const auto now = AuthGate::Clock::now();
+  if (gate_.isQuiet(now)) hasSaidSo_ = false;
   const auto place = std::make_shared<Place>(strand_);
   places_[client] = place;
-  if (const auto refused = gate_.enter(client, std::move(peer))) call(*refused, Turn::tooMany);
+  if (const auto refused = gate_.enter(client, peer, now)) call(*refused, Turn::tooMany);
   callNext();
   if (!place->called.isSet() && !std::exchange(hasSaidSo_, true)) {
-    log_("[BridgeServer] Many wrong pairing codes: attempts wait for their turn");
+    log_("[BridgeServer] Many wrong pairing codes, the latest attempt from " + peer +
+         ": attempts wait for their turn");
   }
   co_await place->called.wait();
   co_return place->turn;

@@ -27,13 +27,13 @@ class AuthQueue : public std::enable_shared_from_this<AuthQueue> {
   enum class Turn {
     yours,    ///< Compare, then tell().
     tooMany,  ///< More wait than may.
-    gone,     ///< withdraw() was called meanwhile.
+    gone,     ///< withdraw() was called meanwhile, which a client's mere leaving does not.
   };
   boost::asio::awaitable<Turn> wait(ClientId client, std::string peer);
 
   void tell(const ClientId& client, bool isRight);
 
-  /// The client has gone; it waits no longer.
+  /// The client has been removed; it waits no longer.
   void withdraw(const ClientId& client);
   void withdrawAll();
 

@@ -64,16 +64,18 @@ asio::awaitable<bool> BridgeServer::waitForAuthTurn(ClientId id) {
 }
 
 asio::awaitable<void> BridgeServer::handleAuth(std::string token, ClientId id) {
-  if (authQueue_) {
+  // Who has shown the code already learns nothing from another comparison.
+  const bool mustWait = authQueue_ && !authenticatedConnections_.contains(id);
+  if (mustWait) {
     const bool mayTry = co_await waitForAuthTurn(id);
     if (!mayTry) co_return;
   }
   const auto code = co_await asio::co_spawn(
       ports_.blockingExecutor, readPairingCode(ports_.preferences), asio::use_awaitable);
   const bool ok = equalsInConstantTime(code, token);
-  if (authQueue_) authQueue_->tell(id, ok);
+  if (mustWait) authQueue_->tell(id, ok);
   if (!connections_.contains(id)) {
-    if (authQueue_) authQueue_->withdraw(id);
+    if (mustWait) authQueue_->withdraw(id);
     co_return;
   }
   if (ok) authenticatedConnections_.insert(id);

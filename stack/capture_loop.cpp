@@ -50,9 +50,11 @@ void CaptureLoop::run() {
     const bool isMoreAtHand = result >= kBurstLimit;
     if (!isMoreAtHand && pause > pause.zero()) std::this_thread::sleep_for(pause);
   }
-  tellDrops(Clock::now(), true);
   const bool hasDied = result < 0 && result != PCAP_ERROR_BREAK && !isStopping_;
-  handlers_.onEnd(hasDied ? std::optional<std::string>(pcap_geterr(handle_.get())) : std::nullopt);
+  std::optional<std::string> death;
+  if (hasDied) death = pcap_geterr(handle_.get());  // Before another call can replace the text.
+  tellDrops(Clock::now(), true);
+  handlers_.onEnd(std::move(death));
 }
 
 void CaptureLoop::tellDrops(Clock::time_point now, bool isLast) {
