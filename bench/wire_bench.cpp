@@ -22,21 +22,15 @@ constexpr const char* kIed = "ied0";
 constexpr std::uint16_t kPort = 8765;
 
 std::string thousands(double rate) {
-  char text[32];
-  std::snprintf(text, sizeof text, rate < 10'000 ? "%.1f k/s" : "%.0f k/s", rate / 1e3);
-  return text;
+  return text(rate < 10'000 ? "%.1f k/s" : "%.0f k/s", rate / 1e3);
 }
 
 std::string microseconds(double time) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.0f us", time);
-  return text;
+  return text("%.0f us", time);
 }
 
 std::string times(double ratio) {
-  char text[32];
-  std::snprintf(text, sizeof text, ratio < 10 ? "%.2f x" : "%.0f x", ratio);
-  return text;
+  return text(ratio < 10 ? "%.2f x" : "%.0f x", ratio);
 }
 
 void printRate(const char* what, double ours, double bare, double target) {
