@@ -86,11 +86,12 @@ TEST_F(WebSocketTls, CarriesTheWholeConversationAndEndsInOrder) {
             "\x81\x05"
             "early");
   client.send(wire(0x81, std::string(100'000, 'q')) + wire(0x89, "p"));
-  EXPECT_TRUE(server.peer(0, 2).reports[1].starts_with("< qqq"));
+  const Peer& peer = server.peer(0, 2);
+  EXPECT_TRUE(peer.reports[1].starts_with("< qqq"));
   EXPECT_EQ(client.read(3), "\x8A\x01p");
 
   constexpr int kFrames = 100;
-  for (int i = 0; i < kFrames; ++i) server.peers[0]->connection->send(frameOf(60'000));
+  for (int i = 0; i < kFrames; ++i) peer.connection->send(frameOf(60'000));
   for (int i = 0; i < kFrames; ++i) {
     ASSERT_EQ(client.read(4 + 60'000).substr(4), std::string(60'000, 'x')) << i;
   }
@@ -101,7 +102,7 @@ TEST_F(WebSocketTls, CarriesTheWholeConversationAndEndsInOrder) {
   EXPECT_FALSE(plain.readHead().starts_with("HTTP"));
   RawClient silent(server.port);
 
-  server.peers[0]->connection->cancel();
+  peer.connection->cancel();
   EXPECT_EQ(client.read(4), "\x88\x02\x03\xE9");
   client.send(wire(0x88, closeFrame(1001).payload));
   EXPECT_EQ(client.read(1), "");
@@ -122,10 +123,10 @@ TEST_F(WebSocketTls, AClientThatDoesNotReadIsDroppedWithItsDescriptors) {
     TlsClient stuck(server.port, file("a.pem"), 4096);
     stuck.send(RawClient::kUpgrade);
     ASSERT_EQ(stuck.readHead().substr(0, 12), "HTTP/1.1 101");
-    server.peer(0);
+    const Peer& peer = server.peer(0);
     // Slowly enough for all that lies between to fill up.
     for (int i = 0; i < 2000 && server.reportsOf(0).size() < 3; ++i) {
-      server.peers[0]->connection->send(frameOf(64 << 10));
+      peer.connection->send(frameOf(64 << 10));
       std::this_thread::sleep_for(1ms);
     }
     server.peer(0, 3);
