@@ -368,7 +368,7 @@ TEST_F(WebSocketConformance, Handshakes) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    const std::size_t n = server.peers.size();
+    const std::size_t n = server.peerCount();
     RawClient client(server.port);
     client.send(c.request, c.request.size() > 1'000 ? 9'973 : 11);
     const auto head = client.readHead();

@@ -64,12 +64,16 @@ class Server {
 
   ~Server() {
     listener_->cancel();
-    for (auto& peer : peers) {
-      if (peer->connection) peer->connection->cancel();
+    {
+      const std::lock_guard lock(mutex_);
+      isEnding_ = true;
+      for (const auto& peer : peers_) {
+        if (peer->connection) peer->connection->cancel();
+      }
     }
     work_.reset();  // run() returns when every socket and coroutine has ended
     for (auto& thread : threads_) thread.join();
-    peers.clear();  // sockets go before their context
+    peers_.clear();  // sockets go before their context
   }
 
   WebSocketListener& listener() { return *listener_; }
@@ -82,27 +86,34 @@ class Server {
   /// The n-th connection in the order of acceptance, once it has made so many reports.
   Peer& peer(std::size_t n, std::size_t reports = 1) {
     EXPECT_TRUE(
-        eventually([&] { return peers.size() > n && peers[n]->reports.size() >= reports; }));
-    return *peers.at(n);
+        eventually([&] { return peers_.size() > n && peers_[n]->reports.size() >= reports; }));
+    const std::lock_guard lock(mutex_);
+    return *peers_.at(n);
+  }
+
+  std::size_t peerCount() {
+    const std::lock_guard lock(mutex_);
+    return peers_.size();
   }
 
   std::vector<std::string> reportsOf(std::size_t n) {
     const std::lock_guard lock(mutex_);
-    return peers.at(n)->reports;
+    return peers_.at(n)->reports;
   }
 
   const std::uint16_t port = freePort();
   std::vector<std::string> listenerReports;
-  std::vector<std::unique_ptr<Peer>> peers;
 
  private:
   void accept(std::shared_ptr<WebSocketConnection> connection) {
     Peer* peer = nullptr;
     {
       const std::lock_guard lock(mutex_);
-      peers.push_back(std::make_unique<Peer>());
-      peer = peers.back().get();
+      if (isEnding_) return;
+      peers_.push_back(std::make_unique<Peer>());
+      peer = peers_.back().get();
       peer->connection = connection;
+      changed_.notify_all();
     }
     connection->send(TextFrame::copyOf("early"));
     connection->start(
@@ -150,8 +161,10 @@ class Server {
       context_.get_executor()};
   std::unique_ptr<WebSocketTransport> transport_;
   std::shared_ptr<WebSocketListener> listener_;
-  std::mutex mutex_;
+  std::mutex mutex_;  // guards what follows, all reports, and each peer's connection when it is new
   std::condition_variable changed_;
+  std::vector<std::unique_ptr<Peer>> peers_;
+  bool isEnding_ = false;
   std::array<std::thread, 2> threads_;
 };
 

@@ -57,14 +57,14 @@ TEST(WebSocketTransport, AClientThatDoesNotReadIsDroppedAlone) {
   const auto isDropped = [&] { return server.reportsOf(0).size() > 1; };
   int sent = 0;
   for (; sent < 2000 && !isDropped(); ++sent) {
-    for (const auto& peer : server.peers) peer->connection->send(frame);
+    for (std::size_t n = 0; n < server.peerCount(); ++n) server.peer(n).connection->send(frame);
     ASSERT_EQ(reader.read().payload.size(), std::size_t{64 << 10});
   }
   const auto full = make_error_code(WebSocketError::sendQueueFull).message();
   auto reports = server.peer(0, 3).reports;
   std::sort(reports.begin(), reports.end());
   EXPECT_EQ(reports, (std::vector<std::string>{"end: " + full, "failed: " + full, "ready"}));
-  server.peers[1]->connection->send(TextFrame::copyOf("still here"));
+  server.peer(1).connection->send(TextFrame::copyOf("still here"));
   EXPECT_EQ(reader.read(), (Frame{kText, "still here"}));
 }
 
@@ -74,8 +74,8 @@ TEST(WebSocketTransport, SmallFramesFillTheQueueByTheirMemory) {
   limits.sendQueue = 1 << 20;
   Server server(limits);
   RawClient silent(server.port);  // without its upgrade, frames wait
-  ASSERT_TRUE(server.eventually([&] { return !server.peers.empty(); }));
-  for (int i = 0; i < 10'000; ++i) server.peers[0]->connection->send(frameOf(1));
+  Peer& peer = server.peer(0, 0);
+  for (int i = 0; i < 10'000; ++i) peer.connection->send(frameOf(1));
   EXPECT_EQ(server.peer(0).reports[0],
             "failed: " + make_error_code(WebSocketError::sendQueueFull).message());
 }
@@ -142,7 +142,7 @@ TEST(WebSocketTransport, AClientWhoseMessagesNobodyTakesIsNotIdle) {
   auto client = RawClient::upgraded(server.port);
   server.peer(0);
   std::this_thread::sleep_for(400ms);
-  server.peers[0]->connection->send(TextFrame::copyOf("alive"));
+  server.peer(0).connection->send(TextFrame::copyOf("alive"));
   EXPECT_EQ(client.read(), (Frame{kText, "alive"}));
 }
 
@@ -315,12 +315,12 @@ TEST(WebSocketClient, TellsHowItEnded) {
     EXPECT_EQ(client.receive().value().data, "early");
     EXPECT_EQ(client.receive(20ms).error(), WebSocketClientError::timedOut);
     ASSERT_TRUE(client.sendText("hello"));
-    const auto n = server.peers.size() - 1;
+    const auto n = server.peerCount() - 1;
     EXPECT_EQ(server.peer(n, 2).reports[1], "< hello");
-    server.peers[n]->connection->send(TextFrame::copyOf("late"));
+    server.peer(n).connection->send(TextFrame::copyOf("late"));
     EXPECT_EQ(client.receive().value().data, "late");
     EXPECT_EQ(client.closeCode(), 0);
-    server.peers[n]->connection->cancel();
+    server.peer(n).connection->cancel();
     EXPECT_EQ(client.receive().error(), WebSocketClientError::closed);
     EXPECT_EQ(client.closeCode(), 1001);
   }
