@@ -12,7 +12,8 @@
 namespace tarnlink {
 
 /// Takes the TLS off a connection: what is inside comes and goes through a local socket pair, so
-/// that the road of plain connections stays as it is. Costs two more descriptors and two copies.
+/// that the road of plain connections stays as it is. Costs two more descriptors and two copies,
+/// and all connections together a thread.
 class TlsTerminator {
  public:
   virtual ~TlsTerminator() = default;
@@ -25,7 +26,8 @@ class TlsTerminator {
 };
 
 /// Reads a certificate with its chain and its key (PEM; without a password). The error names the
-/// file and what is wrong with it. TLS 1.2 and 1.3.
+/// file and what is wrong with it. TLS 1.2 and 1.3. The plug-in that knows TLS is looked for where
+/// it is installed, and beside the program.
 boost::system::result<std::shared_ptr<const TlsTerminator>, std::string> loadTlsTerminator(
     const std::filesystem::path& certificate, const std::filesystem::path& key);
 

@@ -118,18 +118,21 @@ TEST_F(WebSocketTls, AClientThatDoesNotReadIsDroppedWithItsDescriptors) {
   WebSocketLimits limits;
   limits.sendQueue = 1 << 20;
   Server server(limits, Server::Messages::recorded, access);
+  TlsClient(server.port, file("a.pem"));  // The first connection opens what stays open.
+  server.peer(0);
+  std::this_thread::sleep_for(200ms);
   const auto before = descriptors();
   {
     TlsClient stuck(server.port, file("a.pem"), 4096);
     stuck.send(RawClient::kUpgrade);
     ASSERT_EQ(stuck.readHead().substr(0, 12), "HTTP/1.1 101");
-    const Peer& peer = server.peer(0);
+    const Peer& peer = server.peer(1);
     // Slowly enough for all that lies between to fill up.
-    for (int i = 0; i < 2000 && server.reportsOf(0).size() < 3; ++i) {
+    for (int i = 0; i < 2000 && server.reportsOf(1).size() < 3; ++i) {
       peer.connection->send(frameOf(64 << 10));
       std::this_thread::sleep_for(1ms);
     }
-    server.peer(0, 3);
+    server.peer(1, 3);
     // The client's own descriptors are left.
     for (int i = 0; i < 200 && descriptors() > before + 4; ++i) std::this_thread::sleep_for(20ms);
     while (!stuck.end()) stuck.read(1 << 16);

@@ -1,12 +1,18 @@
-#include "platform/tls_terminator.h"
+#include "platform/tls_plugin.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <array>
 #include <boost/asio/as_tuple.hpp>
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
-#include <boost/asio/local/connect_pair.hpp>
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/ssl/context.hpp>
 #include <boost/asio/ssl/stream.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -15,8 +21,11 @@
 #include <boost/system/system_error.hpp>
 #include <cerrno>
 #include <chrono>
-#include <fstream>
-#include <system_error>
+#include <exception>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
 #include <utility>
 
 namespace tarnlink {
@@ -36,7 +45,7 @@ constexpr std::chrono::milliseconds kInsideGone{1'000};
 
 constexpr auto kWait = asio::as_tuple(asio::use_awaitable);
 
-/// One connection. Keeps itself alive while anything is under way; everything runs on its strand.
+/// One connection. Keeps itself alive while anything is under way; everything runs on one thread.
 class Pump : public std::enable_shared_from_this<Pump> {
  public:
   Pump(tcp::socket socket, ssl::context& context, Local inside)
@@ -147,57 +156,86 @@ class Pump : public std::enable_shared_from_this<Pump> {
   bool isEnded_ = false;
 };
 
-class Terminator final : public TlsTerminator {
+class Pumps final : public TlsPumps {
  public:
-  explicit Terminator(ssl::context context) : context_(std::move(context)) {}
+  explicit Pumps(ssl::context context)
+      : context_(std::move(context)), thread_([this] { io_.run(); }) {}
+  ~Pumps() override {
+    io_.stop();
+    thread_.join();
+  }
+  Pumps(const Pumps&) = delete;
+  Pumps& operator=(const Pumps&) = delete;
 
-  boost::system::result<GatheredStream::Socket> terminate(tcp::socket socket) const override {
-    Local inside(socket.get_executor());
-    Local outside(socket.get_executor());
-    error_code error;
-    asio::local::connect_pair(inside, outside, error);
-    if (error) return error;
-    try {
-      std::make_shared<Pump>(std::move(socket), context_, std::move(inside))->start();
-    } catch (const boost::system::system_error& failure) {  // OpenSSL has no memory, for example.
-      return failure.code();
+  int pump(int socket) override {
+    std::array<int, 2> pair{};
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair.data()) != 0) {
+      const int error = errno;
+      ::close(socket);
+      return -error;
     }
-    return GatheredStream::Socket(std::move(outside));
+    asio::post(io_, [this, socket, inside = pair[0]] { start(socket, inside); });
+    return pair[1];
   }
 
  private:
-  mutable ssl::context context_;  // Connections only read it; OpenSSL counts references in it.
+  void start(int outside, int inside) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    ::getsockname(outside, reinterpret_cast<sockaddr*>(&address), &length);
+    tcp::socket socket(io_);
+    Local local(io_);
+    error_code error;
+    error_code localError;
+    socket.assign(address.ss_family == AF_INET6 ? tcp::v6() : tcp::v4(), outside, error);
+    local.assign(asio::local::stream_protocol(), inside, localError);
+    if (error) ::close(outside);
+    if (localError) ::close(inside);
+    if (error || localError) return;
+    try {
+      std::make_shared<Pump>(std::move(socket), context_, std::move(local))->start();
+    } catch (const std::exception&) {  // OpenSSL has no memory: both ends have been closed.
+      return;
+    }
+  }
+
+  ssl::context context_;
+  asio::io_context io_{1};
+  asio::executor_work_guard<asio::io_context::executor_type> work_{io_.get_executor()};
+  std::thread thread_;
 };
 
-std::string whyUnreadable(const std::filesystem::path& file) {
-  errno = 0;
-  const std::ifstream stream(file);
-  if (stream && std::filesystem::is_regular_file(file)) return {};
-  return std::generic_category().message(errno != 0 ? errno : EINVAL);
+/// Throws std::runtime_error with the file's name and what is wrong with it.
+ssl::context contextOf(const char* certificate, const char* key) {
+  ssl::context context(ssl::context::tls_server);
+  context.set_options(ssl::context::default_workarounds | ssl::context::no_tlsv1 |
+                      ssl::context::no_tlsv1_1 | SSL_OP_NO_RENEGOTIATION);
+  // Without this OpenSSL would ask on the terminal.
+  context.set_password_callback([](std::size_t, ssl::context::password_purpose) { return ""; });
+  error_code error;
+  context.use_certificate_chain_file(certificate, error);
+  if (error) {
+    throw std::runtime_error(std::string(certificate) +
+                             ": no certificate in PEM: " + error.message());
+  }
+  context.use_private_key_file(key, ssl::context::pem, error);
+  if (error) {
+    throw std::runtime_error(std::string(key) +
+                             ": not the certificate's key in PEM: " + error.message());
+  }
+  return context;
 }
 
 }  // namespace
 
-boost::system::result<std::shared_ptr<const TlsTerminator>, std::string> loadTlsTerminator(
-    const std::filesystem::path& certificate, const std::filesystem::path& key) {
-  for (const auto& file : {certificate, key}) {
-    if (const auto reason = whyUnreadable(file); !reason.empty()) {
-      return file.string() + ": " + reason;
-    }
+extern "C" TlsPumps* tarnlinkMakeTlsPumps(const char* certificate, const char* key,
+                                          std::string& error) {
+  try {
+    return std::make_unique<Pumps>(contextOf(certificate, key)).release();
+  } catch (const std::exception& failure) {
+    error = failure.what();
+    return nullptr;
   }
-  ssl::context context(ssl::context::tls_server);
-  error_code error;
-  context.set_options(ssl::context::default_workarounds | ssl::context::no_tlsv1 |
-                          ssl::context::no_tlsv1_1 | SSL_OP_NO_RENEGOTIATION,
-                      error);
-  context.use_certificate_chain_file(certificate, error);
-  if (error) return certificate.string() + ": no certificate in PEM: " + error.message();
-  // Without this OpenSSL would ask on the terminal.
-  context.set_password_callback([](std::size_t, ssl::context::password_purpose) { return ""; },
-                                error);
-  context.use_private_key_file(key, ssl::context::pem, error);
-  if (error) return key.string() + ": not the certificate's key in PEM: " + error.message();
-  return std::make_shared<const Terminator>(std::move(context));
 }
 
 }  // namespace tarnlink
