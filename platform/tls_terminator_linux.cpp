@@ -53,7 +53,7 @@ boost::system::result<MakeTlsPumps, std::string> loadPlugin() {
     void* const library = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     void* const symbol = library != nullptr ? ::dlsym(library, kMakeTlsPumps) : nullptr;
     if (symbol != nullptr) return reinterpret_cast<MakeTlsPumps>(symbol);
-    reason = ::dlerror();
+    reason = ::dlerror();  // NOLINT(concurrency-mt-unsafe): each thread has its own in glibc
   }
   return "TLS needs a plug-in: " + reason;
 }
