@@ -48,8 +48,9 @@ boost::system::result<MakeTlsPumps, std::string> loadPlugin() {
   std::error_code ignored;
   const auto folder = fs::read_symlink("/proc/self/exe", ignored).parent_path();
   std::string reason;
+  // Beside the program as it is built; the error names the place where it is installed.
   for (const auto& path :
-       {folder / TARNLINK_PLUGINS / TARNLINK_TLS_PLUGIN, folder / TARNLINK_TLS_PLUGIN}) {
+       {folder / TARNLINK_TLS_PLUGIN, folder / TARNLINK_PLUGINS / TARNLINK_TLS_PLUGIN}) {
     void* const library = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     void* const symbol = library != nullptr ? ::dlsym(library, kMakeTlsPumps) : nullptr;
     if (symbol != nullptr) return reinterpret_cast<MakeTlsPumps>(symbol);
