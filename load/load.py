@@ -103,8 +103,8 @@ class Follower(bus.Client):
             end = match.end()
         self.buffer = self.buffer[end:]
 
-    def take_all(self, count):
-        self.socket.settimeout(SILENCE)
+    def take_all(self, count, silence=SILENCE):
+        self.socket.settimeout(silence)
         try:
             while self.taken < count:
                 self.take()
@@ -275,6 +275,10 @@ def unread_answers(daemon, quick):
 def stopped(daemon, quick):
     """Half of the clients are stopped for a while and then go on: nobody has lost a frame."""
     count, frames, rate = (20, 2_000, 1000) if quick else (100, 20_000, 2000)
+    duration = frames / rate
+    # A segment for which a stopped client had no room is sent again at intervals that double
+    # (RFC 6298, 5.5): the next one comes as long after the stop as that has lasted, at most.
+    silence = SILENCE + 2 * duration
     everybody_ready = multiprocessing.Barrier(count + 1)
     results = multiprocessing.Queue()
 
@@ -282,7 +286,7 @@ def stopped(daemon, quick):
         follower = Follower(daemon.code, STOPPED_BUFFER)
         everybody_ready.wait()
         try:
-            follower.take_all(frames)
+            follower.take_all(frames, silence)
             results.put("all")
         except Failed as failure:
             results.put(str(failure))
@@ -291,7 +295,6 @@ def stopped(daemon, quick):
     for client in clients:
         client.start()
     everybody_ready.wait()
-    duration = frames / rate
     before = memory(daemon)
     sender = send_frames(frames, rate)
     time.sleep(duration * 0.2)
