@@ -61,6 +61,7 @@ class TransportServer final : public BurstServer {
     connection->start(
         [this, connection](const TransportState& state) {
           if (!std::holds_alternative<TransportReady>(state)) return;
+          connection->setStanding(Standing::admitted);
           asio::co_spawn(strand_, receiveAll(connection), asio::detached);
           asio::post(strand_, [this, connection] { connections_.push_back(connection); });
         },

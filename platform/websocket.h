@@ -69,9 +69,24 @@ boost::system::error_code make_error_code(WebSocketError error);
 struct TransportReady {};
 struct TransportFailed {
   boost::system::error_code error;
+  /// What of the peer's the error is about: the refused Origin or Host, for example. From outside,
+  /// but printable and of bounded length. Empty where there is nothing to add.
+  std::string detail = {};
 };
 struct TransportCancelled {};
-using TransportState = std::variant<TransportReady, TransportFailed, TransportCancelled>;
+/// Connections alone: the peer has gone while nobody was receiving, who would have been told.
+struct TransportLost {
+  boost::system::error_code error;
+};
+using TransportState =
+    std::variant<TransportReady, TransportFailed, TransportCancelled, TransportLost>;
+
+/// What a connection's owner knows about its peer.
+enum class Standing {
+  stranger,  ///< As accepted. Messages are short, and time to be admitted is limited.
+  waiting,   ///< An attempt to be admitted waits for its turn: that time does not count.
+  admitted,
+};
 
 /// One complete incoming message. The data of a text message is UTF-8.
 struct WebSocketMessage {
@@ -108,14 +123,17 @@ class WebSocketConnection {
   /// has to wait.
   virtual boost::asio::awaitable<boost::system::result<WebSocketMessage>> receive() = 0;
 
-  /// Queues a frame and returns at once; before Ready, frames wait for the end of the handshake.
-  /// All frames queued in one turn of the executor leave with one gathered write. Frames for a
-  /// connection that is closing or gone are dropped.
+  /// Tells the transport whom it has there. Until then the peer is a stranger.
+  virtual void setStanding(Standing standing) = 0;
+
+  /// For answers. Queues a frame and returns at once; before Ready, frames wait for the end of the
+  /// handshake. All frames queued in one turn of the executor leave with one gathered write. Frames
+  /// for a connection that is closing or gone are dropped.
   virtual void send(SharedTextFrame frame) = 0;
 
-  /// Queues frames in their order, as send() does, but pays for the queue once for all of them. On
-  /// the transport's own executor they are written at once, while they are in the cache. Takes
-  /// the frames, but not the storage of the list.
+  /// For events. Queues frames in their order, as send() does, but pays for the queue once for all
+  /// of them. On the transport's own executor they are written at once, while they are in the
+  /// cache. Takes the frames, but not the storage of the list.
   virtual void sendBurst(std::span<SharedTextFrame> frames) = 0;
 
   /// Ends the connection: close code 1001 if the peer reads, then the socket is closed, after one

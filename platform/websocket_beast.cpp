@@ -82,6 +82,7 @@ class Session : public std::enable_shared_from_this<Session> {
   GatheredStream::executor_type strand() { return stream().get_executor(); }
 
   void start(StateHandler onState, SendErrorHandler onSendError);
+  void setStanding(Standing standing) { standing_ = standing; }
   void send(SharedTextFrame frame);
   void sendBurst(std::span<SharedTextFrame> frames);
   void cancel();
@@ -141,6 +142,7 @@ class Session : public std::enable_shared_from_this<Session> {
   asio::steady_timer timer_;
 
   Phase phase_ = Phase::accepted;
+  Standing standing_ = Standing::stranger;
   StateHandler onState_;
   SendErrorHandler onSendError_;
   bool failed_ = false;  // Failed has been reported
@@ -532,6 +534,11 @@ class Connection final : public WebSocketConnection {
 
   asio::awaitable<boost::system::result<WebSocketMessage>> receive() override {
     return receiveFrom(session_);
+  }
+
+  void setStanding(Standing standing) override {
+    asio::post(session_->strand(),
+               [session = session_, standing] { session->setStanding(standing); });
   }
 
   void send(SharedTextFrame frame) override { session_->send(std::move(frame)); }

@@ -277,7 +277,10 @@ SharedTextFrame BridgeServer::toFrame(JsonWriter writer) {
 
 bool BridgeServer::broadcast(std::string_view text) {
   const auto frame = TextFrame::copyOf(text);
-  for (const auto& [id, connection] : connections_) connection->send(frame);
+  for (const auto& [id, connection] : connections_) {
+    SharedTextFrame shared = frame;
+    connection->sendBurst({&shared, 1});
+  }
   return !connections_.empty();
 }
 

@@ -54,7 +54,9 @@ asio::awaitable<void> BridgeServer::handleText(std::string text, ClientId id) {
 // say that its code is wrong.
 asio::awaitable<bool> BridgeServer::waitForAuthTurn(ClientId id) {
   const auto connection = connections_.at(id);
+  connection->setStanding(Standing::waiting);
   const auto turn = co_await authQueue_->wait(id, connection->peer());
+  connection->setStanding(Standing::stranger);
   if (turn == AuthQueue::Turn::tooMany && connections_.contains(id)) {
     log("[BridgeServer] client " + toText(id) + " dropped: too many attempts to authenticate wait");
     removeConnection(id);
@@ -78,7 +80,10 @@ asio::awaitable<void> BridgeServer::handleAuth(std::string token, ClientId id) {
     if (mustWait) authQueue_->withdraw(id);
     co_return;
   }
-  if (ok) authenticatedConnections_.insert(id);
+  if (ok) {
+    authenticatedConnections_.insert(id);
+    connections_.at(id)->setStanding(Standing::admitted);
+  }
   sendText(BridgeEventEncoder::authResult(ok), id);
   log("[BridgeServer] client " + toText(id) + (ok ? " authenticated" : " auth failed"));
 }

@@ -115,6 +115,7 @@ class Server {
       peer->connection = connection;
       changed_.notify_all();
     }
+    connection->setStanding(Standing::admitted);
     connection->send(TextFrame::copyOf("early"));
     connection->start(
         [this, peer](const TransportState& state) {

@@ -44,6 +44,7 @@ class FakeConnection final : public WebSocketConnection {
     if (isClosed_) co_return asio::error::make_error_code(asio::error::connection_reset);
     co_return std::move(batch_.records()[next_++]);
   }
+  void setStanding(Standing) override {}
   void send(SharedTextFrame frame) override {
     const std::lock_guard hold(lock_);
     sent.push_back(std::move(frame));
