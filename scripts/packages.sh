@@ -11,7 +11,7 @@ build_packages=(
 )
 
 # To build and run the desktop program as well.
-desktop_packages=(qt6-base-dev libqt6svg6-dev libxcb1-dev acl libcap2-bin)
+desktop_packages=(qt6-base-dev qt6-svg-dev libxcb1-dev acl libcap2-bin)
 
 # To build and run the tests and benches as well.
 test_packages=(
