@@ -42,9 +42,12 @@ def serve(daemon):
         first.say("publish_goose", **bus.publication(reference))
         first.await_event("bridge_status")
     first.say("publish_sv_apdu", pduBase64="QAAAEwAAAABgCYABAYABAQE=", interface=bus.BUS)
-    first.say("set_interface", name=bus.BUS)
+    first.say("set_interface", interface=bus.BUS)
+    first.await_event("bridge_status")
     first.say("publish_goose", **bus.publication("none", interface="nosuch0"))
-    first.await_event("error")
+    refusal = first.await_event("error")
+    if not refusal["error"].startswith("Publish failed: nosuch0"):
+        raise RuntimeError(f"another error than that of the missing interface: {refusal}")
     first.socket.sendall(b"\xff garbage")
     with socket.create_connection(("127.0.0.1", bus.PORT)) as half:
         half.sendall(bus.UPGRADE[:40])
