@@ -245,6 +245,7 @@ asio::awaitable<void> BridgeServer::receiveLoop(std::weak_ptr<BridgeServer> weak
 void BridgeServer::removeConnection(const ClientId& id) {
   connections_.erase(id);
   authenticatedConnections_.erase(id);
+  owners_.erase(id);
   if (authQueue_) authQueue_->withdraw(id);
   if (gooseSubscribers_.erase(id) != 0 && gooseSubscribers_.empty()) {
     spawn(stopCaptureIfNeeded());

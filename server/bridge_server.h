@@ -61,6 +61,10 @@ struct BridgePorts {
   std::chrono::milliseconds recoveryPause{5'000};
   /// Nothing: wrong pairing codes meet neither delay nor lockout.
   std::optional<AuthDelay> authDelay = std::nullopt;
+  /// Taken by `auth` like the pairing code, but at once: the program that started this one need not
+  /// queue behind guessers. Too long to be guessed. Its client is told each interface that the
+  /// bridge chooses by itself. Empty: there is none.
+  std::string ownerToken = {};
 };
 
 inline constexpr std::uint16_t kDefaultBridgePort = 8765;
@@ -197,6 +201,7 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
   std::uint16_t activePort_ = kDefaultBridgePort;
   std::map<ClientId, Connection> connections_;
   std::set<ClientId> authenticatedConnections_;
+  std::set<ClientId> owners_;             // Those of them that have sent the owner's token.
   std::shared_ptr<AuthQueue> authQueue_;  // Null: attempts need not wait.
   std::unique_ptr<ServiceAdvertiser> advertiser_;
 

@@ -27,6 +27,8 @@ void BridgeServer::chooseInterface() {
   if (!activeInterface_.empty()) return;
   const auto listed = ports_.listInterfaces(BridgePorts::Names::fallback);
   rememberActiveInterface(listed.empty() ? kLastResortInterface : listed.front().name);
+  // Else nobody would learn of it but the client whose command needs an interface.
+  for (const auto& owner : owners_) sendStatus(owner);
 }
 
 asio::awaitable<void> BridgeServer::handleSubscribeGoose(std::optional<std::string> appIdFilter,

@@ -13,6 +13,7 @@
 #include <boost/asio/thread_pool.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <csignal>
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <utility>
@@ -44,6 +45,9 @@ constexpr int kExitStartFailed = 1;
 constexpr std::chrono::milliseconds kCloseTime{1'200};
 // Captures open here, and one slow look-up of display names must not hold them up.
 constexpr std::size_t kBlockingThreads = 2;
+// Of the owner's token, in characters: 128 bits in hexadecimal digits, and room for other forms.
+constexpr std::size_t kShortestToken = 32;
+constexpr std::size_t kLongestToken = 256;
 
 class SystemNames final : public InterfaceNameSource {
  public:
@@ -60,6 +64,16 @@ std::vector<NetworkInterfaceInfo> listInterfaces(BridgePorts::Names names) {
 
 std::unique_ptr<ServiceAdvertiser> makeAdvertiser(std::int32_t port) {
   return std::make_unique<BridgeAdvertiser>(port, logToConsole);
+}
+
+// Empty when there is no line, or one that is shorter than a token may be.
+std::string readOwnerToken() {
+  std::string line;
+  char octet = 0;
+  while (line.size() < kLongestToken && ::read(STDIN_FILENO, &octet, 1) == 1 && octet != '\n') {
+    line += octet;
+  }
+  return octet == '\n' && line.size() >= kShortestToken ? line : std::string();
 }
 
 /// Owns everything that lives while the bridge serves.
@@ -107,6 +121,7 @@ class BridgeProcess {
         .blockingExecutor = blocking_.executor(),
         .makeAdvertiser = options.advertise ? AdvertiserFactory(makeAdvertiser) : nullptr,
         .authDelay = options.authDelay ? std::optional(AuthDelay()) : std::nullopt,
+        .ownerToken = options.ownerToken,
     };
   }
 
@@ -173,6 +188,14 @@ int runBridgeProcess(DaemonOptions options) {
   if (options.showPairingCode) {
     logToConsole(pairingCode(*makePreferenceStore(options.preferences, logToConsole)));
     return 0;
+  }
+  if (options.readsOwnerToken) {
+    options.ownerToken = readOwnerToken();
+    if (options.ownerToken.empty()) {
+      logToConsole("[KorvelTarnlink] Start failed: no token of " + std::to_string(kShortestToken) +
+                   " characters or more on standard input");
+      return kExitStartFailed;
+    }
   }
   if (!options.tlsCertificate.empty()) {
     const auto tls = loadTlsTerminator(options.tlsCertificate, options.tlsKey);

@@ -80,6 +80,20 @@ void addAccessOptions(CLI::App& app, WebSocketAccess& access) {
 
 }  // namespace
 
+void addServiceOptions(CLI::App& app, DaemonOptions& options) {
+  app.add_option("--port", options.port, "TCP port of the WebSocket server")
+      ->check(CLI::Range(0, int{std::numeric_limits<std::uint16_t>::max()}))
+      ->capture_default_str();
+  app.add_option("--interface", options.interface,
+                 "Interface for capture and publishing in this run; not stored");
+  app.add_flag("!--no-advertise", options.advertise, "Do not announce the bridge by DNS-SD");
+  app.add_flag("--low-latency", options.lowLatency,
+               "Take each frame from the kernel at once instead of within 100 ms");
+  addAccessOptions(app, options.access);
+  app.add_flag("--auth-delay", options.authDelay,
+               "Compare at most one wrong pairing code a second after the first ten");
+}
+
 std::variant<DaemonOptions, ExitCode> parseDaemonOptions(int argc, const char* const* argv) {
   DaemonOptions options;
   options.preferences = defaultPreferenceFile();
@@ -87,19 +101,11 @@ std::variant<DaemonOptions, ExitCode> parseDaemonOptions(int argc, const char* c
   CLI::App app("tarnlinkd - bridge between IEC 61850 layer-2 traffic and WebSocket clients");
   app.footer(kFooter);
   app.set_version_flag("--version", "tarnlinkd " + std::string(BridgeEventEncoder::appVersion()));
-  app.add_option("--port", options.port, "TCP port of the WebSocket server")
-      ->check(CLI::Range(0, int{std::numeric_limits<std::uint16_t>::max()}))
-      ->capture_default_str();
-  app.add_option("--interface", options.interface,
-                 "Interface for capture and publishing in this run; not stored");
+  addServiceOptions(app, options);
   app.add_option("--preferences", options.preferences, "File of the preferences")
       ->capture_default_str();
-  app.add_flag("!--no-advertise", options.advertise, "Do not announce the bridge by DNS-SD");
-  app.add_flag("--low-latency", options.lowLatency,
-               "Take each frame from the kernel at once instead of within 100 ms");
   app.add_flag("--show-pairing-code", options.showPairingCode,
                "Print the pairing code, making one when there is none, and exit");
-  addAccessOptions(app, options.access);
   auto* const certificate =
       app.add_option("--tls-cert", options.tlsCertificate,
                      "Serve TLS (wss) alone, with this certificate and its chain (PEM)")
@@ -108,10 +114,11 @@ std::variant<DaemonOptions, ExitCode> parseDaemonOptions(int argc, const char* c
                         ->type_name("FILE")
                         ->needs(certificate);
   certificate->needs(key);
-  app.add_flag("--auth-delay", options.authDelay,
-               "Compare at most one wrong pairing code a second after the first ten");
   app.add_flag("--until-input-ends", options.untilInputEnds,
                "Stop when standard input ends, and so with the program that started this one");
+  app.add_flag("--owner-token", options.readsOwnerToken,
+               "Read a token from the first line of standard input, for the program that started "
+               "this one: taken like the pairing code, without delay");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

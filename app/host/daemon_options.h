@@ -8,6 +8,10 @@
 
 #include "platform/websocket.h"
 
+namespace CLI {
+class App;
+}
+
 namespace tarnlink {
 
 struct DaemonOptions {
@@ -20,8 +24,10 @@ struct DaemonOptions {
   WebSocketAccess access;
   std::filesystem::path tlsCertificate;  ///< With tlsKey: TLS alone is served. Empty: none is.
   std::filesystem::path tlsKey;
-  bool authDelay = false;       ///< Slow down wrong pairing codes.
-  bool untilInputEnds = false;  ///< Stop when standard input ends, as when its writer has ended.
+  bool authDelay = false;        ///< Slow down wrong pairing codes.
+  bool untilInputEnds = false;   ///< Stop when standard input ends, as when its writer has ended.
+  bool readsOwnerToken = false;  ///< The first line of standard input becomes ownerToken.
+  std::string ownerToken;        ///< See BridgePorts.
 };
 
 /// The program is to end at once: after --help and --version (0), or on bad usage (2). What there
@@ -30,6 +36,9 @@ struct ExitCode {
   int value;
 };
 inline constexpr int kExitUsage = 2;
+
+/// Adds the options that say how and for whom the bridge serves; they hold wherever it runs.
+void addServiceOptions(CLI::App& app, DaemonOptions& options);
 
 std::variant<DaemonOptions, ExitCode> parseDaemonOptions(int argc, const char* const* argv);
 

@@ -25,6 +25,9 @@ namespace tarnlink::test {
 namespace asio = boost::asio;
 using Json = nlohmann::json;
 
+/// Of the bridges whose attempts wait; the others have none.
+inline constexpr const char* kOwnerToken = "0123456789abcdef0123456789abcdef";
+
 /// A client as the server sees it. Safe from any thread.
 class FakeConnection final : public WebSocketConnection {
  public:
@@ -321,6 +324,7 @@ class BridgeHarness {
         .makeAdvertiser = {},
         .recoveryPause = std::chrono::milliseconds(20),
         .authDelay = authDelay,
+        .ownerToken = authDelay ? std::string(kOwnerToken) : std::string(),
     };
   }
 

@@ -168,6 +168,12 @@ TEST(AuthDelayTest, WrongCodesWaitRightOnesFollowAndNobodyIsLeftBehind) {
   EXPECT_TRUE(bridge.logged(
       "[BridgeServer] Many wrong pairing codes, the latest attempt from 192.0.2.1: attempts wait "
       "for their turn"));
+  const auto starter = bridge.connect();
+  const auto admitted =
+      bridge.ask(starter, std::string(R"({"cmd":"auth","token":")") + test::kOwnerToken + "\"}");
+  ASSERT_EQ(admitted.size(), 2U) << "who started the bridge need not queue behind guessers";
+  EXPECT_EQ(admitted[0]["ok"], true);
+  EXPECT_EQ(admitted[1]["activeInterface"], "");
   const auto gone = bridge.connect();
   bridge.say(gone, kRight);
   gone->close(TransportFailed{asio::error::connection_reset});
@@ -179,6 +185,8 @@ TEST(AuthDelayTest, WrongCodesWaitRightOnesFollowAndNobodyIsLeftBehind) {
   bridge.settle();
   EXPECT_EQ(bridge.ask(owner, kWrong).at(0)["ok"], false) << "who is in need not wait";
   EXPECT_EQ(bridge.ask(owner, kRight).at(0)["ok"], true);
+  bridge.say(owner, kSubscribe);
+  EXPECT_EQ(bridge.take(starter).at(0)["activeInterface"], "en0") << "chosen by the bridge";
   EXPECT_TRUE(bridge.await(bridge.server->stop())) << "waits for nobody's turn";
 }
 
