@@ -2,6 +2,7 @@
 #pragma once
 
 #include <boost/system/result.hpp>
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -27,7 +28,7 @@ struct ProcessOutcome {
   int shellStatus() const { return signal == 0 ? exitStatus : 128 + signal; }
 };
 
-/// Runs programs one at a time. Tests script it.
+/// Runs programs. Tests script it.
 class ProcessRunner {
  public:
   virtual ~ProcessRunner() = default;
@@ -36,7 +37,8 @@ class ProcessRunner {
   /// empty input, the three standard descriptors alone, default signal handling, a process group
   /// of its own and a fixed small environment: the user's could lead a privileged tool astray.
   /// Processes that it leaves behind are not waited for. Fails with the system's error when the
-  /// program cannot be started and with operation_canceled after cancel().
+  /// program cannot be started, with operation_canceled after cancel() and with timed_out for one
+  /// that was ended because it took too long. Safe from any thread; calls do not wait for others.
   virtual boost::system::result<ProcessOutcome> run(const std::vector<std::string>& argv) = 0;
 
   /// Ends the running program with all of its group, and fails every later run(). Safe from any
@@ -44,10 +46,11 @@ class ProcessRunner {
   virtual void cancel() = 0;
 };
 
-/// One that really starts programs; run() is for one thread at a time. A cancelled program gets
+/// One that really starts programs. A program that is cancelled, or still runs after `limit`, gets
 /// half a second to end after SIGTERM, then SIGKILL; one that cannot be killed because it runs as
 /// another user is left to itself after another half second. Throws std::system_error where no
 /// descriptor is to be had.
-std::unique_ptr<ProcessRunner> makeProcessRunner();
+std::unique_ptr<ProcessRunner> makeProcessRunner(
+    std::chrono::milliseconds limit = std::chrono::hours(24));
 
 }  // namespace tarnlink

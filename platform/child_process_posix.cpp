@@ -223,41 +223,43 @@ void terminate(pid_t pid) {
 
 class PosixProcessRunner final : public ProcessRunner {
  public:
-  PosixProcessRunner() : cancellation_(makePipe().value()) {}
+  explicit PosixProcessRunner(milliseconds limit)
+      : limit_(limit), cancellation_(makePipe().value()) {}
 
   result<ProcessOutcome> run(const std::vector<std::string>& argv) override {
     if (isCancelled_) return errorOf(ECANCELED);
     auto child = startChild(argv);
     if (!child) return child.error();
-    if (!awaitEnd(*child)) {
-      terminate(child->pid);
-      return errorOf(ECANCELED);
-    }
-    return outcomeOf(*child);
+    const int reason = awaitEnd(*child);
+    if (reason == 0) return outcomeOf(*child);
+    terminate(child->pid);
+    return errorOf(reason);
   }
 
   void cancel() override {
-    // Nobody reads the octet, so it ends whatever is, or is just being, started.
+    // Nobody reads the octet, so it ends whatever runs, or is just being started.
     if (isCancelled_.exchange(true)) return;
     const ssize_t written = ::write(cancellation_.writer.number(), "", 1);
     static_cast<void>(written);  // An empty pipe takes it.
   }
 
  private:
-  // False when cancelled before that.
-  bool awaitEnd(Child& child) const {
+  // 0 when the child has ended, else why it must be: an error number.
+  int awaitEnd(Child& child) const {
+    const auto deadline = Clock::now() + limit_;
     while (!hasEnded(child.pid)) {
+      if (Clock::now() >= deadline) return ETIMEDOUT;
       std::array<pollfd, 3> watched{{{child.out.descriptor(), POLLIN, 0},
                                      {child.err.descriptor(), POLLIN, 0},
                                      {cancellation_.reader.number(), POLLIN, 0}}};
       const bool hasOutputs = child.out.isOpen() || child.err.isOpen();
       const auto period = hasOutputs ? kLongPeriod : kShortPeriod;
       if (::poll(watched.data(), watched.size(), static_cast<int>(period.count())) <= 0) continue;
-      if (watched[2].revents != 0) return false;
+      if (watched[2].revents != 0) return ECANCELED;
       if (watched[0].revents != 0) child.out.read();
       if (watched[1].revents != 0) child.err.read();
     }
-    return true;
+    return 0;
   }
 
   static result<ProcessOutcome> outcomeOf(Child& child) {
@@ -274,14 +276,15 @@ class PosixProcessRunner final : public ProcessRunner {
     };
   }
 
+  milliseconds limit_;
   Pipe cancellation_;  // Readable once cancelled.
   std::atomic<bool> isCancelled_ = false;
 };
 
 }  // namespace
 
-std::unique_ptr<ProcessRunner> makeProcessRunner() {
-  return std::make_unique<PosixProcessRunner>();
+std::unique_ptr<ProcessRunner> makeProcessRunner(milliseconds limit) {
+  return std::make_unique<PosixProcessRunner>(limit);
 }
 
 }  // namespace tarnlink

@@ -90,6 +90,14 @@ TEST(ChildProcess, ProgramsThatCannotStartLeaveNoDescriptors) {
   EXPECT_EQ(after, next);
 }
 
+TEST(ChildProcess, ALimitEndsTheProgramAndNotTheRunner) {
+  const auto runner = makeProcessRunner(milliseconds(200));
+  const auto start = Clock::now();
+  EXPECT_EQ(runner->run({"/bin/sleep", "60"}).error(), boost::system::errc::timed_out);
+  EXPECT_LT(Clock::now() - start, milliseconds(2000));
+  EXPECT_TRUE(runner->run({"/bin/true"}));
+}
+
 // A prompt that waits for a person would otherwise hold the program's end for ever.
 TEST(ChildProcess, CancellingEndsTheWholeGroup) {
   const struct {
