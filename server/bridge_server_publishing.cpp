@@ -1,6 +1,7 @@
 // GOOSE publishing requests.
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -14,6 +15,11 @@ namespace {
 
 // The interface of a request that names none.
 constexpr std::string_view kUnnamedInterface = "en0";
+
+asio::awaitable<std::optional<std::string>> readyVlan(std::shared_ptr<VlanSetup> setup,
+                                                      std::string parent, std::uint16_t vid) {
+  co_return setup->readyVlanInterface(parent, vid);
+}
 
 asio::awaitable<VlanResult<std::string>> ensureVlan(std::shared_ptr<VlanSetup> setup,
                                                     std::string parent, std::uint16_t vid) {
@@ -59,12 +65,19 @@ asio::awaitable<bool> BridgeServer::moveToVlanInterface(GoosePublishConfig& conf
                                                         ClientId clientId) {
   const std::string parent = config.interface;
   if (!vlanSetup_) vlanSetup_ = ports_.makeVlanSetup();
-  const auto link = co_await asio::co_spawn(
-      ports_.hostExecutor, ensureVlan(vlanSetup_, parent, config.vlanId), asio::use_awaitable);
+  const auto setup = vlanSetup_;
+  // Beside the host executor: what is there already waits for no prompt of another client.
+  auto link = co_await asio::co_spawn(ports_.blockingExecutor,
+                                      readyVlan(setup, parent, config.vlanId), asio::use_awaitable);
   if (!link) {
-    sendError("VLAN-Setup fehlgeschlagen: " + link.error().description, ErrorCode::vlanSetupFailed,
-              clientId);
-    co_return false;
+    auto made = co_await asio::co_spawn(
+        ports_.hostExecutor, ensureVlan(setup, parent, config.vlanId), asio::use_awaitable);
+    if (!made) {
+      sendError("VLAN-Setup fehlgeschlagen: " + made.error().description,
+                ErrorCode::vlanSetupFailed, clientId);
+      co_return false;
+    }
+    link = std::move(*made);
   }
   log("[BridgeServer] publish: vlan " + std::to_string(config.vlanId) + " via " + *link +
       " (parent " + parent + ")");

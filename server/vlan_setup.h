@@ -3,6 +3,7 @@
 
 #include <boost/system/result.hpp>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace tarnlink {
@@ -25,6 +26,14 @@ using VlanResult = boost::system::result<T, VlanError>;
 class VlanSetup {
  public:
   virtual ~VlanSetup() = default;
+
+  /// The name of the interface that carries VLAN `vid` on `parent`, where it is there and needs
+  /// nothing done; else nothing, and ensureVlanInterface() has the last word. Blocks shortly, never
+  /// for a person, and is safe from any thread, also while that call blocks another one.
+  virtual std::optional<std::string> readyVlanInterface(const std::string& /*parent*/,
+                                                        std::uint16_t /*vid*/) {
+    return {};
+  }
 
   /// The name of the interface that carries VLAN `vid` on `parent`; reused or made. Blocks while
   /// tools run and while a person answers a prompt: the server calls it on its serial host

@@ -281,6 +281,9 @@ class FakeSvPublisher final : public SvPublishing {
 
 class FakeVlanSetup final : public VlanSetup {
  public:
+  std::optional<std::string> readyVlanInterface(const std::string&, std::uint16_t) override {
+    return ready;
+  }
   VlanResult<std::string> ensureVlanInterface(const std::string& parent,
                                               std::uint16_t vid) override {
     parents.push_back(parent);
@@ -288,6 +291,7 @@ class FakeVlanSetup final : public VlanSetup {
     return "vlan" + std::to_string(vid);
   }
   void cancel() override { isCancelled = true; }
+  std::optional<std::string> ready;
   std::optional<VlanError> failure;
   std::vector<std::string> parents;
   bool isCancelled = false;
@@ -318,7 +322,7 @@ class BridgeHarness {
               ++vlansMade;
               return std::shared_ptr<VlanSetup>(&vlan, [](VlanSetup*) {});
             },
-        .hostExecutor = io.get_executor(),
+        .hostExecutor = hostIo.get_executor(),
         .listInterfaces = [this](BridgePorts::Names) { return interfaces; },
         .blockingExecutor = io.get_executor(),
         .makeAdvertiser = {},
@@ -330,8 +334,11 @@ class BridgeHarness {
 
   /// Lets everything run that can.
   void settle() {
-    io.restart();
-    io.poll();
+    do {
+      io.restart();
+      io.poll();
+      hostIo.restart();
+    } while (!isHostBusy && hostIo.poll() > 0);
   }
   template <class T>
   std::optional<T> await(asio::awaitable<T> task) {
@@ -387,6 +394,8 @@ class BridgeHarness {
 
   const std::optional<AuthDelay> authDelay;
   asio::io_context io;
+  asio::io_context hostIo;
+  bool isHostBusy = false;  ///< Somebody does not answer a prompt.
   FakeTransport transport;
   MemoryPreferences preferences;
   std::vector<std::string> logLines;

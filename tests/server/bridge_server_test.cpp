@@ -475,6 +475,20 @@ TEST_F(BridgeServerTest, AVlanPublicationLeavesUntaggedOnTheVlanInterface) {
   EXPECT_EQ(bridge.vlan.parents, std::vector<std::string>{"eth7"});
 }
 
+TEST_F(BridgeServerTest, APublicationOverAReadyLinkWaitsForNobodysPrompt) {
+  const auto asking = bridge.authenticated();
+  const auto other = bridge.authenticated();
+  bridge.isHostBusy = true;
+  EXPECT_TRUE(bridge.ask(asking, publishCommand(R"(,"vlanId":5)")).empty());
+  bridge.vlan.ready = "vlan6";
+  EXPECT_EQ(bridge.ask(other, publishCommand(R"(,"vlanId":6)")).size(), 1U);
+  ASSERT_EQ(bridge.goosePublisher->published.size(), 1U);
+  EXPECT_EQ(bridge.goosePublisher->published[0].interface, "vlan6");
+  bridge.isHostBusy = false;
+  bridge.settle();
+  EXPECT_EQ(bridge.goosePublisher->published.back().interface, "vlan5");
+}
+
 TEST_F(BridgeServerTest, RefusedPublicationsAnswerWithTheirCode) {
   const auto client = bridge.authenticated();
   for (const char* name : {"en 0", "en-0", "0en", ""}) {
