@@ -73,6 +73,9 @@ AdminResult resultOf(AdminRights rights, boost::system::result<ProcessOutcome> o
   if (!outcome) {
     const auto error = outcome.error();
     if (error == boost::system::errc::operation_canceled) return cancelled();
+    if (rights != AdminRights::held && error == boost::system::errc::timed_out) {
+      return AdminError{kAdminUnanswered, "Niemand hat die Administratorabfrage beantwortet"};
+    }
     if (rights == AdminRights::pkexec && error == boost::system::errc::no_such_file_or_directory) {
       return unavailable("pkexec fehlt", byHand);
     }

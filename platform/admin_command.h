@@ -2,6 +2,7 @@
 #pragma once
 
 #include <boost/system/result.hpp>
+#include <cerrno>
 #include <string>
 #include <string_view>
 
@@ -20,6 +21,8 @@ enum class AdminRights {
 inline constexpr int kAdminCancelled = -128;
 /// Code where nobody can grant the rights: no prompt tool, no agent, no authority.
 inline constexpr int kAdminUnavailable = 127;
+/// Code of a prompt that nobody answered within the runner's limit.
+inline constexpr int kAdminUnanswered = ETIMEDOUT;
 
 struct AdminError {
   int code = 0;  ///< One of the above, else the command line's status or the system's error number.

@@ -21,6 +21,9 @@ struct VlanInfo {
 struct ExistingLink {
   std::optional<VlanInfo> vlan;  ///< Nothing where it is not, or not readably, a VLAN link.
   std::string_view keptBecause;  ///< Why it must not be removed, in German; empty: it may be.
+  /// What the link lacks to carry a publication, as the tool takes it (down, or frames would leave
+  /// without their priority); empty: nothing.
+  std::string lacks;
 
   bool operator==(const ExistingLink&) const = default;
 };
@@ -34,10 +37,15 @@ struct VlanDialect {
   std::vector<std::string> (*readBack)(const std::string& name);
   ExistingLink (*parseReadBack)(std::string_view output);
 
-  /// Shell command lines that need administrator rights. In the first a failing step does not stop
-  /// the later ones.
+  /// Shell command lines that need administrator rights. In the first, once the link is made, a
+  /// failing step does not stop the later ones. `complete` gives a link what it lacks; null where
+  /// none ever does.
   std::string (*create)(const std::string& name, const VlanInfo& link);
+  std::string (*complete)(const std::string& name, const ExistingLink& link);
   std::string (*destroy)(const std::string& name);
+
+  /// Whether `probe` tells of the parent, too, before anybody is asked for rights.
+  bool probesParent;
 };
 
 /// `ip` of iproute2.

@@ -1,5 +1,6 @@
 #include "app/host/vlan_interface_helper.h"
 
+#include <chrono>
 #include <utility>
 
 #include "stack/interface_name.h"
@@ -10,6 +11,10 @@ namespace {
 
 constexpr int kCodeNotCreated = 1;
 constexpr int kCodeInvalidName = 2;
+constexpr const char* kUnreadable = "unknown";
+// IEEE 802.1Q, table 9-2: 0 is no VLAN, 4095 is reserved.
+constexpr std::uint16_t kFirstVlan = 1;
+constexpr std::uint16_t kLastVlan = 4094;
 
 std::string quoted(std::string_view text) {
   std::string out = "\"";
@@ -20,11 +25,23 @@ std::string quoted(std::string_view text) {
   return out + '"';
 }
 
-std::string_view trimmed(std::string_view text) {
+std::string trimmed(std::string_view text) {
   constexpr const char* kSpace = " \t\r\n";
   const auto first = text.find_first_not_of(kSpace);
   if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(kSpace) - first + 1);
+  return std::string(text.substr(first, text.find_last_not_of(kSpace) - first + 1));
+}
+
+std::string nameOf(std::uint16_t vid) {
+  return "vlan" + std::to_string(vid);
+}
+
+// What tools write is meant for a terminal.
+VlanError toVlanError(const std::string& name, const AdminError& error) {
+  const bool isOurText = error.code == kAdminCancelled || error.code == kAdminUnanswered ||
+                         error.code == kAdminUnavailable;
+  return {error.code,
+          isOurText || error.text == kUnreadable ? error.text : name + ": " + error.text};
 }
 
 VlanError notCreated(const std::string& name, std::string_view reason) {
@@ -60,17 +77,39 @@ VlanResult<std::string> VlanInterfaceHelper::ensureVlanInterface(const std::stri
   if (!isValidInterfaceName(parent)) {
     return VlanError{kCodeInvalidName, "Ungültiger Interface-Name: " + quoted(parent)};
   }
+  const std::string name = nameOf(vid);
+  if (vid < kFirstVlan || vid > kLastVlan) return notCreated(name, "VLAN-IDs sind 1 bis 4094");
+  if (parent == name) return notCreated(name, "es kann nicht auf sich selbst liegen");
   const VlanInfo wanted{vid, parent};
-  const std::string name = "vlan" + std::to_string(vid);
   const auto isThere = exists(name);
   if (!isThere) return isThere.error();
   if (*isThere) {
     const auto link = readBack(name);
     if (!link) return link.error();
-    if (link->vlan == wanted) return name;
-    if (auto removed = removeOther(name, *link); !removed) return removed.error();
+    if (link->vlan == wanted) {
+      if (link->lacks.empty()) return name;
+      const auto done = change(name, dialect_.complete(name, *link));
+      return done ? VlanResult<std::string>(name) : done.error();
+    }
+    if (!link->keptBecause.empty()) return notCreated(name, link->keptBecause);
+  }
+  if (dialect_.probesParent) {
+    const auto hasParent = exists(parent);
+    if (!hasParent) return hasParent.error();
+    if (!*hasParent) return notCreated(name, "das Interface " + parent + " gibt es nicht");
+  }
+  if (*isThere) {
+    if (auto removed = change(name, dialect_.destroy(name)); !removed) return removed.error();
   }
   return create(name, wanted);
+}
+
+std::optional<std::string> VlanInterfaceHelper::readyVlanInterface(const std::string& parent,
+                                                                   std::uint16_t vid) {
+  const std::string name = nameOf(vid);
+  const auto link = readBack(name);
+  if (!link || link->vlan != VlanInfo{vid, parent} || !link->lacks.empty()) return {};
+  return name;
 }
 
 // A tool that cannot be started finds no link.
@@ -86,34 +125,39 @@ VlanResult<ExistingLink> VlanInterfaceHelper::readBack(const std::string& name) 
   return dialect_.parseReadBack(outcome ? std::string_view(outcome->out) : std::string_view());
 }
 
-VlanResult<void> VlanInterfaceHelper::runAsAdmin(const std::string& commandLine) {
+AdminResult VlanInterfaceHelper::runAsAdmin(const std::string& name,
+                                            const std::string& commandLine) {
+  const bool asks = rights_ != AdminRights::held;
+  if (asks) {
+    if (auto refusal = refusals_.standing(name, std::chrono::steady_clock::now())) return *refusal;
+  }
   auto done = tarnlink::runAsAdmin(*runner_, rights_, commandLine);
   if (done) return {};
   AdminError error = done.error();
   const auto* octets = reinterpret_cast<const std::uint8_t*>(error.text.data());
-  const bool isText = isValidUtf8({octets, error.text.size()});
-  return VlanError{error.code, isText ? std::move(error.text) : "unknown"};
+  error.text = isValidUtf8({octets, error.text.size()}) ? trimmed(error.text) : kUnreadable;
+  if (asks) refusals_.note(name, error, std::chrono::steady_clock::now());
+  return error;
 }
 
-VlanResult<void> VlanInterfaceHelper::removeOther(const std::string& name,
-                                                  const ExistingLink& link) {
-  if (!link.keptBecause.empty()) return notCreated(name, link.keptBecause);
-  return runAsAdmin(dialect_.destroy(name));
+VlanResult<void> VlanInterfaceHelper::change(const std::string& name,
+                                             const std::string& commandLine) {
+  const auto done = runAsAdmin(name, commandLine);
+  if (!done) return toVlanError(name, done.error());
+  return {};
 }
 
 VlanResult<std::string> VlanInterfaceHelper::create(const std::string& name, const VlanInfo& link) {
-  const auto made = runAsAdmin(dialect_.create(name, link));
+  const auto made = runAsAdmin(name, dialect_.create(name, link));
   // A prompt tool's failure is passed on as it is. Where nobody is asked the status is that of the
   // last step alone, so whether the link is there decides, and the tool's words say why not.
   const bool mayBeThere =
       rights_ == AdminRights::held && !made && made.error().code != kAdminCancelled;
-  if (!made && !mayBeThere) return made.error();
+  if (!made && !mayBeThere) return toVlanError(name, made.error());
   const auto isThere = exists(name);
   if (!isThere) return isThere.error();
-  if (!*isThere) {
-    return notCreated(name, made ? std::string_view() : trimmed(made.error().description));
-  }
-  if (!made) return made.error();  // There, but not up.
+  if (!*isThere) return notCreated(name, made ? std::string() : made.error().text);
+  if (!made) return toVlanError(name, made.error());  // There, but not up.
   return name;
 }
 

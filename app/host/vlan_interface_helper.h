@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "app/host/prompt_refusals.h"
 #include "app/host/vlan_dialect.h"
 #include "platform/admin_command.h"
 #include "platform/child_process.h"
@@ -14,9 +15,10 @@
 namespace tarnlink {
 
 /// VLAN 100 is the link vlan100, whatever its parent: one VLAN id is one name in the whole system.
-/// A link made here stays when the program ends; it is replaced only when its name is needed with
-/// another parent. Calls block, so they belong on one thread of their own; only cancel() and
-/// isValidInterfaceName() are safe from any.
+/// A link made here stays when the program ends and carries a mark; it is replaced only when its
+/// name is needed with another parent and nothing uses it. One person is asked one question at a
+/// time: ensureVlanInterface() belongs on one thread of its own, where it may block as long as the
+/// runner lets a prompt stand. The other operations are safe from any thread.
 class VlanInterfaceHelper final : public VlanSetup {
  public:
   /// `rights`: where the rights for making and removing links come from.
@@ -32,23 +34,28 @@ class VlanInterfaceHelper final : public VlanSetup {
 
   /// Fails with code
   ///   2  the parent's name breaks the name rule; nothing has been run;
-  ///   1  the link is not there after all, or another one has its name and is not ours to remove;
-  ///   kAdminCancelled, kAdminUnavailable  see platform/admin_command.h;
+  ///   1  the link cannot be: no such id, no such parent, or another link has its name and is not
+  ///      ours to remove; or it is not there after all;
+  ///   kAdminCancelled, kAdminUnanswered, kAdminUnavailable  see platform/admin_command.h; also
+  ///      without a prompt, as PromptRefusals says;
   ///   else the status of the tool, with what it wrote.
   VlanResult<std::string> ensureVlanInterface(const std::string& parent,
                                               std::uint16_t vid) override;
+  std::optional<std::string> readyVlanInterface(const std::string& parent,
+                                                std::uint16_t vid) override;
   void cancel() override;
 
  private:
   VlanResult<bool> exists(const std::string& name);
   VlanResult<ExistingLink> readBack(const std::string& name);
-  VlanResult<void> runAsAdmin(const std::string& commandLine);
-  VlanResult<void> removeOther(const std::string& name, const ExistingLink& link);
+  AdminResult runAsAdmin(const std::string& name, const std::string& commandLine);
+  VlanResult<void> change(const std::string& name, const std::string& commandLine);
   VlanResult<std::string> create(const std::string& name, const VlanInfo& link);
 
   std::unique_ptr<ProcessRunner> runner_;
   const VlanDialect& dialect_;
   AdminRights rights_;
+  PromptRefusals refusals_;
 };
 
 }  // namespace tarnlink

@@ -35,88 +35,186 @@ void check(const Case& c, const VlanDialect& dialect, AdminRights rights,
   EXPECT_EQ(result.error().description, c.expected.error().description);
 }
 
-// What the address listing says of a VLAN link.
-std::string linkText(const std::string& parent, int vid,
-                     const std::string& rest = R"("addr_info":[])") {
-  return R"([{"link":")" + parent +
-         R"(","linkinfo":{"info_kind":"vlan","info_data":{"protocol":"802.1Q","id":)" +
-         std::to_string(vid) + "}}," + rest + "}]\n";
+const std::string kWholeMap =
+    R"([{"from":1,"to":1},{"from":2,"to":2},{"from":3,"to":3},{"from":4,"to":4},)"
+    R"({"from":5,"to":5},{"from":6,"to":6},{"from":7,"to":7}])";
+const std::string kUp = R"(["BROADCAST","MULTICAST","UP","LOWER_UP"])";
+const std::string kOurs = R"("ifalias":"tarnlink","addr_info":[])";
+
+// What the tool says of a VLAN link, and of all links.
+std::string linkText(const std::string& parent, int vid, const std::string& rest = kOurs,
+                     const std::string& others = "[]", const std::string& flags = kUp,
+                     const std::string& map = kWholeMap) {
+  return R"([{"link":")" + parent + R"(","ifname":"vlan100","flags":)" + flags +
+         R"(,"linkinfo":{"info_kind":"vlan","info_data":{"protocol":"802.1Q","id":)" +
+         std::to_string(vid) + R"(,"flags":["REORDER_HDR"],"egress_qos":)" + map + "}}," + rest +
+         "}]\n" + others + "\n";
 }
 
 namespace linux_tool {
 
 const std::string kCreateLine =
     "/sbin/ip link add link eth0 name vlan100 type vlan id 100 egress-qos-map 0:0 1:1 2:2 3:3 4:4 "
-    "5:5 6:6 7:7; /sbin/ip link set dev vlan100 up";
+    "5:5 6:6 7:7 && { /sbin/ip link set dev vlan100 alias tarnlink; "
+    "/sbin/ip link set dev vlan100 addrgenmode none; /sbin/ip link set dev vlan100 up; }";
 const Argv kProbe{"/sbin/ip", "-json", "link", "show", "dev", "vlan100"};
-const Argv kReadBack{"/sbin/ip", "-json", "-details", "address", "show", "dev", "vlan100"};
+const Argv kProbeParent{"/sbin/ip", "-json", "link", "show", "dev", "eth0"};
+const Argv kReadBack{"/bin/sh", "-c",
+                     "/sbin/ip -json -details address show dev vlan100; /sbin/ip -json link show"};
 const Argv kCreateHeld{"/bin/sh", "-c", kCreateLine};
-const Argv kCreate{"/usr/bin/pkexec", "--disable-internal-agent", "/bin/sh", "-c", kCreateLine};
-const Argv kDestroy{"/usr/bin/pkexec", "--disable-internal-agent", "/bin/sh", "-c",
-                    "/sbin/ip link delete dev vlan100"};
+
+Argv asked(const std::string& line) {
+  return {"/usr/bin/pkexec", "--disable-internal-agent", "/bin/sh", "-c", line};
+}
+const Argv kCreate = asked(kCreateLine);
+const Argv kDestroy = asked("/sbin/ip link delete dev vlan100");
+const Argv kComplete = asked("/sbin/ip link set dev vlan100 up type vlan egress-qos-map 1:1 7:7");
 
 Script existing(const std::string& text, Script rest = {}) {
   Script script{{kProbe, kOk}, {kReadBack, outcome(0, text)}};
   script.insert(script.end(), rest.begin(), rest.end());
   return script;
 }
+Script missing(Script rest) {
+  rest.insert(rest.begin(), {{kProbe, kMissing}, {kProbeParent, kOk}});
+  return rest;
+}
+Script replaced(Script rest) {
+  rest.insert(rest.begin(), {{kProbeParent, kOk}, {kDestroy, kOk}, {kCreate, kOk}});
+  return rest;
+}
 
 TEST(VlanInterfaceHelper, LinuxAsksOnceForEachCommandLine) {
-  const Script made{{kDestroy, kOk}, {kCreate, kOk}, {kProbe, kOk}};
+  const std::string partlyMapped = linkText(
+      "eth0", 100, R"("addr_info":[])", "[]", R"(["BROADCAST"])",
+      R"([{"from":2,"to":5},{"from":3,"to":3},{"from":4,"to":4},{"from":5,"to":5},{"from":6,"to":6}])");
   const Case cases[] = {
-      {"reused without a prompt", existing(linkText("eth0", 100)), kName},
-      {"made", {{kProbe, kMissing}, {kCreate, kOk}, {kProbe, kOk}}, kName},
-      {"wrong parent", existing(linkText("eth1", 100), made), kName},
-      {"wrong id", existing(linkText("eth0", 99), made), kName},
-      {"removal dismissed", existing(linkText("eth1", 100), {{kDestroy, outcome(126)}}),
+      {"reused without a prompt", existing(linkText("eth0", 100, R"("addr_info":[])")), kName},
+      {"down, frames would lose their priority", existing(partlyMapped, {{kComplete, kOk}}), kName},
+      {"nobody may mend it",
+       existing(partlyMapped, {{kComplete, outcome(127, "", "Not authorized\n")}}),
+       VlanError{127,
+                 "Keine Administratorrechte (Not authorized). Bitte von Hand ausführen: sudo sh -c "
+                 "'/sbin/ip link set dev vlan100 up type vlan egress-qos-map 1:1 7:7'"}},
+      {"made", missing({{kCreate, kOk}, {kProbe, kOk}}), kName},
+      {"wrong parent", existing(linkText("eth1", 100), replaced({{kProbe, kOk}})), kName},
+      {"wrong id", existing(linkText("eth0", 99), replaced({{kProbe, kOk}})), kName},
+      {"removal dismissed",
+       existing(linkText("eth1", 100), {{kProbeParent, kOk}, {kDestroy, outcome(126)}}),
        kCancelled},
-      {"prompt dismissed", {{kProbe, kMissing}, {kCreate, outcome(126)}}, kCancelled},
-      {"no text", {{kProbe, kMissing}, {kCreate, outcome(2, "", "\xFF")}}, VlanError{2, "unknown"}},
-      {"missing after all",
-       {{kProbe, kMissing}, {kCreate, kOk}, {kProbe, kMissing}},
+      {"prompt dismissed", missing({{kCreate, outcome(126)}}), kCancelled},
+      {"no text", missing({{kCreate, outcome(2, "", "\xFF")}}), VlanError{2, "unknown"}},
+      {"tool failed", missing({{kCreate, outcome(2, "", " no memory\n")}}),
+       VlanError{2, "vlan100: no memory"}},
+      {"missing after all", missing({{kCreate, kOk}, {kProbe, kMissing}}),
        VlanError{1, kNotCreated}},
       {"another's link", existing("[{}]"),
        VlanError{1, kNotCreated + ": ein anderes Interface trägt diesen Namen"}},
+      {"no parent",
+       {{kProbe, kMissing}, {kProbeParent, kMissing}},
+       VlanError{1, kNotCreated + ": das Interface eth0 gibt es nicht"}},
+      {"a link of ours, and no parent for the new one",
+       existing(linkText("eth1", 100), {{kProbeParent, kMissing}}),
+       VlanError{1, kNotCreated + ": das Interface eth0 gibt es nicht"}},
   };
   for (const auto& c : cases) check(c, kLinuxVlanDialect, AdminRights::pkexec, "eth0");
-  check({"bad name", {}, VlanError{2, R"(Ungültiger Interface-Name: "e 0;\"\\")"}},
-        kLinuxVlanDialect, AdminRights::pkexec, R"(e 0;"\)");
+}
+
+TEST(VlanInterfaceHelper, WhatCannotBeRunsNothing) {
+  const struct {
+    const char* parent;
+    std::uint16_t vid;
+    VlanError expected;
+  } cases[] = {
+      {R"(e 0;"\)", 100, {2, R"(Ungültiger Interface-Name: "e 0;\"\\")"}},
+      {"vlan100", 100, {1, kNotCreated + ": es kann nicht auf sich selbst liegen"}},
+      {"eth0",
+       0,
+       {1, "vlan-Interface vlan0 konnte nicht erstellt werden: VLAN-IDs sind 1 bis 4094"}},
+      {"eth0",
+       4095,
+       {1, "vlan-Interface vlan4095 konnte nicht erstellt werden: VLAN-IDs sind 1 bis 4094"}},
+  };
+  VlanInterfaceHelper helper(std::make_unique<ScriptedProcessRunner>(Script{}), kLinuxVlanDialect,
+                             AdminRights::held);
+  for (const auto& c : cases) {
+    EXPECT_EQ(helper.ensureVlanInterface(c.parent, c.vid).error(), c.expected);
+  }
+  helper.cancel();
+  EXPECT_EQ(helper.ensureVlanInterface("eth0", 4094).error(), kCancelled);
 }
 
 TEST(VlanInterfaceHelper, WithRightsHeldTheLinkItselfDecides) {
   const auto failed = outcome(2, "", "Network is down\n");
   const Case cases[] = {
-      {"made", {{kProbe, kMissing}, {kCreateHeld, kOk}, {kProbe, kOk}}, kName},
-      {"not there",
-       {{kProbe, kMissing}, {kCreateHeld, failed}, {kProbe, kMissing}},
+      {"made", missing({{kCreateHeld, kOk}, {kProbe, kOk}}), kName},
+      {"not there", missing({{kCreateHeld, failed}, {kProbe, kMissing}}),
        VlanError{1, kNotCreated + ": Network is down"}},
-      {"there but not up",
-       {{kProbe, kMissing}, {kCreateHeld, failed}, {kProbe, kOk}},
-       VlanError{2, "Network is down\n"}},
+      {"there but not up", missing({{kCreateHeld, failed}, {kProbe, kOk}}),
+       VlanError{2, "vlan100: Network is down"}},
   };
   for (const auto& c : cases) check(c, kLinuxVlanDialect, AdminRights::held, "eth0");
 }
 
+TEST(VlanInterfaceHelper, ARefusedPromptIsNotPutUpAgainAtOnce) {
+  const auto late = make_error_code(boost::system::errc::timed_out);
+  auto script = missing({{kCreate, late}});
+  for (const auto& probe : missing({})) script.push_back(probe);
+  for (const auto& step : existing(linkText("eth0", 100))) script.push_back(step);
+  VlanInterfaceHelper helper(std::make_unique<ScriptedProcessRunner>(script), kLinuxVlanDialect,
+                             AdminRights::pkexec);
+  const std::string unanswered = "Niemand hat die Administratorabfrage beantwortet";
+  EXPECT_EQ(helper.ensureVlanInterface("eth0", 100).error(),
+            (VlanError{kAdminUnanswered, unanswered}));
+  const auto again = helper.ensureVlanInterface("eth0", 100).error();
+  EXPECT_EQ(again.code, kAdminUnanswered);
+  EXPECT_TRUE(again.description.starts_with(unanswered + "; die nächste Abfrage ist in "));
+  EXPECT_EQ(helper.ensureVlanInterface("eth0", 100).value(), kName) << "made by hand meanwhile";
+}
+
+TEST(VlanInterfaceHelper, OnlyALinkThatLacksNothingIsReady) {
+  const std::pair<std::string, std::optional<std::string>> cases[] = {
+      {linkText("eth0", 100), kName},
+      {linkText("eth1", 100), std::nullopt},
+      {linkText("eth0", 99), std::nullopt},
+      {linkText("eth0", 100, kOurs, "[]", R"(["BROADCAST"])"), std::nullopt},
+      {linkText("eth0", 100, kOurs, "[]", kUp, R"([{"from":4,"to":4}])"), std::nullopt},
+      {"", std::nullopt},
+  };
+  for (const auto& [text, expected] : cases) {
+    VlanInterfaceHelper helper(
+        std::make_unique<ScriptedProcessRunner>(Script{{kReadBack, outcome(0, text)}}),
+        kLinuxVlanDialect, AdminRights::pkexec);
+    EXPECT_EQ(helper.readyVlanInterface("eth0", 100), expected) << text;
+  }
+}
+
 }  // namespace linux_tool
 
-TEST(VlanDialect, LinksInUseAreKept) {
-  const auto addresses = [](const std::string& entry) { return "\"addr_info\":[{" + entry + "}]"; };
+TEST(VlanDialect, OnlyUnusedLinksOfOurOwnMayBeRemoved) {
+  const auto rest = [](const std::string& more) { return R"("ifalias":"tarnlink",)" + more; };
+  const std::string upper = R"([{"ifname":"upper","link":"vlan100"}])";
   const struct {
     const char* situation;
     std::string text;
     bool isVlan, isKept;
   } cases[] = {
-      {"unused", linkText("eth0", 9), true, false},
-      {"its own link-local address",
-       linkText("eth0", 9, addresses(R"("family":"inet6","scope":"link")")), true, false},
-      {"IPv4", linkText("eth0", 9, addresses(R"("family":"inet","scope":"link")")), true, true},
-      {"IPv6", linkText("eth0", 9, addresses(R"("family":"inet6","scope":"global")")), true, true},
-      {"addresses not told", linkText("eth0", 9, R"("mtu":1500)"), true, true},
-      {"port of a bridge", linkText("eth0", 9, R"("master":"br0","addr_info":[])"), true, true},
+      {"unused", linkText("eth0", 9, kOurs, R"([{"ifname":"vlan100","link":"eth0"}])"), true,
+       false},
+      {"not ours", linkText("eth0", 9, R"("addr_info":[])"), true, true},
+      {"another's mark", linkText("eth0", 9, R"("ifalias":"tarn","addr_info":[])"), true, true},
+      {"any address",
+       linkText("eth0", 9, rest(R"("addr_info":[{"family":"inet6","scope":"link"}])")), true, true},
+      {"addresses not told", linkText("eth0", 9, rest(R"("mtu":1500)")), true, true},
+      {"port of a bridge", linkText("eth0", 9, rest(R"("master":"br0","addr_info":[])")), true,
+       true},
+      {"carries a link", linkText("eth0", 9, kOurs, upper), true, true},
+      {"other links not told", linkText("eth0", 9, kOurs, ""), true, true},
       {"id out of range", linkText("eth0", 65545), false, false},
       {"service tag",
-       R"([{"link":"eth0","linkinfo":{"info_kind":"vlan","info_data":{"protocol":"802.1ad","id":9}},)"
-       R"("addr_info":[]}])",
+       R"([{"link":"eth0","ifname":"vlan100","linkinfo":{"info_kind":"vlan",)"
+       R"("info_data":{"protocol":"802.1ad","id":9}},"ifalias":"tarnlink","addr_info":[]}])"
+       "\n[]\n",
        false, false},
       {"no VLAN", R"([{"link":"eth0","linkinfo":{"info_kind":"veth"},"addr_info":[]}])", false,
        true},
@@ -128,6 +226,29 @@ TEST(VlanDialect, LinksInUseAreKept) {
     EXPECT_EQ(link.vlan, c.isVlan ? std::optional(VlanInfo{9, "eth0"}) : std::nullopt);
     EXPECT_EQ(!link.keptBecause.empty(), c.isKept);
   }
+}
+
+TEST(PromptRefusals, HoldForAMinuteAndThreeForAllLinks) {
+  using namespace std::chrono_literals;
+  const AdminError dismissed{kAdminCancelled, "no"};
+  const AdminError nobody{kAdminUnavailable, "by hand: x"};
+  const PromptRefusals::Instant start{};
+  PromptRefusals refusals;
+  for (const char* link : {"vlan1", "vlan2", "vlan3"}) refusals.note(link, nobody, start);
+  refusals.note("vlan4", {2, "no such device"}, start);
+  EXPECT_EQ(refusals.standing("vlan1", start), nobody);
+  EXPECT_EQ(refusals.standing("vlan4", start), std::nullopt);
+  refusals.note("vlan4", dismissed, start);
+  EXPECT_EQ(refusals.standing("vlan4", start + 59s),
+            (AdminError{kAdminCancelled, "no; die nächste Abfrage ist in 1 s möglich"}));
+  EXPECT_EQ(refusals.standing("vlan4", start + 60s), std::nullopt);
+  refusals.note("vlan5", dismissed, start + 60s);
+  refusals.note("vlan6", dismissed, start + 70s);
+  EXPECT_EQ(refusals.standing("vlan8", start + 70s), std::nullopt);
+  refusals.note("vlan7", dismissed, start + 80s);
+  EXPECT_EQ(refusals.standing("vlan8", start + 80s),
+            (AdminError{kAdminCancelled, "no; die nächste Abfrage ist in 40 s möglich"}));
+  EXPECT_EQ(refusals.standing("vlan8", start + 120s), std::nullopt);
 }
 
 TEST(VlanInterfaceHelper, BsdSpeaksIfconfig) {
@@ -160,13 +281,6 @@ TEST(VlanInterfaceHelper, BsdSpeaksIfconfig) {
        VlanError{1, kNotCreated}},
   };
   for (const auto& c : cases) check(c, kBsdVlanDialect, AdminRights::osascript, "en0");
-}
-
-TEST(VlanInterfaceHelper, ACancelledOneRunsNothingMore) {
-  VlanInterfaceHelper helper(std::make_unique<ScriptedProcessRunner>(Script{}), kLinuxVlanDialect,
-                             AdminRights::held);
-  helper.cancel();
-  EXPECT_EQ(helper.ensureVlanInterface("eth0", 100).error(), kCancelled);
 }
 
 }  // namespace
