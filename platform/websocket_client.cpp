@@ -30,6 +30,10 @@ class ClientCategory final : public boost::system::error_category {
         return "no answer in time";
       case WebSocketClientError::closed:
         return "connection closed by the peer";
+      case WebSocketClientError::full:
+        return "all places for clients are taken";
+      case WebSocketClientError::declined:
+        return "no WebSocket connections are taken there";
     }
     return "unknown WebSocket client error";
   }
@@ -68,9 +72,14 @@ class WebSocketClient::Impl {
     });
     if (error) return error;
     socket().set_option(tcp::no_delay(true), error);
-    return await(deadline, [&](auto handler) {
-      websocket_.async_handshake(hostField(host, port), "/", handler);
+    websocket::response_type response;
+    error = await(deadline, [&](auto handler) {
+      websocket_.async_handshake(response, hostField(host, port), "/", handler);
     });
+    if (error != websocket::error::upgrade_declined) return error;
+    return response.result() == boost::beast::http::status::service_unavailable
+               ? WebSocketClientError::full
+               : WebSocketClientError::declined;
   }
 
   error_code sendText(std::string_view text, Clock::time_point deadline) {

@@ -20,6 +20,10 @@ enum class WebSocketClientError {
   timedOut = 1,
   /// The peer ended the connection, with a close frame or without; see closeCode().
   closed,
+  /// The server answered the upgrade with HTTP status 503: it takes no more clients at present.
+  full,
+  /// The server answered the upgrade with another status than 101.
+  declined,
 };
 boost::system::error_code make_error_code(WebSocketClientError error);
 

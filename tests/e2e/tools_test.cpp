@@ -3,12 +3,16 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/websocket_client.h"
@@ -119,7 +123,7 @@ TEST_F(ToolsTest, RefusalsComeWithTheBridgesCode) {
       {{"publish", "--gocb-ref", "A", "string:\xFF"}, 2, "not UTF-8"},
       {{"publish-sv", "4000", "--interface", "absent0"}, 4, "(code 5)"},
       {{"publish-sv", "4000", "--interface", "absent0", "--count", "9"}, 4, "(code 5)"},
-      {{"unpublish", "--code", "000000x"}, 3, "does not accept"},
+      {{"set-interface", "absent0"}, 2, "there are:\n  bus0\n  ied0\n"},
   };
   for (const auto& [arguments, exitCode, says] : cases) {
     SCOPED_TRACE(::testing::PrintToString(arguments));
@@ -150,6 +154,22 @@ TEST_F(ToolsTest, SampledValuesGoOutAndComeBackUnchanged) {
               AllOf(HasSubstr(" appId=16384 vlan=100 "),
                     HasSubstr(" to 01:0C:CD:04:00:01 12 octets: 4000000C00000000AABBCCDD\n")));
   EXPECT_THAT(others->output(), ::testing::Not(HasSubstr("octets")));
+}
+
+TEST_F(ToolsTest, SilenceIsExplainedAndLeavesNoCaptureBehind) {
+  const auto ied = startIed({"--sv", "--no-goose"});
+  const auto captures = [] {
+    std::ifstream sockets("/proc/self/net/packet");
+    return std::count(std::istreambuf_iterator<char>(sockets), {}, '\n');
+  };
+  ASSERT_TRUE(ied->waitForOutput("Sending"));
+  const auto subscriber = startCtl({"subscribe", "goose"});
+  ASSERT_TRUE(subscriber->waitForOutput("subscribed on bus0\n"));
+  const auto before = captures();
+  EXPECT_TRUE(subscriber->waitForOutput(
+      "subscribed on bus0\nno message for 5 s: only Sampled Values arrive on bus0"));
+  for (int i = 0; i < 500 && captures() != before; ++i) std::this_thread::sleep_for(10ms);
+  EXPECT_EQ(captures(), before);
 }
 
 TEST_F(ToolsTest, SimulatedIedChangesOnDemandAndHearsTheBridge) {

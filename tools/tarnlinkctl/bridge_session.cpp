@@ -4,7 +4,7 @@
 #include <sstream>
 #include <utility>
 
-#include "server/json_writer.h"
+#include "tools/tarnlinkctl/advice.h"
 #include "tools/tarnlinkctl/printing.h"
 
 namespace tarnlink {
@@ -39,18 +39,22 @@ std::string bridgeAddress(const CtlOptions& options) {
 
 CtlError errorOf(const BridgeEvent& event) {
   const auto* message = event.members.string("error");
+  const auto* reason = event.members.string("reason");
   const auto code = event.members.integer("code").value_or(0);
+  auto text = "the bridge answers: " + printableLines(message ? *message : event.text) + " (code " +
+              std::to_string(code) + ")";
+  if (reason) text += ": " + printableLines(*reason);
   return {code == kNotAuthenticated ? CtlExit::authentication : CtlExit::refused,
-          "the bridge answers: " + printable(message ? *message : event.text) + " (code " +
-              std::to_string(code) + ")"};
+          text + adviceOnRefusal(message ? *message : "")};
 }
 
 CtlResult<BridgeSession> BridgeSession::connect(const CtlOptions& options) {
   const auto address = bridgeAddress(options);
   auto client = connectToAny(options);
   if (!client) {
-    return CtlError{CtlExit::connection,
-                    "no bridge at " + address + ": " + client.error().message()};
+    return CtlError{CtlExit::connection, "no bridge at " + address + ": " +
+                                             client.error().message() +
+                                             adviceOnConnecting(client.error())};
   }
   return BridgeSession(std::move(*client), address, options.timeout);
 }
@@ -62,11 +66,14 @@ BridgeSession::BridgeSession(WebSocketClient client, std::string address,
 CtlError BridgeSession::dropped(const boost::system::error_code& error) const {
   auto text = "connection to " + address_ + " lost: " + error.message();
   if (client_.closeCode() != 0) text += " (close code " + std::to_string(client_.closeCode()) + ")";
-  return {CtlExit::connection, text};
+  return {CtlExit::connection,
+          text + "\n  It has ended, or dropped this client: its log says why."};
 }
 
-CtlResult<void> BridgeSession::send(std::string_view command) {
-  if (const auto sent = client_.sendText(command, timeout_); !sent) return dropped(sent.error());
+CtlResult<void> BridgeSession::send(CommandText command) {
+  const auto text = command.integer("requestId", ++lastRequest_).end();
+  if (!text) return CtlError{CtlExit::usage, "an argument is not UTF-8"};
+  if (const auto sent = client_.sendText(*text, timeout_); !sent) return dropped(sent.error());
   return {};
 }
 
@@ -88,32 +95,49 @@ CtlResult<BridgeEvent> BridgeSession::nextBefore(Clock::time_point deadline) {
   if (!event) return event.error();
   if (*event) return std::move(**event);
   return CtlError{CtlExit::connection,
-                  "no answer from the bridge at " + address_ + " within " + seconds(timeout_)};
+                  "no answer from the bridge at " + address_ + " within " + seconds(timeout_) +
+                      "\n  It may be waiting for a person, or for others who try codes: "
+                      "--timeout gives it longer."};
 }
 
-CtlResult<BridgeEvent> BridgeSession::answer(std::initializer_list<std::string_view> names) {
+CtlResult<BridgeEvent> BridgeSession::ask(CommandText command, std::string_view name,
+                                          const Handler& onOther) {
   const auto deadline = Clock::now() + timeout_;
+  if (const auto sent = send(std::move(command)); !sent) return sent.error();
+  const auto request = lastRequest_;
+  // This one is broadcast, too, for other clients' doings.
+  const bool pingsBehind = !knowsRequestIds_ && name == "bridge_status";
+  if (pingsBehind) {
+    if (const auto sent = send(CommandText("ping")); !sent) return sent.error();
+  }
+  BridgeEvent answer;
   while (true) {
     auto event = nextBefore(deadline);
     if (!event) return event;
-    if (event->name == "error") return errorOf(*event);
-    if (std::find(names.begin(), names.end(), event->name) != names.end()) return event;
+    const auto answered = event->members.integer("requestId");
+    if (event->name == "error" && (answered || !knowsRequestIds_)) return errorOf(*event);
+    if (answered == request) return event;
+    if (pingsBehind && event->name == "pong") return answer;
+    if (!knowsRequestIds_ && event->name == name) {
+      if (!pingsBehind) return event;
+      answer = std::move(*event);
+    } else {
+      onOther(*event);
+    }
   }
 }
 
 CtlResult<BridgeEvent> BridgeSession::authenticate(std::string_view code) {
-  JsonWriter command;
-  command.literal(R"({"cmd":"auth","token":)");
-  command.string(code);
-  command.literal("}");
-  if (command.failed()) return CtlError{CtlExit::usage, "the pairing code is not UTF-8"};
-  if (const auto sent = send(command.text()); !sent) return sent.error();
-  auto result = answer({"auth_result"});
-  if (!result) return result.error();
+  auto result = ask(std::move(CommandText("auth").text("token", std::string(code))), "auth_result");
+  if (!result) return result;
   if (!result->members.boolean("ok").value_or(false)) {
     return CtlError{CtlExit::authentication,
-                    "the bridge at " + address_ + " does not accept the pairing code"};
+                    "the bridge at " + address_ +
+                        " does not accept the pairing code\n  It may have a new one. 'tarnlinkd "
+                        "--show-pairing-code' prints it there; 'tarnlinkctl pair CODE' remembers "
+                        "it here."};
   }
+  knowsRequestIds_ = result->members.find("requestId") != nullptr;
   return result;
 }
 

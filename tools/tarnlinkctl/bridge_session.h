@@ -3,13 +3,15 @@
 
 #include <boost/system/result.hpp>
 #include <chrono>
-#include <initializer_list>
+#include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "platform/websocket_client.h"
 #include "server/json_value.h"
+#include "tools/tarnlinkctl/command_text.h"
 #include "tools/tarnlinkctl/options.h"
 
 namespace tarnlink {
@@ -32,23 +34,28 @@ struct BridgeEvent {
 CtlError errorOf(const BridgeEvent& event);
 
 /// Blocking; one thread.
+///
+/// Every command carries a "requestId", and what carries it back is the answer. Older
+/// bridges ignore it; there a command has ended when a ping that was sent behind it is answered.
 class BridgeSession {
  public:
   using Clock = std::chrono::steady_clock;
+  using Handler = std::function<void(const BridgeEvent&)>;
 
   static CtlResult<BridgeSession> connect(const CtlOptions& options);
 
-  CtlResult<void> send(std::string_view command);
+  /// Leaves the answer to next(). A text that is not UTF-8 is bad usage.
+  CtlResult<void> send(CommandText command);
 
   /// The next event; nothing when none came within the time.
   CtlResult<std::optional<BridgeEvent>> next(std::chrono::milliseconds wait);
 
-  /// The next event; that none came in time is the error.
-  CtlResult<BridgeEvent> nextBefore(Clock::time_point deadline);
-
-  /// The next event of one of the names. Broadcasts that come before it are dropped; an "error"
-  /// event is the error.
-  CtlResult<BridgeEvent> answer(std::initializer_list<std::string_view> names);
+  /// Sends the command and waits for the event that answers it, by name where the bridge is an
+  /// older one, or for an "error" event, also of a command before it. Others on the way go to
+  /// `onOther`.
+  CtlResult<BridgeEvent> ask(
+      CommandText command, std::string_view name,
+      const Handler& onOther = [](const BridgeEvent&) {});
 
   /// Sends the code; the answer's event when the bridge takes it.
   CtlResult<BridgeEvent> authenticate(std::string_view code);
@@ -58,10 +65,13 @@ class BridgeSession {
  private:
   BridgeSession(WebSocketClient client, std::string address, std::chrono::milliseconds timeout);
   CtlError dropped(const boost::system::error_code& error) const;
+  CtlResult<BridgeEvent> nextBefore(Clock::time_point deadline);
 
   WebSocketClient client_;
   std::string address_;
   std::chrono::milliseconds timeout_;
+  std::int64_t lastRequest_ = 0;
+  bool knowsRequestIds_ = false;  ///< As its answer to "auth" showed.
 };
 
 /// "host:port", as people read it and as codes are remembered.

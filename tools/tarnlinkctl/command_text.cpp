@@ -98,6 +98,7 @@ CommandText commandText(const PublishCommand& command) {
       .integer("sqNum", command.sqNum)
       .flag("lockStNum", command.lockStNum)
       .flag("lockSqNum", command.lockSqNum)
+      .flag("strict", true)
       .values("values", command.values);
   return text;
 }
@@ -116,7 +117,8 @@ CommandText commandText(const PublishSvCommand& command) {
       .text("interface", command.interface)
       .text("dstMac", command.dstMac)
       .integer("vlanId", command.vlanId)
-      .integer("vlanPriority", command.vlanPriority);
+      .integer("vlanPriority", command.vlanPriority)
+      .flag("strict", true);
   return text;
 }
 

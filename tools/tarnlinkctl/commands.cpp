@@ -2,6 +2,7 @@
 
 #include <utility>
 #include <variant>
+#include <vector>
 
 #include "tools/tarnlinkctl/ctl_run.h"
 #include "tools/tarnlinkctl/discover.h"
@@ -20,8 +21,15 @@ CtlResult<void> runCommand(const CtlOptions& options, std::ostream& out, std::os
   return std::visit(run, located->command);
 }
 
-// Answers a confirmed command's ping; any number will do.
-constexpr std::int64_t kConfirmation = 1;
+std::vector<const JsonObject*> interfacesOf(const BridgeEvent& event) {
+  std::vector<const JsonObject*> found;
+  if (const auto* interfaces = event.members.array("interfaces")) {
+    for (const auto& interface : *interfaces) {
+      if (const auto* members = interface.as<JsonObject>()) found.push_back(members);
+    }
+  }
+  return found;
+}
 
 }  // namespace
 
@@ -46,38 +54,11 @@ CtlResult<BridgeSession> CtlRun::authenticated() {
   if (!code) {
     return CtlError{CtlExit::authentication,
                     "no pairing code known for " + bridgeAddress(options_) +
-                        ": run 'tarnlinkctl pair CODE' once, or give --code"};
+                        ": run 'tarnlinkctl pair CODE' once, or give --code\n  'tarnlinkd "
+                        "--show-pairing-code' prints it on the bridge's computer."};
   }
   if (const auto accepted = session->authenticate(*code); !accepted) return accepted.error();
   return session;
-}
-
-CtlResult<BridgeEvent> CtlRun::ask(BridgeSession& session, CommandText command,
-                                   std::initializer_list<std::string_view> answers) {
-  if (const auto sent = send(session, std::move(command)); !sent) return sent.error();
-  return session.answer(answers);
-}
-
-CtlResult<void> CtlRun::send(BridgeSession& session, CommandText command) {
-  const auto text = command.end();
-  if (!text) return CtlError{CtlExit::usage, "an argument is not UTF-8"};
-  return session.send(*text);
-}
-
-// For commands that succeed in silence, or whose answer also comes as a broadcast: the bridge
-// serves a client's commands in their order, so whatever they led to is there before this pong.
-CtlResult<void> CtlRun::confirm(BridgeSession& session, const Handler& onEvent) {
-  const auto deadline = Clock::now() + options_.timeout;
-  CommandText ping("ping");
-  ping.integer("timestamp", kConfirmation);
-  if (const auto sent = send(session, std::move(ping)); !sent) return sent.error();
-  while (true) {
-    const auto event = session.nextBefore(deadline);
-    if (!event) return event.error();
-    if (event->name == "pong") return {};
-    if (event->name == "error") return errorOf(*event);
-    onEvent(*event);
-  }
 }
 
 CtlResult<void> CtlRun::operator()(const DiscoverCommand& command) {
@@ -97,7 +78,11 @@ CtlResult<void> CtlRun::operator()(const PairCommand& command) {
   if (!accepted) return accepted.error();
   session->close();
   rememberedCodes()->write(bridgeAddress(options_), command.code);
-  if (storeFailed_) return CtlError{CtlExit::connection, "the code is right but was not stored"};
+  if (storeFailed_) {
+    return CtlError{CtlExit::connection,
+                    "the code is right but was not stored\n  Give it each time, with --code or in "
+                    "TARNLINK_CODE, or make that file writable."};
+  }
   const auto* version = accepted->members.string("version");
   print(options_.json ? accepted->text
                       : "paired with " + bridgeAddress(options_) + ", version " +
@@ -112,7 +97,7 @@ CtlResult<void> CtlRun::operator()(const PingCommand&) {
   const auto stamp = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
   const auto begin = Clock::now();
   const auto pong =
-      ask(*session, std::move(CommandText("ping").integer("timestamp", stamp)), {"pong"});
+      session->ask(std::move(CommandText("ping").integer("timestamp", stamp)), "pong");
   const auto took = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - begin);
   if (!pong) return pong.error();
   session->close();
@@ -125,7 +110,7 @@ CtlResult<void> CtlRun::operator()(const PingCommand&) {
 CtlResult<void> CtlRun::operator()(const InterfacesCommand&) {
   auto session = authenticated();
   if (!session) return session.error();
-  const auto event = ask(*session, CommandText("get_interfaces"), {"interfaces"});
+  const auto event = session->ask(CommandText("get_interfaces"), "interfaces");
   if (!event) return event.error();
   session->close();
   if (options_.json) {
@@ -133,12 +118,8 @@ CtlResult<void> CtlRun::operator()(const InterfacesCommand&) {
     return {};
   }
   const auto* active = event->members.string("activeInterface");
-  if (const auto* interfaces = event->members.array("interfaces")) {
-    for (const auto& interface : *interfaces) {
-      if (const auto* members = interface.as<JsonObject>()) {
-        print(interfaceLine(*members, active ? *active : ""));
-      }
-    }
+  for (const auto* interface : interfacesOf(*event)) {
+    print(interfaceLine(*interface, active ? *active : ""));
   }
   return {};
 }
@@ -146,15 +127,26 @@ CtlResult<void> CtlRun::operator()(const InterfacesCommand&) {
 CtlResult<void> CtlRun::operator()(const SetInterfaceCommand& command) {
   auto session = authenticated();
   if (!session) return session.error();
-  auto status =
-      ask(*session, std::move(CommandText("set_interface").text("interface", command.name)),
-          {"bridge_status"});
-  // Other clients' doings are broadcast too.
-  while (status) {
-    const auto* active = status->members.string("activeInterface");
-    if (active && *active == command.name) break;
-    status = session->answer({"bridge_status"});
+  if (!command.force) {
+    const auto known = session->ask(CommandText("get_interfaces"), "interfaces");
+    if (!known) return known.error();
+    std::string names;
+    bool isThere = false;
+    for (const auto* interface : interfacesOf(*known)) {
+      const auto* name = interface->string("name");
+      if (!name) continue;
+      isThere = isThere || *name == command.name;
+      names += "\n  " + printable(*name);
+    }
+    if (!isThere) {
+      return CtlError{CtlExit::usage,
+                      "the bridge has no interface '" + printable(command.name) + "'; " +
+                          (names.empty() ? "it has none at all" : "there are:" + names) +
+                          "\n--force chooses it nevertheless, for when it comes."};
+    }
   }
+  const auto status = session->ask(
+      std::move(CommandText("set_interface").text("interface", command.name)), "bridge_status");
   if (!status) return status.error();
   session->close();
   print(options_.json ? status->text : "active interface: " + printable(command.name));

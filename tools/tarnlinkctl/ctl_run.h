@@ -5,14 +5,13 @@
 #include <boost/system/result.hpp>
 #include <chrono>
 #include <cstdint>
-#include <functional>
-#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <ostream>
 #include <string>
 
 #include "platform/preference_store.h"
+#include "tools/tarnlinkctl/arrival_probe.h"
 #include "tools/tarnlinkctl/bridge_session.h"
 #include "tools/tarnlinkctl/command_text.h"
 #include "tools/tarnlinkctl/options.h"
@@ -41,18 +40,12 @@ class CtlRun {
   CtlResult<void> operator()(const PublishSvCommand& command);
 
  private:
-  using Handler = std::function<void(const BridgeEvent&)>;
-
   std::unique_ptr<PreferenceStore> rememberedCodes();
   CtlResult<BridgeSession> authenticated();
-  CtlResult<BridgeEvent> ask(BridgeSession& session, CommandText command,
-                             std::initializer_list<std::string_view> answers);
-  CtlResult<void> send(BridgeSession& session, CommandText command);
-  CtlResult<void> confirm(BridgeSession& session, const Handler& onEvent);
   CtlResult<void> changePublication(CommandText command, const std::string& done);
   CtlResult<void> waitUntil(BridgeSession::Clock::time_point deadline, BridgeSession& session);
   void showMessage(const BridgeEvent& event);
-  CtlResult<void> printMessages(BridgeSession& session);
+  CtlResult<void> printMessages(BridgeSession& session, MessageKind kind, bool isFiltered);
   void print(const std::string& line) { out_ << line << std::endl; }
 
   const CtlOptions& options_;
@@ -60,6 +53,7 @@ class CtlRun {
   std::ostream& errors_;
   const std::atomic<bool>& interrupted_;
   bool storeFailed_ = false;
+  bool hasMessage_ = false;                    ///< A subscription has heard something.
   std::optional<std::uint64_t> messagesLeft_;  ///< Of a subscription; absent: no end.
 };
 

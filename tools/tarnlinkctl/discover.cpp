@@ -40,7 +40,9 @@ std::string describe(const DnsSdError& error) {
 CtlResult<std::vector<DnsSdInstance>> discoverBridges(std::chrono::milliseconds wait) {
   auto found = browseDnsSd(kBridgeServiceType, wait);
   if (found) return std::move(*found);
-  return CtlError{CtlExit::connection, "cannot look for bridges: " + describe(found.error())};
+  return CtlError{CtlExit::connection,
+                  "cannot look for bridges: " + describe(found.error()) +
+                      "\n  That needs avahi-daemon on this computer; --host ADDRESS does not."};
 }
 
 std::string bridgeLine(const DnsSdInstance& bridge) {
@@ -81,7 +83,8 @@ CtlResult<CtlOptions> locateBridge(CtlOptions options) {
   }
   if (mayBeHost) return options;
   return CtlError{CtlExit::connection, "no bridge is announced as \"" + printable(options.host) +
-                                           "\"" + (found ? "" : ": " + describe(found.error()))};
+                                           "\"" + (found ? "" : ": " + describe(found.error())) +
+                                           "\n  'tarnlinkctl discover' lists those that are."};
 }
 
 }  // namespace tarnlink

@@ -30,6 +30,11 @@ std::string checkAppId(const std::string& text) {
   return parseAppId(text) ? "" : "must be 0 to 65535, or 0x0 to 0xFFFF: " + text;
 }
 
+std::string checkCode(const std::string& text) {
+  const bool isCode = text.size() == 6 && text.find_first_not_of("0123456789") == text.npos;
+  return isCode ? "" : "a pairing code has six digits: " + text;
+}
+
 std::string checkCount(const std::string& text) {
   return parseWhole<std::uint64_t>(text).value_or(0) > 0 ? "" : "must be a number above 0: " + text;
 }

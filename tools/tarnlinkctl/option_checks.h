@@ -9,6 +9,9 @@ namespace tarnlink {
 /// As parseAppId() reads it.
 std::string checkAppId(const std::string& text);
 
+/// A pairing code: six digits. Another text would only cost an attempt.
+std::string checkCode(const std::string& text);
+
 /// A whole number above 0; CLI11 takes "-1" for the largest unsigned one.
 std::string checkCount(const std::string& text);
 

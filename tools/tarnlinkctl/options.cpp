@@ -4,6 +4,7 @@
 #include <memory>
 #include <sstream>
 
+#include "tools/tarnlinkctl/advice.h"
 #include "tools/tarnlinkctl/option_checks.h"
 #include "tools/tarnlinkctl/publish_options.h"
 
@@ -43,7 +44,10 @@ void addDiscoverCommand(CLI::App& app, CtlCommand& command) {
 void addPlainCommands(CLI::App& app, CtlCommand& command) {
   const auto pair = std::make_shared<PairCommand>();
   auto* pairApp = app.add_subcommand("pair", "Check a pairing code and remember it");
-  pairApp->add_option("CODE", pair->code, "The six digits")->required()->type_name("");
+  pairApp->add_option("CODE", pair->code, "The six digits")
+      ->required()
+      ->check(checkCode)
+      ->type_name("");
   pairApp->callback([pair, &command] { command = *pair; });
 
   app.add_subcommand("ping", "Measure the time to the bridge and back")->callback([&command] {
@@ -59,6 +63,8 @@ void addPlainCommands(CLI::App& app, CtlCommand& command) {
   setInterfaceApp->add_option("NAME", setInterface->name, "Interface name")
       ->required()
       ->type_name("");
+  setInterfaceApp->add_flag("--force", setInterface->force,
+                            "Also one that the bridge does not list");
   setInterfaceApp->callback([setInterface, &command] { command = *setInterface; });
 }
 
@@ -92,6 +98,31 @@ void addSubscribeCommands(CLI::App& app, CtlCommand& command) {
                   std::make_shared<SubscribeSvCommand>(), command);
 }
 
+/// For a command line that is wrong: the commands there are, or the word that was meant. One line;
+/// empty where there is nothing to say.
+std::string suggestion(const CLI::App& app) {
+  const CLI::App* level = &app;
+  while (!level->get_subcommands().empty()) level = level->get_subcommands().front();
+  std::vector<std::string> commands;
+  for (const auto* command : level->get_subcommands(nullptr))
+    commands.push_back(command->get_name());
+  std::vector<std::string> options;
+  for (const auto* scope = level; scope; scope = scope->get_parent()) {
+    for (const auto* option : scope->get_options()) options.push_back(option->get_name());
+  }
+  const auto unknown = app.remaining(true);
+  for (const auto& word : unknown) {
+    const bool isOption = word.starts_with("--");
+    const auto meant = nearestWord(word.substr(0, word.find('=')), isOption ? options : commands);
+    if (!meant.empty()) return "'" + word + "' is not known; did you mean '" + meant + "'?\n";
+  }
+  if (commands.empty()) return "";
+  std::string line = unknown.empty() ? "" : "'" + unknown.front() + "' is none of the commands.\n";
+  line += "Commands of '" + level->get_name() + "':";
+  for (const auto& command : commands) line += " " + command;
+  return line + "\n";
+}
+
 }  // namespace
 
 std::variant<CtlOptions, CtlEnd> parseCtlOptions(int argc, const char* const* argv) {
@@ -110,6 +141,7 @@ std::variant<CtlOptions, CtlEnd> parseCtlOptions(int argc, const char* const* ar
                          ->capture_default_str();
   app.add_option("--code", options.code, "Pairing code, in place of the remembered one")
       ->envname("TARNLINK_CODE")
+      ->check(checkCode)
       ->type_name("CODE");
   double timeout = std::chrono::duration<double>(options.timeout).count();
   app.add_option("--timeout", timeout, "Seconds to wait for an answer")
@@ -129,6 +161,7 @@ std::variant<CtlOptions, CtlEnd> parseCtlOptions(int argc, const char* const* ar
     std::ostringstream out;
     std::ostringstream errors;
     const bool isHelp = app.exit(end, out, errors) == 0;
+    if (!isHelp) errors << suggestion(app);
     return CtlEnd{isHelp ? CtlExit::done : CtlExit::usage, isHelp ? out.str() : errors.str()};
   }
   options.isPortGiven = port->count() > 0;

@@ -33,6 +33,7 @@ struct PingCommand {};
 struct InterfacesCommand {};
 struct SetInterfaceCommand {
   std::string name;
+  bool force = false;  ///< Also one that the bridge does not list.
 };
 struct SubscribeGooseCommand {
   std::optional<std::uint16_t> appId;

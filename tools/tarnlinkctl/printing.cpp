@@ -94,6 +94,18 @@ std::string printable(std::string_view text) {
   return out;
 }
 
+std::string printableLines(std::string_view text) {
+  std::string out;
+  while (!text.empty()) {
+    const auto line = text.substr(0, text.find('\n'));
+    text.remove_prefix(std::min(text.size(), line.size() + 1));
+    if (line.empty()) continue;
+    if (!out.empty()) out += "\n  ";
+    out += printable(line);
+  }
+  return out;
+}
+
 std::string valueText(const JsonObject& value) {
   const auto* type = value.string("runtimeType");
   if (!type) return "?";

@@ -12,6 +12,10 @@ namespace tarnlink {
 /// from whoever sends on the network.
 std::string printable(std::string_view text);
 
+/// The same for texts of several lines, such as a tool's output: those behind the first begin
+/// anew, indented, so that none passes for a line of this program. Empty ones are left out.
+std::string printableLines(std::string_view text);
+
 /// One dataset value: true, 5, 1.5, 0b0101, 0x0AFF, "text", a time, {members} or [elements].
 std::string valueText(const JsonObject& value);
 

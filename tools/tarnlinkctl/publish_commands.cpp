@@ -20,16 +20,12 @@ CtlResult<void> CtlRun::operator()(const UnpublishCommand& command) {
 CtlResult<void> CtlRun::changePublication(CommandText command, const std::string& done) {
   auto session = authenticated();
   if (!session) return session.error();
-  if (const auto sent = send(*session, std::move(command)); !sent) return sent.error();
-  BridgeEvent status;
-  const auto confirmed = confirm(*session, [&status](const BridgeEvent& event) {
-    if (event.name == "bridge_status") status = event;
-  });
-  if (!confirmed) return confirmed.error();
+  const auto status = session->ask(std::move(command), "bridge_status");
+  if (!status) return status.error();
   session->close();
-  const auto count = status.members.integer("messagesPublished").value_or(0);
-  print(options_.json ? status.text
-                      : done + " (active interface: " + activeInterfaceOf(status) + ", " +
+  const auto count = status->members.integer("messagesPublished").value_or(0);
+  print(options_.json ? status->text
+                      : done + " (active interface: " + activeInterfaceOf(*status) + ", " +
                             std::to_string(count) + " published so far)");
   return {};
 }
@@ -40,14 +36,15 @@ CtlResult<void> CtlRun::operator()(const PublishSvCommand& command) {
   const auto start = BridgeSession::Clock::now();
   std::uint64_t sent = 0;
   while (true) {
-    if (const auto result = send(*session, commandText(command)); !result) return result.error();
+    if (const auto result = session->send(commandText(command)); !result) return result.error();
     if (++sent == command.count) break;
     const auto waited = waitUntil(start + command.interval * sent, *session);
     if (!waited) return waited.error();
     if (interrupted_) break;
   }
-  const auto confirmed = confirm(*session, [](const BridgeEvent&) {});
-  if (!confirmed) return confirmed.error();
+  // Commands are served in their order: what is wrong with any of them comes before this pong.
+  const auto served = session->ask(CommandText("ping"), "pong");
+  if (!served) return served.error();
   session->close();
   print("sent " + std::to_string(sent) + (sent == 1 ? " frame of " : " frames of ") +
         std::to_string(command.payload.size()) + " octets after the EtherType");

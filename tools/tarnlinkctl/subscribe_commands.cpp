@@ -1,33 +1,49 @@
 // Subscriptions: messages are printed until their number or an interrupt ends it.
+#include <utility>
+
+#include "tools/tarnlinkctl/arrival_probe.h"
 #include "tools/tarnlinkctl/ctl_run.h"
 #include "tools/tarnlinkctl/printing.h"
 
 namespace tarnlink {
+namespace {
+
+using std::chrono::seconds;
+
+// A subscription that has heard nothing for so long is told why.
+constexpr seconds kSilence{5};
+// The last part of that, in which another session looks what arrives: as long as a publisher's
+// pause may be at most of the profiles in use, and short enough for those that do send.
+constexpr seconds kProbing{3};
+
+}  // namespace
 
 CtlResult<void> CtlRun::operator()(const SubscribeGooseCommand& command) {
   auto session = authenticated();
   if (!session) return session.error();
   messagesLeft_ = command.count;
-  const auto status = ask(*session, commandText(command), {"bridge_status"});
+  const auto status = session->ask(commandText(command), "bridge_status",
+                                   [this](const BridgeEvent& event) { showMessage(event); });
   if (!status) return status.error();
   if (options_.json) {
     print(status->text);
   } else {
     errors_ << "subscribed on " << activeInterfaceOf(*status) << std::endl;
   }
-  return printMessages(*session);
+  return printMessages(*session, MessageKind::goose, command.appId || command.goCBRef);
 }
 
 CtlResult<void> CtlRun::operator()(const SubscribeSvCommand& command) {
   auto session = authenticated();
   if (!session) return session.error();
   messagesLeft_ = command.count;
-  if (const auto sent = send(*session, commandText(command)); !sent) return sent.error();
-  const auto confirmed =
-      confirm(*session, [this](const BridgeEvent& event) { showMessage(event); });
-  if (!confirmed) return confirmed.error();
+  if (const auto sent = session->send(commandText(command)); !sent) return sent.error();
+  // Commands are served in their order: a refusal would come before this pong.
+  const auto served = session->ask(CommandText("ping"), "pong",
+                                   [this](const BridgeEvent& event) { showMessage(event); });
+  if (!served) return served.error();
   if (!options_.json) errors_ << "subscribed" << std::endl;
-  return printMessages(*session);
+  return printMessages(*session, MessageKind::sampledValues, command.appId.has_value());
 }
 
 void CtlRun::showMessage(const BridgeEvent& event) {
@@ -43,14 +59,33 @@ void CtlRun::showMessage(const BridgeEvent& event) {
   } else if (event.name == "error") {
     errors_ << "tarnlinkctl: " << errorOf(event).text << std::endl;
   }
+  if (isMessage) hasMessage_ = true;
   if (isMessage && messagesLeft_) --*messagesLeft_;
 }
 
-CtlResult<void> CtlRun::printMessages(BridgeSession& session) {
+CtlResult<void> CtlRun::printMessages(BridgeSession& session, MessageKind kind, bool isFiltered) {
+  const auto start = BridgeSession::Clock::now();
+  std::optional<ArrivalProbe> probe;
+  bool hasProbed = false;
+  bool isExplained = false;
   while (!interrupted_ && messagesLeft_ != 0) {
     const auto event = session.next(kInterruptCheck);
     if (!event) return event.error();
     if (*event) showMessage(**event);
+    if (isExplained) continue;
+
+    const auto silence = BridgeSession::Clock::now() - start;
+    if (!hasMessage_ && silence >= kSilence - kProbing && !std::exchange(hasProbed, true)) {
+      if (auto second = authenticated()) probe.emplace(std::move(*second), kind, isFiltered);
+    }
+    if (probe && !probe->look()) probe.reset();
+    isExplained = hasMessage_ || silence >= kSilence;
+    if (!isExplained) continue;
+    if (!hasMessage_) {
+      errors_ << "no message for " << kSilence.count() << " s"
+              << (probe ? ": " + probe->finding() : "") << std::endl;
+    }
+    probe.reset();
   }
   session.close();
   return {};
