@@ -31,8 +31,14 @@ void mendCloseCode(std::string& frame) {
 
 }  // namespace
 
-GatheredStream::GatheredStream(Socket socket, std::size_t queueLimit)
-    : socket_(std::move(socket)), queueLimit_(queueLimit) {}
+GatheredStream::GatheredStream(Socket socket, std::size_t queueLimit,
+                               std::shared_ptr<const TlsContext> tls)
+    : socket_(std::move(socket)),
+      tls_(tls ? std::make_unique<TlsChannel>(std::move(tls), socket_.native_handle()) : nullptr),
+      queueLimit_(queueLimit) {
+  boost::system::error_code ignored;  // a socket that is gone fails at the first operation
+  socket_.non_blocking(true, ignored);
+}
 
 void GatheredStream::attach(std::weak_ptr<void> owner, Events events) {
   owner_ = std::move(owner);
@@ -60,10 +66,39 @@ GatheredStream::Push GatheredStream::push(std::span<SharedTextFrame> frames) {
 }
 
 void GatheredStream::open() {
-  boost::system::error_code ignored;  // a socket that is gone fails at the first write
-  socket_.non_blocking(true, ignored);
   open_ = true;
   drain();
+}
+
+void GatheredStream::readTls(boost::asio::mutable_buffer room, std::unique_ptr<Operation> read) {
+  boost::system::error_code error;
+  const auto octets = tls_->read(room, error);
+  if (error != boost::asio::error::would_block) {
+    read->complete(get_executor(), error, octets);
+    return;
+  }
+  socket_.async_wait(tls_->readWaitsFor(), [this, room, read = std::move(read)](
+                                               const boost::system::error_code& failed) mutable {
+    if (failed) {
+      read->complete(get_executor(), failed, 0);
+    } else {
+      readTls(room, std::move(read));
+    }
+  });
+}
+
+// Before frames may flow: the answer to the handshake.
+void GatheredStream::writeTls() {
+  const boost::asio::const_buffer octets = boost::asio::buffer(libraryOctets_);
+  boost::system::error_code error;
+  const auto taken = tls_->write({&octets, 1}, error);
+  if (error != boost::asio::error::would_block) {
+    completeLibraryWrite(error, taken);
+    return;
+  }
+  socket_.async_wait(tls_->writeWaitsFor(), [this, owner = owner_.lock()](const auto& failed) {
+    if (owner && !failed) writeTls();
+  });
 }
 
 void GatheredStream::queueLibraryOctets() {
@@ -122,8 +157,10 @@ void GatheredStream::drain() {
     Buffers buffers;
     const auto gathered = gather(buffers);
     boost::system::error_code error;
-    const auto taken = socket_.write_some(gathered.buffers, error);
-    if (error == boost::asio::error::would_block || (!error && taken < gathered.octets)) {
+    const auto taken =
+        tls_ ? tls_->write(gathered.buffers, error) : socket_.write_some(gathered.buffers, error);
+    const bool isFull = !tls_ && !error && taken < gathered.octets;
+    if (error == boost::asio::error::would_block || isFull) {
       written(taken);
       waitWritable();
       return;
@@ -150,7 +187,7 @@ void GatheredStream::written(std::size_t octets) {
       queuedMemory_ -= item.frame->footprint();
       item.frame.reset();
     } else {
-      completeLibraryWrite({});
+      completeLibraryWrite({}, libraryOctets_.size());
     }
     ++next_;
   }
@@ -159,7 +196,7 @@ void GatheredStream::written(std::size_t octets) {
 void GatheredStream::waitWritable() {
   stalled_ = true;
   if (hurries_) refuseText();
-  socket_.async_wait(Socket::wait_write,
+  socket_.async_wait(tls_ ? tls_->writeWaitsFor() : Socket::wait_write,
                      [this, owner = owner_.lock()](const boost::system::error_code& error) {
                        stalled_ = false;
                        if (!owner || !socket_.is_open()) return;
@@ -175,15 +212,16 @@ void GatheredStream::refuseText() {
   const auto isText = [](const Item& item) { return item.frame != nullptr; };
   const std::lock_guard lock(mutex_);
   refusesText_ = true;
-  // Half a frame on the wire has to be finished.
+  // Half a frame on the wire has to be finished, and so has a TLS record.
   const auto isBegun = [](const Item& item) {
     return item.frame != nullptr && item.octets.size() < item.frame->size();
   };
+  auto committed = tls_ ? tls_->committed() : 0;
   auto first = writing_.begin() + static_cast<std::ptrdiff_t>(next_);
   std::size_t kept = 0;
-  if (first != writing_.end() && isBegun(*first)) {
-    kept = first->frame->footprint();
-    ++first;
+  for (; first != writing_.end() && (committed > 0 || isBegun(*first)); ++first) {
+    committed -= std::min(committed, first->octets.size());
+    if (first->frame) kept += first->frame->footprint();
   }
   writing_.erase(std::remove_if(first, writing_.end(), isText), writing_.end());
   std::erase_if(pending_, isText);
@@ -193,6 +231,17 @@ void GatheredStream::refuseText() {
 void GatheredStream::hurry() {
   hurries_ = true;
   if (stalled_) refuseText();
+}
+
+void GatheredStream::finish() {
+  boost::system::error_code ignored;
+  if (!tls_ || !socket_.is_open() || tls_->sayGoodbye()) {
+    socket_.shutdown(Socket::shutdown_send, ignored);
+    return;
+  }
+  socket_.async_wait(tls_->writeWaitsFor(), [this, owner = owner_.lock()](const auto& error) {
+    if (owner && !error) finish();
+  });
 }
 
 void GatheredStream::close(bool reset) {
@@ -208,7 +257,7 @@ void GatheredStream::close(bool reset) {
   Items().swap(writing_);
   next_ = 0;
   queuedMemory_ = 0;
-  completeLibraryWrite(boost::asio::error::operation_aborted);
+  completeLibraryWrite(boost::asio::error::operation_aborted, 0);
 }
 
 void GatheredStream::fail(const boost::system::error_code& error) {
@@ -216,10 +265,8 @@ void GatheredStream::fail(const boost::system::error_code& error) {
   if (events_.writeFailed) events_.writeFailed(error);
 }
 
-void GatheredStream::completeLibraryWrite(boost::system::error_code error) {
-  if (const auto write = std::move(libraryWrite_)) {
-    write->complete(get_executor(), error, error ? 0 : libraryOctets_.size());
-  }
+void GatheredStream::completeLibraryWrite(boost::system::error_code error, std::size_t octets) {
+  if (const auto write = std::move(libraryWrite_)) write->complete(get_executor(), error, octets);
 }
 
 }  // namespace tarnlink

@@ -9,7 +9,7 @@
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/async_result.hpp>
 #include <boost/asio/buffer.hpp>
-#include <boost/asio/generic/stream_protocol.hpp>
+#include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/beast/core/role.hpp>
 #include <boost/system/error_code.hpp>
@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "platform/text_frame.h"
+#include "platform/tls_channel.h"
 
 namespace tarnlink {
 
@@ -38,8 +39,8 @@ namespace tarnlink {
 /// reading stalls its own pongs instead of filling memory.
 class GatheredStream {
  public:
-  /// TCP, or local where something stands between. Its executor is the connection's strand.
-  using Socket = boost::asio::generic::stream_protocol::socket;
+  /// Its executor is the connection's strand.
+  using Socket = boost::asio::ip::tcp::socket;
   using executor_type = Socket::executor_type;
   using Clock = std::chrono::steady_clock;
 
@@ -51,8 +52,9 @@ class GatheredStream {
   };
 
   /// The limit bounds the memory of all text frames that the socket has not yet taken whole.
-  /// Octets.
-  GatheredStream(Socket socket, std::size_t queueLimit);
+  /// Octets. With a TLS context, everything goes through TLS.
+  GatheredStream(Socket socket, std::size_t queueLimit,
+                 std::shared_ptr<const TlsContext> tls = nullptr);
 
   /// Set before use. The owner is held while the stream waits for the socket.
   void attach(std::weak_ptr<void> owner, Events events);
@@ -81,6 +83,9 @@ class GatheredStream {
   /// For a close frame that has to arrive: from now on text frames wait for nothing. Those that the
   /// socket does not take at once are forgotten.
   void hurry();
+
+  /// Says that nothing more will be said: close_notify where there is TLS, and FIN.
+  void finish();
 
   /// Aborts everything. With reset, octets still in the kernel are thrown away too.
   void close(bool reset);
@@ -125,15 +130,16 @@ class GatheredStream {
     std::size_t octets = 0;
   };
 
-  // The library's write that is under way (there is one at a time), whatever its handler's type.
-  struct LibraryWrite {
-    virtual ~LibraryWrite() = default;
+  // An operation of the library that is under way, whatever its handler's type. There is one read
+  // and one write at a time.
+  struct Operation {
+    virtual ~Operation() = default;
     virtual void complete(const executor_type& strand, boost::system::error_code error,
                           std::size_t octets) = 0;
   };
   template <class Handler>
-  struct LibraryWriteOf final : LibraryWrite {
-    explicit LibraryWriteOf(Handler h) : handler(std::move(h)) {}
+  struct OperationOf final : Operation {
+    explicit OperationOf(Handler h) : handler(std::move(h)) {}
     void complete(const executor_type& strand, boost::system::error_code error,
                   std::size_t octets) override {
       auto executor = boost::asio::get_associated_executor(handler, strand);
@@ -147,33 +153,44 @@ class GatheredStream {
   template <class MutableBuffers, class Handler>
   void readSome(const MutableBuffers& target, Handler handler) {
     lastRead_ = Clock::now();
-    if (putBack_.empty()) {
+    if (putBack_.empty() && !tls_) {
       socket_.async_read_some(target, std::move(handler));
+      return;
+    }
+    if (putBack_.empty()) {
+      const boost::asio::mutable_buffer room = *boost::asio::buffer_sequence_begin(target);
+      readTls(room, std::make_unique<OperationOf<Handler>>(std::move(handler)));
       return;
     }
     const auto octets = boost::asio::buffer_copy(target, boost::asio::buffer(putBack_));
     putBack_.erase(0, octets);
-    LibraryWriteOf<Handler>(std::move(handler)).complete(get_executor(), {}, octets);
+    OperationOf<Handler>(std::move(handler)).complete(get_executor(), {}, octets);
   }
 
   template <class ConstBuffers, class Handler>
   void writeSome(const ConstBuffers& source, Handler handler) {
-    if (!open_) {
+    if (!open_ && !tls_) {
       socket_.async_write_some(source, std::move(handler));
       return;
     }
     if (!socket_.is_open()) {
       // The answer to something that was read before a failed write closed the socket.
-      LibraryWriteOf<Handler>(std::move(handler))
+      OperationOf<Handler>(std::move(handler))
           .complete(get_executor(), boost::asio::error::operation_aborted, 0);
       return;
     }
     libraryOctets_.resize(boost::asio::buffer_size(source));
     boost::asio::buffer_copy(boost::asio::buffer(libraryOctets_), source);
-    libraryWrite_ = std::make_unique<LibraryWriteOf<Handler>>(std::move(handler));
-    queueLibraryOctets();
+    libraryWrite_ = std::make_unique<OperationOf<Handler>>(std::move(handler));
+    if (open_) {
+      queueLibraryOctets();
+    } else {
+      writeTls();
+    }
   }
 
+  void readTls(boost::asio::mutable_buffer room, std::unique_ptr<Operation> read);
+  void writeTls();
   void queueLibraryOctets();
   static Items& spareStorage();
   bool refill();
@@ -181,9 +198,10 @@ class GatheredStream {
   void written(std::size_t octets);
   void waitWritable();
   void fail(const boost::system::error_code& error);
-  void completeLibraryWrite(boost::system::error_code error);
+  void completeLibraryWrite(boost::system::error_code error, std::size_t octets);
 
   Socket socket_;
+  const std::unique_ptr<TlsChannel> tls_;  // null: none
   const std::size_t queueLimit_;
   std::weak_ptr<void> owner_;
   Events events_;
@@ -195,7 +213,7 @@ class GatheredStream {
   std::string putBack_;
   Clock::time_point lastRead_ = Clock::now();
   std::string libraryOctets_;
-  std::unique_ptr<LibraryWrite> libraryWrite_;
+  std::unique_ptr<Operation> libraryWrite_;
   Items writing_;  // taken from pending_ as a whole; begun at next_
   std::size_t next_ = 0;
 

@@ -38,7 +38,7 @@ struct WebSocketLimits {
   std::chrono::milliseconds acceptBackOff{100};
 };
 
-class TlsTerminator;
+class TlsContext;
 
 /// Who is let in, and how. As made, everybody, without encryption.
 struct WebSocketAccess {
@@ -50,7 +50,7 @@ struct WebSocketAccess {
   /// with status 503, or closed at once where many wait for that answer.
   std::size_t maxClients = 0;
   /// Null: no TLS. Otherwise nothing but TLS.
-  std::shared_ptr<const TlsTerminator> tls;
+  std::shared_ptr<const TlsContext> tls;
 };
 
 /// Failures that are the transport's own; all others are the system's or the WebSocket library's.

@@ -75,7 +75,7 @@ class Session : public std::enable_shared_from_this<Session> {
   Session(GatheredStream::Socket socket, const WebSocketLimits& limits, Admission admission)
       : limits_(limits),
         admission_(std::move(admission)),
-        websocket_(std::move(socket), limits.sendQueue),
+        websocket_(std::move(socket), limits.sendQueue, admission_.tls),
         timer_(strand()) {}
 
   const std::string& peer() const { return admission_.peer; }
@@ -456,20 +456,19 @@ void Session::onCloseQueued() {
 
 void Session::saidAll() {
   saidAll_ = true;
-  error_code ignored;
-  stream().socket().shutdown(asio::socket_base::shutdown_send, ignored);
+  stream().finish();
   if (heardAll_) close(false);
 }
 
 // RFC 6455, 7.1.1. Unread octets would make the kernel answer our closing with a reset, which can
 // overtake the close frame; so they are read away until the peer closes or time is up.
 asio::awaitable<void> Session::linger(std::shared_ptr<Session> self) {
-  auto& socket = self->stream().socket();
+  auto& stream = self->stream();
   error_code error;
   std::array<char, kDiscardBuffer> discarded;
   const auto buffer = asio::buffer(discarded);
-  while (!error && socket.is_open()) {
-    std::tie(error, std::ignore) = co_await socket.async_read_some(buffer, kWait);
+  while (!error && stream.socket().is_open()) {
+    std::tie(error, std::ignore) = co_await stream.async_read_some(buffer, kWait);
   }
   self->heardAll_ = true;
   if (self->saidAll_) self->close(false);

@@ -17,6 +17,7 @@ struct Admission {
   std::string peer;           ///< See WebSocketConnection::peer().
   /// Among the connections that are counted; dropped with the socket.
   std::shared_ptr<void> place;
+  std::shared_ptr<const TlsContext> tls;  ///< Null: none.
 };
 
 /// Takes over an accepted socket, whose executor becomes the connection's strand. Dropping the

@@ -15,7 +15,6 @@
 #include <optional>
 #include <utility>
 
-#include "platform/tls_terminator.h"
 #include "platform/websocket.h"
 #include "platform/websocket_beast.h"
 
@@ -30,7 +29,7 @@ using boost::system::errc::errc_t;
 constexpr auto kWait = asio::as_tuple(asio::use_awaitable);
 
 // Connections beyond the allowed number that wait for their refusal, at a time; each costs a
-// descriptor until then, with TLS three. Further ones are closed at once.
+// descriptor until then. Further ones are closed at once.
 constexpr std::size_t kMaxRefusals = 32;
 
 std::string peerOf(const tcp::socket& socket) {
@@ -180,17 +179,15 @@ class Listening : public std::enable_shared_from_this<Listening> {
     error_code ignored;  // a peer that has gone already is noticed by the first read
     socket.set_option(tcp::no_delay(true), ignored);
     if (!onConnection_) return;
-    Admission admission{{access_, &access_->rules}, false, peerOf(socket), clients_.take()};
+    Admission admission{
+        {access_, &access_->rules}, false, peerOf(socket), clients_.take(), access_->tls};
     if (!admission.place) {
       admission.isOneTooMany = true;
       admission.place = refusals_.take();
       if (!admission.place) return;  // which closes the socket
     }
-    auto inside = access_->tls ? access_->tls->terminate(std::move(socket))
-                               : GatheredStream::Socket(std::move(socket));
-    if (!inside) return;                 // No descriptors left, for example.
     const auto handler = onConnection_;  // may drop the listener, and with it the handler
-    handler(makeWebSocketConnection(*std::move(inside), limits_, std::move(admission)));
+    handler(makeWebSocketConnection(std::move(socket), limits_, std::move(admission)));
   }
 
   void report(const TransportState& state) {

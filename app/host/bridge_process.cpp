@@ -25,7 +25,7 @@
 #include "platform/preference_store.h"
 #include "platform/process_capabilities.h"
 #include "platform/service_notify.h"
-#include "platform/tls_terminator.h"
+#include "platform/tls_context.h"
 #include "platform/websocket.h"
 #include "server/bridge_server.h"
 #include "server/pairing_code.h"
@@ -198,7 +198,7 @@ int runBridgeProcess(DaemonOptions options) {
     }
   }
   if (!options.tlsCertificate.empty()) {
-    const auto tls = loadTlsTerminator(options.tlsCertificate, options.tlsKey);
+    const auto tls = TlsContext::load(options.tlsCertificate, options.tlsKey);
     if (!tls) {
       logToConsole("[KorvelTarnlink] Start failed: " + tls.error());
       return kExitStartFailed;

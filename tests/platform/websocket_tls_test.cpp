@@ -7,7 +7,7 @@
 #include <fstream>
 #include <thread>
 
-#include "platform/tls_terminator.h"
+#include "platform/tls_context.h"
 #include "tests/platform/websocket_fixtures.h"
 
 namespace tarnlink::test {
@@ -77,7 +77,7 @@ class TlsClient {
 
 TEST_F(WebSocketTls, CarriesTheWholeConversationAndEndsInOrder) {
   WebSocketAccess access;
-  access.tls = *loadTlsTerminator(file("a.pem"), file("a.key"));
+  access.tls = *TlsContext::load(file("a.pem"), file("a.key"));
   Server server({}, Server::Messages::recorded, access);
   TlsClient client(server.port, file("a.pem"));
   client.send(RawClient::kUpgrade);
@@ -114,7 +114,7 @@ TEST_F(WebSocketTls, AClientThatDoesNotReadIsDroppedWithItsDescriptors) {
     return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
   };
   WebSocketAccess access;
-  access.tls = *loadTlsTerminator(file("a.pem"), file("a.key"));
+  access.tls = *TlsContext::load(file("a.pem"), file("a.key"));
   WebSocketLimits limits;
   limits.sendQueue = 1 << 20;
   Server server(limits, Server::Messages::recorded, access);
@@ -160,7 +160,7 @@ TEST_F(WebSocketTls, UnusableFilesAreNamedWithTheReason) {
       {"locked.pem", "locked.key", "locked.key: not the certificate's key"},
   };
   for (const auto& [certificate, key, named] : cases) {
-    const auto loaded = loadTlsTerminator(file(certificate), file(key));
+    const auto loaded = TlsContext::load(file(certificate), file(key));
     ASSERT_TRUE(loaded.has_error()) << certificate << " " << key;
     EXPECT_NE(loaded.error().find(named), std::string::npos) << loaded.error();
   }
