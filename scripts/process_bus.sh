@@ -95,7 +95,7 @@ has_net_raw() {
 # and nothing else: the bridge itself runs as the user, and this shell may end it.
 start_bridge() {
   local bridge=("$bin/tarnlinkd" --interface "$1" --low-latency --no-advertise
-    --preferences "$work/preferences.json")
+    --preferences "$work/preferences.json" ${port:+--port "$port"})
   if has_net_raw; then
     start bridge "${bridge[@]}"
   else
@@ -119,7 +119,7 @@ start_bridge() {
 start_client() {
   code=$("$bin/tarnlinkd" --show-pairing-code --preferences "$work/preferences.json")
   TARNLINK_CODE=$code setpriv --pdeathsig TERM -- "$bin/tarnlinkctl" ${json:+--json} \
-    subscribe goose ${count:+--count "$count"} &
+    ${port:+--port "$port"} subscribe goose ${count:+--count "$count"} &
   children[client]=$!
   await_line client bridge "capture started"
 }
@@ -143,8 +143,8 @@ show_publishing() {
   local rest=(--profile single bool:true string:hello)
   await_line ied ied "listening on $ied"
   say "publishing through the bridge: tarnlinkctl publish --gocb-ref '$reference' ${rest[*]}"
-  TARNLINK_CODE=$code "$bin/tarnlinkctl" publish --gocb-ref "$reference" "${rest[@]}" \
-    >"$work/publish.log" 2>&1 || fail_with_log publish "publishing failed"
+  TARNLINK_CODE=$code "$bin/tarnlinkctl" ${port:+--port "$port"} publish \
+    --gocb-ref "$reference" "${rest[@]}" >"$work/publish.log" 2>&1 || fail_with_log publish "publishing failed"
   await_line ied ied "$reference"
   say "the IED says: $(grep -m 1 -F "$reference" "$work/ied.log")"
 }

@@ -28,6 +28,8 @@ class BridgeError {
   }
 
   Case which() const { return case_; }
+  /// Whether somebody else listens on that port already.
+  bool isAddressInUse() const { return error_ == boost::system::errc::address_in_use; }
   std::string description() const;
 
  private:

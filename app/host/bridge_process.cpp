@@ -14,6 +14,7 @@
 #include <boost/asio/use_awaitable.hpp>
 #include <csignal>
 #include <cstddef>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <utility>
@@ -76,6 +77,12 @@ std::string readOwnerToken() {
   return octet == '\n' && line.size() >= kShortestToken ? line : std::string();
 }
 
+std::string ownPath() {
+  std::error_code unreadable;
+  const auto path = std::filesystem::read_symlink("/proc/self/exe", unreadable);
+  return unreadable ? "/usr/bin/tarnlinkd" : path.string();
+}
+
 /// Owns everything that lives while the bridge serves.
 class BridgeProcess {
  public:
@@ -134,6 +141,12 @@ class BridgeProcess {
       notifyServiceReady(listening);
     } else {
       logToConsole("[KorvelTarnlink] Start failed: " + started.error().description());
+      if (started.error().isAddressInUse()) {
+        const auto port = std::to_string(port_);
+        logToConsole("[KorvelTarnlink] Another program, perhaps another bridge, listens on port " +
+                     port + ": find it with 'ss -ltnp sport = :" + port +
+                     "' and end it, or choose another port with --port");
+      }
       exitCode_ = kExitStartFailed;
       signals_.cancel();
       io_.stop();
@@ -204,6 +217,13 @@ int runBridgeProcess(DaemonOptions options) {
       return kExitStartFailed;
     }
     options.access.tls = *tls;
+  }
+  if (!hasCaptureCapability()) {
+    logToConsole(
+        "[KorvelTarnlink] No CAP_NET_RAW: capturing and publishing will end in \"permission "
+        "denied\". "
+        "Ways to give it: the packaged service, sudo, or sudo setcap cap_net_raw=ep " +
+        ownPath());
   }
   return BridgeProcess(options).run();
 }

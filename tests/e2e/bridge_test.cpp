@@ -5,6 +5,7 @@
 #include <fstream>
 #include <string>
 
+#include "platform/child_process.h"
 #include "server/base64.h"
 #include "stack/sv_frame.h"
 #include "tests/e2e/bridge_end_to_end.h"
@@ -213,7 +214,10 @@ TEST_F(BridgeEndToEndTest, TheCommandLineAnswersPlainly) {
       {{"--version"}, 0, "tarnlinkd "},
       {{"--help"}, 0, "--low-latency"},
       {{"--port", "0"}, 1, "[KorvelTarnlink] Start failed: Invalid bridge port: 0\n"},
-      {{"--port", "8765"}, 1, "[KorvelTarnlink] Start failed: " + busy},
+      {{"--port", "8765"},
+       1,
+       "[KorvelTarnlink] Start failed: " + busy +
+           "\n[KorvelTarnlink] Another program, perhaps another bridge, listens on port 8765: "},
       {{"--tls-cert", "/no/such", "--tls-key", "/no/such"},
        1,
        "[KorvelTarnlink] Start failed: /no/such: No such file"},
@@ -236,7 +240,7 @@ TEST_F(BridgeEndToEndTest, TheCommandLineAnswersPlainly) {
   }
 }
 
-TEST_F(BridgeEndToEndTest, OnlyTheNetworkPrivilegesAreKept) {
+TEST_F(BridgeEndToEndTest, OnlyTheNetworkPrivilegesAreKeptAndAMissingOneIsTold) {
   startDaemon();
   std::ifstream status("/proc/" + std::to_string(daemon->pid()) + "/status");
   std::uint64_t effective = ~0ULL;
@@ -245,6 +249,15 @@ TEST_F(BridgeEndToEndTest, OnlyTheNetworkPrivilegesAreKept) {
   }
   constexpr std::uint64_t kNetAdminAndRaw = 1ULL << 12 | 1ULL << 13;
   EXPECT_EQ(effective, kNetAdminAndRaw);
+  const auto tellsMissing = [this](const std::string& bound) {
+    const auto program = "/proc/" + std::to_string(daemon->pid()) + "/exe";
+    const auto outcome =
+        makeProcessRunner()->run({"/usr/bin/setpriv", "--bounding-set", bound, program,
+                                  "--preferences", daemon->preferences()});
+    return outcome.value().out.find("No CAP_NET_RAW") != std::string::npos;
+  };
+  EXPECT_TRUE(tellsMissing("-net_raw"));
+  EXPECT_FALSE(tellsMissing("-chown"));
 }
 
 }  // namespace
