@@ -35,7 +35,7 @@ TEST(SampleClock, DueTimesNeverDriftAndLongStallsAreLeftOut) {
 }
 
 #ifdef TARNLINK_TSHARK
-/// The "sv" layer of each of the samples' frames.
+/// The layers of each of the samples' frames.
 std::vector<Json> readByTshark(SampledValues& values,
                                std::initializer_list<std::uint64_t> samples) {
   const std::string path = std::filesystem::temp_directory_path() /
@@ -61,7 +61,7 @@ std::vector<Json> readByTshark(SampledValues& values,
   std::filesystem::remove(path);
   std::vector<Json> layers;
   for (const auto& packet : Json::parse(text)) {
-    layers.push_back(packet.at("_source").at("layers").at("sv"));
+    layers.push_back(packet.at("_source").at("layers"));
   }
   return layers;
 }
@@ -81,10 +81,15 @@ TEST(SampledValuesOnTheWire, IndependentDecoderReadsThemAsMeant) {
   ASSERT_EQ(layers.size(), 2U);
   const char* counters[] = {"3999", "20"};
   for (std::size_t i = 0; i < layers.size(); ++i) {
-    const Json& pdu = layers[i].at("sv.savPdu_element");
+    const Json& tag = layers[i].at("vlan");
+    const Json& sv = layers[i].at("sv");
+    const Json& pdu = sv.at("sv.savPdu_element");
     const Json& asdu = pdu.at("sv.seqASDU_tree").at("sv.ASDU_element");
-    EXPECT_EQ(layers[i].at("sv.appid"), "0x4000");
-    EXPECT_EQ(layers[i].at("sv.length"), std::to_string(values.frame(0).size() - 14));
+    EXPECT_EQ(tag.at("vlan.priority"), "4");
+    EXPECT_EQ(tag.at("vlan.dei"), "0");
+    EXPECT_EQ(tag.at("vlan.id"), "0");
+    EXPECT_EQ(sv.at("sv.appid"), "0x4000");
+    EXPECT_EQ(sv.at("sv.length"), std::to_string(values.frame(0).size() - 18));
     EXPECT_EQ(pdu.at("sv.noASDU"), "1");
     EXPECT_EQ(asdu.at("sv.svID"), "BAY1MU01");
     EXPECT_EQ(asdu.at("sv.smpCnt"), counters[i]);
@@ -96,7 +101,8 @@ TEST(SampledValuesOnTheWire, IndependentDecoderReadsThemAsMeant) {
       EXPECT_EQ(asdu.at("PhsMeas1").at("sv.meas_quality").at(neutral), "0x00002000");
     }
   }
-  const Json& crest = layers[1].at("sv.savPdu_element").at("sv.seqASDU_tree").at("sv.ASDU_element");
+  const Json& crest =
+      layers[1].at("sv").at("sv.savPdu_element").at("sv.seqASDU_tree").at("sv.ASDU_element");
   EXPECT_EQ(channel(crest, 4), 8981462);   // 110 kV / sqrt(3) * sqrt(2), in 10 mV.
   EXPECT_EQ(channel(crest, 5), -4490731);  // A third of a period behind: minus half of it.
   EXPECT_EQ(channel(crest, 0), 540420);    // 400 A * sqrt(2) * cos(0.3), in mA.

@@ -1,6 +1,7 @@
 #include "tools/tarnlink_ied/sampled_values.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <span>
 #include <string_view>
@@ -21,6 +22,11 @@ constexpr std::uint8_t kTagSmpCnt = 0x82;
 constexpr std::uint8_t kTagConfRev = 0x83;
 constexpr std::uint8_t kTagSmpSynch = 0x85;
 constexpr std::uint8_t kTagSample = 0x87;
+
+// IEEE 802.1Q: priority 4, VLAN 0, which IEC 61850-9-2, table A.2 has unless configured otherwise
+// and 9-2LE asks for.
+constexpr std::array<std::uint8_t, 4> kPriorityTag{0x81, 0x00, 4 << 5, 0x00};
+constexpr std::ptrdiff_t kTagAt = 12;  // Behind the two addresses.
 
 constexpr std::size_t kSvHeaderLength = 8;  // Octets: APPID, length, two reserved words.
 // Octets: each channel has an INT32 and 32 bits of quality.
@@ -101,6 +107,7 @@ SampledValues::SampledValues(const SvStreamConfig& config, const MacAddress& sou
   appendBigEndian(payload, 0, 4);
   payload.insert(payload.end(), apdu.begin(), apdu.end());
   frame_ = buildSvFrame(config.dstMac, source, 0, 0, payload);
+  frame_.insert(frame_.begin() + kTagAt, kPriorityTag.begin(), kPriorityTag.end());
   // The ASDU is the frame's end.
   smpCntOffset_ = frame_.size() - (asdu.size() - smpCntAt);
 }

@@ -34,8 +34,8 @@ class SampledValues {
 
   std::uint32_t rate() const { return rate_; }
 
-  /// The whole frame, unpadded, with sample counter `number` modulo the rate (IEC 61850-9-2: the
-  /// counter returns to 0 each second). Borrowed until the next call.
+  /// The whole frame, tagged and unpadded, with sample counter `number` modulo the rate (IEC
+  /// 61850-9-2: the counter returns to 0 each second). Borrowed until the next call.
   ByteView frame(std::uint64_t number);
 
  private:
