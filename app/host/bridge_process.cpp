@@ -20,6 +20,7 @@
 #include <utility>
 
 #include "app/host/bridge_advertiser.h"
+#include "app/host/pairing_code_output.h"
 #include "app/host/vlan_interface_helper.h"
 #include "platform/console_log.h"
 #include "platform/interface_names.h"
@@ -29,7 +30,6 @@
 #include "platform/tls_context.h"
 #include "platform/websocket.h"
 #include "server/bridge_server.h"
-#include "server/pairing_code.h"
 #include "stack/goose_publisher.h"
 #include "stack/goose_receiver.h"
 #include "stack/interface_discovery.h"
@@ -198,10 +198,7 @@ int runBridgeProcess(DaemonOptions options) {
   if (const auto reduced = keepOnlyCaptureCapabilities(); !reduced) {
     logToConsole("[KorvelTarnlink] Privileges could not be given up: " + reduced.error().message());
   }
-  if (options.showPairingCode) {
-    logToConsole(pairingCode(*makePreferenceStore(options.preferences, logToConsole)));
-    return 0;
-  }
+  if (options.showPairingCode) return printPairingCode(options);
   if (options.readsOwnerToken) {
     options.ownerToken = readOwnerToken();
     if (options.ownerToken.empty()) {

@@ -13,7 +13,8 @@ namespace tarnlink {
 namespace {
 
 constexpr const char* kFooter =
-    "Exit codes: 0 after an orderly stop, 1 when the bridge cannot start, 2 for bad usage.\n"
+    "Exit codes: 0 after an orderly stop, 1 when the bridge cannot start or there is no pairing\n"
+    "code to show, 2 for bad usage.\n"
     "Needs CAP_NET_RAW for capturing and sending; gives up every other privilege but\n"
     "CAP_NET_ADMIN, which VLAN set-up uses where it is given.";
 
@@ -102,8 +103,9 @@ std::variant<DaemonOptions, ExitCode> parseDaemonOptions(int argc, const char* c
   app.footer(kFooter);
   app.set_version_flag("--version", "tarnlinkd " + std::string(BridgeEventEncoder::appVersion()));
   addServiceOptions(app, options);
-  app.add_option("--preferences", options.preferences, "File of the preferences")
-      ->capture_default_str();
+  const auto* preferences =
+      app.add_option("--preferences", options.preferences, "File of the preferences")
+          ->capture_default_str();
   app.add_flag("--show-pairing-code", options.showPairingCode,
                "Print the pairing code, making one when there is none, and exit");
   auto* const certificate =
@@ -124,6 +126,7 @@ std::variant<DaemonOptions, ExitCode> parseDaemonOptions(int argc, const char* c
   } catch (const CLI::ParseError& error) {
     return ExitCode{app.exit(error) == 0 ? 0 : kExitUsage};
   }
+  options.arePreferencesGiven = preferences->count() > 0;
   return options;
 }
 

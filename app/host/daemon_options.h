@@ -18,6 +18,7 @@ struct DaemonOptions {
   std::uint16_t port = 8765;
   std::string interface;  ///< Active interface for this run; empty: the stored one.
   std::filesystem::path preferences;
+  bool arePreferencesGiven = false;  ///< On the command line; else they are this user's.
   bool advertise = true;
   bool lowLatency = false;
   bool showPairingCode = false;

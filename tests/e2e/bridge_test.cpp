@@ -2,10 +2,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <fstream>
 #include <string>
 
-#include "platform/child_process.h"
 #include "server/base64.h"
 #include "stack/sv_frame.h"
 #include "tests/e2e/bridge_end_to_end.h"
@@ -201,63 +199,6 @@ TEST_F(BridgeEndToEndTest, SigtermStopsInOrderWhileClientsListen) {
   EXPECT_EQ(daemon->waitForExit(2s), 0);
   EXPECT_EQ(daemon->log().back(), "[BridgeServer] Stopped");
   EXPECT_FALSE(WebSocketClient::connect("127.0.0.1", 8765));
-}
-
-TEST_F(BridgeEndToEndTest, TheCommandLineAnswersPlainly) {
-  startDaemon();
-  const std::string busy = std::make_error_code(std::errc::address_in_use).message();
-  const struct {
-    std::vector<std::string> arguments;
-    int exitCode;
-    std::string text;
-  } cases[] = {
-      {{"--version"}, 0, "tarnlinkd "},
-      {{"--help"}, 0, "--low-latency"},
-      {{"--port", "0"}, 1, "[KorvelTarnlink] Start failed: Invalid bridge port: 0\n"},
-      {{"--port", "8765"},
-       1,
-       "[KorvelTarnlink] Start failed: " + busy +
-           "\n[KorvelTarnlink] Another program, perhaps another bridge, listens on port 8765: "},
-      {{"--tls-cert", "/no/such", "--tls-key", "/no/such"},
-       1,
-       "[KorvelTarnlink] Start failed: /no/such: No such file"},
-      {{"--bind", "192.0.2.1"}, 1, "[KorvelTarnlink] Start failed: "},
-      {{"--port", "70000"}, 2, "70000"},
-      {{"--tls-cert", "a.pem"}, 2, "--tls-key"},
-      {{"--allow-origin", "example.org"}, 2, "'example.org' is no origin"},
-      {{"--allow-host", "bridge:8765"}, 2, "'bridge:8765' is no host name"},
-      {{"--bind", "localhost"}, 2, "'localhost' is no IPv4 or IPv6 address"},
-      {{"--max-clients", "-1"}, 2, "--max-clients"},
-      {{"--no-such-option"}, 2, "no-such-option"},
-  };
-  for (const auto& c : cases) {
-    int exitCode = -1;
-    auto arguments = c.arguments;
-    arguments.insert(arguments.end(), {"--preferences", daemon->preferences()});
-    const std::string output = outputOf(arguments, exitCode);
-    EXPECT_EQ(exitCode, c.exitCode) << output;
-    EXPECT_NE(output.find(c.text), std::string::npos) << output;
-  }
-}
-
-TEST_F(BridgeEndToEndTest, OnlyTheNetworkPrivilegesAreKeptAndAMissingOneIsTold) {
-  startDaemon();
-  std::ifstream status("/proc/" + std::to_string(daemon->pid()) + "/status");
-  std::uint64_t effective = ~0ULL;
-  for (std::string line; std::getline(status, line);) {
-    if (line.rfind("CapEff:", 0) == 0) effective = std::stoull(line.substr(7), nullptr, 16);
-  }
-  constexpr std::uint64_t kNetAdminAndRaw = 1ULL << 12 | 1ULL << 13;
-  EXPECT_EQ(effective, kNetAdminAndRaw);
-  const auto tellsMissing = [this](const std::string& bound) {
-    const auto program = "/proc/" + std::to_string(daemon->pid()) + "/exe";
-    const auto outcome =
-        makeProcessRunner()->run({"/usr/bin/setpriv", "--bounding-set", bound, program,
-                                  "--preferences", daemon->preferences()});
-    return outcome.value().out.find("No CAP_NET_RAW") != std::string::npos;
-  };
-  EXPECT_TRUE(tellsMissing("-net_raw"));
-  EXPECT_FALSE(tellsMissing("-chown"));
 }
 
 }  // namespace
