@@ -55,43 +55,12 @@ TEST_F(BridgeEndToEndTest, StandardCaptureDeliversWithinItsReadTimeout) {
   Client client(code, "::1");
   client.say({{"cmd", "subscribe_goose"}});
   ASSERT_EQ(client.next("bridge_status")["isCapturing"], true);
+  const auto begin = std::chrono::steady_clock::now();
   for (std::uint32_t i = 0; i < 200; ++i) send(gooseFrame(i, 0));
   for (std::uint32_t i = 0; i < 200; ++i) {
     ASSERT_EQ(client.next("goose_message")["message"]["sqNum"], i);
   }
-}
-
-TEST_F(BridgeEndToEndTest, APublicationIsReplacedByTheNextWhoeverSendsIt) {
-  startDaemon();
-  FrameRecorder recorder(kIed, "ether proto 0x88b8");
-  Client first(code);
-  Client second(code);
-  first.say(publication("A/LLN0$GO$one", {{"retransmissionProfile", "fast"}}));
-  EXPECT_EQ(first.next("bridge_status")["messagesPublished"], 1);
-  recorder.frames(4);
-  second.say(publication("A/LLN0$GO$two", {{"retransmissionProfile", "single"}}));
-  EXPECT_EQ(second.next("bridge_status")["messagesPublished"], 2);
-
-  const auto frames = recorder.frames(1000, 700ms);
-  std::uint32_t sqNum = 0;
-  int ofSecond = 0;
-  for (const auto& frame : frames) {
-    const auto envelope = EthernetFrame::parse(frame.octets);
-    ASSERT_TRUE(envelope);
-    const auto pdu = GoosePdu::parse(envelope->payload);
-    ASSERT_TRUE(pdu);
-    if (pdu->goCBRef == "A/LLN0$GO$two") {
-      EXPECT_EQ(pdu->stNum, 2U);
-      EXPECT_EQ(pdu->sqNum, 0U);
-      ++ofSecond;
-    } else {
-      EXPECT_EQ(ofSecond, 0) << "a frame of the replaced publication came after the new one";
-      EXPECT_EQ(pdu->stNum, 1U);
-      EXPECT_EQ(pdu->sqNum, sqNum++);
-    }
-  }
-  EXPECT_GE(sqNum, 4U);
-  EXPECT_EQ(ofSecond, 1) << "profile single sends once";
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 1s);
 }
 
 TEST_F(BridgeEndToEndTest, NoCodeThatAClientSendsIsEverInTheLog) {

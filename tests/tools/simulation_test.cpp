@@ -1,11 +1,9 @@
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <csignal>
-#include <set>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -21,7 +19,6 @@ namespace tarnlink {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::ElementsAre;
 
 /// Time that passes only where somebody waits, or stalls; cues at given moments.
 class ScriptedCues final : public CueSource {
@@ -65,7 +62,7 @@ class RecordingPublisher final : public GoosePublishing {
 
 /// "3@1500": control block 3 changed after 1,500 ms.
 std::vector<std::string> changes(std::chrono::milliseconds interval, ScriptedCues& cues,
-                                 std::chrono::milliseconds stallOnce = 0ms) {
+                                 std::chrono::milliseconds stallOnce) {
   std::vector<std::string> seen;
   const auto publisher = std::make_shared<RecordingPublisher>([&](const auto& config) {
     seen.push_back(std::to_string(config.appId) + "@" + std::to_string(cues.milliseconds()));
@@ -81,21 +78,23 @@ std::vector<std::string> changes(std::chrono::milliseconds interval, ScriptedCue
   return seen;
 }
 
-TEST(Simulation, ControlBlocksTakeTurnsAndAStallsChangesAreLeftOut) {
-  ScriptedCues cues({{650, Cue::end}});
-  EXPECT_THAT(changes(100ms, cues, 250ms),
-              ElementsAre("1@0", "2@0", "3@0", "1@100", "2@400", "3@500", "1@600"));
-}
-
-TEST(Simulation, ChangesOnDemandComeBetweenAndDoNotShiftTheGrid) {
-  ScriptedCues cues({{130, Cue::trip}, {140, Cue::change}, {250, Cue::end}});
-  EXPECT_THAT(changes(100ms, cues),
-              ElementsAre("1@0", "2@0", "3@0", "1@100", "1@130", "2@140", "3@200"));
-}
-
-TEST(Simulation, WithoutIntervalOnlyDemandChanges) {
-  ScriptedCues cues({{5000, Cue::change}, {9000, Cue::end}});
-  EXPECT_THAT(changes(0ms, cues), ElementsAre("1@0", "2@0", "3@0", "1@5000"));
+TEST(Simulation, ChangesTakeTurnsOnAGridThatNeitherStallsNorDemandsShift) {
+  const struct {
+    std::chrono::milliseconds interval, stall;
+    std::vector<std::pair<std::int64_t, Cue>> script;
+    std::vector<std::string> changes;
+  } cases[] = {
+      {100ms, 250ms, {{650, Cue::end}}, {"1@0", "2@0", "3@0", "1@100", "2@400", "3@500", "1@600"}},
+      {100ms,
+       0ms,
+       {{130, Cue::trip}, {140, Cue::change}, {250, Cue::end}},
+       {"1@0", "2@0", "3@0", "1@100", "1@130", "2@140", "3@200"}},
+      {0ms, 0ms, {{5000, Cue::change}, {9000, Cue::end}}, {"1@0", "2@0", "3@0", "1@5000"}},
+  };
+  for (const auto& c : cases) {
+    ScriptedCues cues(c.script);
+    EXPECT_EQ(changes(c.interval, cues, c.stall), c.changes);
+  }
 }
 
 TEST(OperatorCues, LinesInPiecesSignalsAndTheDeadlineAreAllHeard) {
@@ -121,18 +120,7 @@ TEST(OperatorCues, LinesInPiecesSignalsAndTheDeadlineAreAllHeard) {
   EXPECT_EQ(cues.waitUntil(std::nullopt), Cue::end);
 }
 
-TEST(FeederBay, DatasetsSurviveTheWireHoldEveryTypeAndChangeWithEachState) {
-  std::set<GooseDataValue::Kind> kinds;
-  const auto collect = [&](const auto& self, const std::vector<GooseDataValue>& values) -> void {
-    for (const auto& value : values) {
-      kinds.insert(value.kind());
-      if (const auto* members = std::get_if<GooseDataValue::Structure>(&value.payload)) {
-        self(self, members->members);
-      } else if (const auto* elements = std::get_if<GooseDataValue::Array>(&value.payload)) {
-        self(self, elements->members);
-      }
-    }
-  };
+TEST(FeederBay, DatasetsSurviveTheWireAndChangeWithEachState) {
   for (auto& block : feederBay("eth1")) {
     SCOPED_TRACE(block.config().goCBRef);
     std::vector<GooseDataValue> previous;
@@ -146,12 +134,7 @@ TEST(FeederBay, DatasetsSurviveTheWireHoldEveryTypeAndChangeWithEachState) {
       EXPECT_NE(values, previous);
       previous = values;
     }
-    collect(collect, previous);
   }
-  using Kind = GooseDataValue::Kind;
-  EXPECT_THAT(kinds, ElementsAre(Kind::boolean, Kind::bitString, Kind::integer,
-                                 Kind::unsignedInteger, Kind::floatingPoint, Kind::octetString,
-                                 Kind::visibleString, Kind::utcTime, Kind::structure, Kind::array));
 }
 
 TEST(SendTally, FailedFramesLeaveTheirPlaceInTheLimitAndTheLastOneEnds) {
