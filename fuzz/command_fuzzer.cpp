@@ -172,6 +172,13 @@ void use(const BridgeCommand::SetInterface& command) {
 template <class Command>
 void use(const Command&) {}
 
+template <class Record>
+void checkStrictness(const JsonObject& object) {
+  const auto strict = fromBridgeJson<Record>(object, Reading::strict);
+  if (!strict) return require(isUtf8(strict.error().reason()), "a reason can be told");
+  require(strict == fromBridgeJson<Record>(object), "what a strict reading takes, any takes alike");
+}
+
 void run(std::string_view text) {
   const auto object = parseJsonObject(text);
   checkVerdict(text, object.has_value());
@@ -187,6 +194,8 @@ void run(std::string_view text) {
   require(command == BridgeCommand::fromJson(*object), "text and tree decode alike");
   if (command) std::visit([](const auto& payload) { use(payload); }, command->payload);
   if (const auto value = fromBridgeJson<GooseDataValue>(*object)) checkValue(*value);
+  checkStrictness<GooseDataValue>(*object);
+  checkStrictness<GoosePublishConfig>(*object);
 }
 
 }  // namespace

@@ -9,15 +9,22 @@
 namespace tarnlink {
 namespace {
 
-using Decoded = std::optional<BridgeCommand>;
+using Decoded = BridgeCommand::Result;
 
 constexpr MacAddress kDefaultSvDestination{0x01, 0x0C, 0xCD, 0x04, 0x00, 0x01};
-constexpr std::int64_t kDefaultSvVlanPriority = 4;
+constexpr std::uint8_t kDefaultSvVlanPriority = 4;
 constexpr const char* kDefaultInterface = "en0";
 
 std::optional<std::string> text(const JsonObject& object, std::string_view key) {
   const std::string* found = object.string(key);
   return found ? std::optional(*found) : std::nullopt;
+}
+
+boost::system::result<Reading, Unreadable> readingOf(const JsonObject& object) {
+  MemberReader members(object, Reading::strict);
+  const bool isStrict = members.boolean("strict").value_or(false);
+  if (members.fault()) return *members.fault();
+  return isStrict ? Reading::strict : Reading::lenient;
 }
 
 template <class Payload>
@@ -35,8 +42,10 @@ Decoded subscribeGoose(const JsonObject& object) {
 }
 
 Decoded publishGoose(const JsonObject& object) {
-  auto config = fromBridgeJson<GoosePublishConfig>(object);
-  if (!config) return {};
+  const auto reading = readingOf(object);
+  if (!reading) return reading.error();
+  auto config = fromBridgeJson<GoosePublishConfig>(object, *reading);
+  if (!config) return config.error();
   return BridgeCommand{BridgeCommand::PublishGoose{std::move(*config)}};
 }
 
@@ -51,26 +60,32 @@ Decoded subscribeSv(const JsonObject& object) {
 }
 
 Decoded publishSvApdu(const JsonObject& object) {
-  const std::string* encoded = object.string("pduBase64");
+  const auto reading = readingOf(object);
+  if (!reading) return reading.error();
+  MemberReader members = commandMembers(object, *reading);
+  constexpr std::string_view kBase64 = "base64 with padding";
+  const std::string* encoded = members.string("pduBase64", Need::always, kBase64);
   auto pdu = encoded ? decodeBase64(*encoded) : std::nullopt;
-  if (!pdu) return {};
-  const std::int64_t vlanId = object.integer("vlanId").value_or(0);
-  const std::int64_t priority = object.integer("vlanPriority").value_or(kDefaultSvVlanPriority);
-  if (!std::in_range<std::uint16_t>(vlanId) || !std::in_range<std::uint8_t>(priority)) return {};
-  const std::string* mac = object.string("dstMac");
-  const auto destination = mac ? parseMacAddress(*mac) : std::nullopt;
-  return BridgeCommand{BridgeCommand::PublishSvApdu{
-      std::move(*pdu),
-      SvPublishConfig{.interface = text(object, "interface").value_or(kDefaultInterface),
-                      .dstMac = destination.value_or(kDefaultSvDestination),
-                      .vlanId = static_cast<std::uint16_t>(vlanId),
-                      .vlanPriority = static_cast<std::uint8_t>(priority)}}};
+  if (!pdu) members.refuse("pduBase64", kBase64);
+  const std::string* interface = members.string("interface");
+  BridgeCommand::PublishSvApdu command{
+      std::move(pdu).value_or(Bytes()),
+      SvPublishConfig{
+          .interface = interface ? *interface : kDefaultInterface,
+          .dstMac = readMac(members, "dstMac").value_or(kDefaultSvDestination),
+          .vlanId = members.integer<std::uint16_t>("vlanId", Need::no, kVlanIds).value_or(0),
+          .vlanPriority = members.integer<std::uint8_t>("vlanPriority", Need::no, kVlanPriorities)
+                              .value_or(kDefaultSvVlanPriority)}};
+  members.refuseOthers("publish_sv_apdu");
+  if (members.fault()) return *members.fault();
+  return BridgeCommand{std::move(command)};
 }
 
 Decoded setInterface(const JsonObject& object) {
-  auto name = text(object, "interface");
-  if (!name) return {};
-  return BridgeCommand{BridgeCommand::SetInterface{std::move(*name)}};
+  MemberReader members(object, Reading::lenient);
+  const std::string* name = members.string("interface", Need::always);
+  if (!name) return *members.fault();
+  return BridgeCommand{BridgeCommand::SetInterface{*name}};
 }
 
 Decoded ping(const JsonObject& object) {
@@ -95,21 +110,49 @@ constexpr std::array kCommands{
     Entry{"set_interface", setInterface},
     Entry{"ping", ping},
 };
+const Unreadable kNoObject{Unreadable::Case::refused, {}, "no JSON object"};
+constexpr std::string_view kCommandName = "the name of a command";
 
-}  // namespace
-
-std::optional<BridgeCommand> BridgeCommand::fromJson(const JsonObject& object) {
-  const std::string* name = object.string("cmd");
-  if (!name) return {};
-  for (const Entry& entry : kCommands) {
-    if (entry.name == *name) return entry.decode(object);
-  }
+std::optional<RequestId> requestId(const JsonValue* mark) {
+  if (mark == nullptr) return {};
+  const auto* text = mark->as<std::string>();
+  if (text && text->size() <= BridgeRequest::kMaxRequestId) return *text;
+  const auto* number = mark->as<JsonNumber>();
+  if (number && number->integer) return *number->integer;
   return {};
 }
 
-std::optional<BridgeCommand> BridgeCommand::fromText(std::string_view text) {
+}  // namespace
+
+BridgeCommand::Result BridgeCommand::fromJson(const JsonObject& object) {
+  MemberReader members(object, Reading::lenient);
+  const std::string* name = members.string("cmd", Need::always, kCommandName);
+  if (!name) return *members.fault();
+  for (const Entry& entry : kCommands) {
+    if (entry.name == *name) return entry.decode(object);
+  }
+  members.refuse("cmd", kCommandName);
+  return *members.fault();
+}
+
+BridgeCommand::Result BridgeCommand::fromText(std::string_view text) {
   const auto object = parseJsonObject(text);
-  return object ? fromJson(*object) : std::nullopt;
+  return object ? fromJson(*object) : Result(kNoObject);
+}
+
+BridgeRequest BridgeRequest::fromText(std::string_view text) {
+  const auto object = parseJsonObject(text);
+  if (!object) return {{}, false, kNoObject};
+  const JsonValue* mark = object->find("requestId");
+  const bool wantsReason = mark != nullptr || object->find("strict") != nullptr;
+  auto id = requestId(mark);
+  if (mark != nullptr && !id) {
+    MemberReader members(*object, Reading::lenient);
+    members.refuse("requestId", "an integer of 64 bits, or a text of " +
+                                    std::to_string(kMaxRequestId) + " octets at most");
+    return {{}, wantsReason, *members.fault()};
+  }
+  return {std::move(id), wantsReason, BridgeCommand::fromJson(*object)};
 }
 
 }  // namespace tarnlink

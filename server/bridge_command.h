@@ -1,6 +1,8 @@
 // One command of a client: a JSON object whose "cmd" member names it.
 #pragma once
 
+#include <boost/system/result.hpp>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -8,6 +10,7 @@
 #include <variant>
 
 #include "server/json_value.h"
+#include "server/member_reader.h"
 #include "stack/bytes.h"
 #include "stack/goose_publish_config.h"
 #include "stack/sv_records.h"
@@ -67,12 +70,31 @@ struct BridgeCommand {
 
   bool operator==(const BridgeCommand&) const = default;
 
-  /// Nothing when the object is no well-formed command: "cmd" missing or unknown, a required member
-  /// missing, or a number outside its field's range.
-  static std::optional<BridgeCommand> fromJson(const JsonObject& object);
+  using Result = boost::system::result<BridgeCommand, Unreadable>;
 
-  /// The same from the text of a message; nothing also when that is no JSON object.
-  static std::optional<BridgeCommand> fromText(std::string_view text);
+  /// No well-formed command: "cmd" missing or unknown, a required member missing, or a number
+  /// outside its field's range; of a publication with "strict", see Reading::strict.
+  static Result fromJson(const JsonObject& object);
+
+  /// The same from the text of a message, which may be no JSON object either.
+  static Result fromText(std::string_view text);
+};
+
+/// What a client marks a command with, to know the answer by.
+using RequestId = std::variant<std::int64_t, std::string>;
+
+/// A message of a client: the command in it, and the mark of its answer, which a command that
+/// cannot be executed has too.
+struct BridgeRequest {
+  /// Octets of UTF-8. With a longer mark the command is not executed.
+  static constexpr std::size_t kMaxRequestId = 128;
+
+  std::optional<RequestId> id;
+  /// An error is to have its reason: the command has a "requestId", be it a wrong one, or "strict".
+  bool wantsReason = false;
+  BridgeCommand::Result command;
+
+  static BridgeRequest fromText(std::string_view text);
 };
 
 }  // namespace tarnlink

@@ -65,13 +65,29 @@ std::string BridgeEventEncoder::authResult(bool ok) {
   return finished(out);
 }
 
-std::string BridgeEventEncoder::error(std::string_view message, std::int64_t code) {
+std::string BridgeEventEncoder::error(std::string_view message, std::int64_t code,
+                                      std::string_view reason) {
   JsonWriter out;
   out.literal("{\"event\":\"error\",\"error\":");
   out.string(message);
   out.literal(",\"code\":");
   integer(code, out);
+  if (!reason.empty()) {
+    out.literal(",\"reason\":");
+    out.string(reason);
+  }
   return finished(out);
+}
+
+std::string BridgeEventEncoder::marked(std::string event, const RequestId& id) {
+  JsonWriter out;
+  if (const auto* number = std::get_if<std::int64_t>(&id)) {
+    integer(*number, out);
+  } else {
+    out.string(std::get<std::string>(id));
+  }
+  event.pop_back();  // The closing brace.
+  return event + ",\"requestId\":" + std::string(out.text()) + "}";
 }
 
 std::string BridgeEventEncoder::pong(std::int64_t originalTimestamp, TimePoint now) {

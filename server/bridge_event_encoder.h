@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "server/bridge_command.h"
 #include "server/json_writer.h"
 #include "stack/goose_message.h"
 #include "stack/network_interface_info.h"
@@ -37,12 +38,19 @@ class BridgeEventEncoder {
   static std::string_view appVersion();
 
   static std::string authResult(bool ok);
-  static std::string error(std::string_view message, std::int64_t code);
+  /// The reason is for whoever asks with a request id; empty: none.
+  static std::string error(std::string_view message, std::int64_t code,
+                           std::string_view reason = {});
   static std::string pong(std::int64_t originalTimestamp, TimePoint now = timeNow());
   static std::string interfaces(const std::vector<NetworkInterfaceInfo>& interfaces,
                                 std::string_view activeInterface);
   static std::string bridgeStatus(const BridgeStatus& status);
+  /// For a command that has no other answer.
+  static std::string done() { return "{\"event\":\"done\"}"; }
   static std::string svApdu(const SvCapturedFrame& frame);
+
+  /// The event as the answer to the command with that mark.
+  static std::string marked(std::string event, const RequestId& id);
 
   /// The events of captured traffic, written into an empty writer whose storage is then handed on
   /// without a copy.

@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <string>
 #include <utility>
 #include <vector>
@@ -31,157 +32,197 @@ std::optional<MacAddress> parseMacAddress(std::string_view text) {
 
 namespace {
 
+std::string elementOf(std::string_view key, std::size_t index) {
+  return std::string(key) + "[" + std::to_string(index) + "]";
+}
+
 using ValueResult = boost::system::result<GooseDataValue, Unreadable>;
+using Values = std::vector<GooseDataValue>;
+using Case = Unreadable::Case;
 
-/// Reads integer members and remembers whether one of them was outside its field's range.
-class IntegerReader {
- public:
-  explicit IntegerReader(const JsonObject& object) : object_(object) {}
-
-  template <class Field>
-  Field read(std::string_view key, Field fallback) {
-    return narrow(object_.integer(key), fallback);
-  }
-
-  template <class Field>
-  Field narrow(std::optional<std::int64_t> value, Field fallback) {
-    if (!value) return fallback;
-    if (std::in_range<Field>(*value)) return static_cast<Field>(*value);
-    outOfRange_ = true;
-    return fallback;
-  }
-
-  bool outOfRange() const { return outOfRange_; }
-
- private:
-  const JsonObject& object_;
-  bool outOfRange_ = false;
-};
+constexpr std::string_view kPayload = "value";
+constexpr std::string_view kValueObject = "a dataset value";
 
 template <class Field>
-std::optional<Field> readInteger(const JsonObject& object) {
-  IntegerReader reader(object);
-  const Field value = reader.read<Field>("value", 0);
-  return reader.outOfRange() ? std::nullopt : std::optional(value);
+GooseDataValue integerValue(MemberReader& members, GooseDataValue (*make)(Field),
+                            IntegerRange strictRange) {
+  return make(members.integer<Field>(kPayload, Need::whenStrict, strictRange).value_or(0));
 }
 
-template <class Field>
-ValueResult integerValue(const JsonObject& object, GooseDataValue (*make)(Field)) {
-  const auto value = readInteger<Field>(object);
-  if (!value) return Unreadable::outOfRange;
-  return make(*value);
+// The lenient range is that of 32 bits, whatever the name says.
+GooseDataValue signedValue(MemberReader& members, std::string_view type) {
+  using Limits = std::numeric_limits<std::int32_t>;
+  IntegerRange range{Limits::min(), Limits::max()};
+  if (type == "int8") range = {-128, 127};
+  if (type == "int16") range = {-32768, 32767};
+  return integerValue(members, &GooseDataValue::integer, range);
 }
 
-ValueResult floatValue(const JsonObject& object) {
+GooseDataValue unsignedValue(MemberReader& members, std::string_view type) {
+  IntegerRange range{0, std::numeric_limits<std::uint32_t>::max()};
+  if (type == "uint8") range.high = 255;
+  if (type == "uint16") range.high = 65535;
+  return integerValue(members, &GooseDataValue::unsignedInteger, range);
+}
+
+GooseDataValue floatValue(MemberReader& members) {
   // From here on a double rounds to a float beyond the largest one (IEEE 754, round to nearest).
   constexpr double kOverflow = 0x1.ffffffp+127;
-  const double value = object.number("value").value_or(0);
-  if (std::abs(value) >= kOverflow) return Unreadable::outOfRange;
+  const double value = members.number(kPayload, Need::whenStrict).value_or(0);
+  if (std::abs(value) >= kOverflow) {
+    members.refuse(kPayload, "a number within the range of float32");
+    return {};
+  }
   return GooseDataValue::floatingPoint(static_cast<float>(value));
 }
 
-ValueResult stringValue(const JsonObject& object) {
-  const std::string* text = object.string("value");
+GooseDataValue doubleValue(MemberReader& members) {
+  return GooseDataValue::realDouble(members.number(kPayload, Need::whenStrict).value_or(0));
+}
+
+GooseDataValue stringValue(MemberReader& members) {
+  const std::string* text = members.string(kPayload, Need::whenStrict);
   return GooseDataValue::visibleString(text ? *text : std::string());
 }
 
-/// The elements of an array when every one is of the type that `convert` accepts.
+/// The elements of an array when `convert` takes every one.
 template <class List, class Convert>
-std::optional<List> readArray(const JsonObject& object, std::string_view key, Convert convert) {
-  const JsonArray* array = object.array(key);
+std::optional<List> readArray(MemberReader& members, std::string_view key, Need need,
+                              std::string_view element, Convert convert) {
+  const JsonArray* array = members.array(key, need, "an array");
   if (!array) return {};
   List list;
   list.reserve(array->size());
-  for (const JsonValue& element : *array) {
-    const auto converted = convert(element);
-    if (!converted) return {};
+  for (const JsonValue& found : *array) {
+    const auto converted = convert(found);
+    if (!converted) {
+      if (members.isStrict()) {
+        members.fail({Case::refused, elementOf(key, list.size()),
+                      "expected " + std::string(element) + ", found " + described(&found)});
+      }
+      return {};
+    }
     list.push_back(*converted);
   }
   return list;
 }
 
-ValueResult octetStringValue(const JsonObject& object) {
-  const auto lowOctet = [](const JsonValue& element) -> std::optional<std::uint8_t> {
-    const auto* number = element.as<JsonNumber>();
-    if (!number || !number->integer) return {};
-    return static_cast<std::uint8_t>(*number->integer);
-  };
-  auto octets = readArray<Bytes>(object, "bytes", lowOctet);
-  if (!octets) octets = readArray<Bytes>(object, "value", lowOctet);
-  return GooseDataValue::octetString(std::move(octets).value_or(Bytes()));
+/// A list under its own key, or under the other one that commands may use.
+template <class List, class Convert>
+List readList(MemberReader& members, std::string_view key, std::string_view element,
+              Convert convert) {
+  const bool isOther = members.isStrict() && !members.has(key) && members.has(kPayload);
+  std::optional<List> list;
+  if (!isOther) list = readArray<List>(members, key, Need::whenStrict, element, convert);
+  if (isOther || (!list && !members.isStrict())) {
+    list = readArray<List>(members, kPayload, Need::no, element, convert);
+  }
+  return std::move(list).value_or(List());
 }
 
-ValueResult bitStringValue(const JsonObject& object) {
+GooseDataValue octetStringValue(MemberReader& members) {
+  const auto lowOctet = [&members](const JsonValue& element) -> std::optional<std::uint8_t> {
+    const auto* number = element.as<JsonNumber>();
+    if (!number || !number->integer) return {};
+    if (members.isStrict() && !std::in_range<std::uint8_t>(*number->integer)) return {};
+    return static_cast<std::uint8_t>(*number->integer);
+  };
+  return GooseDataValue::octetString(
+      readList<Bytes>(members, "bytes", "an integer from 0 to 255", lowOctet));
+}
+
+GooseDataValue bitStringValue(MemberReader& members) {
   const auto bit = [](const JsonValue& element) -> std::optional<bool> {
     const bool* value = element.as<bool>();
     return value ? std::optional(*value) : std::nullopt;
   };
-  auto bits = readArray<BitString>(object, "bits", bit);
-  if (!bits) bits = readArray<BitString>(object, "value", bit);
-  return GooseDataValue::bitString(std::move(bits).value_or(BitString()));
+  return GooseDataValue::bitString(readList<BitString>(members, "bits", "true or false", bit));
 }
 
-ValueResult utcTimeValue(const JsonObject& object) {
-  const std::string* text = object.string("value");
-  if (const auto time = text ? parseBridgeIso8601(*text) : std::nullopt) {
-    return GooseDataValue::utcTime(*time);
+// IEC 61850-8-1, 8.1.3.7: a UtcTime counts seconds since 1970 with 32 bits.
+bool fitsUtcTime(TimePoint time) {
+  return unixSeconds(time) >= 0 && unixSeconds(time) < 0x1p32;
+}
+
+GooseDataValue utcTimeValue(MemberReader& members, const JsonObject& object) {
+  const std::string* text = object.string(kPayload);
+  auto time = text ? parseBridgeIso8601(*text) : std::nullopt;
+  if (!time && object.number(kPayload)) time = timeFromUnixSeconds(*object.number(kPayload));
+  members.know(kPayload);
+  if (members.isStrict() && !(time && fitsUtcTime(*time))) {
+    members.refuse(kPayload, "a time from 1970 to 2106, as 2024-05-17T08:15:30.125Z or in seconds");
   }
-  return GooseDataValue::utcTime(timeFromUnixSeconds(object.number("value").value_or(0)));
+  return GooseDataValue::utcTime(time.value_or(timeFromUnixSeconds(0)));
 }
 
-/// The values under a key, those without a known type name left out.
-boost::system::result<std::vector<GooseDataValue>, Unreadable> readValues(const JsonObject& object,
-                                                                          std::string_view key) {
-  std::vector<GooseDataValue> values;
-  const JsonArray* elements = object.array(key);
+/// The values under a key. A lenient reading leaves out those without a known type name, and all of
+/// them where one is no object.
+Values readValues(MemberReader& members, std::string_view key, Need need) {
+  const auto asObject = [](const JsonValue& element) -> std::optional<const JsonObject*> {
+    const auto* object = element.as<JsonObject>();
+    return object ? std::optional(object) : std::nullopt;
+  };
+  const auto elements =
+      readArray<std::vector<const JsonObject*>>(members, key, need, kValueObject, asObject);
+  Values values;
   if (!elements) return values;
-  const bool allObjects = std::all_of(elements->begin(), elements->end(), [](const auto& element) {
-    return element.template as<JsonObject>() != nullptr;
-  });
-  if (!allObjects) return values;
   values.reserve(elements->size());
-  for (const JsonValue& element : *elements) {
-    auto value = fromBridgeJson<GooseDataValue>(*element.as<JsonObject>());
+  for (std::size_t i = 0; i < elements->size(); ++i) {
+    auto value = fromBridgeJson<GooseDataValue>(*(*elements)[i], members.reading());
     if (value) {
       values.push_back(std::move(*value));
-    } else if (value.error() == Unreadable::outOfRange) {
-      return Unreadable::outOfRange;
+    } else if (value.error().which == Case::refused) {
+      members.fail(std::move(value.error()).inside(elementOf(key, i)));
+      return values;
     }
   }
   return values;
 }
 
-ValueResult nestedValue(const JsonObject& object,
-                        GooseDataValue (*make)(std::vector<GooseDataValue>)) {
-  auto members = readValues(object, "elements");
-  if (!members) return members.error();
-  return make(std::move(*members));
+GooseDataValue nestedValue(MemberReader& members, GooseDataValue (*make)(Values)) {
+  return make(readValues(members, "elements", Need::whenStrict));
+}
+
+std::optional<GooseDataValue> valueOf(std::string_view type, MemberReader& members,
+                                      const JsonObject& object) {
+  if (type == "boolean") {
+    return GooseDataValue::boolean(members.boolean(kPayload, Need::whenStrict).value_or(false));
+  }
+  if (type == "int32" || type == "int8" || type == "int16" || type == "int64") {
+    return signedValue(members, type);
+  }
+  if (type == "uint32" || type == "uint8" || type == "uint16") return unsignedValue(members, type);
+  if (type == "float32") return floatValue(members);
+  if (type == "float64") return doubleValue(members);
+  if (type == "visibleString" || type == "mmsString") return stringValue(members);
+  if (type == "octetString") return octetStringValue(members);
+  if (type == "bitString") return bitStringValue(members);
+  if (type == "utcTime") return utcTimeValue(members, object);
+  if (type == "structure") return nestedValue(members, &GooseDataValue::structure);
+  if (type == "array") return nestedValue(members, &GooseDataValue::array);
+  return std::nullopt;
 }
 
 }  // namespace
 
 template <>
-boost::system::result<GooseDataValue, Unreadable> fromBridgeJson(const JsonObject& object) {
-  const std::string* type = object.string("runtimeType");
-  if (!type) type = object.string("type");
-  if (!type) return Unreadable::incomplete;
-  const std::string_view name = *type;
-  if (name == "boolean") return GooseDataValue::boolean(object.boolean("value").value_or(false));
-  if (name == "int32" || name == "int8" || name == "int16" || name == "int64") {
-    return integerValue(object, &GooseDataValue::integer);
+ValueResult fromBridgeJson(const JsonObject& object, Reading reading) {
+  MemberReader members(object, reading);
+  std::string_view key = "runtimeType";
+  if (!object.string(key) && (!members.isStrict() || !members.has(key)) && members.has("type")) {
+    key = "type";
   }
-  if (name == "uint32" || name == "uint8" || name == "uint16") {
-    return integerValue(object, &GooseDataValue::unsignedInteger);
+  const std::string* type = members.string(key);
+  auto value = type ? valueOf(*type, members, object) : std::nullopt;
+  if (!value) {
+    members.refuse(key, "a type name");
+    Unreadable fault = *members.fault();
+    if (!members.isStrict()) fault.which = Case::incomplete;
+    return fault;
   }
-  if (name == "float32") return floatValue(object);
-  if (name == "float64") return GooseDataValue::realDouble(object.number("value").value_or(0));
-  if (name == "visibleString" || name == "mmsString") return stringValue(object);
-  if (name == "octetString") return octetStringValue(object);
-  if (name == "bitString") return bitStringValue(object);
-  if (name == "utcTime") return utcTimeValue(object);
-  if (name == "structure") return nestedValue(object, &GooseDataValue::structure);
-  if (name == "array") return nestedValue(object, &GooseDataValue::array);
-  return Unreadable::incomplete;
+  members.refuseOthers(*type);
+  if (members.fault()) return *members.fault();
+  return *std::move(value);
 }
 
 namespace {
@@ -191,75 +232,100 @@ constexpr std::uint8_t kDefaultVlanPriority = 4;
 constexpr std::uint32_t kDefaultTimeAllowedToLive = 10000;  // ms
 constexpr const char* kDefaultInterface = "en0";
 
-std::string stringOr(const JsonObject& object, std::string_view key, std::string_view fallback) {
-  const std::string* text = object.string(key);
-  return text ? *text : std::string(fallback);
-}
-
-std::optional<MacAddress> readMac(const JsonObject& object, std::string_view key) {
-  const std::string* text = object.string(key);
-  return text ? parseMac(*text) : std::nullopt;
-}
-
-std::string readGoId(const JsonObject& object, std::string_view goCBRef) {
+std::string readGoId(MemberReader& members, std::string_view goCBRef) {
   for (const std::string_view key : {"goID", "goId"}) {
-    const std::string* text = object.string(key);
+    if (members.isStrict() && !members.has(key)) continue;
+    const std::string* text = members.string(key);
     if (text && !text->empty()) return *text;
+    if (members.isStrict()) members.refuse(key, "a GOOSE id");
   }
   return std::string(goCBRef);
 }
 
-const RetransmissionProfile& readProfile(const JsonObject& object) {
-  const std::string name = stringOr(object, "retransmissionProfile", "standard");
-  if (name == "fast") return RetransmissionProfile::fast();
-  if (name == "single") return RetransmissionProfile::single();
+const RetransmissionProfile& readProfile(MemberReader& members) {
+  constexpr std::string_view kKey = "retransmissionProfile";
+  constexpr std::string_view kNames = "standard, fast or single";
+  const std::string* name = members.string(kKey, Need::no, kNames);
+  if (name && *name == "fast") return RetransmissionProfile::fast();
+  if (name && *name == "single") return RetransmissionProfile::single();
+  if (name && *name != "standard" && members.isStrict()) members.refuse(kKey, kNames);
   return RetransmissionProfile::standard();
 }
 
-std::optional<std::int64_t> positiveOrNothing(std::optional<std::int64_t> value) {
-  return value && *value >= 1 ? value : std::nullopt;
+// A lenient reading takes 0 and less for the default.
+std::uint32_t readTimeAllowedToLive(MemberReader& members, const JsonObject& object) {
+  constexpr std::string_view kKey = "timeAllowedToLive";
+  if (!members.isStrict() && object.integer(kKey).value_or(1) < 1) {
+    return kDefaultTimeAllowedToLive;
+  }
+  return members
+      .integer<std::uint32_t>(kKey, Need::no, {1, std::numeric_limits<std::uint32_t>::max()})
+      .value_or(kDefaultTimeAllowedToLive);
+}
+
+// A lenient reading takes the low 16 bits.
+std::uint16_t readAppId(MemberReader& members) {
+  constexpr std::string_view kKey = "appId";
+  if (members.isStrict()) return members.integer<std::uint16_t>(kKey, Need::always).value_or(0);
+  return static_cast<std::uint16_t>(members.integer(kKey, Need::always).value_or(0));
+}
+
+std::string textOr(const std::string* text, std::string_view fallback) {
+  return text ? *text : std::string(fallback);
 }
 
 }  // namespace
 
-template <>
-boost::system::result<GoosePublishConfig, Unreadable> fromBridgeJson(const JsonObject& object) {
-  const auto appId = object.integer("appId");
-  const std::string* goCBRef = object.string("goCBRef");
-  const std::string* dataSetRef = object.string("dataSetRef");
-  const auto confRev = object.integer("confRev");
-  if (!appId || !goCBRef || !dataSetRef || !confRev) return Unreadable::incomplete;
+MemberReader commandMembers(const JsonObject& object, Reading reading) {
+  MemberReader members(object, reading);
+  for (const std::string_view key : {"cmd", "requestId", "strict"}) members.know(key);
+  return members;
+}
 
-  IntegerReader integers(object);
-  const auto vlanId = integers.read<std::uint16_t>("vlanId", 0);
+std::optional<MacAddress> readMac(MemberReader& members, std::string_view key) {
+  constexpr std::string_view kExpected = "an address as 01:0C:CD:01:00:01";
+  const std::string* text = members.string(key, Need::no, kExpected);
+  const auto address = text ? parseMac(*text) : std::nullopt;
+  if (text && !address && members.isStrict()) members.refuse(key, kExpected);
+  return address;
+}
+
+template <>
+boost::system::result<GoosePublishConfig, Unreadable> fromBridgeJson(const JsonObject& object,
+                                                                     Reading reading) {
+  MemberReader members = commandMembers(object, reading);
+  const std::uint16_t appId = readAppId(members);
+  const std::string goCBRef = textOr(members.string("goCBRef", Need::always), "");
+  const auto vlanId = members.integer<std::uint16_t>("vlanId", Need::no, kVlanIds).value_or(0);
+  // clang-format off
   GoosePublishConfig config{
-      .appId = static_cast<std::uint16_t>(*appId),
-      .goCBRef = *goCBRef,
-      .dataSetRef = *dataSetRef,
-      .goId = readGoId(object, *goCBRef),
-      .confRev = integers.narrow<std::uint32_t>(confRev, 0),
+      .appId = appId,
+      .goCBRef = goCBRef,
+      .dataSetRef = textOr(members.string("dataSetRef", Need::always), ""),
+      .goId = readGoId(members, goCBRef),
+      .confRev = members.integer<std::uint32_t>("confRev", Need::always).value_or(0),
       .vlanId = vlanId,
-      .vlanPriority = integers.read("vlanPriority", kDefaultVlanPriority),
-      .vlanCfi = object.boolean("vlanCfi").value_or(false),
-      .vlanTagged = object.boolean("vlanTagged").value_or(vlanId != 0),
-      .dstMac = readMac(object, "dstMac").value_or(kDefaultGooseDestination),
-      .srcMacOverride = readMac(object, "srcMac"),
-      .retransmissionProfile = readProfile(object),
+      .vlanPriority = members.integer<std::uint8_t>("vlanPriority", Need::no, kVlanPriorities)
+                          .value_or(kDefaultVlanPriority),
+      .vlanCfi = members.boolean("vlanCfi").value_or(false),
+      .vlanTagged = members.boolean("vlanTagged").value_or(vlanId != 0),
+      .dstMac = readMac(members, "dstMac").value_or(kDefaultGooseDestination),
+      .srcMacOverride = readMac(members, "srcMac"),
+      .retransmissionProfile = readProfile(members),
       .values = {},
-      .interface = stringOr(object, "interface", kDefaultInterface),
-      .timeAllowedToLive = integers.narrow(positiveOrNothing(object.integer("timeAllowedToLive")),
-                                           kDefaultTimeAllowedToLive),
-      .simulation = object.boolean("test").value_or(false),
-      .ndsCom = object.boolean("needsCommission").value_or(false),
-      .initialStNum = integers.read<std::uint32_t>("stNum", 0),
-      .initialSqNum = integers.read<std::uint32_t>("sqNum", 0),
-      .lockStNum = object.boolean("lockStNum").value_or(false),
-      .lockSqNum = object.boolean("lockSqNum").value_or(false),
+      .interface = textOr(members.string("interface"), kDefaultInterface),
+      .timeAllowedToLive = readTimeAllowedToLive(members, object),
+      .simulation = members.boolean("test").value_or(false),
+      .ndsCom = members.boolean("needsCommission").value_or(false),
+      .initialStNum = members.integer<std::uint32_t>("stNum").value_or(0),
+      .initialSqNum = members.integer<std::uint32_t>("sqNum").value_or(0),
+      .lockStNum = members.boolean("lockStNum").value_or(false),
+      .lockSqNum = members.boolean("lockSqNum").value_or(false),
   };
-  if (integers.outOfRange()) return Unreadable::outOfRange;
-  auto values = readValues(object, "values");
-  if (!values) return values.error();
-  config.values = std::move(*values);
+  // clang-format on
+  if (!members.fault()) config.values = readValues(members, "values", Need::no);
+  members.refuseOthers("publish_goose");
+  if (members.fault()) return *members.fault();
   return config;
 }
 

@@ -8,6 +8,7 @@
 
 #include "server/json_value.h"
 #include "server/json_writer.h"
+#include "server/member_reader.h"
 #include "stack/goose_data_value.h"
 #include "stack/goose_message.h"
 #include "stack/goose_publish_config.h"
@@ -23,22 +24,27 @@ inline std::optional<MacAddress> parseMac(std::string_view text) {
   return parseMacAddress(text);
 }
 
-/// Why a JSON object gives no record.
-enum class Unreadable {
-  incomplete,  ///< A required key or the type name is missing; a dataset leaves such a value out.
-  /// A number does not fit its field, at whatever depth. Nothing that holds it can be read: the
-  /// rest of a dataset would be another dataset on the wire.
-  outOfRange,
-};
+/// What a tag of IEEE 802.1Q carries; 4095 is reserved. A lenient reading takes more.
+inline constexpr IntegerRange kVlanIds{0, 4094};
+inline constexpr IntegerRange kVlanPriorities{0, 7};
+
+/// A reader of a command, which knows the members that all of them may have.
+MemberReader commandMembers(const JsonObject& object, Reading reading);
+
+/// Nothing without such a member. Text that is no address is a fault where the reading is strict.
+std::optional<MacAddress> readMac(MemberReader& members, std::string_view key);
 
 /// Defined for GooseDataValue and GoosePublishConfig.
 template <class Record>
-boost::system::result<Record, Unreadable> fromBridgeJson(const JsonObject& object);
+boost::system::result<Record, Unreadable> fromBridgeJson(const JsonObject& object,
+                                                         Reading reading = Reading::lenient);
 
 template <>
-boost::system::result<GooseDataValue, Unreadable> fromBridgeJson(const JsonObject& object);
+boost::system::result<GooseDataValue, Unreadable> fromBridgeJson(const JsonObject& object,
+                                                                 Reading reading);
 template <>
-boost::system::result<GoosePublishConfig, Unreadable> fromBridgeJson(const JsonObject& object);
+boost::system::result<GoosePublishConfig, Unreadable> fromBridgeJson(const JsonObject& object,
+                                                                     Reading reading);
 
 /// A value becomes an object with its type name and one payload key. Strings that are not UTF-8 and
 /// floats that are not finite fail the writer.

@@ -82,5 +82,54 @@ TEST(BridgeCommandTest, EverythingElseIsNoCommand) {
   }
 }
 
+TEST(BridgeCommandTest, AStrictCommandSaysWhatIsWrong) {
+  const std::string sv = R"({"cmd":"publish_sv_apdu","strict":true,"pduBase64":"QAA=")";
+  EXPECT_TRUE(Command::fromText(sv + R"(,"vlanId":4094,"vlanPriority":7,"requestId":1})"));
+  const std::pair<std::string, std::string> cases[] = {
+      {"[]", "no JSON object"},
+      {R"({"cmd":"Ping"})", R"(cmd: expected the name of a command, found "Ping")"},
+      {R"({"cmd":"set_interface"})", "interface: expected a string, found nothing"},
+      {R"({"cmd":"publish_goose","strict":1})", "strict: expected true or false, found 1"},
+      {R"({"cmd":"publish_goose","strict":true})",
+       "appId: expected an integer from 0 to 65535, found nothing"},
+      {sv + R"(,"pduBase64":"QA A="})",
+       R"(pduBase64: expected base64 with padding, found "QA A=")"},
+      {sv + R"(,"dstMac":"nowhere"})",
+       R"(dstMac: expected an address as 01:0C:CD:01:00:01, found "nowhere")"},
+      {sv + R"(,"vlanId":4095})", "vlanId: expected an integer from 0 to 4094, found 4095"},
+      {sv + R"(,"vlanPriority":8})", "vlanPriority: expected an integer from 0 to 7, found 8"},
+      {sv + R"(,"interface":["eth0"]})", "interface: expected a string, found an array"},
+      {sv + R"(,"appId":1})", "appId: no member of publish_sv_apdu"}};
+  for (const auto& [text, reason] : cases) {
+    const auto command = Command::fromText(text);
+    ASSERT_FALSE(command) << text;
+    EXPECT_EQ(command.error().reason(), reason);
+  }
+}
+
+TEST(BridgeRequestTest, TheMarkIsAnIntegerOrAShortText) {
+  const std::string longest(BridgeRequest::kMaxRequestId, 'x');
+  const std::pair<std::string, std::optional<RequestId>> cases[] = {
+      {R"(-9223372036854775808)", std::numeric_limits<std::int64_t>::min()},
+      {R"(1e2)", 100},
+      {R"("")", ""},
+      {R"("ä\u0001\"")", "ä\x01\""},
+      {'"' + longest + '"', longest},
+      {'"' + longest + "x\"", std::nullopt},
+      {R"(9223372036854775808)", std::nullopt},
+      {R"(1.5)", std::nullopt},
+      {R"(null)", std::nullopt},
+      {R"(true)", std::nullopt},
+      {R"([1])", std::nullopt}};
+  for (const auto& [text, id] : cases) {
+    for (const bool isCommand : {true, false}) {
+      const auto request = BridgeRequest::fromText(R"({"requestId":)" + text +
+                                                   (isCommand ? R"(,"cmd":"ping"})" : "}"));
+      EXPECT_EQ(request.id, id) << text;
+      EXPECT_EQ(request.command.has_value(), isCommand && id.has_value()) << text;
+    }
+  }
+}
+
 }  // namespace
 }  // namespace tarnlink

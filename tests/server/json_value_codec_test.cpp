@@ -128,7 +128,7 @@ TEST(JsonValueCodecTest, ReadingFollowsNamesFallbacksAndDefaults) {
   }
   for (const std::string text : {R"({})", R"({"runtimeType":"uint64","value":7})",
                                  R"({"type":"Boolean"})", R"({"type":7})", R"({"value":true})"}) {
-    EXPECT_EQ(readValue(text).error(), Unreadable::incomplete) << text;
+    EXPECT_EQ(readValue(text).error().which, Unreadable::Case::incomplete) << text;
   }
 }
 
@@ -137,11 +137,11 @@ TEST(JsonValueCodecTest, NumberOutsideItsRangeSpoilsEverythingAroundIt) {
        {R"({"type":"int32","value":2147483648})", R"({"type":"int64","value":-2147483649})",
         R"({"type":"uint8","value":-1})", R"({"type":"uint32","value":4294967296})",
         R"({"type":"float32","value":3.4028236e38})", R"({"type":"float32","value":-1e300})"}) {
-    EXPECT_EQ(readValue(value).error(), Unreadable::outOfRange) << value;
+    EXPECT_EQ(readValue(value).error().which, Unreadable::Case::refused) << value;
     const std::string deep = R"({"type":"array","elements":[{"type":"boolean"},)"
                              R"({"type":"structure","elements":[)" +
                              value + "]}]}";
-    EXPECT_EQ(readValue(deep).error(), Unreadable::outOfRange) << value;
+    EXPECT_EQ(readValue(deep).error().which, Unreadable::Case::refused) << value;
   }
 }
 
@@ -204,6 +204,116 @@ TEST(JsonValueCodecTest, RequestThatCannotBePublishedIsRefused) {
     EXPECT_FALSE(readRequest(more)) << more;
   }
   EXPECT_FALSE(fromBridgeJson<GoosePublishConfig>(JsonObject()));
+}
+
+// Strict reading ------------------------------------------------------------------------------
+
+auto readStrictly(const std::string& more) {
+  return fromBridgeJson<GoosePublishConfig>(
+      parseJsonObject(R"({"cmd":"publish_goose","strict":true,"goCBRef":"cb","dataSetRef":"ds")" +
+                      more + "}")
+          .value(),
+      Reading::strict);
+}
+
+TEST(StrictReadingTest, WhatIsWrittenAsDocumentedIsRead) {
+  for (const std::string more :
+       {R"()", R"(,"goId":"id","requestId":7,"interface":"eth1","values":[])",
+        R"(,"goID":"id","timeAllowedToLive":1,"retransmissionProfile":"standard","vlanId":4094,)"
+        R"("vlanPriority":7,"vlanCfi":false,"vlanTagged":true,"test":true,"needsCommission":false,)"
+        R"("stNum":4294967295,"sqNum":0,"lockStNum":true,"lockSqNum":true,)"
+        R"("dstMac":"01-0C-CD-01-01-FF","srcMac":"02:00:00:00:00:01")",
+        R"(,"values":[{"type":"boolean","value":false},{"type":"int8","value":-128},)"
+        R"({"type":"int16","value":32767},{"type":"int64","value":-2147483648},)"
+        R"({"type":"uint8","value":255},{"type":"uint16","value":1e2},)"
+        R"({"type":"uint32","value":4294967295},{"type":"float32","value":3},)"
+        R"({"type":"float64","value":-1e300},{"type":"mmsString","value":""},)"
+        R"({"type":"octetString","bytes":[0,255]},{"type":"octetString","value":[1]},)"
+        R"({"type":"bitString","bits":[]},{"type":"bitString","value":[true]},)"
+        R"({"type":"utcTime","value":"2024-05-17T08:15:30Z"},{"type":"utcTime","value":0.5},)"
+        R"({"type":"array","elements":[{"runtimeType":"structure","elements":[]}]}])"}) {
+    const auto config = readStrictly(R"(,"appId":65535,"confRev":1)" + more);
+    EXPECT_TRUE(config) << config.error().reason();
+    EXPECT_EQ(*config, *readRequest(R"(,"appId":65535,"confRev":1)" + more));
+  }
+}
+
+TEST(StrictReadingTest, WhatWouldBeMendedIsRefusedWithItsPlace) {
+  const std::pair<std::string, std::string> cases[] = {
+      {R"("confRev":1)", "appId: expected an integer from 0 to 65535, found nothing"},
+      {R"("appId":65536,"confRev":1)", "appId: expected an integer from 0 to 65535, found 65536"},
+      {R"("appId":1,"confRev":1.5)",
+       "confRev: expected an integer from 0 to 4294967295, found 1.5"},
+      {R"(%,"goID":"")", R"(goID: expected a GOOSE id, found "")"},
+      {R"(%,"goID":"a","goId":"b")", "goId: no member of publish_goose"},
+      {R"(%,"interface":null)", "interface: expected a string, found null"},
+      {R"(%,"dstMac":"01:0C")",
+       R"(dstMac: expected an address as 01:0C:CD:01:00:01, found "01:0C")"},
+      {R"(%,"srcMac":7)", "srcMac: expected an address as 01:0C:CD:01:00:01, found 7"},
+      {R"(%,"retransmissionProfile":"singel")",
+       R"(retransmissionProfile: expected standard, fast or single, found "singel")"},
+      {R"(%,"timeAllowedToLive":0)",
+       "timeAllowedToLive: expected an integer from 1 to 4294967295, found 0"},
+      {R"(%,"vlanId":4095)", "vlanId: expected an integer from 0 to 4094, found 4095"},
+      {R"(%,"vlanPriority":8)", "vlanPriority: expected an integer from 0 to 7, found 8"},
+      {R"(%,"test":1)", "test: expected true or false, found 1"},
+      {R"(%,"stNum":"1")", R"(stNum: expected an integer from 0 to 4294967295, found "1")"},
+      {R"(%,"confrev":1)", "confrev: no member of publish_goose"},
+      {R"(%,"test":true,"test":false)", "test: expected once, found more than once"},
+      {R"(%,"values":{})", "values: expected an array, found an object"},
+      {R"(%,"values":[{"type":"boolean","value":true},7])",
+       "values[1]: expected a dataset value, found 7"}};
+  for (const auto& [more, reason] : cases) {
+    const bool isWhole = more.front() != '%';
+    const auto config =
+        readStrictly(isWhole ? "," + more : R"(,"appId":1,"confRev":1)" + more.substr(1));
+    ASSERT_FALSE(config) << more;
+    EXPECT_EQ(config.error().reason(), reason);
+  }
+}
+
+TEST(StrictReadingTest, ADatasetIsReadWholeOrNotAtAll) {
+  const std::pair<std::string, std::string> cases[] = {
+      {R"({"runtimeType":"uint64","value":1})",
+       R"(runtimeType: expected a type name, found "uint64")"},
+      {R"({"type":7})", "type: expected a string, found 7"},
+      {R"({})", "runtimeType: expected a type name, found nothing"},
+      {R"({"runtimeType":7,"type":"boolean"})", "runtimeType: expected a string, found 7"},
+      {R"({"runtimeType":"boolean","type":"int8","value":true})", "type: no member of boolean"},
+      {R"({"type":"boolean"})", "value: expected true or false, found nothing"},
+      {R"({"type":"int32","value":1.5})",
+       "value: expected an integer from -2147483648 to 2147483647, found 1.5"},
+      {R"({"type":"int8","value":128})", "value: expected an integer from -128 to 127, found 128"},
+      {R"({"type":"int16","value":-32769})",
+       "value: expected an integer from -32768 to 32767, found -32769"},
+      {R"({"type":"uint8","value":256})", "value: expected an integer from 0 to 255, found 256"},
+      {R"({"type":"uint16","value":65536})",
+       "value: expected an integer from 0 to 65535, found 65536"},
+      {R"({"type":"float32","value":1e39})",
+       "value: expected a number within the range of float32, found 1e+39"},
+      {R"({"type":"float64","value":1e400})",
+       "value: expected a number, found a number beyond the largest double"},
+      {R"({"type":"visibleString","value":true})", "value: expected a string, found true"},
+      {R"({"type":"octetString","bytes":[1,256]})",
+       "bytes[1]: expected an integer from 0 to 255, found 256"},
+      {R"({"type":"octetString","bytes":[],"value":[]})", "value: no member of octetString"},
+      {R"({"type":"octetString"})", "bytes: expected an array, found nothing"},
+      {R"({"type":"bitString","bits":[1]})", "bits[0]: expected true or false, found 1"},
+      {R"({"type":"utcTime","value":"yesterday"})",
+       "value: expected a time from 1970 to 2106, as 2024-05-17T08:15:30.125Z or in seconds, found "
+       R"("yesterday")"},
+      {R"({"type":"utcTime","value":4294967296})",
+       "value: expected a time from 1970 to 2106, as 2024-05-17T08:15:30.125Z or in seconds, found "
+       "4294967296"},
+      {R"({"type":"structure","value":[]})", "elements: expected an array, found nothing"},
+      {R"({"type":"structure","elements":[{"type":"boolean","value":true,"colour":"red"}]})",
+       "elements[0].colour: no member of boolean"}};
+  for (const auto& [value, reason] : cases) {
+    const auto config = readStrictly(
+        R"(,"appId":1,"confRev":1,"values":[{"type":"boolean","value":true},)" + value + "]");
+    ASSERT_FALSE(config) << value;
+    EXPECT_EQ(config.error().reason(), "values[1]." + reason);
+  }
 }
 
 }  // namespace
