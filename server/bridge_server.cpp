@@ -4,6 +4,7 @@
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <exception>
 #include <mutex>
 #include <utility>
 
@@ -213,7 +214,7 @@ void BridgeServer::handleConnectionState(const ClientId& id, const TransportStat
   if (std::holds_alternative<TransportReady>(state)) {
     if (found == connections_.end()) return;
     log("[BridgeServer] Client connected: " + toText(id));
-    tasks_.spawn(receiveLoop(weak_from_this(), id, found->second));
+    tasks_.spawn(serve(weak_from_this(), id, found->second));
     return;
   }
   // A client that has been removed already has had its line.
@@ -222,6 +223,23 @@ void BridgeServer::handleConnectionState(const ClientId& id, const TransportStat
     log("[BridgeServer] Client " + toText(id) + " failed: " + failed->error.message());
   }
   removeConnection(id);
+}
+
+// However the loop ends, its client is removed: it would be deaf, and stay subscribed.
+asio::awaitable<void> BridgeServer::serve(std::weak_ptr<BridgeServer> weak, ClientId id,
+                                          Connection connection) {
+  std::exception_ptr failure;
+  try {
+    co_await receiveLoop(weak, id, connection);
+  } catch (...) {
+    failure = std::current_exception();
+  }
+  const auto self = weak.lock();
+  if (self && self->connections_.contains(id)) {
+    self->removeConnection(id);
+    connection->cancel();
+  }
+  if (failure) std::rethrow_exception(failure);
 }
 
 asio::awaitable<void> BridgeServer::receiveLoop(std::weak_ptr<BridgeServer> weak, ClientId id,
@@ -234,8 +252,6 @@ asio::awaitable<void> BridgeServer::receiveLoop(std::weak_ptr<BridgeServer> weak
     if (!message) {
       self->log("[BridgeServer] Receive error from " + toText(id) + ": " +
                 message.error().message());
-      self->removeConnection(id);
-      connection->cancel();
       co_return;
     }
     if (message->isText) co_await self->handleText(std::move(message->data), id);
@@ -260,15 +276,20 @@ void BridgeServer::spawn(asio::awaitable<void> task) {
   tasks_.spawn(holding(shared_from_this(), std::move(task)));
 }
 
+asio::awaitable<GooseResult<void>> BridgeServer::orFailure(
+    asio::awaitable<GooseResult<void>> task) {
+  try {
+    co_return co_await std::move(task);
+  } catch (const std::exception& failure) {
+    co_return GooseError::pcapOpenFailed(failure.what());
+  }
+}
+
 // Sending ------------------------------------------------------------------------------------
 
 void BridgeServer::sendText(std::string_view text, const ClientId& id) {
   const auto found = connections_.find(id);
   if (found != connections_.end()) found->second->send(TextFrame::copyOf(text));
-}
-
-void BridgeServer::sendError(std::string_view message, std::int64_t code, const ClientId& id) {
-  sendText(BridgeEventEncoder::error(message, code), id);
 }
 
 SharedTextFrame BridgeServer::toFrame(JsonWriter writer) {
@@ -285,18 +306,13 @@ bool BridgeServer::broadcast(std::string_view text) {
   return !connections_.empty();
 }
 
-void BridgeServer::sendStatus(const std::optional<ClientId>& id) {
+std::string BridgeServer::statusEvent() const {
   BridgeStatus status;
   status.isCapturing = gooseCapture_.isCapturing();
   status.activeInterface = activeInterface_;
   status.messagesReceived = messagesReceived_;
   status.messagesPublished = messagesPublished_;
-  const std::string text = BridgeEventEncoder::bridgeStatus(status);
-  if (id) {
-    sendText(text, *id);
-  } else {
-    broadcast(text);
-  }
+  return BridgeEventEncoder::bridgeStatus(status);
 }
 
 }  // namespace tarnlink

@@ -7,6 +7,7 @@
 #include <boost/asio/strand.hpp>
 #include <chrono>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <map>
 #include <memory>
@@ -27,6 +28,7 @@
 #include "server/event_fan_out.h"
 #include "server/goose_filter.h"
 #include "server/json_writer.h"
+#include "server/reply.h"
 #include "server/service_advertiser.h"
 #include "server/task_group.h"
 #include "server/vlan_setup.h"
@@ -111,36 +113,40 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
   void handleListenerState(std::uint16_t port, const TransportState& state);
   void acceptConnection(Connection connection);
   void handleConnectionState(const ClientId& id, const TransportState& state);
+  static boost::asio::awaitable<void> serve(std::weak_ptr<BridgeServer> weak, ClientId id,
+                                            Connection connection);
   static boost::asio::awaitable<void> receiveLoop(std::weak_ptr<BridgeServer> weak, ClientId id,
                                                   Connection connection);
   void removeConnection(const ClientId& id);
   void sendText(std::string_view text, const ClientId& id);
-  void sendError(std::string_view message, std::int64_t code, const ClientId& id);
   bool broadcast(std::string_view text);
   static SharedTextFrame toFrame(JsonWriter writer);
-  void sendStatus(const std::optional<ClientId>& id);
+  std::string statusEvent() const;
+  void broadcastStatus() { broadcast(statusEvent()); }
 
-  // Commands (bridge_server_commands.cpp): one overload of handle() for each.
+  // Commands (bridge_server_commands.cpp): one overload of handle() for each, and one place that
+  // answers.
   boost::asio::awaitable<void> handleText(std::string text, ClientId id);
-  boost::asio::awaitable<void> handleAuth(std::string token, ClientId id);
+  boost::asio::awaitable<Reply> execute(BridgeCommand::Result command, ClientId id);
+  void answer(const BridgeRequest& request, Reply reply, const ClientId& id);
   boost::asio::awaitable<bool> waitForAuthTurn(ClientId id);
-  boost::asio::awaitable<void> handle(BridgeCommand::Auth, ClientId id);
-  boost::asio::awaitable<void> handle(BridgeCommand::Ping, ClientId id);
-  boost::asio::awaitable<void> handle(BridgeCommand::SubscribeGoose command, ClientId id);
-  boost::asio::awaitable<void> handle(BridgeCommand::UnsubscribeGoose, ClientId id);
-  boost::asio::awaitable<void> handle(BridgeCommand::PublishGoose command, ClientId id);
-  boost::asio::awaitable<void> handle(BridgeCommand::UnpublishGoose command, ClientId id);
-  boost::asio::awaitable<void> handle(BridgeCommand::SubscribeSv command, ClientId id);
-  boost::asio::awaitable<void> handle(BridgeCommand::UnsubscribeSv, ClientId id);
-  boost::asio::awaitable<void> handle(BridgeCommand::PublishSvApdu command, ClientId id);
-  boost::asio::awaitable<void> handle(BridgeCommand::SetInterface command, ClientId id);
-  boost::asio::awaitable<void> handle(BridgeCommand::GetInterfaces, ClientId id);
+  boost::asio::awaitable<Reply> handle(BridgeCommand::Auth command, ClientId id);
+  boost::asio::awaitable<Reply> handle(BridgeCommand::Ping command, ClientId id);
+  boost::asio::awaitable<Reply> handle(BridgeCommand::SubscribeGoose command, ClientId id);
+  boost::asio::awaitable<Reply> handle(BridgeCommand::UnsubscribeGoose, ClientId id);
+  boost::asio::awaitable<Reply> handle(BridgeCommand::PublishGoose command, ClientId id);
+  boost::asio::awaitable<Reply> handle(BridgeCommand::UnpublishGoose command, ClientId id);
+  boost::asio::awaitable<Reply> handle(BridgeCommand::SubscribeSv command, ClientId id);
+  boost::asio::awaitable<Reply> handle(BridgeCommand::UnsubscribeSv, ClientId id);
+  boost::asio::awaitable<Reply> handle(BridgeCommand::PublishSvApdu command, ClientId id);
+  boost::asio::awaitable<Reply> handle(BridgeCommand::SetInterface command, ClientId id);
+  boost::asio::awaitable<Reply> handle(BridgeCommand::GetInterfaces, ClientId id);
 
   // GOOSE subscriptions (bridge_server_goose.cpp).
-  boost::asio::awaitable<void> handleSubscribeGoose(std::optional<std::string> appIdFilter,
-                                                    std::optional<std::string> goCBRef,
-                                                    ClientId client);
-  boost::asio::awaitable<void> handleUnsubscribeGoose(ClientId id);
+  boost::asio::awaitable<Reply> handleSubscribeGoose(std::optional<std::string> appIdFilter,
+                                                     std::optional<std::string> goCBRef,
+                                                     ClientId client);
+  boost::asio::awaitable<Reply> handleUnsubscribeGoose(ClientId id);
   boost::asio::awaitable<void> setActiveInterfaceOnStrand(std::string name);
   boost::asio::awaitable<GooseResult<void>> startCaptureInternal();
   boost::asio::awaitable<void> stopCaptureIfNeeded();
@@ -149,20 +155,18 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
   void rememberActiveInterface(std::string name);
 
   // GOOSE publishing (bridge_server_publishing.cpp).
-  boost::asio::awaitable<void> handlePublishGoose(GoosePublishConfig config, ClientId clientId);
-  boost::asio::awaitable<void> handleUnpublishGoose(std::optional<std::string> goCBRef,
-                                                    ClientId clientId);
-  boost::asio::awaitable<bool> moveToVlanInterface(GoosePublishConfig& config, ClientId clientId);
+  boost::asio::awaitable<Reply> handlePublishGoose(GoosePublishConfig config);
+  boost::asio::awaitable<Reply> handleUnpublishGoose(std::optional<std::string> goCBRef);
+  boost::asio::awaitable<VlanResult<void>> moveToVlanInterface(GoosePublishConfig& config);
   std::string outgoingInterface(const std::string& requested) const;
 
   // Sampled Values (bridge_server_sv.cpp).
-  boost::asio::awaitable<void> handleSubscribeSv(std::optional<std::int64_t> appIdFilter,
-                                                 ClientId client);
+  boost::asio::awaitable<Reply> handleSubscribeSv(std::optional<std::int64_t> appIdFilter,
+                                                  ClientId client);
   boost::asio::awaitable<GooseResult<void>> startSvCapture();
   boost::asio::awaitable<void> stopSvCaptureIfNeeded();
   void forwardSvFrames(std::span<const SvCapturedFrame> frames);
-  boost::asio::awaitable<void> handlePublishSvApdu(Bytes pdu, SvPublishConfig config,
-                                                   ClientId clientId);
+  boost::asio::awaitable<Reply> handlePublishSvApdu(Bytes pdu, SvPublishConfig config);
 
   // Captures that died or lost frames (bridge_server_recovery.cpp).
   template <class Record>
@@ -186,6 +190,18 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
   bool hasGooseSubscribers() const { return !gooseSubscribers_.empty(); }
   bool hasSvSubscribers() const { return !svSubscribers_.empty(); }
   void spawn(boost::asio::awaitable<void> task);
+
+  // What is thrown where descriptors, threads or memory run out becomes an error like any other.
+  static boost::asio::awaitable<GooseResult<void>> orFailure(
+      boost::asio::awaitable<GooseResult<void>> task);
+  template <class Service>
+  static GooseResult<void> ensureMade(std::shared_ptr<Service>& service,
+                                      const std::function<std::shared_ptr<Service>()>& make) try {
+    if (!service) service = make();
+    return GooseResult<void>();
+  } catch (const std::exception& failure) {
+    return GooseError::pcapOpenFailed(failure.what());
+  }
 
   void log(std::string_view line) const { ports_.log(line); }
 

@@ -1,6 +1,7 @@
 // The server's commands: decoding, the authentication gate and the dispatch.
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <exception>
 #include <string>
 #include <utility>
 #include <variant>
@@ -9,6 +10,7 @@
 #include "server/bridge_server.h"
 #include "server/error_code.h"
 #include "server/pairing_code.h"
+#include "server/shortened.h"
 #include "stack/interface_name.h"
 
 namespace tarnlink {
@@ -16,7 +18,7 @@ namespace asio = boost::asio;
 namespace {
 
 std::string orStar(const std::optional<std::string>& text) {
-  return text.value_or("*");
+  return shortened(text.value_or("*"));
 }
 std::string orStar(const std::optional<std::int64_t>& number) {
   return number ? std::to_string(*number) : "*";
@@ -35,19 +37,56 @@ asio::awaitable<std::vector<NetworkInterfaceInfo>> listWithNames(
 
 asio::awaitable<void> BridgeServer::handleText(std::string text, ClientId id) {
   if (isStopping_) co_return;
-  auto command = BridgeCommand::fromText(text);
-  if (!command) {
-    sendError("Invalid JSON command", ErrorCode::undecodable, id);
-  } else if (const auto* ping = std::get_if<BridgeCommand::Ping>(&command->payload)) {
-    sendText(BridgeEventEncoder::pong(ping->timestamp), id);
-  } else if (const auto* auth = std::get_if<BridgeCommand::Auth>(&command->payload)) {
-    co_await handleAuth(auth->token, id);
-  } else if (!authenticatedConnections_.contains(id)) {
-    sendError("Not authenticated — send auth with pairing code", ErrorCode::notAuthenticated, id);
-  } else {
-    co_await std::visit([this, &id](auto& payload) { return handle(std::move(payload), id); },
-                        command->payload);
+  auto request = BridgeRequest::fromText(text);
+  Reply reply;
+  try {
+    reply = co_await execute(std::move(request.command), id);
+  } catch (const std::exception& failure) {
+    reply = CommandError::because(failure.what(), ErrorCode::systemFailed, "Command failed: ");
   }
+  if (connections_.contains(id)) answer(request, std::move(reply), id);
+}
+
+asio::awaitable<Reply> BridgeServer::execute(BridgeCommand::Result command, ClientId id) {
+  if (!command) {
+    co_return CommandError{ErrorCode::undecodable, "Invalid JSON command",
+                           command.error().reason()};
+  }
+  auto& payload = command->payload;
+  const bool needsNoPairing = std::holds_alternative<BridgeCommand::Ping>(payload) ||
+                              std::holds_alternative<BridgeCommand::Auth>(payload);
+  if (!needsNoPairing && !authenticatedConnections_.contains(id)) {
+    co_return CommandError{ErrorCode::notAuthenticated,
+                           "Not authenticated — send auth with pairing code",
+                           "an auth with the pairing code has to succeed first"};
+  }
+  co_return co_await std::visit([this, &id](auto& wanted) { return handle(std::move(wanted), id); },
+                                payload);
+}
+
+// A command with a mark ends in exactly one event, which carries it.
+void BridgeServer::answer(const BridgeRequest& request, Reply reply, const ClientId& id) {
+  const auto& mark = request.id;
+  std::string event;
+  if (reply) {
+    // stop() has taken the turn from an auth, or the first frame from a publication.
+    if (reply->empty() && (!mark || isStopping_)) return;
+    event = reply->empty() ? BridgeEventEncoder::done() : std::move(*reply);
+  } else {
+    const CommandError& failure = reply.error();
+    // What strangers send is no news, and must not fill the log.
+    // A capture that did not start has had a line.
+    const bool hasLine =
+        failure.code == ErrorCode::captureFailed || failure.code == ErrorCode::svCaptureFailed;
+    if (authenticatedConnections_.contains(id) && !hasLine) {
+      log("[BridgeServer] ✗ client " + toText(id) + ": " + failure.message +
+          (failure.message.ends_with(failure.reason) ? "" : " (" + failure.reason + ")"));
+    }
+    event = BridgeEventEncoder::error(failure.message, failure.code,
+                                      request.wantsReason ? failure.reason : "");
+  }
+  if (mark) event = BridgeEventEncoder::marked(std::move(event), *mark);
+  sendText(event, id);
 }
 
 // False when the client has gone, or goes because too many attempts wait already: an answer would
@@ -65,93 +104,93 @@ asio::awaitable<bool> BridgeServer::waitForAuthTurn(ClientId id) {
   co_return turn == AuthQueue::Turn::yours && !isStopping_;
 }
 
-asio::awaitable<void> BridgeServer::handleAuth(std::string token, ClientId id) {
-  const bool isOwner = !ports_.ownerToken.empty() && equalsInConstantTime(ports_.ownerToken, token);
+asio::awaitable<Reply> BridgeServer::handle(BridgeCommand::Auth command, ClientId id) {
+  const bool isOwner =
+      !ports_.ownerToken.empty() && equalsInConstantTime(ports_.ownerToken, command.token);
   // Who has shown the code already learns nothing from another comparison.
   const bool mustWait = authQueue_ && !isOwner && !authenticatedConnections_.contains(id);
   if (mustWait) {
     const bool mayTry = co_await waitForAuthTurn(id);
-    if (!mayTry) co_return;
+    if (!mayTry) co_return std::string();
   }
   const auto code = co_await asio::co_spawn(
       ports_.blockingExecutor, readPairingCode(ports_.preferences), asio::use_awaitable);
-  const bool ok = isOwner || equalsInConstantTime(code, token);
+  const bool ok = isOwner || equalsInConstantTime(code, command.token);
   if (mustWait) authQueue_->tell(id, ok);
   if (!connections_.contains(id)) {
     if (mustWait) authQueue_->withdraw(id);
-    co_return;
+    co_return std::string();
   }
   if (ok) {
     authenticatedConnections_.insert(id);
     connections_.at(id)->setStanding(Standing::admitted);
   }
-  sendText(BridgeEventEncoder::authResult(ok), id);
+  if (isOwner) {
+    owners_.insert(id);
+    // Behind the answer.
+    asio::post(strand_, [weak = weak_from_this(), id] {
+      if (const auto self = weak.lock()) self->sendText(self->statusEvent(), id);
+    });
+  }
   log("[BridgeServer] client " + toText(id) + (ok ? " authenticated" : " auth failed"));
-  if (!isOwner) co_return;
-  owners_.insert(id);
-  sendStatus(id);
+  co_return BridgeEventEncoder::authResult(ok);
 }
 
-// Both are served before the gate.
-asio::awaitable<void> BridgeServer::handle(BridgeCommand::Auth, ClientId) {
-  co_return;
-}
-asio::awaitable<void> BridgeServer::handle(BridgeCommand::Ping, ClientId) {
-  co_return;
+asio::awaitable<Reply> BridgeServer::handle(BridgeCommand::Ping command, ClientId) {
+  co_return BridgeEventEncoder::pong(command.timestamp);
 }
 
-asio::awaitable<void> BridgeServer::handle(BridgeCommand::SubscribeGoose command, ClientId id) {
+asio::awaitable<Reply> BridgeServer::handle(BridgeCommand::SubscribeGoose command, ClientId id) {
   log("[BridgeServer] ← subscribe_goose appId=" + orStar(command.appIdFilter) +
       " goCBRef=" + orStar(command.goCBRefFilter));
-  co_await handleSubscribeGoose(std::move(command.appIdFilter), std::move(command.goCBRefFilter),
-                                id);
+  co_return co_await handleSubscribeGoose(std::move(command.appIdFilter),
+                                          std::move(command.goCBRefFilter), id);
 }
 
-asio::awaitable<void> BridgeServer::handle(BridgeCommand::UnsubscribeGoose, ClientId id) {
+asio::awaitable<Reply> BridgeServer::handle(BridgeCommand::UnsubscribeGoose, ClientId id) {
   log("[BridgeServer] ← unsubscribe_goose");
-  co_await handleUnsubscribeGoose(id);
+  co_return co_await handleUnsubscribeGoose(id);
 }
 
-asio::awaitable<void> BridgeServer::handle(BridgeCommand::PublishGoose command, ClientId id) {
+asio::awaitable<Reply> BridgeServer::handle(BridgeCommand::PublishGoose command, ClientId) {
   log("[BridgeServer] ← publish_goose appId=" + std::to_string(command.config.appId));
-  co_await handlePublishGoose(std::move(command.config), id);
+  co_return co_await handlePublishGoose(std::move(command.config));
 }
 
-asio::awaitable<void> BridgeServer::handle(BridgeCommand::UnpublishGoose command, ClientId id) {
+asio::awaitable<Reply> BridgeServer::handle(BridgeCommand::UnpublishGoose command, ClientId) {
   log("[BridgeServer] ← unpublish_goose goCBRef=" + orStar(command.goCBRef));
-  co_await handleUnpublishGoose(std::move(command.goCBRef), id);
+  co_return co_await handleUnpublishGoose(std::move(command.goCBRef));
 }
 
-asio::awaitable<void> BridgeServer::handle(BridgeCommand::SubscribeSv command, ClientId id) {
+asio::awaitable<Reply> BridgeServer::handle(BridgeCommand::SubscribeSv command, ClientId id) {
   log("[BridgeServer] ← subscribe_sv appId=" + orStar(command.appIdFilter));
-  co_await handleSubscribeSv(command.appIdFilter, id);
+  co_return co_await handleSubscribeSv(command.appIdFilter, id);
 }
 
-asio::awaitable<void> BridgeServer::handle(BridgeCommand::UnsubscribeSv, ClientId id) {
+asio::awaitable<Reply> BridgeServer::handle(BridgeCommand::UnsubscribeSv, ClientId id) {
   log("[BridgeServer] ← unsubscribe_sv");
   svSubscribers_.erase(id);
   if (svSubscribers_.empty()) co_await stopSvCaptureIfNeeded();
+  co_return std::string();
 }
 
-asio::awaitable<void> BridgeServer::handle(BridgeCommand::PublishSvApdu command, ClientId id) {
-  co_await handlePublishSvApdu(std::move(command.pdu), std::move(command.config), id);
+asio::awaitable<Reply> BridgeServer::handle(BridgeCommand::PublishSvApdu command, ClientId) {
+  co_return co_await handlePublishSvApdu(std::move(command.pdu), std::move(command.config));
 }
 
-asio::awaitable<void> BridgeServer::handle(BridgeCommand::SetInterface command, ClientId id) {
-  log("[BridgeServer] ← set_interface name=" + command.name);
-  if (!isValidInterfaceName(command.name)) {
-    sendError("Invalid interface name", ErrorCode::invalidInterfaceName, id);
-    co_return;
-  }
+asio::awaitable<Reply> BridgeServer::handle(BridgeCommand::SetInterface command, ClientId) {
+  log("[BridgeServer] ← set_interface name=" + shortened(command.name));
+  if (!isValidInterfaceName(command.name)) co_return invalidInterfaceName(command.name);
   co_await setActiveInterfaceOnStrand(std::move(command.name));
+  co_return std::string();
 }
 
-asio::awaitable<void> BridgeServer::handle(BridgeCommand::GetInterfaces, ClientId id) {
+asio::awaitable<Reply> BridgeServer::handle(BridgeCommand::GetInterfaces, ClientId) {
   const auto listed = co_await asio::co_spawn(
       ports_.blockingExecutor, listWithNames(ports_.listInterfaces), asio::use_awaitable);
   std::string active = activeInterface_;
   if (active.empty() && !listed.empty()) active = listed.front().name;
-  sendText(BridgeEventEncoder::interfaces(listed, active), id);
+  co_return BridgeEventEncoder::interfaces(listed, active);
 }
 
 }  // namespace tarnlink

@@ -28,25 +28,24 @@ void BridgeServer::chooseInterface() {
   const auto listed = ports_.listInterfaces(BridgePorts::Names::fallback);
   rememberActiveInterface(listed.empty() ? kLastResortInterface : listed.front().name);
   // Else nobody would learn of it but the client whose command needs an interface.
-  for (const auto& owner : owners_) sendStatus(owner);
+  for (const auto& owner : owners_) sendText(statusEvent(), owner);
 }
 
-asio::awaitable<void> BridgeServer::handleSubscribeGoose(std::optional<std::string> appIdFilter,
-                                                         std::optional<std::string> goCBRef,
-                                                         ClientId client) {
+asio::awaitable<Reply> BridgeServer::handleSubscribeGoose(std::optional<std::string> appIdFilter,
+                                                          std::optional<std::string> goCBRef,
+                                                          ClientId client) {
   const auto connection = connections_.find(client);
-  if (connection == connections_.end()) co_return;
+  if (connection == connections_.end()) co_return std::string();
   gooseSubscribers_.insert_or_assign(
       client,
       Subscriber<GooseFilter>{{std::move(appIdFilter), std::move(goCBRef)}, connection->second});
 
   const auto turn = co_await gooseCapture_.turn();
   // The client may have left while others started or stopped the capture.
-  if (!gooseSubscribers_.contains(client) || isStopping_) co_return;
+  if (!gooseSubscribers_.contains(client) || isStopping_) co_return std::string();
   if (gooseCapture_.isCapturing()) {
     log("[BridgeServer] already capturing on " + activeInterface_ + " — new subscriber joined");
-    sendStatus(client);
-    co_return;
+    co_return statusEvent();
   }
   chooseInterface();
   log("[BridgeServer] starting capture on interface=" + activeInterface_);
@@ -55,19 +54,20 @@ asio::awaitable<void> BridgeServer::handleSubscribeGoose(std::optional<std::stri
     const std::string description = started.error().description();
     log("[BridgeServer] ✗ capture start failed: " + description);
     gooseSubscribers_.erase(client);
-    sendError("Start capture failed: " + description, ErrorCode::captureFailed, client);
-    co_return;
+    co_return CommandError::because(description, ErrorCode::captureFailed,
+                                    "Start capture failed: ");
   }
   log("[BridgeServer] ✓ capture started");
-  sendStatus(client);
   // Nobody may be left to listen by now.
   if (gooseSubscribers_.empty()) co_await gooseCapture_.stop(GooseCapture::Queued::drop);
+  co_return statusEvent();
 }
 
-asio::awaitable<void> BridgeServer::handleUnsubscribeGoose(ClientId id) {
+asio::awaitable<Reply> BridgeServer::handleUnsubscribeGoose(ClientId id) {
   gooseSubscribers_.erase(id);
   if (gooseSubscribers_.empty()) co_await stopCaptureIfNeeded();
-  sendStatus(std::nullopt);
+  broadcastStatus();
+  co_return std::string();
 }
 
 asio::awaitable<GooseResult<void>> BridgeServer::startCaptureInternal() {
@@ -80,7 +80,7 @@ asio::awaitable<GooseResult<void>> BridgeServer::startCaptureInternal() {
     if (const auto self = weak.lock()) self->spawn(self->recoverGooseCapture(reason));
   };
   events.onDrops = dropLog("[BridgeServer] ");
-  co_return co_await gooseCapture_.start(activeInterface_, std::move(events));
+  co_return co_await orFailure(gooseCapture_.start(activeInterface_, std::move(events)));
 }
 
 asio::awaitable<void> BridgeServer::stopCaptureIfNeeded() {
@@ -121,7 +121,7 @@ asio::awaitable<void> BridgeServer::setActiveInterfaceOnStrand(std::string name)
       }
     }
   }
-  sendStatus(std::nullopt);
+  broadcastStatus();
 }
 
 void BridgeServer::dispatchGooseMessages(std::span<const GooseMessage> messages) {

@@ -7,6 +7,7 @@
 
 #include "server/bridge_server.h"
 #include "server/error_code.h"
+#include "server/shortened.h"
 #include "stack/interface_name.h"
 
 namespace tarnlink {
@@ -18,12 +19,24 @@ constexpr std::string_view kUnnamedInterface = "en0";
 
 asio::awaitable<std::optional<std::string>> readyVlan(std::shared_ptr<VlanSetup> setup,
                                                       std::string parent, std::uint16_t vid) {
-  co_return setup->readyVlanInterface(parent, vid);
+  try {
+    co_return setup->readyVlanInterface(parent, vid);
+  } catch (const std::exception&) {
+    co_return std::nullopt;  // The other call says why.
+  }
 }
 
 asio::awaitable<VlanResult<std::string>> ensureVlan(std::shared_ptr<VlanSetup> setup,
                                                     std::string parent, std::uint16_t vid) {
-  co_return setup->ensureVlanInterface(parent, vid);
+  try {
+    co_return setup->ensureVlanInterface(parent, vid);
+  } catch (const std::exception& failure) {
+    co_return VlanError{0, failure.what()};
+  }
+}
+
+CommandError failedPublication(const GooseError& error) {
+  return CommandError::because(error.description(), ErrorCode::publishFailed, "Publish failed: ");
 }
 
 }  // namespace
@@ -33,51 +46,44 @@ std::string BridgeServer::outgoingInterface(const std::string& requested) const 
   return useActive ? activeInterface_ : requested;
 }
 
-asio::awaitable<void> BridgeServer::handlePublishGoose(GoosePublishConfig config,
-                                                       ClientId clientId) {
-  if (!goosePublisher_) goosePublisher_ = ports_.makeGoosePublisher();
-  const auto publisher = goosePublisher_;
-  if (!isValidInterfaceName(config.interface)) {
-    sendError("Invalid interface name", ErrorCode::invalidInterfaceName, clientId);
-    co_return;
-  }
+asio::awaitable<Reply> BridgeServer::handlePublishGoose(GoosePublishConfig config) {
+  const auto made = ensureMade(goosePublisher_, ports_.makeGoosePublisher);
+  if (!made) co_return failedPublication(made.error());
+  if (!isValidInterfaceName(config.interface)) co_return invalidInterfaceName(config.interface);
   config.interface = outgoingInterface(config.interface);
+  const auto publisher = goosePublisher_;
   if (config.vlanId == 0) {
     log("[BridgeServer] publish: using interface " + config.interface + " (no VLAN)");
-  } else if (!co_await moveToVlanInterface(config, clientId)) {
-    co_return;
+  } else {
+    const auto moved = co_await moveToVlanInterface(config);
+    if (!moved) {
+      co_return CommandError::because(moved.error().description, ErrorCode::vlanSetupFailed,
+                                      "VLAN-Setup fehlgeschlagen: ");
+    }
   }
-  if (isStopping_) co_return;
+  if (isStopping_) co_return std::string();
   const std::string subject =
-      "appId=" + std::to_string(config.appId) + " goCBRef=" + config.goCBRef;
-  const auto published = co_await publisher->publishStateChange(std::move(config));
-  if (!published) {
-    sendError("Publish failed: " + published.error().description(), ErrorCode::publishFailed,
-              clientId);
-    co_return;
-  }
+      "appId=" + std::to_string(config.appId) + " goCBRef=" + shortened(config.goCBRef);
+  const auto published = co_await orFailure(publisher->publishStateChange(std::move(config)));
+  if (!published) co_return failedPublication(published.error());
   ++messagesPublished_;
   log("[BridgeServer] ✓ published GOOSE " + subject);
-  sendStatus(clientId);
+  co_return statusEvent();
 }
 
-asio::awaitable<bool> BridgeServer::moveToVlanInterface(GoosePublishConfig& config,
-                                                        ClientId clientId) {
+asio::awaitable<VlanResult<void>> BridgeServer::moveToVlanInterface(GoosePublishConfig& config) {
   const std::string parent = config.interface;
-  if (!vlanSetup_) vlanSetup_ = ports_.makeVlanSetup();
+  const auto made = ensureMade(vlanSetup_, ports_.makeVlanSetup);
+  if (!made) co_return VlanError{0, made.error().description()};
   const auto setup = vlanSetup_;
   // Beside the host executor: what is there already waits for no prompt of another client.
   auto link = co_await asio::co_spawn(ports_.blockingExecutor,
                                       readyVlan(setup, parent, config.vlanId), asio::use_awaitable);
   if (!link) {
-    auto made = co_await asio::co_spawn(
+    auto ensured = co_await asio::co_spawn(
         ports_.hostExecutor, ensureVlan(setup, parent, config.vlanId), asio::use_awaitable);
-    if (!made) {
-      sendError("VLAN-Setup fehlgeschlagen: " + made.error().description,
-                ErrorCode::vlanSetupFailed, clientId);
-      co_return false;
-    }
-    link = std::move(*made);
+    if (!ensured) co_return ensured.error();
+    link = std::move(*ensured);
   }
   log("[BridgeServer] publish: vlan " + std::to_string(config.vlanId) + " via " + *link +
       " (parent " + parent + ")");
@@ -86,17 +92,16 @@ asio::awaitable<bool> BridgeServer::moveToVlanInterface(GoosePublishConfig& conf
   config.vlanId = 0;
   config.vlanCfi = false;
   config.vlanTagged = false;
-  co_return true;
+  co_return VlanResult<void>();
 }
 
-asio::awaitable<void> BridgeServer::handleUnpublishGoose(std::optional<std::string> goCBRef,
-                                                         ClientId clientId) {
+asio::awaitable<Reply> BridgeServer::handleUnpublishGoose(std::optional<std::string> goCBRef) {
   if (const auto publisher = goosePublisher_) {
-    const std::string subject = goCBRef.value_or("(all)");
+    const std::string subject = shortened(goCBRef.value_or("(all)"));
     co_await publisher->unpublish(std::move(goCBRef));
     log("[BridgeServer] ✓ unpublished GOOSE " + subject);
   }
-  sendStatus(clientId);
+  co_return statusEvent();
 }
 
 }  // namespace tarnlink

@@ -41,7 +41,7 @@ asio::awaitable<void> BridgeServer::retryCapture(CaptureRecovery<Record> recover
     const auto started = co_await (this->*recovery.start)();
     if (!started) continue;
     log(recovery.label + "✓ capture runs again on " + capture.interface());
-    sendStatus(std::nullopt);
+    broadcastStatus();
     break;
   }
   capture.isRetried = false;
@@ -57,7 +57,7 @@ asio::awaitable<void> BridgeServer::recoverCapture(CaptureRecovery<Record> recov
     if (recovery.capture.isCapturing()) co_return;
     co_await recovery.capture.stop(CaptureControl<Record>::Queued::deliver);
   }
-  sendStatus(std::nullopt);
+  broadcastStatus();
   co_await retryCapture(std::move(recovery));
 }
 

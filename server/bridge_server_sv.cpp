@@ -18,21 +18,26 @@ std::optional<std::int64_t> appIdOf(const SvCapturedFrame& frame) {
   return frame.pdu[0] << 8 | frame.pdu[1];
 }
 
+CommandError failedPublication(const GooseError& error) {
+  return CommandError::because(error.description(), ErrorCode::svPublishFailed,
+                               "SV publish failed: ");
+}
+
 }  // namespace
 
-asio::awaitable<void> BridgeServer::handleSubscribeSv(std::optional<std::int64_t> appIdFilter,
-                                                      ClientId client) {
+asio::awaitable<Reply> BridgeServer::handleSubscribeSv(std::optional<std::int64_t> appIdFilter,
+                                                       ClientId client) {
   const auto connection = connections_.find(client);
-  if (connection == connections_.end()) co_return;
+  if (connection == connections_.end()) co_return std::string();
   svSubscribers_.insert_or_assign(
       client, Subscriber<std::optional<std::int64_t>>{appIdFilter, connection->second});
 
   const auto turn = co_await svCapture_.turn();
   // The client may have left while others started or stopped the capture.
-  if (!svSubscribers_.contains(client) || isStopping_) co_return;
+  if (!svSubscribers_.contains(client) || isStopping_) co_return std::string();
   if (svCapture_.isCapturing()) {
     log("[BridgeServer] SV: client " + toText(client) + " joined existing capture");
-    co_return;
+    co_return std::string();
   }
   chooseInterface();
   const auto started = co_await startSvCapture();
@@ -40,12 +45,12 @@ asio::awaitable<void> BridgeServer::handleSubscribeSv(std::optional<std::int64_t
     const std::string description = started.error().description();
     svSubscribers_.erase(client);
     log("[BridgeServer] SV: capture start failed: " + description);
-    sendError("SV capture failed: " + description, ErrorCode::svCaptureFailed, client);
-    co_return;
+    co_return CommandError::because(description, ErrorCode::svCaptureFailed, "SV capture failed: ");
   }
   log("[BridgeServer] SV: capture started on " + svCapture_.interface());
   // Nobody may be left to listen by now.
   if (svSubscribers_.empty()) co_await svCapture_.stop(SvCapture::Queued::drop);
+  co_return std::string();
 }
 
 asio::awaitable<GooseResult<void>> BridgeServer::startSvCapture() {
@@ -58,7 +63,7 @@ asio::awaitable<GooseResult<void>> BridgeServer::startSvCapture() {
     if (const auto self = weak.lock()) self->spawn(self->recoverSvCapture(reason));
   };
   events.onDrops = dropLog("[BridgeServer] SV: ");
-  co_return co_await svCapture_.start(activeInterface_, std::move(events));
+  co_return co_await orFailure(svCapture_.start(activeInterface_, std::move(events)));
 }
 
 asio::awaitable<void> BridgeServer::stopSvCaptureIfNeeded() {
@@ -81,22 +86,17 @@ void BridgeServer::forwardSvFrames(std::span<const SvCapturedFrame> frames) {
       static_cast<std::int64_t>(fanOut_.send(frames, svSubscribers_, wants, encode));
 }
 
-asio::awaitable<void> BridgeServer::handlePublishSvApdu(Bytes pdu, SvPublishConfig config,
-                                                        ClientId clientId) {
-  if (!svPublisher_) svPublisher_ = ports_.makeSvPublisher();
-  const auto publisher = svPublisher_;
-  if (!isValidInterfaceName(config.interface)) {
-    sendError("Invalid interface name", ErrorCode::invalidInterfaceName, clientId);
-    co_return;
-  }
+asio::awaitable<Reply> BridgeServer::handlePublishSvApdu(Bytes pdu, SvPublishConfig config) {
+  const auto made = ensureMade(svPublisher_, ports_.makeSvPublisher);
+  if (!made) co_return failedPublication(made.error());
+  if (!isValidInterfaceName(config.interface)) co_return invalidInterfaceName(config.interface);
   config.interface = outgoingInterface(config.interface);
-  const auto published = co_await publisher->publishApdu(std::move(pdu), std::move(config));
-  if (published) {
-    ++svFramesPublished_;
-  } else {
-    sendError("SV publish failed: " + published.error().description(), ErrorCode::svPublishFailed,
-              clientId);
-  }
+  const auto publisher = svPublisher_;
+  const auto published =
+      co_await orFailure(publisher->publishApdu(std::move(pdu), std::move(config)));
+  if (!published) co_return failedPublication(published.error());
+  ++svFramesPublished_;
+  co_return std::string();
 }
 
 }  // namespace tarnlink

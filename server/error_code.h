@@ -14,6 +14,7 @@ struct ErrorCode {
   static constexpr std::int64_t svPublishFailed = 5;
   static constexpr std::int64_t invalidInterfaceName = 6;
   static constexpr std::int64_t notAuthenticated = 7;
+  static constexpr std::int64_t systemFailed = 8;  ///< Memory, descriptors or threads ran out.
 };
 
 }  // namespace tarnlink

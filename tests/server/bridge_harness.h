@@ -8,12 +8,15 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/beast/core/error.hpp>
+#include <cerrno>
+#include <exception>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -45,6 +48,7 @@ class FakeConnection final : public WebSocketConnection {
       if (!isMore) co_return asio::error::make_error_code(asio::error::connection_reset);
     }
     if (isClosed_) co_return asio::error::make_error_code(asio::error::connection_reset);
+    if (failure) std::rethrow_exception(failure);
     co_return std::move(batch_.records()[next_++]);
   }
   void setStanding(Standing) override {}
@@ -86,6 +90,7 @@ class FakeConnection final : public WebSocketConnection {
   }
 
   std::string peerName = "192.0.2.1";
+  std::exception_ptr failure;  ///< What receive() throws in place of the next message.
   std::vector<SharedTextFrame> sent;
   std::atomic<bool> isCancelled = false;
 
@@ -313,23 +318,33 @@ class BridgeHarness {
         .transport = transport,
         .preferences = preferences,
         .log = [this](std::string_view line) { logLines.emplace_back(line); },
-        .makeGooseReceiver = [this] { return std::make_shared<FakeSource<GooseMessage>>(goose); },
-        .makeSvReceiver = [this] { return std::make_shared<FakeSource<SvCapturedFrame>>(sv); },
-        .makeGoosePublisher = [this] { return goosePublisher; },
-        .makeSvPublisher = [this] { return svPublisher; },
+        .makeGooseReceiver =
+            [this] { return needing(std::make_shared<FakeSource<GooseMessage>>(goose)); },
+        .makeSvReceiver =
+            [this] { return needing(std::make_shared<FakeSource<SvCapturedFrame>>(sv)); },
+        .makeGoosePublisher = [this] { return needing(goosePublisher); },
+        .makeSvPublisher = [this] { return needing(svPublisher); },
         .makeVlanSetup =
             [this] {
               ++vlansMade;
+              needing(0);
               return std::shared_ptr<VlanSetup>(&vlan, [](VlanSetup*) {});
             },
         .hostExecutor = hostIo.get_executor(),
-        .listInterfaces = [this](BridgePorts::Names) { return interfaces; },
+        .listInterfaces = [this](BridgePorts::Names) { return needing(interfaces); },
         .blockingExecutor = io.get_executor(),
         .makeAdvertiser = {},
         .recoveryPause = std::chrono::milliseconds(20),
         .authDelay = authDelay,
         .ownerToken = authDelay ? std::string(kOwnerToken) : std::string(),
     };
+  }
+
+  /// What only a process with a free descriptor gets.
+  template <class T>
+  T needing(T made) const {
+    if (hasNoDescriptors) throw std::system_error(EMFILE, std::generic_category());
+    return made;
   }
 
   /// Lets everything run that can.
@@ -405,6 +420,7 @@ class BridgeHarness {
   std::shared_ptr<FakeSvPublisher> svPublisher = std::make_shared<FakeSvPublisher>();
   FakeVlanSetup vlan;
   int vlansMade = 0;
+  bool hasNoDescriptors = false;
   std::vector<NetworkInterfaceInfo> interfaces;
   std::shared_ptr<BridgeServer> server;
 };

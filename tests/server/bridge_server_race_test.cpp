@@ -70,6 +70,7 @@ struct Client {
   int answered = 0;
   std::map<std::string, int> events;  // Since the last answer to a ping.
   std::vector<int> errors;
+  std::vector<int> marks;
   bool isAuthenticated = false;
   bool hasGoose = false;
   bool hasSv = false;
@@ -79,7 +80,9 @@ struct Client {
   void ask(const Command& command) {
     asked.push_back(command);
     const auto ping = number * 1'000 + answered + static_cast<int>(asked.size());
-    connection->say(command.text);
+    // Every second command is marked, and then has exactly one answer with the mark.
+    const std::string mark = ping % 2 == 0 ? R"(,"requestId":)" + std::to_string(ping) + "}" : "}";
+    connection->say(command.text.substr(0, command.text.size() - 1) + mark);
     connection->say(R"({"cmd":"ping","timestamp":)" + std::to_string(ping) + "}");
   }
 
@@ -87,6 +90,7 @@ struct Client {
     for (const auto& frame : connection->take()) {
       const Json event = Json::parse(frame->text());
       const std::string name = event["event"];
+      if (event.contains("requestId")) marks.push_back(event["requestId"]);
       SCOPED_TRACE("client " + std::to_string(number) + " after its answer " +
                    std::to_string(answered) + ": " + event.dump());
       if (name == "pong") {
@@ -115,11 +119,15 @@ struct Client {
   }
 
   void endCommand(const Json& pong) {
-    EXPECT_EQ(pong["originalTimestamp"], number * 1'000 + ++answered) << "whose answer is this?";
+    const int expected = number * 1'000 + ++answered;
+    EXPECT_EQ(pong["originalTimestamp"], expected) << "whose answer is this?";
     if (asked.empty()) return;
     const Command command = std::exchange(asked.front(), {});
     asked.pop_front();
     SCOPED_TRACE(command.text);
+    const bool isMarked = expected % 2 == 0;
+    EXPECT_EQ(marks, isMarked ? std::vector{expected} : std::vector<int>());
+    marks.clear();
     const bool isGated = !isAuthenticated && !says(command, R"("auth")");
     const std::vector<int> allowed = isGated ? std::vector{7} : command.errors;
     EXPECT_LE(errors.size(), 1U);

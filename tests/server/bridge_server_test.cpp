@@ -25,10 +25,10 @@ Json error(std::string_view text, int code) {
   return {{"event", "error"}, {"error", text}, {"code", code}};
 }
 
-std::string publishCommand(const std::string& more) {
+std::string publishCommand(const std::string& more, const std::string& end = "}") {
   return R"({"cmd":"publish_goose","appId":4096,"goCBRef":"A/LLN0$GO$g","dataSetRef":"A/LLN0$d",)"
          R"("confRev":1)" +
-         more + "}";
+         more + end;
 }
 
 class BridgeServerTest : public ::testing::Test {
@@ -151,6 +151,113 @@ TEST_F(BridgeServerTest, TheGateOpensWithTheCodeAlone) {
     ASSERT_EQ(events.size(), 1U);
     for (const auto& [key, value] : step.expected.items()) EXPECT_EQ(events[0][key], value);
   }
+}
+
+TEST_F(BridgeServerTest, AMarkedCommandEndsInOneEventWithItsMark) {
+  const auto client = bridge.connect();
+  const auto other = bridge.authenticated();
+  const struct {
+    std::string text;
+    const char* event;
+    const char* reason;  // Of errors.
+    std::size_t told;    // Broadcasts to the others.
+  } steps[] = {
+      {R"({"cmd":"ping")", "pong", "", 0},
+      {R"({"cmd":"get_interfaces")", "error", "an auth with the pairing code has to succeed first",
+       0},
+      {R"({"cmd":"auth","token":"1")", "auth_result", "", 0},
+      {R"({"cmd":"auth","token":"042137")", "auth_result", "", 0},
+      {R"({"cmd":"get_interfaces")", "interfaces", "", 0},
+      {R"({"cmd":"set_interface","interface":"eth1")", "done", "", 1},
+      {R"({"cmd":"set_interface","interface":"eth.1")", "error",
+       "interface: expected a letter followed by letters and digits, 15 in all at most, found "
+       "\"eth.1\"",
+       0},
+      {R"({"cmd":"subscribe_goose")", "bridge_status", "", 0},
+      {R"({"cmd":"subscribe_goose")", "bridge_status", "", 0},
+      {R"({"cmd":"unsubscribe_goose")", "done", "", 1},
+      {R"({"cmd":"subscribe_sv")", "done", "", 0},
+      {R"({"cmd":"subscribe_sv")", "done", "", 0},
+      {R"({"cmd":"unsubscribe_sv")", "done", "", 0},
+      {publishCommand(R"(,"vlanId":5)", ""), "bridge_status", "", 0},
+      {R"({"cmd":"unpublish_goose")", "bridge_status", "", 0},
+      {R"({"cmd":"publish_sv_apdu","pduBase64":"AA==")", "done", "", 0},
+      {R"({"cmd":"publish_sv_apdu")", "error",
+       "pduBase64: expected base64 with padding, found nothing", 0},
+      {R"({"cmd":"stop")", "error", "cmd: expected the name of a command, found \"stop\"", 0}};
+  for (const auto& step : steps) {
+    for (const Json& mark : {Json(7), Json("text")}) {
+      SCOPED_TRACE(step.text);
+      const auto events = bridge.ask(client, step.text + R"(,"requestId":)" + mark.dump() + "}");
+      EXPECT_EQ(events.size(), 1 + step.told);
+      ASSERT_FALSE(events.empty());
+      EXPECT_EQ(events.back()["event"], step.event);
+      EXPECT_EQ(events.back()["requestId"], mark);
+      EXPECT_EQ(events.back().value("reason", ""), step.reason);
+      const auto broadcasts = BridgeHarness::take(other);
+      EXPECT_EQ(broadcasts.size(), step.told);
+      for (const Json& event : broadcasts) EXPECT_FALSE(event.contains("requestId"));
+    }
+  }
+  const auto refused = bridge.ask(client, R"({"cmd":"ping","requestId":1.5})");
+  ASSERT_EQ(refused.size(), 1U);
+  EXPECT_FALSE(refused[0].contains("requestId"));
+  EXPECT_EQ(
+      refused[0]["reason"],
+      "requestId: expected an integer of 64 bits, or a text of 128 octets at most, found 1.5");
+  const auto strict = bridge.ask(client, R"({"cmd":"publish_goose","strict":true})");
+  EXPECT_TRUE(strict.at(0).contains("reason")) << strict;
+}
+
+TEST_F(BridgeServerTest, TheLogSaysWhyAPairedClientsCommandFailed) {
+  const auto client = bridge.authenticated();
+  bridge.say(client, publishCommand(R"(,"strict":true,"vlanId":5000)"));
+  EXPECT_TRUE(bridge.logLines.back().ends_with(
+      ": Invalid JSON command (vlanId: expected an integer from 0 to 4094, found 5000)"))
+      << bridge.logLines.back();
+  bridge.goosePublisher->failure = GooseError::sendFailed("network is down");
+  bridge.say(client, publishCommand(""));
+  EXPECT_TRUE(bridge.logLines.back().ends_with(": Publish failed: network is down"));
+  const auto lines = bridge.logLines.size();
+  bridge.say(bridge.connect(), R"({"cmd":"nonsense"})");
+  EXPECT_EQ(bridge.logLines.size(), lines + 1) << "the connection's; strangers cannot fill the log";
+}
+
+TEST_F(BridgeServerTest, WithoutDescriptorsEachCommandFailsAndTheClientIsHeardAfterwards) {
+  const auto client = bridge.authenticated();
+  const std::pair<std::string, Json> cases[] = {
+      {kSubscribe, error("Start capture failed: Too many open files", 1)},
+      {publishCommand(""), error("Publish failed: Too many open files", 2)},
+      {R"({"cmd":"subscribe_sv"})", error("SV capture failed: Too many open files", 4)},
+      {R"({"cmd":"publish_sv_apdu","pduBase64":"AA=="})",
+       error("SV publish failed: Too many open files", 5)},
+      {R"({"cmd":"get_interfaces"})", error("Command failed: Too many open files", 8)}};
+  bridge.ask(client, R"({"cmd":"set_interface","interface":"eth1"})");
+  bridge.hasNoDescriptors = true;
+  for (const auto& [text, expected] : cases) {
+    EXPECT_EQ(bridge.ask(client, text), std::vector<Json>{expected});
+  }
+  bridge.hasNoDescriptors = false;
+  bridge.ask(client, publishCommand(""));
+  bridge.hasNoDescriptors = true;
+  EXPECT_EQ(bridge.ask(client, publishCommand(R"(,"vlanId":5)")),
+            std::vector<Json>{error("VLAN-Setup fehlgeschlagen: Too many open files", 3)});
+  bridge.hasNoDescriptors = false;
+  bridge.ask(bridge.authenticated(), kSubscribe);
+  bridge.goose.yield({message()});
+  bridge.settle();
+  EXPECT_TRUE(client->sent.empty()) << "a failed subscription is none";
+  EXPECT_EQ(bridge.ask(client, kSubscribe).at(0)["isCapturing"], true);
+}
+
+TEST_F(BridgeServerTest, AClientWhoseReceivingFailsIsRemoved) {
+  const auto client = bridge.authenticated();
+  bridge.say(client, kSubscribe);
+  client->failure = std::make_exception_ptr(std::bad_alloc());
+  bridge.say(client, R"({"cmd":"ping"})");
+  EXPECT_TRUE(client->isCancelled);
+  EXPECT_EQ(bridge.goose.running, 0);
+  EXPECT_TRUE(bridge.logged("[BridgeServer] Internal error: std::bad_alloc"));
 }
 
 TEST(AuthDelayTest, WrongCodesWaitRightOnesFollowAndNobodyIsLeftBehind) {
