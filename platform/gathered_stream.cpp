@@ -45,7 +45,7 @@ void GatheredStream::attach(std::weak_ptr<void> owner, Events events) {
   events_ = std::move(events);
 }
 
-GatheredStream::Push GatheredStream::push(std::span<SharedTextFrame> frames) {
+GatheredStream::Push GatheredStream::push(std::span<SharedTextFrame> frames, Kind kind) {
   Items freed;  // outside the lock
   const std::lock_guard lock(mutex_);
   if (refusesText_) return Push::dropped;
@@ -54,7 +54,7 @@ GatheredStream::Push GatheredStream::push(std::span<SharedTextFrame> frames) {
   for (SharedTextFrame& frame : frames) {
     added += frame->footprint();
     const std::string_view octets(frame->data(), frame->size());
-    pending_.push_back({std::move(frame), octets});
+    pending_.push_back({std::move(frame), octets, kind});
   }
   if (queuedMemory_ + added > queueLimit_) {
     refusesText_ = true;
@@ -62,6 +62,7 @@ GatheredStream::Push GatheredStream::push(std::span<SharedTextFrame> frames) {
     return Push::overflow;
   }
   queuedMemory_ += added;
+  if (kind == Kind::answer) answerMemory_ += added;
   return std::exchange(draining_, true) ? Push::accepted : Push::acceptedWhileIdle;
 }
 
@@ -107,7 +108,7 @@ void GatheredStream::queueLibraryOctets() {
   bool idle = false;
   {
     const std::lock_guard lock(mutex_);
-    pending_.push_back({nullptr, libraryOctets_});
+    pending_.push_back({nullptr, libraryOctets_, Kind::event});
     idle = !std::exchange(draining_, true);
     if (closes) refusesText_ = true;
   }
@@ -184,8 +185,13 @@ void GatheredStream::written(std::size_t octets) {
     octets -= part;
     if (!item.octets.empty()) return;
     if (item.frame) {
-      queuedMemory_ -= item.frame->footprint();
+      const auto freed = item.frame->footprint();
       item.frame.reset();
+      queuedMemory_ -= freed;
+      if (item.kind == Kind::answer) {
+        answerMemory_ -= freed;
+        if (events_.answerSent) events_.answerSent();
+      }
     } else {
       completeLibraryWrite({}, libraryOctets_.size());
     }
@@ -219,13 +225,17 @@ void GatheredStream::refuseText() {
   auto committed = tls_ ? tls_->committed() : 0;
   auto first = writing_.begin() + static_cast<std::ptrdiff_t>(next_);
   std::size_t kept = 0;
+  std::size_t keptAnswers = 0;
   for (; first != writing_.end() && (committed > 0 || isBegun(*first)); ++first) {
     committed -= std::min(committed, first->octets.size());
-    if (first->frame) kept += first->frame->footprint();
+    if (!first->frame) continue;
+    kept += first->frame->footprint();
+    if (first->kind == Kind::answer) keptAnswers += first->frame->footprint();
   }
   writing_.erase(std::remove_if(first, writing_.end(), isText), writing_.end());
   std::erase_if(pending_, isText);
   queuedMemory_ = kept;
+  answerMemory_ = keptAnswers;
 }
 
 void GatheredStream::hurry() {
@@ -257,6 +267,7 @@ void GatheredStream::close(bool reset) {
   Items().swap(writing_);
   next_ = 0;
   queuedMemory_ = 0;
+  answerMemory_ = 0;
   completeLibraryWrite(boost::asio::error::operation_aborted, 0);
 }
 

@@ -44,11 +44,13 @@ class GatheredStream {
   using executor_type = Socket::executor_type;
   using Clock = std::chrono::steady_clock;
 
-  /// Called on the strand, each at most once.
+  /// Called on the strand, the first two at most once.
   struct Events {
     std::function<void(const boost::system::error_code&)> writeFailed;
     /// The library has queued its close frame; no text frame is taken any more.
     std::function<void()> closeQueued;
+    /// The socket has taken an answer. As often as that happens.
+    std::function<void()> answerSent;
   };
 
   /// The limit bounds the memory of all text frames that the socket has not yet taken whole.
@@ -68,8 +70,12 @@ class GatheredStream {
     /// The connection is closing or gone.
     dropped,
   };
+  enum class Kind { answer, event };
   /// Takes the frames, in their order.
-  Push push(std::span<SharedTextFrame> frames);
+  Push push(std::span<SharedTextFrame> frames, Kind kind);
+
+  /// The memory of the answers that the socket has not yet taken whole. Octets.
+  std::size_t unsentAnswers() const { return answerMemory_; }
 
   /// The handshake has been answered: frames may flow.
   void open();
@@ -118,6 +124,7 @@ class GatheredStream {
   struct Item {
     SharedTextFrame frame;
     std::string_view octets;
+    Kind kind = Kind::event;
   };
 
   using Items = std::vector<Item>;
@@ -220,6 +227,7 @@ class GatheredStream {
   // The text frames of pending_ and writing_; grows under the lock only, so that the limit is
   // exact. Octets.
   std::atomic<std::size_t> queuedMemory_ = 0;
+  std::atomic<std::size_t> answerMemory_ = 0;  // the answers among them
 
   std::mutex mutex_;  // guards what follows; held for a few instructions a frame
   Items pending_;

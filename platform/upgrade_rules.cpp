@@ -31,8 +31,8 @@ bool isLabel(std::string_view text) {
   return text == kAny || isOf(text, "-_");
 }
 bool isPort(std::string_view text) {
-  return text == kAny || (text.size() <= kMaxPortDigits &&
-                          text.find_first_not_of("0123456789") == std::string_view::npos);
+  return text.size() <= kMaxPortDigits &&
+         text.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
 bool isAddress(const std::string& text) {
@@ -107,7 +107,9 @@ std::optional<OriginPattern::Parts> OriginPattern::split(std::string_view text) 
   const auto [host, port] = splitPort(std::string_view(lower).substr(end + 3));
   Parts parts{lower.substr(0, end), labelsOf(host), std::string(port.value_or(""))};
   if (parts.scheme != kAny && !isOf(parts.scheme, "+-.")) return std::nullopt;
-  if (parts.labels.empty() || (port && port->empty()) || !isPort(parts.port)) return std::nullopt;
+  if (parts.labels.empty() || (port && port->empty()) ||
+      (parts.port != kAny && !isPort(parts.port)))
+    return std::nullopt;
   return parts;
 }
 
@@ -146,6 +148,14 @@ bool UpgradeRules::allowsHost(std::string_view host) const {
   if (isAddress(name) || isOwnName(name)) return true;
   return std::any_of(hosts.begin(), hosts.end(),
                      [&name](const std::string& allowed) { return lowerCase(allowed) == name; });
+}
+
+bool isHost(std::string_view text) {
+  const std::string lower = lowerCase(text);
+  const auto [host, port] = splitPort(lower);
+  if (port && !isPort(*port)) return false;
+  if (isBracketed(host)) return isAddress(std::string(host.substr(1, host.size() - 2)));
+  return isOf(host, "-._~!$&'()*+,;=%");  // RFC 3986, 3.2.2: reg-name
 }
 
 }  // namespace tarnlink

@@ -48,4 +48,7 @@ struct UpgradeRules {
   bool allowsHost(std::string_view host) const;
 };
 
+/// The value of a Host field: a name or an address, with a port or without (RFC 7230, 5.4).
+bool isHost(std::string_view text);
+
 }  // namespace tarnlink

@@ -21,11 +21,16 @@ class WebSocketCategory final : public boost::system::error_category {
       case WebSocketError::idleTimeout:
         return "connection was silent for too long";
       case WebSocketError::originNotAllowed:
-        return "web pages of its origin are not allowed";
+        return "web pages of its origin are not allowed (see --allow-origin)";
       case WebSocketError::hostNotAllowed:
-        return "a web page reached this computer under a name that is not allowed";
+        return "a web page reached this computer under a name that is not allowed (see "
+               "--allow-host)";
       case WebSocketError::tooManyClients:
         return "there are as many clients as are allowed";
+      case WebSocketError::notAdmitted:
+        return "no pairing code came in time";
+      case WebSocketError::madeRoom:
+        return "its place went to a newcomer before a pairing code came";
     }
     return "unknown WebSocket error";
   }

@@ -27,6 +27,13 @@ namespace tarnlink {
 struct WebSocketLimits {
   /// A longer incoming message gets close code 1009. Octets.
   std::size_t incomingMessage = std::size_t{1} << 20;
+  /// The same from a peer that is not admitted. Octets.
+  std::size_t strangerMessage = 4096;
+  /// A peer that is not admitted by then is dropped (WebSocketError::notAdmitted).
+  std::chrono::milliseconds strangerTime{60'000};
+  /// While answers (send()) that take more memory than this wait for a client, nothing of it is
+  /// read. Octets, as TextFrame::footprint() counts.
+  std::size_t unsentAnswers = std::size_t{256} << 10;
   /// A client whose unsent frames take more memory than this (TextFrame::footprint()) is dropped
   /// (WebSocketError::sendQueueFull). Octets.
   std::size_t sendQueue = std::size_t{64} << 20;
@@ -46,8 +53,9 @@ struct WebSocketAccess {
   std::vector<boost::asio::ip::address> addresses;
   /// Upgrades that break them are answered with status 403.
   UpgradeRules rules;
-  /// Connections at a time, unfinished handshakes counted; 0: any number. One more is answered
-  /// with status 503, or closed at once where many wait for that answer.
+  /// Connections at a time, unfinished handshakes counted; 0: any number. One more takes the place
+  /// of one that is not admitted (see ClientPlaces). Otherwise it is answered with status 503, or
+  /// closed at once where many wait for that answer.
   std::size_t maxClients = 0;
   /// Null: no TLS. Otherwise nothing but TLS.
   std::shared_ptr<const TlsContext> tls;
@@ -61,6 +69,8 @@ enum class WebSocketError {
   originNotAllowed,
   hostNotAllowed,
   tooManyClients,
+  notAdmitted,
+  madeRoom,
 };
 boost::system::error_code make_error_code(WebSocketError error);
 
@@ -69,12 +79,13 @@ boost::system::error_code make_error_code(WebSocketError error);
 struct TransportReady {};
 struct TransportFailed {
   boost::system::error_code error;
-  /// What of the peer's the error is about: the refused Origin or Host, for example. From outside,
-  /// but printable and of bounded length. Empty where there is nothing to add.
+  /// What of the peer's the error is about: the refused Origin or Host. As it came, but 256 octets
+  /// at most. Empty where there is nothing to add.
   std::string detail = {};
 };
 struct TransportCancelled {};
-/// Connections alone: the peer has gone while nobody was receiving, who would have been told.
+/// Connections alone: the peer has gone while a message of its was being served, so that nobody was
+/// receiving, who would have been told. What it had sent before is lost, too.
 struct TransportLost {
   boost::system::error_code error;
 };
@@ -112,15 +123,16 @@ class WebSocketConnection {
 
   /// Begins the upgrade. The connection reports Ready once it is done. Call once. Failed is for
   /// ends of the transport's own making: a handshake that did not succeed, and each
-  /// WebSocketError. What goes wrong while receiving is receive()'s to say, and no state. An error
-  /// of sending goes to onSendError, once, and then to receive().
+  /// WebSocketError. What goes wrong while receiving is receive()'s to say, and no state, unless
+  /// nobody receives (Lost). An error of sending goes to onSendError as well, once.
   virtual void start(StateHandler onState, SendErrorHandler onSendError) = 0;
 
   /// The next complete message; one call at a time, after Ready; returns on the caller's executor.
   /// An error is final: boost::beast::websocket::error::closed when the peer closed, the error
   /// that Failed reports, operation_aborted after cancel(), or the system's. The connection then
-  /// ends by itself. Nothing is read ahead: a peer that sends faster than its messages are taken
-  /// has to wait.
+  /// ends by itself. Nothing is read ahead, so that a peer that sends faster than its messages are
+  /// taken has to wait, until a message has been served for a fifth of a second: then up to 64 KiB
+  /// and one message are read ahead, which answers pings and shows whether the peer is still there.
   virtual boost::asio::awaitable<boost::system::result<WebSocketMessage>> receive() = 0;
 
   /// Tells the transport whom it has there. Until then the peer is a stranger.

@@ -14,6 +14,7 @@
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/websocket/stream.hpp>
+#include <deque>
 #include <string>
 
 namespace tarnlink {
@@ -34,6 +35,16 @@ constexpr std::chrono::milliseconds kFarewell{5'000};
 constexpr std::chrono::milliseconds kCancelFarewell{1'000};
 // Octets read and thrown away in one step while waiting for the peer's end.
 constexpr std::size_t kDiscardBuffer = 16 * 1024;
+
+// What is read of a message at a time: as much as has come of it, within these bounds. Octets.
+constexpr std::size_t kLeastRead = 4096;
+constexpr std::size_t kMostRead = 64 * 1024;
+// A message that is served for longer than this does not keep us from hearing its sender.
+constexpr std::chrono::milliseconds kServing{200};
+// Further messages are read ahead meanwhile until they make up so much. Octets.
+constexpr std::size_t kReadAhead = 64 * 1024;
+// What a report of a failure repeats of the request at most. Octets.
+constexpr std::size_t kMaxDetail = 256;
 
 // Characters of a Sec-WebSocket-Key: base64 of 16 octets, the last two of which are padding.
 constexpr std::size_t kKeyLength = 24;
@@ -76,13 +87,15 @@ class Session : public std::enable_shared_from_this<Session> {
       : limits_(limits),
         admission_(std::move(admission)),
         websocket_(std::move(socket), limits.sendQueue, admission_.tls),
-        timer_(strand()) {}
+        timer_(strand()),
+        servingTimer_(strand()),
+        changed_(strand(), Clock::time_point::max()) {}
 
   const std::string& peer() const { return admission_.peer; }
   GatheredStream::executor_type strand() { return stream().get_executor(); }
 
   void start(StateHandler onState, SendErrorHandler onSendError);
-  void setStanding(Standing standing) { standing_ = standing; }
+  void setStanding(Standing standing);
   void send(SharedTextFrame frame);
   void sendBurst(std::span<SharedTextFrame> frames);
   void cancel();
@@ -102,16 +115,23 @@ class Session : public std::enable_shared_from_this<Session> {
   GatheredStream& stream() { return websocket_.next_layer(); }
 
   static asio::awaitable<void> upgrade(std::shared_ptr<Session> self);
-  static asio::awaitable<error_code> readRequest(std::shared_ptr<Session> self);
+  static asio::awaitable<TransportFailed> readRequest(std::shared_ptr<Session> self);
   static asio::awaitable<void> refuse(std::shared_ptr<Session> self, http::status status);
   static asio::awaitable<void> sayGoodbye(std::shared_ptr<Session> self,
                                           websocket::close_code code);
   static asio::awaitable<void> linger(std::shared_ptr<Session> self);
+  static asio::awaitable<error_code> readMessage(std::shared_ptr<Session> self,
+                                                 WebSocketMessage& message);
+  static asio::awaitable<void> readAhead(std::shared_ptr<Session> self);
   static asio::awaitable<void> watch(std::shared_ptr<Session> self);
   static asio::awaitable<void> ping(std::shared_ptr<Session> self);
 
   void configure();
-  bool push(std::span<SharedTextFrame> frames);
+  bool push(std::span<SharedTextFrame> frames, GatheredStream::Kind kind);
+  std::size_t longestMessage() const;
+  Received handOut(WebSocketMessage message);
+  void watchServing();
+  void reportLoss();
   void forgetHandlers();
   error_code refuseCutText();
   error_code endReceiving(error_code error);
@@ -143,12 +163,21 @@ class Session : public std::enable_shared_from_this<Session> {
 
   Phase phase_ = Phase::accepted;
   Standing standing_ = Standing::stranger;
+  Clock::time_point admittedBy_ = Clock::now() + limits_.strangerTime;  // of a stranger
+  Clock::duration timeLeft_{};                                          // while it waits
   StateHandler onState_;
   SendErrorHandler onSendError_;
   bool failed_ = false;  // Failed has been reported
   bool cancelled_ = false;
   error_code end_;  // what receive() answers from now on
   bool receiving_ = false;
+  bool readingAhead_ = false;
+  std::deque<WebSocketMessage> ahead_;  // read ahead, not yet taken
+  std::size_t aheadOctets_ = 0;
+  asio::steady_timer servingTimer_;
+  std::size_t handedOut_ = 0;  // messages
+  asio::steady_timer
+      changed_;  // never expires: cancelled when what receive() waits for may be there
   bool pinging_ = false;
   Clock::time_point started_;
   Clock::time_point lastHeard_;
@@ -173,6 +202,15 @@ void Session::start(StateHandler onState, SendErrorHandler onSendError) {
   phase_ = Phase::handshake;
   started_ = lastHeard_ = Clock::now();
   configure();
+  if (admission_.place) {
+    admission_.place->onLost([weak = weak_from_this()] {
+      if (auto self = weak.lock()) {
+        auto& session = *self;
+        asio::post(session.strand(),
+                   [self = std::move(self)] { self->fail(WebSocketError::madeRoom); });
+      }
+    });
+  }
   spawn(upgrade(shared_from_this()));
   spawn(watch(shared_from_this()));
 }
@@ -181,22 +219,44 @@ void Session::configure() {
   GatheredStream::Events events;
   events.writeFailed = [this](const error_code& error) { onWriteFailed(error); };
   events.closeQueued = [this] { onCloseQueued(); };
+  events.answerSent = [this] { changed_.cancel(); };
   stream().attach(weak_from_this(), std::move(events));
-  websocket_.read_message_max(limits_.incomingMessage);
-  websocket_.set_option(websocket::stream_base::decorator(
-      [](websocket::response_type& response) { response.set(http::field::server, "tarnlink"); }));
+  websocket_.read_message_max(longestMessage());
+  websocket_.set_option(websocket::stream_base::decorator([](websocket::response_type& response) {
+    response.set(http::field::server, "tarnlink");
+    if (response.result() == http::status::switching_protocols) return;
+    response.insert(http::field::connection, "close");
+    if (response.result() != http::status::upgrade_required) return;
+    response.set(http::field::upgrade, "websocket");  // RFC 7231, 6.5.15
+    response.insert(http::field::connection, "Upgrade");
+  }));
   // RFC 6455, 5.5.1: after the peer's close frame nothing but our own may follow.
   websocket_.control_callback([this](websocket::frame_type kind, boost::beast::string_view) {
     if (kind == websocket::frame_type::close) stream().refuseText();
   });
 }
 
+std::size_t Session::longestMessage() const {
+  if (standing_ == Standing::admitted) return limits_.incomingMessage;
+  return std::min(limits_.strangerMessage, limits_.incomingMessage);
+}
+
+void Session::setStanding(Standing standing) {
+  const auto now = Clock::now();
+  if (standing_ == Standing::stranger) timeLeft_ = admittedBy_ - now;
+  admittedBy_ = now + timeLeft_;
+  standing_ = standing;
+  websocket_.read_message_max(longestMessage());
+  if (admission_.place) admission_.place->setStanding(standing);
+  timer_.cancel();
+}
+
 // ---- Handshake ----
 
 asio::awaitable<void> Session::upgrade(std::shared_ptr<Session> self) {
-  const auto error = co_await readRequest(self);
+  const auto failed = co_await readRequest(self);
   if (self->phase_ != Phase::handshake) co_return;
-  if (!error) {
+  if (!failed.error) {
     self->phase_ = Phase::open;
     self->lastHeard_ = Clock::now();
     self->timer_.cancel();
@@ -205,16 +265,27 @@ asio::awaitable<void> Session::upgrade(std::shared_ptr<Session> self) {
     co_return;
   }
   self->phase_ = Phase::lingering;
-  self->end_ = error;
+  self->end_ = failed.error;
   self->stream().refuseText();
   self->endBy(Clock::now() + kFarewell);
   self->failed_ = true;
-  self->report(TransportFailed{error});
+  self->report(failed);
   self->saidAll();
   co_await linger(self);
 }
 
 using Request = http::request<http::empty_body>;
+
+// RFC 7230, 3.2.2: a field in several lines is one list.
+std::string values(const Request& request, http::field field) {
+  std::string list;
+  const auto [begin, end] = request.equal_range(field);
+  for (auto line = begin; line != end; ++line) {
+    if (line != begin) list += ", ";
+    list += {line->value().data(), line->value().size()};
+  }
+  return list;
+}
 
 // What none of a field's values may violate: a request with several is not a browser's.
 template <class Rule>
@@ -223,24 +294,39 @@ bool allowsAll(const Request& request, http::field field, const Rule& rule) {
   return std::all_of(begin, end, [&rule](const auto& found) { return rule(found.value()); });
 }
 
+TransportFailed refusal(WebSocketError error, std::string_view value) {
+  return {error, std::string(value.substr(0, kMaxDetail))};
+}
+
 // Why the request is refused, whatever else it says; no error when it is not.
-error_code objection(const Admission& admission, const Request& request) {
-  if (admission.isOneTooMany) return WebSocketError::tooManyClients;
+TransportFailed objection(const Admission& admission, const Request& request) {
+  if (!admission.place) return {WebSocketError::tooManyClients};
   if (request.count(http::field::origin) == 0) return {};
   const auto& rules = *admission.rules;
+  const auto origin = values(request, http::field::origin);
+  const auto host = values(request, http::field::host);
   if (!allowsAll(request, http::field::origin,
-                 [&rules](auto origin) { return rules.allowsOrigin(origin); })) {
-    return WebSocketError::originNotAllowed;
+                 [&rules](auto value) { return rules.allowsOrigin(value); })) {
+    return refusal(WebSocketError::originNotAllowed, origin);
   }
   if (!allowsAll(request, http::field::host,
-                 [&rules](auto host) { return rules.allowsHost(host); })) {
-    return WebSocketError::hostNotAllowed;
+                 [&rules](auto value) { return rules.allowsHost(value); })) {
+    return refusal(WebSocketError::hostNotAllowed, host);
   }
   return {};
 }
 
+// RFC 7230, 5.4 and 3.3: one Host that names a host, and no body.
+bool isWellFormed(const Request& request) {
+  const auto host = request[http::field::host];
+  if (request.count(http::field::host) != 1 || !isHost({host.data(), host.size()})) return false;
+  if (request.count(http::field::transfer_encoding) != 0) return false;
+  const auto length = values(request, http::field::content_length);
+  return length.find_first_not_of("0") == std::string::npos;
+}
+
 // Reads the request and answers it, be it with an upgrade or a refusal.
-asio::awaitable<error_code> Session::readRequest(std::shared_ptr<Session> self) {
+asio::awaitable<TransportFailed> Session::readRequest(std::shared_ptr<Session> self) {
   boost::beast::flat_buffer buffer(kMaxRequestHeader);
   http::request_parser<http::empty_body> parser;
   parser.header_limit(kMaxRequestHeader);
@@ -251,20 +337,28 @@ asio::awaitable<error_code> Session::readRequest(std::shared_ptr<Session> self) 
   } else if (error.category() == error_code(http::error::bad_method).category()) {
     co_await refuse(self, http::status::bad_request);
   }
-  if (error) co_return error;
-  if (const auto reason = objection(self->admission_, parser.get())) {
-    co_await refuse(self, reason == WebSocketError::tooManyClients
+  TransportFailed failed{error};
+  if (error) co_return failed;
+  auto& request = parser.get();
+  failed = objection(self->admission_, request);
+  if (failed.error) {
+    co_await refuse(self, failed.error == WebSocketError::tooManyClients
                               ? http::status::service_unavailable
                               : http::status::forbidden);
-    co_return reason;
+    co_return failed;
   }
-  if (!hasProperKey(parser.get())) {
+  if (!isWellFormed(request) || !hasProperKey(request)) {
+    failed.error = isWellFormed(request) ? error_code(websocket::error::bad_sec_key)
+                                         : error_code(http::error::bad_value);
     co_await refuse(self, http::status::bad_request);
-    co_return websocket::error::bad_sec_key;
+    co_return failed;
+  }
+  for (const auto field : {http::field::connection, http::field::upgrade}) {
+    if (request.count(field) > 1) request.set(field, values(request, field));
   }
   self->stream().putBack({static_cast<const char*>(buffer.data().data()), buffer.size()});
-  auto [refusal] = co_await self->websocket_.async_accept(parser.get(), kWait);
-  co_return refusal;
+  std::tie(failed.error) = co_await self->websocket_.async_accept(request, kWait);
+  co_return failed;
 }
 
 asio::awaitable<void> Session::refuse(std::shared_ptr<Session> self, http::status status) {
@@ -279,18 +373,79 @@ asio::awaitable<void> Session::refuse(std::shared_ptr<Session> self, http::statu
 // ---- Receiving and sending ----
 
 asio::awaitable<Session::Received> Session::receive(std::shared_ptr<Session> self) {
-  if (self->end_) co_return self->end_;
-  if (self->phase_ != Phase::open) co_return error_code(asio::error::operation_aborted);
   self->receiving_ = true;
   self->lastHeard_ = Clock::now();
+  while (self->ahead_.empty() && self->readingAhead_) co_await self->changed_.async_wait(kWait);
   WebSocketMessage message;
-  auto buffer = asio::dynamic_buffer(message.data);
-  auto [error, octets] = co_await self->websocket_.async_read(buffer, kWait);
+  error_code error = self->end_;
+  if (!error && self->phase_ != Phase::open) error = asio::error::operation_aborted;
+  if (!error && !self->ahead_.empty()) {
+    message = std::move(self->ahead_.front());
+    self->ahead_.pop_front();
+    self->aheadOctets_ -= message.data.size();
+  } else if (!error) {
+    error = co_await readMessage(self, message);
+  }
   self->receiving_ = false;
+  if (error) co_return error;
+  co_return self->handOut(std::move(message));
+}
+
+// The buffer grows with what arrives: a header promises as much as it likes.
+asio::awaitable<error_code> Session::readMessage(std::shared_ptr<Session> self,
+                                                 WebSocketMessage& message) {
+  while (self->phase_ == Phase::open &&
+         self->stream().unsentAnswers() > self->limits_.unsentAnswers) {
+    co_await self->changed_.async_wait(kWait);
+  }
+  auto buffer = asio::dynamic_buffer(message.data);
+  error_code error;
+  do {
+    const auto most = std::clamp(message.data.size(), kLeastRead, kMostRead);
+    std::tie(error, std::ignore) = co_await self->websocket_.async_read_some(buffer, most, kWait);
+  } while (!error && !self->websocket_.is_message_done());
   if (error) co_return self->endReceiving(error);
   message.isText = self->websocket_.got_text();
   if (message.isText && endsInsideCodePoint(message.data)) co_return self->refuseCutText();
-  co_return message;
+  co_return error;
+}
+
+// ---- While a message is served ----
+
+Session::Received Session::handOut(WebSocketMessage message) {
+  ++handedOut_;
+  watchServing();
+  return message;
+}
+
+// One timer for all messages that are served quickly.
+void Session::watchServing() {
+  if (servingTimer_.expiry() > Clock::now()) return;
+  servingTimer_.expires_after(kServing);
+  servingTimer_.async_wait([weak = weak_from_this(), before = handedOut_](const auto& cancelled) {
+    const auto self = weak.lock();
+    if (!self || cancelled || self->phase_ != Phase::open) return;
+    if (self->receiving_ || self->readingAhead_) return;
+    if (self->handedOut_ == before) {
+      self->spawn(readAhead(self));
+    } else {
+      self->watchServing();
+    }
+  });
+}
+
+asio::awaitable<void> Session::readAhead(std::shared_ptr<Session> self) {
+  self->readingAhead_ = true;
+  while (!self->receiving_ && self->phase_ == Phase::open && self->aheadOctets_ < kReadAhead) {
+    WebSocketMessage message;
+    const auto error = co_await readMessage(self, message);
+    if (error) break;
+    self->aheadOctets_ += message.data.size();
+    self->ahead_.push_back(std::move(message));
+  }
+  self->readingAhead_ = false;
+  self->changed_.cancel();
+  if (self->end_) self->reportLoss();
 }
 
 // The library looks for the end of a code point with the last octets of a message only: an empty
@@ -323,20 +478,20 @@ error_code Session::endReceiving(error_code error) {
 }
 
 void Session::send(SharedTextFrame frame) {
-  if (push({&frame, 1})) {
+  if (push({&frame, 1}, GatheredStream::Kind::answer)) {
     asio::post(strand(), [self = shared_from_this()] { self->stream().drain(); });
   }
 }
 
 void Session::sendBurst(std::span<SharedTextFrame> frames) {
-  if (!frames.empty() && push(frames)) {
+  if (!frames.empty() && push(frames, GatheredStream::Kind::event)) {
     asio::dispatch(strand(), [self = shared_from_this()] { self->stream().drain(); });
   }
 }
 
 // True when the queue was idle, so that somebody has to make it drain.
-bool Session::push(std::span<SharedTextFrame> frames) {
-  const auto pushed = stream().push(frames);
+bool Session::push(std::span<SharedTextFrame> frames, GatheredStream::Kind kind) {
+  const auto pushed = stream().push(frames, kind);
   if (pushed == GatheredStream::Push::overflow) {
     asio::post(strand(),
                [self = shared_from_this()] { self->fail(WebSocketError::sendQueueFull); });
@@ -348,6 +503,12 @@ void Session::onWriteFailed(const error_code& error) {
   if (phase_ == Phase::open && onSendError_) onSendError_(error);
   if (!end_) end_ = error;
   close(false);
+  reportLoss();
+}
+
+// Somebody who receives is told by receive().
+void Session::reportLoss() {
+  if (!receiving_ && !failed_ && !cancelled_) report(TransportLost{end_});
 }
 
 // ---- Deadlines ----
@@ -364,15 +525,17 @@ asio::awaitable<void> Session::watch(std::shared_ptr<Session> self) {
 
 Clock::time_point Session::deadline() {
   if (endBy_) return *endBy_;
-  if (phase_ == Phase::handshake) return started_ + limits_.handshake;
-  if (pingedFor_ == lastHeard()) return lastHeard() + limits_.idle;
-  return lastHeard() + limits_.idle / 2;
+  auto next = lastHeard() + (pingedFor_ == lastHeard() ? limits_.idle : limits_.idle / 2);
+  if (phase_ == Phase::handshake) next = started_ + limits_.handshake;
+  return standing_ == Standing::stranger ? std::min(next, admittedBy_) : next;
 }
 
 void Session::onDeadline() {
   if (endBy_) {
     if (!end_) end_ = asio::error::timed_out;
     close(false);
+  } else if (standing_ == Standing::stranger && admittedBy_ <= Clock::now()) {
+    fail(WebSocketError::notAdmitted);
   } else if (phase_ == Phase::handshake) {
     fail(WebSocketError::handshakeTimeout);
   } else {
@@ -381,7 +544,7 @@ void Session::onDeadline() {
 }
 
 void Session::onIdleDeadline() {
-  if (!receiving_) {
+  if (!receiving_ && !readingAhead_) {
     // Nobody listens at the moment, so the peer's silence means nothing.
     lastHeard_ = Clock::now();
     return;
@@ -413,6 +576,7 @@ void Session::cancel() {
     case Phase::open:
       phase_ = Phase::cancelling;
       endBy(Clock::now() + kCancelFarewell);
+      changed_.cancel();
       spawn(sayGoodbye(shared_from_this(), websocket::close_code::going_away));
       break;
     case Phase::cancelling:
@@ -495,7 +659,10 @@ void Session::close(bool reset) {
   if (!end_) end_ = asio::error::operation_aborted;
   stream().close(reset);
   admission_.place.reset();
+  admission_.refusal.reset();
   timer_.cancel();
+  servingTimer_.cancel();
+  changed_.cancel();
   if (cancelled_) report(TransportCancelled{});
 }
 

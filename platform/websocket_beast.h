@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "platform/client_places.h"
 #include "platform/gathered_stream.h"
 #include "platform/websocket.h"
 
@@ -13,10 +14,12 @@ namespace tarnlink {
 /// What the listener has decided about a connection.
 struct Admission {
   std::shared_ptr<const UpgradeRules> rules;
-  bool isOneTooMany = false;  ///< The upgrade is refused, whatever it says.
-  std::string peer;           ///< See WebSocketConnection::peer().
-  /// Among the connections that are counted; dropped with the socket.
-  std::shared_ptr<void> place;
+  std::string peer;  ///< See WebSocketConnection::peer().
+  /// Among the connections that are counted; dropped with the socket. Null for one too many, whose
+  /// upgrade is refused, whatever it says.
+  std::shared_ptr<ClientPlaces::Place> place;
+  /// Held instead by one too many.
+  std::shared_ptr<void> refusal;
   std::shared_ptr<const TlsContext> tls;  ///< Null: none.
 };
 

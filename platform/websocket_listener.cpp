@@ -1,6 +1,4 @@
 // Listening sockets of the WebSocket transport.
-#include <algorithm>
-#include <atomic>
 #include <boost/asio/as_tuple.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
@@ -10,11 +8,11 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/strand.hpp>
 #include <boost/asio/use_awaitable.hpp>
-#include <limits>
 #include <list>
 #include <optional>
 #include <utility>
 
+#include "platform/client_places.h"
 #include "platform/websocket.h"
 #include "platform/websocket_beast.h"
 
@@ -30,44 +28,7 @@ constexpr auto kWait = asio::as_tuple(asio::use_awaitable);
 
 // Connections beyond the allowed number that wait for their refusal, at a time; each costs a
 // descriptor until then. Further ones are closed at once.
-constexpr std::size_t kMaxRefusals = 32;
-
-std::string peerOf(const tcp::socket& socket) {
-  error_code error;
-  const auto address = socket.remote_endpoint(error).address();
-  if (error) return {};  // Gone already.
-  if (address.is_loopback()) return "loopback";
-  if (address.is_v4()) return address.to_string();
-  auto network = address.to_v6().to_bytes();
-  std::fill(network.begin() + 8, network.end(), static_cast<unsigned char>(0));
-  return asio::ip::address_v6(network).to_string() + "/64";
-}
-
-/// A limited number of places. Taken on the listener's strand, given back anywhere.
-class Places {
- public:
-  explicit Places(std::size_t limit) : limit_(limit) {}
-
-  /// Nothing when all are taken; otherwise taken until the result is dropped.
-  std::shared_ptr<void> take() {
-    if (*taken_ >= limit_) return nullptr;
-    ++*taken_;
-    return std::make_shared<Place>(taken_);
-  }
-
- private:
-  struct Place {
-    explicit Place(std::shared_ptr<std::atomic<std::size_t>> c) : count(std::move(c)) {}
-    ~Place() { --*count; }
-    Place(const Place&) = delete;
-    Place& operator=(const Place&) = delete;
-    const std::shared_ptr<std::atomic<std::size_t>> count;
-  };
-
-  const std::size_t limit_;
-  const std::shared_ptr<std::atomic<std::size_t>> taken_ =
-      std::make_shared<std::atomic<std::size_t>>(0);
-};
+constexpr long kMaxRefusals = 32;
 
 // After these the acceptor itself is of no use any more; everything else accept(2) reports passes.
 bool isFatalToAcceptor(const error_code& error) {
@@ -95,8 +56,7 @@ class Listening : public std::enable_shared_from_this<Listening> {
         port_(port),
         limits_(limits),
         access_(std::move(access)),
-        clients_(access_->maxClients != 0 ? access_->maxClients
-                                          : std::numeric_limits<std::size_t>::max()) {}
+        clients_(access_->maxClients) {}
 
   const asio::any_io_executor& strand() const { return strand_; }
 
@@ -179,12 +139,15 @@ class Listening : public std::enable_shared_from_this<Listening> {
     error_code ignored;  // a peer that has gone already is noticed by the first read
     socket.set_option(tcp::no_delay(true), ignored);
     if (!onConnection_) return;
-    Admission admission{
-        {access_, &access_->rules}, false, peerOf(socket), clients_.take(), access_->tls};
+    Admission admission;
+    admission.rules = {access_, &access_->rules};
+    admission.tls = access_->tls;
+    const auto remote = socket.remote_endpoint(ignored);
+    if (!ignored) admission.peer = peerOf(remote.address());
+    admission.place = clients_.take(admission.peer);
     if (!admission.place) {
-      admission.isOneTooMany = true;
-      admission.place = refusals_.take();
-      if (!admission.place) return;  // which closes the socket
+      if (refusals_.use_count() > kMaxRefusals) return;  // which closes the socket
+      admission.refusal = refusals_;
     }
     const auto handler = onConnection_;  // may drop the listener, and with it the handler
     handler(makeWebSocketConnection(std::move(socket), limits_, std::move(admission)));
@@ -202,8 +165,8 @@ class Listening : public std::enable_shared_from_this<Listening> {
   const std::uint16_t port_;
   const WebSocketLimits limits_;
   const std::shared_ptr<const WebSocketAccess> access_;
-  Places clients_;
-  Places refusals_{kMaxRefusals};
+  ClientPlaces clients_;
+  const std::shared_ptr<void> refusals_ = std::make_shared<int>();  // held by each under way
   std::list<tcp::acceptor> acceptors_;  // the accepting coroutines refer to them
   StateHandler onState_;
   ConnectionHandler onConnection_;

@@ -10,6 +10,7 @@
 #include <boost/asio.hpp>
 #include <condition_variable>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -52,8 +53,9 @@ class Server {
   enum class Messages { recorded, echoed, leftUnread };
 
   explicit Server(WebSocketLimits limits = {}, Messages messages = Messages::recorded,
-                  WebSocketAccess access = {})
+                  WebSocketAccess access = {}, Standing standing = Standing::admitted)
       : messages_(messages),
+        standing_(standing),
         transport_(makeWebSocketTransport(context_.get_executor(), limits, std::move(access))) {
     listener_ = transport_->makeListener(port).value();
     listener_->start([this](const TransportState& state) { note(listenerReports, state); },
@@ -101,6 +103,14 @@ class Server {
     return peers_.at(n)->reports;
   }
 
+  /// The next message of the n-th connection, or its end.
+  std::string take(std::size_t n) {
+    auto next = asio::co_spawn(context_, peer(n).connection->receive(), asio::use_future);
+    if (next.wait_for(kPatience) != std::future_status::ready) return "nothing";
+    const auto message = next.get();
+    return message ? message->data : "end: " + message.error().message();
+  }
+
   const std::uint16_t port = freePort();
   std::vector<std::string> listenerReports;
 
@@ -115,7 +125,7 @@ class Server {
       peer->connection = connection;
       changed_.notify_all();
     }
-    connection->setStanding(Standing::admitted);
+    if (standing_ != Standing::stranger) connection->setStanding(standing_);
     connection->send(TextFrame::copyOf("early"));
     connection->start(
         [this, peer](const TransportState& state) {
@@ -144,7 +154,10 @@ class Server {
 
   void note(std::vector<std::string>& reports, const TransportState& state) {
     if (const auto* failed = std::get_if<TransportFailed>(&state)) {
-      add(reports, "failed: " + failed->error.message());
+      add(reports, "failed: " + failed->error.message() +
+                       (failed->detail.empty() ? "" : ": " + failed->detail));
+    } else if (const auto* lost = std::get_if<TransportLost>(&state)) {
+      add(reports, "lost: " + lost->error.message());
     } else {
       add(reports, std::holds_alternative<TransportReady>(state) ? "ready" : "cancelled");
     }
@@ -157,6 +170,7 @@ class Server {
   }
 
   const Messages messages_;
+  const Standing standing_;
   asio::io_context context_;
   std::optional<asio::executor_work_guard<asio::io_context::executor_type>> work_{
       context_.get_executor()};
@@ -242,6 +256,11 @@ class RawClient {
   }
 
   void close() { socket_.close(); }
+  void reset() {
+    socket_.set_option(asio::socket_base::linger(true, 0));
+    socket_.close();
+  }
+  void finish() { socket_.shutdown(tcp::socket::shutdown_send); }
 
   std::string readHead() {
     std::string head;

@@ -1,9 +1,14 @@
 #include "platform/websocket.h"
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <boost/beast/websocket/error.hpp>
+#include <filesystem>
 
 #include "platform/gathered_stream.h"
 #include "platform/websocket_client.h"
@@ -190,6 +195,73 @@ TEST(WebSocketTransport, EndingByTheOwner) {
     std::sort(reports.begin(), reports.end());
     EXPECT_EQ(reports, c.reports);
   }
+}
+
+// A command may take a minute: an attempt to pair that waits for its turn, or a person at a prompt.
+TEST(WebSocketTransport, APeerIsHeardWhileItsMessageIsServed) {
+  using Leave = void (*)(RawClient&);
+  const struct {
+    const char* name;
+    Leave leave;
+    std::string lost;
+  } cases[] = {
+      {"FIN", [](RawClient& client) { client.finish(); }, "End of file"},
+      {"reset", [](RawClient& client) { client.reset(); }, "Connection reset by peer"},
+      {"close frame", [](RawClient& client) { client.send(wire(0x88, closeFrame(1000).payload)); },
+       make_error_code(boost::beast::websocket::error::closed).message()},
+  };
+  Server server({}, Server::Messages::leftUnread);
+  std::size_t n = 0;
+  for (const auto& [name, leave, lost] : cases) {
+    SCOPED_TRACE(name);
+    auto client = RawClient::upgraded(server.port);
+    client.send(wire(0x81, "takes long") + wire(0x81, "next") + wire(0x89, "there?"));
+    EXPECT_EQ(server.take(n), "takes long");
+    EXPECT_EQ(client.read(), (Frame{kPong, "there?"}));
+    EXPECT_EQ(server.take(n), "next");
+    client.send(wire(0x81, "for nobody"));
+    leave(client);
+    EXPECT_EQ(server.peer(n, 2).reports[1], "lost: " + lost);
+    EXPECT_EQ(server.take(n), "end: " + lost);
+    ++n;
+  }
+}
+
+TEST(WebSocketTransport, NothingIsReadAheadOfMessagesThatAreServedQuickly) {
+  Server server({}, Server::Messages::leftUnread);
+  auto client = RawClient::upgraded(server.port);
+  client.send(wire(0x81, "1") + wire(0x81, "2") + wire(0x88, closeFrame(1000).payload));
+  for (const char* text : {"1", "2"}) {
+    EXPECT_EQ(server.take(0), text);
+    server.peer(0).connection->send(TextFrame::copyOf(text));
+    EXPECT_EQ(client.read(), (Frame{kText, text}));
+  }
+}
+
+// Else a second small message waits until the peer has acknowledged the first (RFC 896).
+TEST(WebSocketTransport, SmallMessagesLeaveAtOnce) {
+  Server server;
+  const auto client = RawClient::upgraded(server.port);
+  int delaying = 0;
+  int connections = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    const int socket = std::stoi(entry.path().filename());
+    sockaddr_in6 local{};
+    socklen_t size = sizeof local;
+    if (::getsockname(socket, reinterpret_cast<sockaddr*>(&local), &size) != 0) continue;
+    sockaddr_in6 remote{};
+    socklen_t remoteSize = sizeof remote;
+    const bool isConnected =
+        ::getpeername(socket, reinterpret_cast<sockaddr*>(&remote), &remoteSize) == 0;
+    if (!isConnected || ntohs(local.sin6_port) != server.port) continue;
+    ++connections;
+    int noDelay = 0;
+    socklen_t optionSize = sizeof noDelay;
+    ::getsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &noDelay, &optionSize);
+    delaying += noDelay == 0 ? 1 : 0;
+  }
+  EXPECT_EQ(connections, 1);
+  EXPECT_EQ(delaying, 0);
 }
 
 // A write failed and closed the socket while the peer's close frame had already been read: the
