@@ -218,9 +218,13 @@ void BridgeServer::handleConnectionState(const ClientId& id, const TransportStat
     return;
   }
   // A client that has been removed already has had its line.
-  if (const auto* failed = std::get_if<TransportFailed>(&state);
-      failed != nullptr && found != connections_.end()) {
-    log("[BridgeServer] Client " + toText(id) + " failed: " + failed->error.message());
+  if (found == connections_.end()) return removeConnection(id);
+  if (const auto* failed = std::get_if<TransportFailed>(&state)) {
+    log("[BridgeServer] Client " + toText(id) + " failed: " + failed->error.message() +
+        (failed->detail.empty() ? "" : " (" + failed->detail + ")"));
+  } else if (const auto* lost = std::get_if<TransportLost>(&state)) {
+    log("[BridgeServer] Client " + toText(id) + " lost: " + lost->error.message());
+    found->second->cancel();
   }
   removeConnection(id);
 }

@@ -126,9 +126,14 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
 
   // Commands (bridge_server_commands.cpp): one overload of handle() for each, and one place that
   // answers.
+  struct Backlog;
   boost::asio::awaitable<void> handleText(std::string text, ClientId id);
+  boost::asio::awaitable<void> serveBacklog(ClientId id, std::shared_ptr<Backlog> backlog);
+  boost::asio::awaitable<void> serveRequest(BridgeRequest request, ClientId id);
   boost::asio::awaitable<Reply> execute(BridgeCommand::Result command, ClientId id);
   void answer(const BridgeRequest& request, Reply reply, const ClientId& id);
+  bool isOwnersToken(std::string_view token) const;
+  bool needsTurn(const BridgeCommand::Auth& command, const ClientId& id) const;
   boost::asio::awaitable<bool> waitForAuthTurn(ClientId id);
   boost::asio::awaitable<Reply> handle(BridgeCommand::Auth command, ClientId id);
   boost::asio::awaitable<Reply> handle(BridgeCommand::Ping command, ClientId id);
@@ -219,6 +224,7 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
   std::set<ClientId> authenticatedConnections_;
   std::set<ClientId> owners_;             // Those of them that have sent the owner's token.
   std::shared_ptr<AuthQueue> authQueue_;  // Null: attempts need not wait.
+  std::map<ClientId, std::shared_ptr<Backlog>> backlogs_;
   std::unique_ptr<ServiceAdvertiser> advertiser_;
 
   std::string activeInterface_;

@@ -1,6 +1,7 @@
 // The server's commands: decoding, the authentication gate and the dispatch.
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <deque>
 #include <exception>
 #include <string>
 #include <utility>
@@ -24,6 +25,11 @@ std::string orStar(const std::optional<std::int64_t>& number) {
   return number ? std::to_string(*number) : "*";
 }
 
+template <class Payload>
+bool isA(const BridgeRequest& request) {
+  return request.command && std::holds_alternative<Payload>(request.command->payload);
+}
+
 asio::awaitable<std::string> readPairingCode(PreferenceStore& preferences) {
   co_return pairingCode(preferences);
 }
@@ -35,9 +41,54 @@ asio::awaitable<std::vector<NetworkInterfaceInfo>> listWithNames(
 
 }  // namespace
 
+/// A client's attempt to authenticate that may have to wait for its turn, and what it sends
+/// meanwhile. It is read on, so that its pings are answered and its leaving is noticed.
+struct BridgeServer::Backlog {
+  /// Commands held. With one more, the client is read no further until all are served.
+  static constexpr std::size_t kMaxRequests = 8;
+
+  explicit Backlog(const Strand& strand) : over(strand) {}
+
+  std::deque<BridgeRequest> requests;
+  bool isWaiting = false;  // For the turn.
+  AsyncEvent over;
+};
+
 asio::awaitable<void> BridgeServer::handleText(std::string text, ClientId id) {
   if (isStopping_) co_return;
   auto request = BridgeRequest::fromText(text);
+  for (auto held = backlogs_.find(id); held != backlogs_.end(); held = backlogs_.find(id)) {
+    const auto backlog = held->second;
+    if (backlog->isWaiting && isA<BridgeCommand::Ping>(request)) break;
+    if (backlog->requests.size() < Backlog::kMaxRequests) {
+      backlog->requests.push_back(std::move(request));
+      co_return;
+    }
+    co_await backlog->over.wait();
+    if (!connections_.contains(id) || isStopping_) co_return;
+  }
+  if (isA<BridgeCommand::Auth>(request) &&
+      needsTurn(std::get<BridgeCommand::Auth>(request.command->payload), id)) {
+    const auto backlog = std::make_shared<Backlog>(strand_);
+    backlog->requests.push_back(std::move(request));
+    backlogs_.emplace(id, backlog);
+    spawn(serveBacklog(id, backlog));
+    co_return;
+  }
+  co_await serveRequest(std::move(request), id);
+}
+
+asio::awaitable<void> BridgeServer::serveBacklog(ClientId id, std::shared_ptr<Backlog> backlog) {
+  while (!backlog->requests.empty() && connections_.contains(id) && !isStopping_) {
+    BridgeRequest request = std::move(backlog->requests.front());
+    backlog->requests.pop_front();
+    co_await serveRequest(std::move(request), id);
+  }
+  backlogs_.erase(id);
+  backlog->over.set();
+}
+
+asio::awaitable<void> BridgeServer::serveRequest(BridgeRequest request, ClientId id) {
   Reply reply;
   try {
     reply = co_await execute(std::move(request.command), id);
@@ -93,9 +144,12 @@ void BridgeServer::answer(const BridgeRequest& request, Reply reply, const Clien
 // say that its code is wrong.
 asio::awaitable<bool> BridgeServer::waitForAuthTurn(ClientId id) {
   const auto connection = connections_.at(id);
+  const auto backlog = backlogs_.at(id);
+  backlog->isWaiting = true;
   connection->setStanding(Standing::waiting);
   const auto turn = co_await authQueue_->wait(id, connection->peer());
   connection->setStanding(Standing::stranger);
+  backlog->isWaiting = false;
   if (turn == AuthQueue::Turn::tooMany && connections_.contains(id)) {
     log("[BridgeServer] client " + toText(id) + " dropped: too many attempts to authenticate wait");
     removeConnection(id);
@@ -104,11 +158,18 @@ asio::awaitable<bool> BridgeServer::waitForAuthTurn(ClientId id) {
   co_return turn == AuthQueue::Turn::yours && !isStopping_;
 }
 
+bool BridgeServer::isOwnersToken(std::string_view token) const {
+  return !ports_.ownerToken.empty() && equalsInConstantTime(ports_.ownerToken, token);
+}
+
+// Who has shown the code already learns nothing from another comparison.
+bool BridgeServer::needsTurn(const BridgeCommand::Auth& command, const ClientId& id) const {
+  return authQueue_ && !authenticatedConnections_.contains(id) && !isOwnersToken(command.token);
+}
+
 asio::awaitable<Reply> BridgeServer::handle(BridgeCommand::Auth command, ClientId id) {
-  const bool isOwner =
-      !ports_.ownerToken.empty() && equalsInConstantTime(ports_.ownerToken, command.token);
-  // Who has shown the code already learns nothing from another comparison.
-  const bool mustWait = authQueue_ && !isOwner && !authenticatedConnections_.contains(id);
+  const bool isOwner = isOwnersToken(command.token);
+  const bool mustWait = needsTurn(command, id);
   if (mustWait) {
     const bool mayTry = co_await waitForAuthTurn(id);
     if (!mayTry) co_return std::string();

@@ -51,7 +51,7 @@ class FakeConnection final : public WebSocketConnection {
     if (failure) std::rethrow_exception(failure);
     co_return std::move(batch_.records()[next_++]);
   }
-  void setStanding(Standing) override {}
+  void setStanding(Standing given) override { standing = given; }
   void send(SharedTextFrame frame) override {
     const std::lock_guard hold(lock_);
     sent.push_back(std::move(frame));
@@ -82,6 +82,11 @@ class FakeConnection final : public WebSocketConnection {
     isClosed_ = true;
     incoming_->abandon();
   }
+  /// The peer goes while nobody receives.
+  void lose() {
+    const std::lock_guard hold(lock_);
+    onState_(TransportLost{asio::error::make_error_code(asio::error::connection_reset)});
+  }
   void failSend() { onSendError_(asio::error::make_error_code(asio::error::broken_pipe)); }
   bool isClosed() const { return isClosed_; }
   std::vector<SharedTextFrame> take() {
@@ -90,6 +95,7 @@ class FakeConnection final : public WebSocketConnection {
   }
 
   std::string peerName = "192.0.2.1";
+  std::atomic<Standing> standing = Standing::stranger;
   std::exception_ptr failure;  ///< What receive() throws in place of the next message.
   std::vector<SharedTextFrame> sent;
   std::atomic<bool> isCancelled = false;

@@ -260,18 +260,43 @@ TEST_F(BridgeServerTest, AClientWhoseReceivingFailsIsRemoved) {
   EXPECT_TRUE(bridge.logged("[BridgeServer] Internal error: std::bad_alloc"));
 }
 
-TEST(AuthDelayTest, WrongCodesWaitRightOnesFollowAndNobodyIsLeftBehind) {
-  using namespace std::chrono_literals;
-  constexpr const char* kWrong = R"({"cmd":"auth","token":"000000"})";
-  constexpr const char* kRight = R"({"cmd":"auth","token":"042137"})";
-  BridgeHarness bridge({}, AuthDelay{.burst = 2, .refill = 1s});
-  ASSERT_TRUE(bridge.start());
-  const auto guesser = bridge.connect();
-  const auto owner = bridge.connect();
-  owner->peerName = "192.0.2.2";
-  for (int i = 0; i < 2; ++i) EXPECT_EQ(bridge.ask(guesser, kWrong).at(0)["ok"], false);
+// The bucket is empty from the start, and a token comes every 300 ms.
+class AuthDelayTest : public ::testing::Test {
+ protected:
+  static constexpr std::chrono::milliseconds kRefill{300};
+  static constexpr const char* kWrong = R"({"cmd":"auth","token":"000000"})";
+  static constexpr const char* kRight = R"({"cmd":"auth","token":"042137"})";
+
+  void SetUp() override {
+    ASSERT_TRUE(bridge.start());
+    guesser = connect("192.0.2.1");
+    owner = connect("192.0.2.2");
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(bridge.ask(guesser, kWrong).at(0)["ok"], false);
+  }
+  std::shared_ptr<FakeConnection> connect(const char* peer) {
+    auto client = bridge.connect();
+    client->peerName = peer;
+    return client;
+  }
+  void runFor(double refills) {
+    bridge.io.restart();
+    bridge.io.run_for(std::chrono::duration_cast<std::chrono::milliseconds>(refills * kRefill));
+  }
+  std::vector<std::string> events(const std::shared_ptr<FakeConnection>& client) {
+    std::vector<std::string> names;
+    for (const Json& event : bridge.take(client)) names.push_back(event["event"]);
+    return names;
+  }
+
+  BridgeHarness bridge{{}, AuthDelay{.burst = 2, .refill = kRefill}};
+  std::shared_ptr<FakeConnection> guesser;
+  std::shared_ptr<FakeConnection> owner;
+};
+
+TEST_F(AuthDelayTest, WrongCodesWaitRightOnesFollowAndNobodyIsLeftBehind) {
   guesser->say(kWrong);
   EXPECT_TRUE(bridge.ask(owner, kRight).empty()) << "only a comparison tells it from a guess";
+  EXPECT_EQ(owner->standing, Standing::waiting);
   EXPECT_TRUE(bridge.logged(
       "[BridgeServer] Many wrong pairing codes, the latest attempt from 192.0.2.1: attempts wait "
       "for their turn"));
@@ -281,12 +306,11 @@ TEST(AuthDelayTest, WrongCodesWaitRightOnesFollowAndNobodyIsLeftBehind) {
   ASSERT_EQ(admitted.size(), 2U) << "who started the bridge need not queue behind guessers";
   EXPECT_EQ(admitted[0]["ok"], true);
   EXPECT_EQ(admitted[1]["activeInterface"], "");
-  const auto gone = bridge.connect();
-  bridge.say(gone, kRight);
-  gone->close(TransportFailed{asio::error::connection_reset});
-  bridge.io.run_for(2200ms);
+  runFor(1.5);
   EXPECT_EQ(bridge.take(owner).at(0)["ok"], true);
-  EXPECT_EQ(bridge.take(guesser).size(), 1U);
+  EXPECT_EQ(owner->standing, Standing::admitted);
+  EXPECT_EQ(bridge.take(guesser).size(), 1U) << "a right code costs no token";
+  EXPECT_EQ(guesser->standing, Standing::stranger);
 
   for (int i = 0; i < 4; ++i) guesser->say(kWrong);
   bridge.settle();
@@ -295,6 +319,35 @@ TEST(AuthDelayTest, WrongCodesWaitRightOnesFollowAndNobodyIsLeftBehind) {
   bridge.say(owner, kSubscribe);
   EXPECT_EQ(bridge.take(starter).at(0)["activeInterface"], "en0") << "chosen by the bridge";
   EXPECT_TRUE(bridge.await(bridge.server->stop())) << "waits for nobody's turn";
+}
+
+TEST_F(AuthDelayTest, WhoWaitsGetsPongsAndItsCommandsInTheirOrder) {
+  constexpr const char* kPing = R"({"cmd":"ping"})";
+  bridge.say(owner, kRight);
+  bridge.say(owner, R"({"cmd":"get_interfaces"})");
+  bridge.say(owner, R"({"cmd":"subscribe_goose","requestId":1})");
+  bridge.say(owner, kPing);
+  bridge.say(owner, kPing);
+  EXPECT_EQ(events(owner), (std::vector<std::string>{"pong", "pong"}));
+  // More than are held: read on afterwards, all of them.
+  for (int i = 0; i < 20; ++i) owner->say(R"({"cmd":"set_interface","interface":"-"})");
+  bridge.say(owner, kPing);
+  EXPECT_TRUE(events(owner).empty()) << "it is read no further";
+  runFor(1.5);
+  std::vector<std::string> expected{"auth_result", "interfaces", "bridge_status"};
+  expected.resize(23, "error");
+  expected.emplace_back("pong");
+  EXPECT_EQ(events(owner), expected);
+}
+
+TEST_F(AuthDelayTest, WhoLeavesTakesNoTurn) {
+  const auto first = connect("192.0.2.3");
+  bridge.say(first, kWrong);
+  bridge.say(owner, kRight);
+  first->reset();
+  runFor(1.5);
+  EXPECT_EQ(events(owner), std::vector<std::string>{"auth_result"});
+  EXPECT_TRUE(first->sent.empty());
 }
 
 TEST(PairingCodeTest, AMalformedCodeIsReplacedAndStored) {
@@ -436,6 +489,20 @@ TEST_F(BridgeServerTest, SubscribersThatMeetAStartingCaptureWaitForIt) {
   bridge.settle();
   EXPECT_EQ(bridge.goose.interfaces.size(), 1U);
   EXPECT_EQ(BridgeHarness::take(second)[0]["isCapturing"], true);
+}
+
+TEST_F(BridgeServerTest, AClientThatIsLostWhileItsCommandWaitsIsRemovedAtOnce) {
+  const auto client = bridge.authenticated();
+  const auto other = bridge.authenticated();
+  bridge.say(client, R"({"cmd":"subscribe_sv"})");
+  bridge.isHostBusy = true;
+  bridge.say(client, publishCommand(R"(,"vlanId":5)"));
+  EXPECT_EQ(bridge.sv.running, 1);
+  client->lose();
+  bridge.settle();
+  EXPECT_EQ(bridge.sv.running, 0);
+  EXPECT_TRUE(client->isCancelled);
+  bridge.isHostBusy = false;
 }
 
 TEST_F(BridgeServerTest, AClientThatLeavesAStartingCaptureLeavesNoneRunning) {
