@@ -1,5 +1,6 @@
 #include "app/host/bridge_process.h"
 
+#include <net/if.h>
 #include <unistd.h>
 
 #include <array>
@@ -88,6 +89,7 @@ class BridgeProcess {
  public:
   explicit BridgeProcess(const DaemonOptions& options)
       : port_(options.port),
+        isBound_(!options.access.addresses.empty()),
         untilInputEnds_(options.untilInputEnds),
         preferences_(makePreferenceStore(options.preferences, logToConsole)),
         transport_(makeWebSocketTransport(io_.get_executor(), {}, options.access)),
@@ -147,6 +149,11 @@ class BridgeProcess {
                      port + ": find it with 'ss -ltnp sport = :" + port +
                      "' and end it, or choose another port with --port");
       }
+      if (isBound_ && !started.error().isAddressInUse()) {
+        logToConsole(
+            "[KorvelTarnlink] --bind takes addresses of this computer, which "
+            "'ip -brief address' lists");
+      }
       exitCode_ = kExitStartFailed;
       signals_.cancel();
       io_.stop();
@@ -176,6 +183,7 @@ class BridgeProcess {
   }
 
   std::uint16_t port_;
+  bool isBound_;  // To chosen addresses.
   bool untilInputEnds_;
   asio::io_context io_{1};
   asio::thread_pool blocking_{kBlockingThreads};
@@ -221,6 +229,14 @@ int runBridgeProcess(DaemonOptions options) {
         "denied\". "
         "Ways to give it: the packaged service, sudo, or sudo setcap cap_net_raw=ep " +
         ownPath());
+  }
+  if (!storedPairingCode(options.preferences, logToConsole)) {
+    logToConsole("[KorvelTarnlink] Nobody can pair: make " + options.preferences.string() +
+                 " a file that this user can write, or name another with --preferences");
+  }
+  if (!options.interface.empty() && ::if_nametoindex(options.interface.c_str()) == 0) {
+    logToConsole("[KorvelTarnlink] No interface " + options.interface +
+                 " at present; 'ip -brief link' lists those there are");
   }
   return BridgeProcess(options).run();
 }

@@ -28,6 +28,14 @@ void logToErrors(std::string_view line) {
 
 }  // namespace
 
+std::optional<std::string> storedPairingCode(const std::filesystem::path& preferences,
+                                             const std::function<void(std::string_view)>& log) {
+  const auto code = pairingCode(*makePreferenceStore(preferences, log));
+  // As another program finds it: the store that made it also knows a code that it could not store.
+  const auto stored = makePreferenceStore(preferences, log)->read(kPairingCodeKey);
+  return stored == code ? stored : std::nullopt;
+}
+
 int printPairingCode(const DaemonOptions& options) {
   std::error_code notThere;
   if (!options.arePreferencesGiven && std::filesystem::exists(kServiceGroup, notThere)) {
@@ -36,16 +44,14 @@ int printPairingCode(const DaemonOptions& options) {
               << options.preferences.string() << std::endl;
     return kExitNoCode;
   }
-  const auto code = pairingCode(*makePreferenceStore(options.preferences, logToErrors));
-  // As another program finds it: this one would also know a code that it could not store.
-  const auto stored = makePreferenceStore(options.preferences, logToErrors)->read(kPairingCodeKey);
-  if (stored != code) {
+  const auto code = storedPairingCode(options.preferences, logToErrors);
+  if (!code) {
     std::cerr << "tarnlinkd: no pairing code in " << options.preferences.string()
               << ", where none could be stored\n"
               << kServiceCommand << std::flush;
     return kExitNoCode;
   }
-  std::cout << code << std::endl;
+  std::cout << *code << std::endl;
   return 0;
 }
 

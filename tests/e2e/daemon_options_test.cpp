@@ -148,7 +148,10 @@ TEST_F(DaemonOptionsTest, TheCommandLineAnswersPlainly) {
       {{"--tls-cert", "/no/such", "--tls-key", "/no/such"},
        1,
        "[KorvelTarnlink] Start failed: /no/such: No such file"},
-      {{"--bind", "192.0.2.1"}, 1, "[KorvelTarnlink] Start failed: "},
+      {{"--bind", "192.0.2.1"}, 1, "\n[KorvelTarnlink] --bind takes addresses of this computer"},
+      {{"--port", "0", "--interface", "nosuch0"}, 1, "[KorvelTarnlink] No interface nosuch0"},
+      {{"--preferences", "/proc/nowhere/p.json", "--port", "0"}, 1, "Nobody can pair: "},
+      {{"--port", "0", "--interface", "bus0"}, 1, "Start failed: Invalid bridge port: 0\n"},
       {{"--port", "70000"}, 2, "70000"},
       {{"--tls-cert", "a.pem"}, 2, "--tls-key"},
       {{"--allow-origin", "example.org"}, 2, "'example.org' is no origin"},
@@ -160,7 +163,9 @@ TEST_F(DaemonOptionsTest, TheCommandLineAnswersPlainly) {
   for (const auto& c : cases) {
     int exitCode = -1;
     auto arguments = c.arguments;
-    arguments.insert(arguments.end(), {"--preferences", daemon->preferences()});
+    if (arguments.front() != "--preferences") {
+      arguments.insert(arguments.end(), {"--preferences", daemon->preferences()});
+    }
     const std::string output = outputOf(arguments, exitCode);
     EXPECT_EQ(exitCode, c.exitCode) << output;
     EXPECT_NE(output.find(c.text), std::string::npos) << output;

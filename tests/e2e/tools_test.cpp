@@ -121,6 +121,8 @@ TEST_F(ToolsTest, RefusalsComeWithTheBridgesCode) {
       {{"publish", "--gocb-ref", "A", "--interface", "absent0", "bool:true"}, 4, "(code 2)"},
       {{"publish", "--gocb-ref", "A", "--interface", "a b", "bool:true"}, 4, "(code 6)"},
       {{"publish", "--gocb-ref", "A", "--vlan-id", "100", "bool:true"}, 4, "(code 3)"},
+      {{"publish", "--gocb-ref", "A", "--vlan-id", "4095", "bool:true"}, 4, "(code -1): vlanId: "},
+      {{"publish-sv", "4000", "--vlan-id", "4095"}, 4, "(code -1): vlanId: "},
       {{"publish", "--gocb-ref", "A", "octets:" + std::string(3000, 'A')}, 4, "(code 2)"},
       {{"publish", "--gocb-ref", "A", "string:\xFF"}, 2, "not UTF-8"},
       {{"publish-sv", "4000", "--interface", "absent0"}, 4, "(code 5)"},

@@ -103,6 +103,7 @@ const std::string kError =
 const std::string kOldError = R"({"event":"error","error":"one\n\nt\u001bo\n","code":3})";
 const std::string kPong = R"({"event":"pong","requestId":ID})";
 const std::string kOldPong = R"({"event":"pong"})";
+const std::string kDone = R"({"event":"done","requestId":ID})";
 const std::string kInterfaces =
     R"({"event":"interfaces","interfaces":[{"name":"eth0"},{"name":"bus0"}],"requestId":ID})";
 const std::string kGoose = R"({"event":"goose_message","message":{"goCBRef":"G1"}})";
@@ -120,10 +121,10 @@ class TarnlinkctlTest : public ::testing::Test {
   static CtlOptions options(const std::string& line) {
     return std::get<CtlOptions>(test::parseCtlLine(line + " --code 123456 --timeout 0.5"));
   }
-  static Ended run(const std::string& line) {
+  static Ended run(const std::string& line, bool isInterrupted = false) {
     std::ostringstream output;
     std::ostringstream errors;
-    const std::atomic<bool> interrupted = false;
+    const std::atomic<bool> interrupted = isInterrupted;
     const auto exit = runCtl(options(line), output, errors, interrupted);
     return {exit, output.str(), errors.str()};
   }
@@ -197,11 +198,17 @@ TEST_F(TarnlinkctlTest, NothingButItsOwnAnswerEndsACommand) {
        "",
        "no interface 'nosuch'; there are:\n  eth0\n  bus0\n--force"},
       {"chosen all the same",
-       {{"auth", {kAuth}}, {"set_interface", {kBroadcast, kStatus}}},
+       {{"auth", {kAuth}}, {"set_interface", {kBroadcast, kDone}}},
        "set-interface nosuch --force",
        CtlExit::done,
        "active interface: nosuch\n",
        ""},
+      {"sent, each frame with its own answer",
+       {{"auth", {kAuth}}, {"publish_sv_apdu strictly", {kDone}}, {"ping", {kError}}},
+       "publish-sv 40 --count 3 --interval 1",
+       CtlExit::refused,
+       "",
+       "vlanId"},
       {"a frame before the last is refused",
        {{"auth", {kAuth}}, {"publish_sv_apdu strictly", {kError}}, {"ping", {kPong}}},
        "publish-sv 40 --count 3 --interval 1",
@@ -223,6 +230,17 @@ TEST_F(TarnlinkctlTest, NothingButItsOwnAnswerEndsACommand) {
     EXPECT_THAT(ended.output, HasSubstr(c.output));
     EXPECT_THAT(ended.errors, HasSubstr(c.errors));
     EXPECT_EQ(ended.output.empty(), *c.output == '\0');
+  }
+}
+
+TEST_F(TarnlinkctlTest, AnInterruptEndsWhatGoesOn) {
+  for (const char* line :
+       {"publish-sv 40 --count 1000000 --interval 1", "subscribe goose", "subscribe sv"}) {
+    const ScriptedBridge bridge(
+        {{"auth", {kAuth}}, {"subscribe_goose", {kStatus}}, {"ping", {kPong}}});
+    const auto ended = run(line, true);
+    EXPECT_EQ(ended.exit, CtlExit::done) << ended.errors;
+    EXPECT_EQ(ended.output, *line == 'p' ? "sent 1 frame of 1 octets after the EtherType\n" : "");
   }
 }
 

@@ -38,14 +38,15 @@ std::string bridgeAddress(const CtlOptions& options) {
 }
 
 CtlError errorOf(const BridgeEvent& event) {
-  const auto* message = event.members.string("error");
+  const auto* member = event.members.string("error");
   const auto* reason = event.members.string("reason");
   const auto code = event.members.integer("code").value_or(0);
-  auto text = "the bridge answers: " + printableLines(message ? *message : event.text) + " (code " +
-              std::to_string(code) + ")";
-  if (reason) text += ": " + printableLines(*reason);
+  const auto& message = member ? *member : event.text;
+  auto text =
+      "the bridge answers: " + printableLines(message) + " (code " + std::to_string(code) + ")";
+  if (reason && message.find(*reason) == message.npos) text += ": " + printableLines(*reason);
   return {code == kNotAuthenticated ? CtlExit::authentication : CtlExit::refused,
-          text + adviceOnRefusal(message ? *message : "")};
+          text + adviceOnRefusal(message)};
 }
 
 CtlResult<BridgeSession> BridgeSession::connect(const CtlOptions& options) {

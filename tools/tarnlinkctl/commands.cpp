@@ -145,11 +145,14 @@ CtlResult<void> CtlRun::operator()(const SetInterfaceCommand& command) {
                           "\n--force chooses it nevertheless, for when it comes."};
     }
   }
-  const auto status = session->ask(
-      std::move(CommandText("set_interface").text("interface", command.name)), "bridge_status");
-  if (!status) return status.error();
+  BridgeEvent status;  // Told to all, and so no answer of its own where requests have numbers.
+  const auto answer =
+      session->ask(std::move(CommandText("set_interface").text("interface", command.name)),
+                   "bridge_status", [&status](const BridgeEvent& event) { status = event; });
+  if (!answer) return answer.error();
   session->close();
-  print(options_.json ? status->text : "active interface: " + printable(command.name));
+  print(options_.json ? (status.text.empty() ? answer->text : status.text)
+                      : "active interface: " + printable(command.name));
   return {};
 }
 

@@ -1,6 +1,5 @@
 #include "tools/tarnlinkctl/value_argument.h"
 
-#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
@@ -96,65 +95,6 @@ constexpr std::array kShortForms{
     ShortForm{"time", timeFrom, "a time like 2024-05-17T08:15:30.125Z, or now"},
 };
 
-/// The list that the value was read from, when all of it was understood.
-bool isWholeList(const JsonObject& object, std::initializer_list<std::string_view> keys,
-                 std::size_t size) {
-  return std::any_of(keys.begin(), keys.end(), [&](std::string_view key) {
-    const auto* list = object.array(key);
-    return list && list->size() == size;
-  });
-}
-
-bool isWhole(const JsonObject& object, const Value& value);
-
-bool areWhole(const JsonObject& object, const std::vector<Value>& members) {
-  const auto* elements = object.array("elements");
-  if (!elements || elements->size() != members.size()) return false;
-  for (std::size_t i = 0; i < members.size(); ++i) {
-    if (!isWhole(*(*elements)[i].as<JsonObject>(), members[i])) return false;
-  }
-  return true;
-}
-
-/// Whether `value` is all that the object says, with no default in place of a payload.
-bool isWhole(const JsonObject& object, const Value& value) {
-  switch (value.kind()) {
-    case Value::Kind::boolean:
-      return object.boolean("value").has_value();
-    case Value::Kind::integer:
-    case Value::Kind::unsignedInteger:
-      return object.integer("value").has_value();
-    case Value::Kind::floatingPoint:
-    case Value::Kind::realDouble:
-      return object.number("value").has_value();
-    case Value::Kind::visibleString:
-      return object.string("value") != nullptr;
-    case Value::Kind::utcTime:
-      if (const auto* text = object.string("value")) return parseBridgeIso8601(*text).has_value();
-      return object.number("value").has_value();
-    case Value::Kind::bitString:
-      return isWholeList(object, {"bits", "value"},
-                         std::get<Value::BitString>(value.payload).size());
-    case Value::Kind::octetString:
-      return isWholeList(object, {"bytes", "value"}, std::get<Bytes>(value.payload).size());
-    case Value::Kind::structure:
-      return areWhole(object, std::get<Value::Structure>(value.payload).members);
-    case Value::Kind::array:
-      return areWhole(object, std::get<Value::Array>(value.payload).members);
-    case Value::Kind::unknown:
-      break;
-  }
-  return false;
-}
-
-Read objectFrom(std::string_view text) {
-  const auto object = parseJsonObject(text);
-  if (!object) return {};
-  auto value = fromBridgeJson<Value>(*object);
-  if (!value || !isWhole(*object, *value)) return {};
-  return std::move(*value);
-}
-
 ValueError unreadable(std::string_view text, const std::string& reason) {
   return {"'" + std::string(text) + "' " + reason};
 }
@@ -163,9 +103,13 @@ ValueError unreadable(std::string_view text, const std::string& reason) {
 
 boost::system::result<GooseDataValue, ValueError> parseValueArgument(std::string_view text) {
   if (text.starts_with('{')) {
-    if (auto value = objectFrom(text)) return std::move(*value);
-    return unreadable(text,
-                      R"(is no value of the protocol like {"runtimeType":"int32","value":5})");
+    const auto object = parseJsonObject(text);
+    if (!object) {
+      return unreadable(text, R"(is no JSON object like {"runtimeType":"int32","value":5})");
+    }
+    auto value = fromBridgeJson<Value>(*object, Reading::strict);
+    if (!value) return unreadable(text, "is no value: " + value.error().reason());
+    return std::move(*value);
   }
   const auto colon = text.find(':');
   const auto name = text.substr(0, colon);

@@ -20,9 +20,8 @@ struct ValueError {
 ///   bool:true  int:-5  uint:7  float:1.5  double:1.5  bits:0101  octets:0AFF  string:text
 ///   time:2024-05-17T08:15:30.125Z  time:now
 ///
-/// Stricter than the bridge, which takes a default for a payload that is missing or of the wrong
-/// type and leaves unknown members of a structure out: nobody wants to publish another dataset than
-/// the one typed. Only "time:now" reads the clock.
+/// Objects are read strictly: nobody wants to publish another dataset than the one typed. Only
+/// "time:now" reads the clock.
 boost::system::result<GooseDataValue, ValueError> parseValueArgument(std::string_view text);
 
 }  // namespace tarnlink
