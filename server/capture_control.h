@@ -38,9 +38,6 @@ class CaptureControl {
     std::function<void(const CaptureDrops& drops)> onDrops;
   };
 
-  /// Records consumed before other work of the actor gets its turn: one gathered write a client.
-  static constexpr std::size_t kRecordsPerTurn = 64;
-
   /// What becomes of records that wait in the stream when a capture stops.
   enum class Queued { deliver, drop };
 
@@ -77,8 +74,7 @@ class CaptureControl {
     source_ = std::move(source);
     task->cancel = stream->canceller();
     task_ = std::move(task);
-    boost::asio::co_spawn(strand_,
-                          drain(strand_, task_, std::move(*stream), std::move(events.onRecords)),
+    boost::asio::co_spawn(strand_, drain(task_, std::move(*stream), std::move(events.onRecords)),
                           boost::asio::detached);
     co_return GooseResult<void>();
   }
@@ -102,19 +98,12 @@ class CaptureControl {
     bool hasDied = false;
   };
 
-  static boost::asio::awaitable<void> drain(Strand strand, std::shared_ptr<Task> task,
+  static boost::asio::awaitable<void> drain(std::shared_ptr<Task> task,
                                             MessageStream<Record> stream,
                                             std::function<void(std::span<Record>)> consume) {
     typename MessageStream<Record>::Batch batch;
-    while (co_await stream.next(batch)) {
-      auto records = batch.records();
-      while (records.size() > kRecordsPerTurn) {
-        consume(records.first(kRecordsPerTurn));
-        records = records.subspan(kRecordsPerTurn);
-        co_await boost::asio::post(strand, boost::asio::use_awaitable);
-      }
-      consume(records);
-    }
+    // One burst a turn: other work of the actor has its own between two.
+    while (co_await stream.next(batch)) consume(batch.records());
     task->ended.set();
   }
 

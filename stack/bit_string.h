@@ -6,6 +6,7 @@
 #include <initializer_list>
 
 #include "stack/bytes.h"
+#include "stack/footprint.h"
 
 namespace tarnlink {
 
@@ -32,6 +33,9 @@ class BitString {
     if (bit) octets_.back() |= maskOf(size_);
     ++size_;
   }
+
+  /// Octets of storage behind this object.
+  std::size_t heapOctets() const { return tarnlink::heapOctets(octets_); }
 
   /// All bits; those behind the last one are 0.
   ByteView octets() const { return octets_; }

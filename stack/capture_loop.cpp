@@ -12,14 +12,12 @@
 namespace tarnlink {
 namespace {
 
-constexpr double kMicrosecondsPerSecond = 1e6;
-
 void onPacket(u_char* user, const pcap_pkthdr* header, const u_char* packet) {
   if (user == nullptr || header == nullptr || packet == nullptr) return;
   const auto& handlers = *reinterpret_cast<const CaptureLoop::Handlers*>(user);
-  const double seconds = static_cast<double>(header->ts.tv_sec) +
-                         static_cast<double>(header->ts.tv_usec) / kMicrosecondsPerSecond;
-  handlers.onFrame(ByteView(packet, header->caplen), timeFromUnixSeconds(seconds));
+  const auto sinceEpoch =
+      std::chrono::seconds(header->ts.tv_sec) + std::chrono::microseconds(header->ts.tv_usec);
+  handlers.onFrame(ByteView(packet, header->caplen), TimePoint(sinceEpoch));
 }
 
 }  // namespace
@@ -42,10 +40,15 @@ void CaptureLoop::run() {
   int result = 0;
   WakePace pace;
   while (!isStopping_ && result >= 0) {
+    if (!handlers_.hasRoom()) {
+      std::this_thread::sleep_for(kRoomPause);
+      tellDropsWhenDue(Clock::now());
+      continue;
+    }
     result = pcap_dispatch(handle_.get(), kBurstLimit, onPacket, user);
     handlers_.onBurstEnd();
     const auto now = Clock::now();
-    if (now - dropsAsked_ >= kDropPause) tellDrops(now, false);
+    tellDropsWhenDue(now);
     const auto pause = pace.pauseAfter(std::max(result, 0), now);
     const bool isMoreAtHand = result >= kBurstLimit;
     if (!isMoreAtHand && pause > pause.zero()) std::this_thread::sleep_for(pause);
@@ -55,6 +58,10 @@ void CaptureLoop::run() {
   if (hasDied) death = pcap_geterr(handle_.get());  // Before another call can replace the text.
   tellDrops(Clock::now(), true);
   handlers_.onEnd(std::move(death));
+}
+
+void CaptureLoop::tellDropsWhenDue(Clock::time_point now) {
+  if (now - dropsAsked_ >= kDropPause) tellDrops(now, false);
 }
 
 void CaptureLoop::tellDrops(Clock::time_point now, bool isLast) {

@@ -20,12 +20,15 @@ namespace tarnlink {
 class CaptureLoop {
  public:
   struct Handlers {
+    /// Asked before each read. While it says no, frames collect in the kernel's buffer.
+    std::function<bool()> hasRoom;
     /// One frame: its captured octets, borrowed until the handler returns, and its capture time.
     std::function<void(ByteView frame, TimePoint receivedAt)> onFrame;
     /// Nothing more is at hand right now, or kBurstLimit frames have been handed out.
     std::function<void()> onBurstEnd;
-    /// The kernel has dropped frames. Told with the frames after them, at most once in kDropPause,
-    /// and at the end; a link that falls silent is not asked again before the end.
+    /// The kernel has dropped frames. Told with the frames after them or while there is no room, at
+    /// most once in kDropPause, and at the end; a link that falls silent is not asked again before
+    /// the end.
     std::function<void(const CaptureDrops& drops)> onDrops;
     /// The thread is about to end, after the last frame: with libpcap's text when the capture has
     /// died (its interface is gone, for example), without one when the loop was broken.
@@ -37,6 +40,9 @@ class CaptureLoop {
   static constexpr int kBurstLimit = 64;
   /// Asking costs 40 microseconds: libpcap reads the interface's counters from files as well.
   static constexpr std::chrono::seconds kDropPause{1};
+  /// Between two questions whether there is room again. The kernel's buffer holds more than comes
+  /// meanwhile, so that nothing is lost by asking late.
+  static constexpr std::chrono::milliseconds kRoomPause{1};
 
   /// Starts the thread.
   CaptureLoop(PcapHandle handle, Handlers handlers);
@@ -52,6 +58,7 @@ class CaptureLoop {
   using Clock = std::chrono::steady_clock;
 
   void run();
+  void tellDropsWhenDue(Clock::time_point now);
   void tellDrops(Clock::time_point now, bool isLast);
 
   PcapHandle handle_;

@@ -8,6 +8,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/strand.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -57,7 +58,14 @@ class CaptureContext {
 
   /// Frames that do not decode vanish.
   void receiveFrame(ByteView frame, TimePoint receivedAt) {
-    if (!decoder_.decode(frame, receivedAt, batch_.append())) batch_.dropLast();
+    if (!decoder_.decode(frame, receivedAt, batch_.append())) return batch_.dropLast();
+    batch_.weighLast();
+    if (batch_.isFull()) flush();
+  }
+
+  bool hasRoom() const {
+    const auto continuation = box_->copy();
+    return !continuation || !continuation->isFull();
   }
 
   void flush() {
@@ -89,10 +97,15 @@ class CaptureReceiver final : public RecordSource<typename Decoder::Record>,
   using Record = typename Decoder::Record;
   using typename RecordSource<Record>::Events;
 
+  /// `queueLimit` bounds the records that wait in the stream (octets of memory). From there on the
+  /// capture reads nothing until half has been consumed, and the kernel drops what it has no room
+  /// for. Without a limit a slow consumer costs memory, never frames.
   explicit CaptureReceiver(const boost::asio::any_io_executor& executor,
-                           CaptureMode mode = CaptureMode::standard)
+                           CaptureMode mode = CaptureMode::standard,
+                           std::size_t queueLimit = StreamState<Record>::kUnbounded)
       : strand_(boost::asio::make_strand(executor)),
         mode_(mode),
+        queueLimit_(queueLimit),
         turn_(strand_),
         continuationBox_(std::make_shared<ContinuationBox<Record>>()) {}
 
@@ -120,7 +133,7 @@ class CaptureReceiver final : public RecordSource<typename Decoder::Record>,
     auto handle =
         openPcapWithFilter(interface, Decoder::kEtherTypeHex, kSnapshotLength, self->mode_);
     if (!handle) co_return handle.error();
-    auto continuation = std::make_shared<StreamState<Record>>();
+    auto continuation = std::make_shared<StreamState<Record>>(self->queueLimit_);
     continuation->onTermination(self->stopWhenStreamEnds(++self->captureNumber_));
     self->continuationBox_->store(continuation);
     self->beginCapture(std::move(*handle), std::move(events));
@@ -153,6 +166,7 @@ class CaptureReceiver final : public RecordSource<typename Decoder::Record>,
     auto ended = std::make_shared<AsyncEvent>(strand_);
     loopEnded_ = ended;
     CaptureLoop::Handlers handlers;
+    handlers.hasRoom = [context] { return context->hasRoom(); };
     handlers.onFrame = [context](ByteView frame, TimePoint receivedAt) {
       context->receiveFrame(frame, receivedAt);
     };
@@ -180,6 +194,7 @@ class CaptureReceiver final : public RecordSource<typename Decoder::Record>,
 
   Strand strand_;
   CaptureMode mode_;
+  std::size_t queueLimit_;
   AsyncMutex turn_;
   std::uint64_t captureNumber_ = 0;
   std::shared_ptr<ContinuationBox<Record>> continuationBox_;

@@ -2,6 +2,8 @@
 
 #include <type_traits>
 
+#include "stack/footprint.h"
+
 namespace tarnlink {
 namespace {
 
@@ -76,7 +78,32 @@ static_assert(kHolds<Kind::bitString, GooseDataValue::BitString> &&
 static_assert(kHolds<Kind::realDouble, double> && kHolds<Kind::utcTime, TimePoint>);
 static_assert(kHolds<Kind::unknown, GooseDataValue::Unknown>);
 
+std::size_t storageOf(const std::vector<GooseDataValue>& members) {
+  std::size_t octets = heapOctets(members);
+  for (const GooseDataValue& member : members) octets += member.heapOctets();
+  return octets;
+}
+
 }  // namespace
+
+std::size_t GooseDataValue::heapOctets() const {
+  switch (kind()) {
+    case Kind::bitString:
+      return std::get<BitString>(payload).heapOctets();
+    case Kind::octetString:
+      return tarnlink::heapOctets(std::get<Bytes>(payload));
+    case Kind::visibleString:
+      return tarnlink::heapOctets(std::get<std::string>(payload));
+    case Kind::structure:
+      return storageOf(std::get<Structure>(payload).members);
+    case Kind::array:
+      return storageOf(std::get<Array>(payload).members);
+    case Kind::unknown:
+      return tarnlink::heapOctets(std::get<Unknown>(payload).data);
+    default:
+      return 0;
+  }
+}
 
 // Written out: clang 14 crashes on defaulted comparisons of recursive types.
 bool GooseDataValue::Structure::operator==(const Structure& other) const {

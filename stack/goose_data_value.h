@@ -1,6 +1,7 @@
 // One member of a GOOSE dataset (IEC 61850-8-1, MMS Data).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -75,6 +76,9 @@ struct GooseDataValue {
   }
 
   bool operator==(const GooseDataValue&) const;
+
+  /// Octets of storage behind this object.
+  std::size_t heapOctets() const;
 
   /// Exactly the keys "type" and "value", for hosts that exchange such maps.
   FlutterDict toFlutterDict() const;

@@ -1,10 +1,20 @@
 #include "stack/goose_message.h"
 
+#include "stack/footprint.h"
+
 namespace tarnlink {
 
 bool GooseMessage::isStale(TimePoint now) const {
   const double ageMilliseconds = (now - receivedAt).count() * 1000.0;
   return ageMilliseconds > static_cast<double>(timeAllowedToLive);
+}
+
+std::size_t GooseMessage::footprint() const {
+  std::size_t octets = sizeof *this + heapOctets(goCBRef) + heapOctets(dataSet) + heapOctets(goId) +
+                       heapOctets(values);
+  for (const auto* mac : {&srcMac, &dstMac}) octets += *mac ? heapOctets(**mac) : 0;
+  for (const GooseDataValue& value : values) octets += value.heapOctets();
+  return octets;
 }
 
 FlutterDict GooseMessage::toFlutterDict() const {

@@ -1,6 +1,7 @@
 // One received GOOSE message.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -38,6 +39,9 @@ struct GooseMessage {
   bool isFirstTransmission() const { return sqNum == 0; }
 
   bool operator==(const GooseMessage&) const = default;
+
+  /// This object with all storage behind it, unused storage included. Octets.
+  std::size_t footprint() const;
 
   /// The message as a map for hosts that exchange such maps; absent optionals have no key.
   FlutterDict toFlutterDict() const;

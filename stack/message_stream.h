@@ -9,7 +9,10 @@
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/system/error_code.hpp>
+#include <cstddef>
 #include <functional>
+#include <limits>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -18,12 +21,19 @@
 
 namespace tarnlink {
 
-/// The buffer that both ends share. Unbounded by design: a slow consumer costs memory, never
-/// records. Thread-safe; locks and wake-ups are paid once a burst.
+/// The buffer that both ends share: bursts, each of them a consumer's turn. Takes whatever comes,
+/// and tells the producer when it is full. Thread-safe; locks and wake-ups are paid once a burst.
 template <class Record>
 class StreamState {
  public:
   using Batch = RecycledBatch<Record>;
+
+  static constexpr std::size_t kUnbounded = std::numeric_limits<std::size_t>::max();
+  /// Consumed bursts whose storage is kept for the next ones.
+  static constexpr std::size_t kSpareBursts = 8;
+
+  /// `limit` bounds what queued records hold, by their weight. Octets.
+  explicit StreamState(std::size_t limit = kUnbounded) : limit_(limit) {}
 
   /// Called once, outside the lock, when the stream ends for any reason. Install before the
   /// stream has a consumer.
@@ -36,8 +46,23 @@ class StreamState {
       batch.clear();
       return;
     }
-    queued_.takeAll(batch);
+    queuedOctets_ += batch.octets();
+    if (queuedOctets_ > limit_) isFull_ = true;
+    const bool fits = !queued_.empty() && !queued_.back().isFull() &&
+                      queued_.back().size() + batch.size() <= Batch::kFullRecords;
+    if (!fits) {
+      if (spare_.empty()) spare_.emplace_back();
+      queued_.splice(queued_.end(), spare_, spare_.begin());
+    }
+    queued_.back().takeAll(batch);
     wake();
+  }
+
+  /// Producer: whether it should yield nothing more for now. True from the limit on until half of
+  /// it is left.
+  bool isFull() const {
+    const std::lock_guard hold(lock_);
+    return isFull_ && !ended_;
   }
 
   /// Either end: no further records; those already queued are still delivered.
@@ -46,13 +71,18 @@ class StreamState {
   /// Consumer: no further records, and queued ones are dropped.
   void abandon() { end(true); }
 
-  /// Consumer: swaps what is queued into `batch`. False when there is nothing.
+  /// Consumer: swaps the oldest burst into `batch`. False when there is none.
   bool take(Batch& batch, bool& ended) {
     batch.clear();
+    std::list<Batch> surplus;  // Freed without the lock.
     const std::lock_guard hold(lock_);
     ended = ended_;
     if (queued_.empty()) return false;
-    std::swap(batch, queued_);
+    std::swap(batch, queued_.front());
+    queuedOctets_ -= batch.octets();
+    if (queuedOctets_ <= limit_ / 2) isFull_ = false;
+    spare_.splice(spare_.begin(), queued_, queued_.begin());
+    if (spare_.size() > kSpareBursts) surplus.splice(surplus.end(), spare_, --spare_.end());
     return true;
   }
 
@@ -94,9 +124,13 @@ class StreamState {
  private:
   void end(bool dropQueued) {
     std::function<void()> termination;
+    std::list<Batch> dropped;
     {
       const std::lock_guard hold(lock_);
-      if (dropQueued) queued_.clear();
+      if (dropQueued) {
+        dropped.swap(queued_);
+        queuedOctets_ = 0;
+      }
       if (ended_) return;
       ended_ = true;
       wake();
@@ -109,8 +143,12 @@ class StreamState {
     if (auto* waiting = std::exchange(waiting_, nullptr)) waiting->cancel();
   }
 
-  std::mutex lock_;
-  Batch queued_;
+  const std::size_t limit_;
+  mutable std::mutex lock_;
+  std::list<Batch> queued_;  // Oldest first.
+  std::list<Batch> spare_;   // Empty ones.
+  std::size_t queuedOctets_ = 0;
+  bool isFull_ = false;
   bool ended_ = false;
   boost::asio::steady_timer* waiting_ = nullptr;  // of the Wait in which the consumer sleeps
   std::function<void()> termination_;
@@ -130,8 +168,8 @@ class MessageStream {
     if (state_) state_->abandon();
   }
 
-  /// All that has queued since the last call, in arrival order, into `batch` (whose old records
-  /// are recycled). False when the stream has ended.
+  /// The oldest burst that has queued, in arrival order, into `batch` (whose old records are
+  /// recycled). False when the stream has ended.
   boost::asio::awaitable<bool> next(Batch& batch) {
     if (!state_) co_return false;
     bool ended = false;

@@ -7,14 +7,20 @@
 #include <utility>
 #include <vector>
 
+#include "stack/footprint.h"
+
 namespace tarnlink {
 
 /// A plain container; not thread-safe.
 template <class Record>
 class RecycledBatch {
  public:
-  /// Records kept for reuse. A burst above it gives its memory back when it is cleared.
-  static constexpr std::size_t kKeptRecords = 1024;
+  /// What one turn of a consumer is to deal with: it bounds how long others wait for theirs.
+  static constexpr std::size_t kFullRecords = 64;
+  static constexpr std::size_t kFullOctets = 256 << 10;
+  /// A consumed record that holds more is freed instead of kept: twice a GOOSE message of 400
+  /// values. Octets.
+  static constexpr std::size_t kKeptFootprint = 32 << 10;
 
   /// A record at the end, with whatever an earlier use left in it.
   Record& append() {
@@ -23,13 +29,15 @@ class RecycledBatch {
   }
   /// Takes the last appended record back.
   void dropLast() { --count_; }
+  /// The last appended record has been filled: what it holds counts.
+  void weighLast() { octets_ += footprintOf(records_[count_ - 1]); }
 
   void clear() {
-    count_ = 0;
-    if (records_.size() > kKeptRecords) {
-      records_.resize(kKeptRecords);
-      records_.shrink_to_fit();
+    for (Record& record : records()) {
+      if (footprintOf(record) > kKeptFootprint) record = Record();
     }
+    count_ = 0;
+    octets_ = 0;
   }
 
   /// Moves all records of `other` behind those here and leaves it empty.
@@ -38,17 +46,22 @@ class RecycledBatch {
       std::swap(*this, other);
     } else {
       for (Record& record : other.records()) std::swap(append(), record);
+      octets_ += other.octets_;
     }
     other.clear();
   }
 
   bool empty() const { return count_ == 0; }
   std::size_t size() const { return count_; }
+  /// What the weighed records hold.
+  std::size_t octets() const { return octets_; }
+  bool isFull() const { return count_ >= kFullRecords || octets_ >= kFullOctets; }
   std::span<Record> records() { return {records_.data(), count_}; }
 
  private:
   std::vector<Record> records_;
   std::size_t count_ = 0;
+  std::size_t octets_ = 0;
 };
 
 }  // namespace tarnlink

@@ -1,11 +1,13 @@
 // Sampled Values records (IEC 61850-9-2): payloads stay undecoded.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 
 #include "stack/bytes.h"
+#include "stack/footprint.h"
 #include "stack/mac_address.h"
 #include "stack/time_point.h"
 
@@ -20,6 +22,11 @@ struct SvCapturedFrame {
   TimePoint receivedAt{};               ///< From the capture header.
 
   bool operator==(const SvCapturedFrame&) const = default;
+
+  /// As GooseMessage has it.
+  std::size_t footprint() const {
+    return sizeof *this + heapOctets(pdu) + heapOctets(dstMac) + heapOctets(srcMac);
+  }
 };
 
 /// How one SV payload is to be sent.

@@ -77,6 +77,31 @@ TEST(GooseDataValue, MapNamesTypeAndPayload) {
   }
 }
 
+TEST(GooseMessage, FootprintCountsAllStorageHoweverDeep) {
+  using Value = GooseDataValue;
+  constexpr std::size_t kSize = 10'000;  // Octets.
+  const Bytes octets(kSize);
+  GooseMessage texts;
+  texts.goCBRef = texts.dataSet = texts.goId = std::string(kSize / 3 + 1, 'x');
+  std::vector messages{texts};
+  for (const Value& value :
+       {Value::bitString(BitString(8 * kSize, true)), Value::octetString(octets),
+        Value::visibleString(std::string(kSize, 'x')), Value::unknown(0x88, octets),
+        Value::array(std::vector<Value>(kSize / sizeof(Value) + 1))}) {
+    GooseMessage message;
+    message.values = {Value::boolean(true), Value::structure({Value::array({value})})};
+    messages.push_back(message);
+  }
+  GooseMessage kept;  // What waits for reuse counts.
+  kept.values.reserve(kSize / sizeof(Value) + 1);
+  messages.push_back(std::move(kept));
+  for (const auto& message : messages) {
+    SCOPED_TRACE(&message - messages.data());
+    EXPECT_GE(message.footprint(), sizeof message + kSize);
+    EXPECT_LT(message.footprint(), sizeof message + kSize + 500);
+  }
+}
+
 TEST(NetworkInterfaceInfo, MapHasAllFields) {
   const NetworkInterfaceInfo info{"eth0", "Ethernet", true, "02:00:00:00:00:01", false};
   const FlutterDict expected{{"name", {std::string("eth0")}},

@@ -8,6 +8,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
+#include <functional>
 #include <string>
 #include <thread>
 
@@ -110,19 +111,103 @@ TEST_F(MessageStreamTest, TheTerminationHandlerRunsOnceWhoeverEndsIt) {
   }
 }
 
-TEST(RecycledBatchTest, KeepsStorageOfConsumedRecordsButNotOfBursts) {
-  RecycledBatch<std::string> batch;
-  batch.append() = std::string(1000, 'x');
-  const char* storage = batch.records()[0].data();
-  batch.clear();
-  EXPECT_TRUE(batch.empty());
-  EXPECT_EQ(batch.append().data(), storage);
+// Nobody is waiting yet when it happens: the wait must end by itself.
+TEST_F(MessageStreamTest, WhatHappensBeforeTheWaitEndsIt) {
+  const std::function<void()> events[] = {[this] { state->finish(); },
+                                          [this] { yieldOne(*state, "a"); }};
+  for (const auto& happen : events) {
+    state = std::make_shared<State>();
+    State::Wait wait(*state, io.get_executor());
+    happen();
+    bool isOver = false;
+    wait.async([&isOver](boost::system::error_code) { isOver = true; });
+    io.restart();
+    io.run_for(std::chrono::seconds(5));
+    EXPECT_TRUE(isOver);
+  }
+}
 
-  for (std::size_t i = 0; i < 3 * RecycledBatch<std::string>::kKeptRecords; ++i) batch.append();
-  batch.clear();
-  std::size_t kept = 0;
-  while (batch.append().capacity() >= 1000) ++kept;
-  EXPECT_LE(kept, RecycledBatch<std::string>::kKeptRecords);
+struct Weighed {
+  Weighed() { ++alive; }
+  Weighed(Weighed&& other) noexcept : octets(other.octets) { ++alive; }
+  Weighed& operator=(Weighed&& other) noexcept = default;
+  ~Weighed() { --alive; }
+  std::size_t footprint() const { return octets; }
+
+  static int alive;
+  std::size_t octets = 0;
+};
+int Weighed::alive = 0;
+
+class Backlog : public ::testing::Test {
+ protected:
+  using Batch = RecycledBatch<Weighed>;
+  static constexpr std::size_t kLimit = 1'000'000;
+
+  void yield(std::size_t octets) {
+    batch.append().octets = octets;
+    batch.weighLast();
+    state.yield(batch);
+  }
+  std::size_t take() {
+    bool ended = false;
+    state.take(taken, ended);
+    return taken.size();
+  }
+
+  StreamState<Weighed> state{kLimit};
+  Batch batch, taken;
+};
+
+TEST_F(Backlog, IsFullFromItsLimitOnUntilHalfIsLeft) {
+  for (int round = 0; round < 2; ++round) {
+    std::size_t left = 0;
+    while (!state.isFull()) {
+      ASSERT_LE(left, kLimit);
+      yield(1000);
+      left += 1000;
+    }
+    EXPECT_GT(left, kLimit);
+    while (state.isFull()) {
+      ASSERT_GT(left, kLimit / 2);
+      left -= 1000 * take();
+    }
+    EXPECT_LE(left, kLimit / 2);
+    while (take() != 0) {
+    }
+  }
+  while (!state.isFull()) yield(1000);
+  state.finish();
+  EXPECT_FALSE(state.isFull()) << "a producer must not wait for a consumer that has gone";
+}
+
+TEST_F(Backlog, IsConsumedInTurnsOfBoundedSize) {
+  const struct {
+    std::size_t octets, turn;
+  } records[] = {
+      {1, Batch::kFullRecords}, {Batch::kFullOctets / 4, 4}, {2 * Batch::kFullOctets, 1}};
+  for (const auto& [octets, turn] : records) {
+    for (int i = 0; i < 200; ++i) yield(octets);
+    std::size_t count = 0;
+    while (const auto size = take()) {
+      EXPECT_LE(size, turn);
+      EXPECT_TRUE(size == turn || (count += size) == 200 % turn) << "but for the last one";
+    }
+  }
+}
+
+TEST_F(Backlog, KeepsStorageOfAFewBurstsAndOfNoHugeRecord) {
+  for (int i = 0; i < 20'000; ++i) yield(1000);
+  while (take() != 0) {
+  }
+  EXPECT_LE(Weighed::alive, int{Batch::kFullRecords} * int(StreamState<Weighed>::kSpareBursts + 2));
+
+  for (const std::size_t octets : {Batch::kKeptFootprint, Batch::kKeptFootprint + 1}) {
+    Batch records;
+    records.append().octets = octets;
+    records.clear();
+    EXPECT_EQ(records.append().octets == octets, octets == Batch::kKeptFootprint);
+  }
 }
 
 }  // namespace
