@@ -175,6 +175,8 @@ TEST(VlanInterfaceHelper, ARefusedPromptIsNotPutUpAgainAtOnce) {
 TEST(VlanInterfaceHelper, OnlyALinkThatLacksNothingIsReady) {
   const std::pair<std::string, bool> cases[] = {
       {linkText("eth0", 100), true},
+      {linkText("eth0", 100, kOurs, "[]", R"(["NO-CARRIER","UP"])"), true},
+      {linkText("eth0", 100, kOurs, "[]", R"(["LOWER_UP"])"), false},
       {linkText("eth1", 100), false},
       {linkText("eth0", 100, kOurs, "[]", kUp, R"([{"from":4,"to":4}])"), false},
       {"", false},

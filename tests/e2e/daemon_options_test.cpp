@@ -169,6 +169,8 @@ TEST_F(DaemonOptionsTest, TheCommandLineAnswersPlainly) {
     const std::string output = outputOf(arguments, exitCode);
     EXPECT_EQ(exitCode, c.exitCode) << output;
     EXPECT_NE(output.find(c.text), std::string::npos) << output;
+    const std::string remedy = "listens on port";
+    EXPECT_EQ(output.find(remedy) == output.npos, c.text.find(remedy) == c.text.npos) << output;
   }
 }
 
