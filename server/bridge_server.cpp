@@ -301,9 +301,10 @@ SharedTextFrame BridgeServer::toFrame(JsonWriter writer) {
   return TextFrame::adopt(std::move(storage.octets), storage.size, storage.textLength);
 }
 
-bool BridgeServer::broadcast(std::string_view text) {
+bool BridgeServer::broadcast(std::string_view text, const std::optional<ClientId>& except) {
   const auto frame = TextFrame::copyOf(text);
   for (const auto& [id, connection] : connections_) {
+    if (id == except) continue;
     SharedTextFrame shared = frame;
     connection->sendBurst({&shared, 1});
   }

@@ -119,7 +119,7 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
                                                   Connection connection);
   void removeConnection(const ClientId& id);
   void sendText(std::string_view text, const ClientId& id);
-  bool broadcast(std::string_view text);
+  bool broadcast(std::string_view text, const std::optional<ClientId>& except = std::nullopt);
   static SharedTextFrame toFrame(JsonWriter writer);
   std::string statusEvent() const;
   void broadcastStatus() { broadcast(statusEvent()); }
@@ -191,7 +191,8 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
   CaptureRecovery<GooseMessage> gooseRecovery();
   CaptureRecovery<SvCapturedFrame> svRecovery();
   boost::asio::awaitable<void> pauseBeforeRecovery();
-  std::function<void(const CaptureDrops&)> dropLog(const std::string& label) const;
+  std::function<void(const CaptureDrops&)> dropLog(const std::string& label,
+                                                   const std::string& interface) const;
   bool hasGooseSubscribers() const { return !gooseSubscribers_.empty(); }
   bool hasSvSubscribers() const { return !svSubscribers_.empty(); }
   void spawn(boost::asio::awaitable<void> task);
@@ -239,6 +240,7 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
   std::int64_t svFramesForwarded_ = 0;
   std::int64_t svFramesPublished_ = 0;
   CaptureControl<SvCapturedFrame> svCapture_;
+  std::string svInterface_;  // Where the capture belongs until its last subscriber leaves.
   std::map<ClientId, Subscriber<std::optional<std::int64_t>>> svSubscribers_;
   std::shared_ptr<SvPublishing> svPublisher_;
 };

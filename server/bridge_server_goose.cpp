@@ -60,6 +60,8 @@ asio::awaitable<Reply> BridgeServer::handleSubscribeGoose(std::optional<std::str
   log("[BridgeServer] ✓ capture started");
   // Nobody may be left to listen by now.
   if (gooseSubscribers_.empty()) co_await gooseCapture_.stop(GooseCapture::Queued::drop);
+  // The others have been told that theirs had died.
+  if (gooseCapture_.isRetried) broadcast(statusEvent(), client);
   co_return statusEvent();
 }
 
@@ -79,7 +81,7 @@ asio::awaitable<GooseResult<void>> BridgeServer::startCaptureInternal() {
   events.onDeath = [weak = weak_from_this()](const std::string& reason) {
     if (const auto self = weak.lock()) self->spawn(self->recoverGooseCapture(reason));
   };
-  events.onDrops = dropLog("[BridgeServer] ");
+  events.onDrops = dropLog("[BridgeServer] ", activeInterface_);
   co_return co_await orFailure(gooseCapture_.start(activeInterface_, std::move(events)));
 }
 

@@ -10,14 +10,15 @@
 namespace tarnlink {
 namespace asio = boost::asio;
 
-std::function<void(const CaptureDrops&)> BridgeServer::dropLog(const std::string& label) const {
-  return [log = ports_.log,
-          capture = label + "✗ capture on " + activeInterface_](const CaptureDrops& drops) {
-    const std::string total = std::to_string(drops.total);
-    log(capture + (drops.isLast ? " has ended; the kernel dropped " + total + " frames in all"
-                                : ": the kernel dropped " + std::to_string(drops.fresh) +
-                                      " frames, " + total + " so far"));
-  };
+std::function<void(const CaptureDrops&)> BridgeServer::dropLog(const std::string& label,
+                                                               const std::string& interface) const {
+  return
+      [log = ports_.log, capture = label + "✗ capture on " + interface](const CaptureDrops& drops) {
+        const std::string total = std::to_string(drops.total);
+        log(capture + (drops.isLast ? " has ended; the kernel dropped " + total + " frames in all"
+                                    : ": the kernel dropped " + std::to_string(drops.fresh) +
+                                          " frames, " + total + " so far"));
+      };
 }
 
 asio::awaitable<void> BridgeServer::pauseBeforeRecovery() {

@@ -29,6 +29,7 @@ asio::awaitable<Reply> BridgeServer::handleSubscribeSv(std::optional<std::int64_
                                                        ClientId client) {
   const auto connection = connections_.find(client);
   if (connection == connections_.end()) co_return std::string();
+  if (svSubscribers_.empty()) svInterface_.clear();
   svSubscribers_.insert_or_assign(
       client, Subscriber<std::optional<std::int64_t>>{appIdFilter, connection->second});
 
@@ -36,10 +37,10 @@ asio::awaitable<Reply> BridgeServer::handleSubscribeSv(std::optional<std::int64_
   // The client may have left while others started or stopped the capture.
   if (!svSubscribers_.contains(client) || isStopping_) co_return std::string();
   if (svCapture_.isCapturing()) {
+    svInterface_ = svCapture_.interface();
     log("[BridgeServer] SV: client " + toText(client) + " joined existing capture");
     co_return std::string();
   }
-  chooseInterface();
   const auto started = co_await startSvCapture();
   if (!started) {
     const std::string description = started.error().description();
@@ -48,13 +49,18 @@ asio::awaitable<Reply> BridgeServer::handleSubscribeSv(std::optional<std::int64_
     co_return CommandError::because(description, ErrorCode::svCaptureFailed, "SV capture failed: ");
   }
   log("[BridgeServer] SV: capture started on " + svCapture_.interface());
+  // The others have been told that theirs had died.
+  if (svCapture_.isRetried) broadcastStatus();
   // Nobody may be left to listen by now.
   if (svSubscribers_.empty()) co_await svCapture_.stop(SvCapture::Queued::drop);
   co_return std::string();
 }
 
 asio::awaitable<GooseResult<void>> BridgeServer::startSvCapture() {
-  chooseInterface();
+  if (svInterface_.empty()) {
+    chooseInterface();
+    svInterface_ = activeInterface_;
+  }
   SvCapture::Events events;
   events.onRecords = [weak = weak_from_this()](std::span<SvCapturedFrame> frames) {
     if (const auto self = weak.lock()) self->forwardSvFrames(frames);
@@ -62,8 +68,8 @@ asio::awaitable<GooseResult<void>> BridgeServer::startSvCapture() {
   events.onDeath = [weak = weak_from_this()](const std::string& reason) {
     if (const auto self = weak.lock()) self->spawn(self->recoverSvCapture(reason));
   };
-  events.onDrops = dropLog("[BridgeServer] SV: ");
-  co_return co_await orFailure(svCapture_.start(activeInterface_, std::move(events)));
+  events.onDrops = dropLog("[BridgeServer] SV: ", svInterface_);
+  co_return co_await orFailure(svCapture_.start(svInterface_, std::move(events)));
 }
 
 asio::awaitable<void> BridgeServer::stopSvCaptureIfNeeded() {

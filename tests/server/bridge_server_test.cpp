@@ -544,6 +544,50 @@ TEST_F(BridgeServerTest, ADeadCaptureIsToldAndTriedAgain) {
   EXPECT_EQ(BridgeHarness::take(client).back()["isCapturing"], true);
 }
 
+TEST_F(BridgeServerTest, ASubscriptionThatRevivesACaptureTellsEverybodyOnce) {
+  const auto first = bridge.authenticated();
+  const auto second = bridge.authenticated();
+  for (const char* text : {kSubscribe, R"({"cmd":"subscribe_sv"})"}) {
+    SCOPED_TRACE(text);
+    bridge.say(first, text);
+    bridge.goose.failure = bridge.sv.failure = GooseError::pcapOpenFailed("No such device");
+    bridge.goose.die("The interface disappeared");
+    bridge.sv.die("The interface disappeared");
+    bridge.settle();
+    bridge.goose.failure.reset();
+    bridge.sv.failure.reset();
+    bridge.take(first);
+    bridge.take(second);
+    const bool isGoose = text == kSubscribe;
+    EXPECT_EQ(bridge.ask(second, text).size(), 1U);
+    const auto told = bridge.take(first);
+    ASSERT_EQ(told.size(), 1U);
+    EXPECT_EQ(told[0]["isCapturing"], isGoose);
+    bridge.say(first, kUnsubscribe);
+    bridge.say(second, kUnsubscribe);
+  }
+}
+
+TEST_F(BridgeServerTest, AnSvCaptureIsTriedAgainWhereItWas) {
+  constexpr const char* kMove = R"({"cmd":"set_interface","interface":"eth9"})";
+  const auto client = bridge.authenticated();
+  bridge.say(client, R"({"cmd":"subscribe_sv"})");
+  bridge.say(client, kMove);
+  bridge.sv.die("The interface disappeared");
+  bridge.settle();
+  bridge.io.run_for(std::chrono::milliseconds(100));
+  EXPECT_EQ(bridge.sv.interfaces, (std::vector<std::string>{"en0", "en0"}));
+  bridge.sv.die("The interface disappeared");
+  bridge.settle();
+  const auto other = bridge.authenticated();
+  bridge.say(other, R"({"cmd":"subscribe_sv"})");
+  EXPECT_EQ(bridge.sv.interfaces.back(), "en0") << "where the others are";
+  bridge.say(client, R"({"cmd":"unsubscribe_sv"})");
+  bridge.say(other, R"({"cmd":"unsubscribe_sv"})");
+  bridge.say(other, R"({"cmd":"subscribe_sv"})");
+  EXPECT_EQ(bridge.sv.interfaces.back(), "eth9");
+}
+
 TEST_F(BridgeServerTest, FramesThatTheKernelDroppedAreLogged) {
   const auto client = bridge.authenticated();
   bridge.say(client, kSubscribe);
