@@ -45,6 +45,16 @@ constexpr std::size_t kMaxQueued = std::size_t{1} << 20;
 // How long the end of the program waits for the reader.
 constexpr std::chrono::milliseconds kExitWait{500};
 
+/// With its line feed; a code point stays whole.
+std::string cutLine(std::string line) {
+  constexpr std::string_view kEnd = "…\n";
+  if (line.size() < kMaxLogLine) return line + '\n';
+  std::size_t kept = kMaxLogLine - kEnd.size();
+  while (kept != 0 && (static_cast<unsigned char>(line[kept]) & 0xC0) == 0x80) --kept;
+  line.replace(kept, std::string::npos, kEnd);
+  return line;
+}
+
 // Standard output may share a terminal that another program has made non-blocking.
 bool waitUntilWritable() {
   pollfd output{STDOUT_FILENO, POLLOUT, 0};
@@ -163,7 +173,8 @@ std::string escapeControlCharacters(std::string_view text) {
 }
 
 void logToConsole(std::string_view line) {
-  Writer::ofThisProcess().put(escapeControlCharacters(line) + '\n');
+  // No escape is shorter than what it stands for.
+  Writer::ofThisProcess().put(cutLine(escapeControlCharacters(line.substr(0, kMaxLogLine))));
 }
 
 bool flushConsoleLog(std::chrono::milliseconds limit) {

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "server/bridge_event_encoder.h"
+#include "server/shortened.h"
 
 namespace tarnlink {
 namespace asio = boost::asio;
@@ -70,7 +71,7 @@ BridgeServer::BridgeServer(const asio::any_io_executor& executor, BridgePorts po
   auto name = isGiven ? std::move(interfaceForThisRun)
                       : ports_.preferences.read(kActiveInterfaceKey).value_or("");
   if (name.empty()) return;
-  log("[BridgeServer] restored active interface: " + name);
+  log("[BridgeServer] restored active interface: " + shortened(name));
   rememberActiveInterface(std::move(name));
 }
 

@@ -6,6 +6,7 @@
 #include "server/bridge_event_encoder.h"
 #include "server/bridge_server.h"
 #include "server/error_code.h"
+#include "server/shortened.h"
 
 namespace tarnlink {
 namespace asio = boost::asio;
@@ -109,7 +110,7 @@ asio::awaitable<void> BridgeServer::setActiveInterfaceOnStrand(std::string name)
                             storeInterface(ports_.preferences, activeInterface_),
                             asio::use_awaitable);
   }
-  log("[BridgeServer] active interface set to " + name);
+  log("[BridgeServer] active interface set to " + shortened(name));
   {
     const auto turn = co_await gooseCapture_.turn();
     if (gooseCapture_.isCapturing()) co_await gooseCapture_.stop(GooseCapture::Queued::deliver);

@@ -75,7 +75,7 @@ class PipedOutput {
 TEST(ConsoleLog, LinesOfSeveralThreadsNeverMixAndAClosedPipeEndsNothing) {
   constexpr int kThreads = 4;
   constexpr int kLines = 40;  // Together less than the queue holds.
-  const std::string padding(5000, '.');
+  const std::string padding(3000, '.');
   PipedOutput output;
   std::vector<std::thread> writers;
   for (int t = 0; t < kThreads; ++t) {
@@ -86,6 +86,13 @@ TEST(ConsoleLog, LinesOfSeveralThreadsNeverMixAndAClosedPipeEndsNothing) {
   std::set<std::string> lines;
   for (int i = 0; i < kThreads * kLines; ++i) lines.insert(output.readLine());
   for (auto& writer : writers) writer.join();
+  // The second octet of "ä" would be one too many.
+  logToConsole(std::string(kMaxLogLine - 5, '.') + "ä\nforged");
+  EXPECT_EQ(output.readLine(), std::string(kMaxLogLine - 5, '.') + "…");
+  logToConsole(std::string(kMaxLogLine - 1, '.'));
+  EXPECT_EQ(output.readLine().size() + 1, kMaxLogLine) << "whole";
+  logToConsole(std::string(kMaxLogLine, '\n') + "forged");
+  EXPECT_EQ(output.readLine().size() + 1, kMaxLogLine);
   output.close();
   logToConsole("nobody reads this");
   for (int i = 0; i < kThreads * kLines; ++i) {

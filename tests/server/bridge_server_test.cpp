@@ -218,6 +218,15 @@ TEST_F(BridgeServerTest, TheLogSaysWhyAPairedClientsCommandFailed) {
   bridge.goosePublisher->failure = GooseError::sendFailed("network is down");
   bridge.say(client, publishCommand(""));
   EXPECT_TRUE(bridge.logLines.back().ends_with(": Publish failed: network is down"));
+  const std::string longText(100'000, 'x');
+  bridge.say(client, R"({"cmd":"subscribe_goose","appIdFilter":")" + longText +
+                         R"(","goCBRefFilter":")" + longText + "\"}");
+  bridge.say(client, R"({"cmd":"set_interface","interface":")" + longText + "\"}");
+  bridge.say(client, R"({"cmd":"unpublish_goose","goCBRef":")" + longText + "\"}");
+  bridge.goosePublisher->failure.reset();
+  bridge.say(client, publishCommand(R"(,"goCBRef":")" + longText + "\""));
+  for (const auto& line : bridge.logLines)
+    EXPECT_LT(line.size(), 1'000U) << "nobody's text fills it";
   const auto lines = bridge.logLines.size();
   bridge.say(bridge.connect(), R"({"cmd":"nonsense"})");
   EXPECT_EQ(bridge.logLines.size(), lines + 1) << "the connection's; strangers cannot fill the log";
