@@ -63,6 +63,7 @@ class NotingHandle final : public SendHandle {
     return handle_->sendPacket(frame);
   }
   SendOutcome inject(ByteView frame) override { return handle_->inject(frame); }
+  bool isOn(const std::string& interface) const override { return handle_->isOn(interface); }
   void setPriority(std::uint8_t priority) override { handle_->setPriority(priority); }
 
  private:

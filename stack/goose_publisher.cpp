@@ -87,12 +87,8 @@ GooseResult<void> GoosePublisher::changeState(const GoosePublishConfig& config) 
   ++generationCount_;
   timer_.cancel();
   auto start = PublicationSchedule::Clock::now();
-  auto sent = sendStateChange(start);
-  // The interface may have been made anew since the handle was opened.
-  if (!sent && !pcapHandle_.isOpen() && pcapHandle_.ensureHandle(config.interface)) {
-    sent = sendStateChange(start);
-  }
-  if (!sent) return sent;
+  if (auto sent = sendStateChange(start); !sent) return sent;
+  tellTurn({});
   schedule_.start(start);
   waitForDeadline();
   return {};
@@ -111,6 +107,7 @@ void GoosePublisher::endPublication() {
   timer_.cancel();
   schedule_.end();
   lastConfig_.reset();
+  isFailing_ = false;
 }
 
 void GoosePublisher::waitForDeadline() {
@@ -126,12 +123,21 @@ void GoosePublisher::waitForDeadline() {
 
 void GoosePublisher::sendWhenDue(std::uint64_t generation) {
   if (generation != generationCount_) return;
+  pcapHandle_.restore();
   const auto frame = buildFrame(schedule_.nextSqNum());
   waitUntil(*schedule_.nextDeadline());
   schedule_.takeDue(PublicationSchedule::Clock::now());
   // A failure costs this frame only.
-  if (frame) (void)pcapHandle_.send(*frame, lastConfig_->vlanPriority);
+  tellTurn(frame ? pcapHandle_.send(*frame, lastConfig_->vlanPriority) : frame.error());
   waitForDeadline();
+}
+
+void GoosePublisher::tellTurn(const GooseResult<void>& sent) {
+  if (isFailing_ == sent.has_error()) return;
+  isFailing_ = sent.has_error();
+  const std::string where = " on " + lastConfig_->interface;
+  log_(isFailing_ ? "[Publisher] ✗ frames fail" + where + ": " + sent.error().description()
+                  : "[Publisher] ✓ frames leave again" + where);
 }
 
 GooseResult<Bytes> GoosePublisher::buildFrame(std::uint32_t sqNum) const {

@@ -24,7 +24,9 @@ namespace tarnlink {
 ///
 /// - A publication replaces the one before, whatever its reference. One that fails to open its
 ///   interface leaves the old one running, without a handle when it named another interface.
-/// - A state-change frame whose interface has gone opens it anew once: it may have come back.
+/// - Each frame leaves on the interface that has the publication's name at that moment, or fails:
+///   one that was removed and has come back is found again with the next frame.
+/// - The log has a line when the frames of a publication begin to fail, and one when they go again.
 /// - When the state-change frame fails to send, the publication is recorded, its numbers are taken,
 ///   and nothing is scheduled. Later frames that fail are dropped, and the schedule goes on.
 /// - Frames with sequence number 0 are logged, in two lines, before they are sent.
@@ -47,6 +49,7 @@ class GoosePublisher final : public GoosePublishing,
   void endPublication();
   void waitForDeadline();
   void sendWhenDue(std::uint64_t generation);
+  void tellTurn(const GooseResult<void>& sent);
   GooseResult<Bytes> buildFrame(std::uint32_t sqNum) const;
   void logFrame(ByteView frame, ByteView srcMac) const;
 
@@ -60,6 +63,7 @@ class GoosePublisher final : public GoosePublishing,
   // Raised by whatever ends a publication: a timer that fired before it was cancelled finds another
   // generation than its own and does nothing.
   std::uint64_t generationCount_ = 0;
+  bool isFailing_ = false;  // The latest frame could not be sent.
 };
 
 }  // namespace tarnlink

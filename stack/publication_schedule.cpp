@@ -1,5 +1,6 @@
 #include "stack/publication_schedule.h"
 
+#include <algorithm>
 #include <limits>
 
 namespace tarnlink {
@@ -54,21 +55,18 @@ std::optional<PublicationSchedule::Transmission> PublicationSchedule::takeDue(In
   if (!deadline || *deadline > now) return std::nullopt;
   currentSqNum_ = nextSqNum();
   if (deadline == retransmission_) {
-    passRetransmissions(now);
+    passRetransmission(now);
     return Transmission::retransmission;
   }
   passHeartbeats(now);
   return Transmission::heartbeat;
 }
 
-void PublicationSchedule::passRetransmissions(Instant now) {
-  while (retransmission_ && *retransmission_ <= now) {
-    if (++index_ < profile_.intervals.size()) {
-      *retransmission_ += std::chrono::milliseconds(profile_.intervals[index_]);
-    } else {
-      retransmission_.reset();
-    }
-  }
+void PublicationSchedule::passRetransmission(Instant now) {
+  if (++index_ >= profile_.intervals.size()) return retransmission_.reset();
+  const std::chrono::milliseconds interval(std::max<std::int64_t>(profile_.intervals[index_], 0));
+  *retransmission_ += interval;
+  if (*retransmission_ <= now) retransmission_ = now + interval;
 }
 
 void PublicationSchedule::passHeartbeats(Instant now) {

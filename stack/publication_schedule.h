@@ -15,10 +15,10 @@ namespace tarnlink {
 ///
 /// The retransmission chain and the heartbeat run side by side, both from the state change. Every
 /// deadline is reckoned from the deadline before it, so that lateness never adds up. After a stall
-/// each of the two sends one frame at once; its further deadlines that have passed are skipped
-/// without taking sequence numbers, and the next one is where it would have been without the stall.
-/// For that reason a retransmission with an interval of 0 or less falls together with the one
-/// before.
+/// each of the two sends one frame at once. Heartbeats that were missed are skipped without taking
+/// sequence numbers, and the next one is where it would have been without the stall. Of the
+/// retransmissions all are sent: where the next one's deadline has passed as well, it follows at
+/// its interval from now.
 class PublicationSchedule {
  public:
   using Clock = std::chrono::steady_clock;
@@ -54,7 +54,7 @@ class PublicationSchedule {
   std::optional<Transmission> takeDue(Instant now);
 
  private:
-  void passRetransmissions(Instant now);
+  void passRetransmission(Instant now);
   void passHeartbeats(Instant now);
 
   std::uint32_t currentStNum_ = 0;

@@ -1,10 +1,12 @@
 #include "stack/send_handle.h"
 
+#include <net/if.h>
 #include <pcap/pcap.h>
 
 #include <cerrno>
 #include <utility>
 
+#include "stack/bound_interface.h"
 #include "stack/ethernet_frame.h"
 #include "stack/interface_discovery.h"
 #include "stack/link_mtu.h"
@@ -33,6 +35,13 @@ class PcapSendHandle final : public SendHandle {
   SendOutcome inject(ByteView frame) override {
     const int result = pcap_inject(handle_.get(), frame.data(), frame.size());
     return result < 0 ? failure(errno, frame) : SendOutcome{};
+  }
+
+  // The socket is bound to an interface's index, which outlives the name; that of a removed
+  // interface is -1 (packet(7)).
+  bool isOn(const std::string& interface) const override {
+    return boundInterface(pcap_get_selectable_fd(handle_.get())) ==
+           static_cast<int>(if_nametoindex(interface.c_str()));
   }
 
   void setPriority(std::uint8_t priority) override {

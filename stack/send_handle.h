@@ -32,6 +32,10 @@ class SendHandle {
   virtual SendOutcome sendPacket(ByteView frame) = 0;
   virtual SendOutcome inject(ByteView frame) = 0;
 
+  /// Whether frames still leave on the interface that has this name now: not after it was renamed,
+  /// or removed and made anew.
+  virtual bool isOn(const std::string& interface) const = 0;
+
   /// 802.1p priority 0 to 7 of the frames to come: links stacked on the interface's network stack
   /// (a VLAN link with an egress map) write it into their tags.
   virtual void setPriority(std::uint8_t priority) = 0;

@@ -44,19 +44,11 @@ GooseResult<void> SvPublisher::send(ByteView pdu, const SvPublishConfig& config)
   if (const auto opened = pcapHandle_.ensureHandle(config.interface); !opened) {
     return opened.error();
   }
-  auto sent = sendFrame(pdu, config);
-  // The interface may have been made anew since the handle was opened.
-  if (!sent && !pcapHandle_.isOpen() && pcapHandle_.ensureHandle(config.interface)) {
-    sent = sendFrame(pdu, config);
-  }
-  if (sent) ++publishedCount_;
-  return sent;
-}
-
-GooseResult<void> SvPublisher::sendFrame(ByteView pdu, const SvPublishConfig& config) {
   const Bytes frame =
       buildSvFrame(config.dstMac, pcapHandle_.srcMac(), config.vlanId, config.vlanPriority, pdu);
-  return pcapHandle_.send(frame, config.vlanPriority);
+  const auto sent = pcapHandle_.send(frame, config.vlanPriority);
+  if (sent) ++publishedCount_;
+  return sent;
 }
 
 }  // namespace tarnlink

@@ -22,7 +22,7 @@ class SvPublisher final : public SvPublishing, public std::enable_shared_from_th
                        std::shared_ptr<SendHandleSource> handles = systemSendHandles());
 
   /// Fails with pcapOpenFailed, sendFailed or notRunning. After a failed send the handle stays
-  /// open, unless its interface has gone and has not come back.
+  /// open, unless its interface has gone.
   boost::asio::awaitable<GooseResult<void>> publishApdu(Bytes pdu, SvPublishConfig config) override;
   /// Closes the handle; the next call opens one again.
   boost::asio::awaitable<void> stop() override;
@@ -32,7 +32,6 @@ class SvPublisher final : public SvPublishing, public std::enable_shared_from_th
 
  private:
   GooseResult<void> send(ByteView pdu, const SvPublishConfig& config);
-  GooseResult<void> sendFrame(ByteView pdu, const SvPublishConfig& config);
 
   boost::asio::strand<boost::asio::any_io_executor> strand_;
   KeptSendHandle pcapHandle_;

@@ -52,9 +52,12 @@ TEST(PublicationSchedule, SendsAsItsProfileSays) {
       {RetransmissionProfile::single(), {}, ""},
       {{{5, 5}, -1}, {}, "R5 R10 "},
       {{{1000, 1000, 500}, 2000}, {}, "R1000 R2000 H2000 R2500 H4000 H6000 H8000 "},
-      {standard, {25, 70}, "R2 R6 R14 R70 R126 R1126 R2126 R3126 H4000 R4126 H8000 "},
-      {standard, {1200, 9000}, "R2 R6 R14 R30 R62 R126 R1126 R9000 H9000 "},
+      // Of the burst every frame leaves, late and at its intervals.
+      {standard, {25, 50}, "R2 R6 R14 R50 R62 R126 R1126 R2126 R3126 H4000 R4126 H8000 "},
+      {standard, {25, 70}, "R2 R6 R14 R70 R102 R166 R1166 R2166 R3166 H4000 R4166 H8000 "},
+      {{{5, 0, -3, 5}, 0}, {}, "R5 R5 R5 R10 "},
       {{{}, 2000}, {1500, 6000}, "H6000 H8000 "},  // Ends at a deadline: no second one at once.
+      {{{}, 2000}, {1500, 7500}, "H7500 H8000 "},
   };
   for (const auto& [profile, stall, course] : cases) {
     SCOPED_TRACE(course);

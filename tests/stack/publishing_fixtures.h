@@ -73,6 +73,7 @@ class FakeWire final : public SendHandleSource, public std::enable_shared_from_t
       }
       return outcome;
     }
+    bool isOn(const std::string& interface) const override { return interface == interface_; }
     void setPriority(std::uint8_t priority) override { priority_ = priority; }
 
    private:

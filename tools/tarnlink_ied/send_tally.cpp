@@ -17,6 +17,7 @@ class CountedSendHandle final : public SendHandle {
     return outcome;
   }
   SendOutcome inject(ByteView frame) override { return sendPacket(frame); }
+  bool isOn(const std::string& interface) const override { return handle_->isOn(interface); }
   void setPriority(std::uint8_t priority) override { handle_->setPriority(priority); }
 
  private:
