@@ -317,7 +317,8 @@ TEST_F(WebSocketConformance, Limits) {
 // The peer sees to its own sending first, and the server's road to it is full.
 TEST_F(WebSocketConformance, APeerThatReadsOnlyAfterItsLongMessageLearnsWhy) {
   auto client = RawClient::upgraded(server.port, 4096);
-  for (int i = 0; i < 100; ++i) server.peer(1).connection->send(frameOf(256 << 10));
+  std::vector<SharedTextFrame> events(100, frameOf(256 << 10));
+  server.peer(1).connection->sendBurst(events);
   client.send(text(std::string(12'000'000, 'a')));
   int texts = 0;
   Frame frame;
