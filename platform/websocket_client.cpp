@@ -139,11 +139,7 @@ class WebSocketClient::Impl {
 
   error_code translated(error_code error) {
     if (error != websocket::error::closed && error != asio::error::eof) return error;
-    if (error == websocket::error::closed) {
-      closeCode_ = websocket_.reason().code;
-      // RFC 6455, 7.1.5: a close frame may come without a code.
-      if (closeCode_ == websocket::close_code::none) closeCode_ = websocket::close_code::no_status;
-    }
+    if (error == websocket::error::closed) closeCode_ = websocket_.reason().code;
     return WebSocketClientError::closed;
   }
 

@@ -52,7 +52,7 @@ class WebSocketClient {
   boost::system::result<void> close(std::uint16_t code = 1000,
                                     Milliseconds timeout = Milliseconds(1'000));
 
-  /// The code of the peer's close frame: 1005 when the frame had none, 0 while there was no frame.
+  /// The code of the peer's close frame: 0 when it had none, or while there was no frame.
   std::uint16_t closeCode() const;
 
   WebSocketClient(WebSocketClient&&) noexcept;

@@ -198,6 +198,11 @@ TEST_F(ToolsTest, SimulatedIedChangesOnDemandAndHearsTheBridge) {
   ASSERT_EQ(::kill(ied->pid(), SIGTERM), 0);
   EXPECT_EQ(ied->wait(), 0);
   EXPECT_THAT(ied->output(), ::testing::ContainsRegex("Sent [0-9]+ frames\n"));
+  const auto lost = startIed({"--interval", "20"});
+  ASSERT_TRUE(lost->waitForOutput("New state"));
+  NetworkNamespace::removeLink(kIed);
+  EXPECT_EQ(lost->wait(), 1);
+  EXPECT_THAT(lost->output(), HasSubstr("the interface ied0 has gone"));
 }
 
 TEST_F(ToolsTest, SampledValuesAtFullRateReachASubscriberWithoutLoss) {

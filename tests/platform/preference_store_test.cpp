@@ -122,6 +122,12 @@ TEST_F(PreferenceFile, ATextThatCannotBeStoredLivesInThisProcess) {
       {"a file in the directory's place", [&] { std::ofstream(file_.parent_path()); }, "1"},
       {"a directory in the lock's place", [&] { fs::create_directories(file_.string() + ".lock"); },
        "2"},
+      {"a FIFO in the file's place",
+       [&] {
+         fs::create_directories(file_.parent_path());
+         ASSERT_EQ(::mkfifo(file_.c_str(), 0600), 0);
+       },
+       "0"},
       {"a directory in the file's place", [&] { fs::create_directories(file_); }, "3"},
       {"a lock that is never given back",
        [&] {
