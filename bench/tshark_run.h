@@ -5,7 +5,7 @@
 #include <string>
 
 #include "bench/wire_traffic.h"
-#include "platform/background_process.h"
+#include "bench/background_process.h"
 
 namespace tarnlink::bench {
 

@@ -7,6 +7,8 @@ namespace tarnlink {
 
 /// True when the process may open raw link-layer sockets (CAP_NET_RAW is effective).
 bool hasCaptureCapability();
+/// The same for another process; false for one that is gone.
+bool hasCaptureCapability(int process);
 
 /// True when the process, and the tools that it starts, may set up links (CAP_NET_ADMIN is
 /// effective).

@@ -35,6 +35,11 @@ boost::system::result<void> boundToLinkCapabilities() {
 
 }  // namespace
 
+bool hasCaptureCapability(int process) {
+  const CapabilitySet its(::cap_get_pid(process));
+  return holds(its, CAP_NET_RAW, CAP_EFFECTIVE);
+}
+
 bool hasCaptureCapability() {
   const CapabilitySet current(::cap_get_proc());
   return holds(current, CAP_NET_RAW, CAP_EFFECTIVE);

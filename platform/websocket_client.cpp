@@ -115,6 +115,7 @@ class WebSocketClient::Impl {
   }
 
   std::uint16_t closeCode() const { return closeCode_; }
+  int descriptor() { return socket().native_handle(); }
 
  private:
   tcp::socket& socket() { return websocket_.next_layer(); }
@@ -180,6 +181,10 @@ boost::system::result<void> WebSocketClient::close(std::uint16_t code, Milliseco
 
 std::uint16_t WebSocketClient::closeCode() const {
   return impl_->closeCode();
+}
+
+int WebSocketClient::descriptor() const {
+  return impl_->descriptor();
 }
 
 }  // namespace tarnlink

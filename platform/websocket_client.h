@@ -55,6 +55,10 @@ class WebSocketClient {
   /// The code of the peer's close frame: 0 when it had none, or while there was no frame.
   std::uint16_t closeCode() const;
 
+  /// The socket, for an event loop that waits for what receive() will take. Once it is readable,
+  /// receive() must be called until it times out.
+  int descriptor() const;
+
   WebSocketClient(WebSocketClient&&) noexcept;
   WebSocketClient& operator=(WebSocketClient&&) noexcept;
   ~WebSocketClient();

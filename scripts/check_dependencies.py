@@ -33,6 +33,7 @@ BEAST_UNITS = {
 NETWORK = re.compile(r"boost/asio|boost/beast|pcap")
 BEAST = re.compile(r"boost/beast(\.hpp|/websocket|/http)")  # The rest of it is cheap.
 QT = re.compile(r"Qt|Q[A-Z]")
+QT_FOLDERS = ("app/desktop/", "tests/desktop/")
 INCLUDE = re.compile(r'\s*#\s*include\s*([<"])([^>"]+)[>"]')
 
 
@@ -90,7 +91,7 @@ def check_folders(tree):
                 yield f"{file}:{number}: \"{name}\" is no header of this tree, from its root"
             elif is_quoted and allowed and folder_of(name) not in allowed:
                 yield f"{file}:{number}: {folder_of(file)}/ must not include {folder_of(name)}/"
-            elif QT.match(name) and not is_quoted and not file.startswith("app/desktop/"):
+            elif QT.match(name) and not is_quoted and not file.startswith(QT_FOLDERS):
                 yield f"{file}:{number}: Qt belongs to app/desktop/"
 
 

@@ -24,7 +24,7 @@ AdminResult BackgroundAccess::install() {
   loop.exec();
   if (!isDone) {
     inner_.cancel();
-    result = AdminError{kAdminCancelled, "Benutzer hat abgebrochen"};
+    result = AdminError{kAdminCancelled, {}};
   }
   worker.join();
   return result;

@@ -15,6 +15,7 @@ class BackgroundAccess final : public CaptureAccess {
   bool isGranted() override { return inner_.isGranted(); }
   AdminResult install() override;
   void cancel() override { inner_.cancel(); }
+  std::optional<CapabilityGrant> grant() const override { return inner_.grant(); }
 
  private:
   CaptureAccess& inner_;

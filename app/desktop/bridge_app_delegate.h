@@ -16,6 +16,9 @@ class BridgeAppDelegate {
   /// the icon and the bridge come up. Runs its own event loops while alerts are open.
   void applicationDidFinishLaunching();
 
+  /// The program was started again: shows its window, unless an alert is what it shows yet.
+  void applicationShouldHandleReopen();
+
   /// Ends the bridge in order, within a few seconds.
   void applicationWillTerminate();
 

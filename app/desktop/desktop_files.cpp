@@ -1,6 +1,9 @@
 #include "app/desktop/desktop_files.h"
 
+#include <unistd.h>
+
 #include <QStandardPaths>
+#include <cerrno>
 #include <cstdlib>
 #include <string>
 
@@ -18,6 +21,15 @@ CapabilityAccessFiles findBridgeFiles(const fs::path& ownFolder) {
   const auto pkexec = QStandardPaths::findExecutable(QStringLiteral("pkexec"));
   if (!pkexec.isEmpty()) files.pkexec = pkexec.toStdString();
   return files;
+}
+
+fs::path bridgeForThisUser(const CapabilityAccessFiles& files, const fs::path& ownFolder,
+                           const LogSink& log) {
+  if (::access(files.bridge.c_str(), X_OK) == 0 || errno != EACCES) return files.bridge;
+  const auto plain = ownFolder / "tarnlinkd";
+  log("[KorvelTarnlink] " + files.bridge.string() + " is for root, the group tarnlink and users " +
+      "who were given capture access: " + plain.string() + " serves without, until you ask for it");
+  return plain;
 }
 
 fs::path usablePreferenceFile(const LogSink& log) {

@@ -1,24 +1,28 @@
 // tarnlink: the bridge with an icon in the status bar.
-#include <CLI/CLI.hpp>
 #include <QApplication>
 #include <QCoreApplication>
+#include <QLocale>
 #include <QTimer>
 #include <csignal>
+#include <filesystem>
 #include <string>
+#include <variant>
 
 #include "app/desktop/antenna_icon.h"
 #include "app/desktop/background_access.h"
 #include "app/desktop/bridge_app_delegate.h"
+#include "app/desktop/bridge_supervisor.h"
 #include "app/desktop/desktop_files.h"
+#include "app/desktop/desktop_options.h"
 #include "app/desktop/message_alerts.h"
+#include "app/desktop/single_instance.h"
 #include "app/desktop/termination.h"
-#include "app/host/bridge_supervisor.h"
 #include "platform/console_log.h"
 #include "platform/interface_names.h"
-#include "server/bridge_event_encoder.h"
 #include "stack/interface_discovery.h"
 
 namespace tarnlink {
+namespace fs = std::filesystem;
 namespace {
 
 class SystemNames final : public InterfaceNameSource {
@@ -31,18 +35,38 @@ std::vector<NetworkInterfaceInfo> listInterfaces() {
   return InterfaceDiscovery::listEthernetInterfaces(&names);
 }
 
+// A session without a language, such as "C", gets the texts as they were written first.
+Language sessionLanguage() {
+  const auto name = QLocale::system().uiLanguages().value(0);
+  const bool isNone = QLocale::system().name() == QLatin1String("C");
+  return isNone || name.startsWith(QLatin1String("de")) ? Language::german : Language::english;
+}
+
 /// Runs the application to its end; its exit code.
-int runDesktop(const QApplication& application) {
-  const auto files = findBridgeFiles(QCoreApplication::applicationDirPath().toStdString());
+int runDesktop(const QApplication& application, const DesktopOptions& options) {
+  const fs::path ownFolder = QCoreApplication::applicationDirPath().toStdString();
+  const auto files = findBridgeFiles(ownFolder);
   const auto preferenceFile = usablePreferenceFile(logToConsole);
   const auto preferences = makePreferenceStore(preferenceFile, logToConsole);
-  BridgeSupervisor bridge({files.bridge, preferenceFile}, *preferences, logToConsole);
-  // Only a bridge that is started after the installation gets the capability.
-  BpfCapabilityAccess access(makeProcessRunner(), files, [&bridge] { bridge.restart(); });
+  const auto& texts = userTexts(options.language.value_or(sessionLanguage()));
+  SupervisorOptions supervision;
+  supervision.findProgram = [&] { return bridgeForThisUser(files, ownFolder, logToConsole); };
+  supervision.preferences = preferenceFile;
+  supervision.arguments = options.bridgeArguments;
+  const auto& addresses = options.bridge.access.addresses;
+  if (!addresses.empty()) supervision.host = addresses.front().to_string();
+  supervision.port = options.bridge.port;
+  BridgeSupervisor bridge(supervision, *preferences, logToConsole);
+  BpfCapabilityAccess access(makeProcessRunner(), files);
   BackgroundAccess installing(access);
   MessageAlerts alerts;
-  BpfPermissionHelper permission(installing, alerts);
-  BridgeAppDelegate delegate({bridge, permission, listInterfaces, logToConsole});
+  BpfPermissionHelper permission(installing, alerts, texts);
+  BridgeAppDelegate delegate(
+      {bridge, *preferences, permission, texts, options.bridge.port, listInterfaces, logToConsole});
+  if (!becomeOnlyInstance([&delegate] { delegate.applicationShouldHandleReopen(); })) {
+    logToConsole("[KorvelTarnlink] Runs already in this session: that one shows its window");
+    return 0;
+  }
   QObject::connect(&application, &QCoreApplication::aboutToQuit, &application,
                    [&delegate] { delegate.applicationWillTerminate(); });
   QTimer::singleShot(0, &application, [&delegate] { delegate.applicationDidFinishLaunching(); });
@@ -54,12 +78,8 @@ int runDesktop(const QApplication& application) {
 
 int main(int argc, char** argv) {
   using namespace tarnlink;
-  CLI::App options("tarnlink - the Tarnlink bridge with an icon in the status bar");
-  options.footer("Options of the user interface library, such as -platform, are taken too.");
-  options.set_version_flag("--version",
-                           "tarnlink " + std::string(BridgeEventEncoder::appVersion()));
-  options.allow_extras();
-  CLI11_PARSE(options, argc, argv);
+  const auto options = parseDesktopOptions(argc, argv);
+  if (const auto* exit = std::get_if<ExitCode>(&options)) return exit->value;
 
   std::signal(SIGPIPE, SIG_IGN);
   expectDisplay();
@@ -69,8 +89,8 @@ int main(int argc, char** argv) {
   QApplication::setApplicationDisplayName(QStringLiteral("Korvel 61850 Tarnlink"));
   QApplication::setDesktopFileName(QStringLiteral("com.korvel.tarnlink"));
   QApplication::setWindowIcon(antennaIcon(true));
-  // The status bar is all there is: closing an alert closes the last window.
+  // Closing an alert, or the window, never ends the program.
   QApplication::setQuitOnLastWindowClosed(false);
   quitOnSignals();
-  return runDesktop(application);
+  return runDesktop(application, std::get<DesktopOptions>(options));
 }

@@ -6,19 +6,26 @@
 #include <string>
 #include <vector>
 
+#include "app/host/user_texts.h"
 #include "stack/network_interface_info.h"
 
 namespace tarnlink {
 
+enum class BridgePhase {
+  stopped,
+  running,     ///< The bridge has let its owner in.
+  restarting,  ///< It has served, and will again.
+};
+
 /// Everything that the menu tells.
 struct MenuState {
   std::string appVersion;
-  bool isRunning = false;
+  BridgePhase phase = BridgePhase::stopped;
   std::uint16_t port = 0;
   std::string pairingCode;
   std::vector<NetworkInterfaceInfo> interfaces;  ///< In the order of the menu.
   std::string activeInterface;                   ///< Empty: none.
-  bool canCapture = false;
+  bool canCapture = false;  ///< What the running bridge can, else what one could that is started.
 };
 
 enum class MenuAction { none, copyPairingCode, selectInterface, installBpfAccess, quit };
@@ -36,6 +43,6 @@ struct MenuItem {
 
 using MenuModel = std::vector<MenuItem>;
 
-MenuModel buildMenu(const MenuState& state);
+MenuModel buildMenu(const MenuState& state, const UserTexts& texts);
 
 }  // namespace tarnlink

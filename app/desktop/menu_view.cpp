@@ -12,8 +12,9 @@ namespace {
 const QKeySequence kQuitKeys(Qt::CTRL | Qt::Key_Q);
 
 // As it stands: Qt would take an ampersand for a mnemonic and a tab for the start of a shortcut.
-QString titleOf(const MenuItem& item) {
+QString titleOf(const MenuItem& item, bool isForBus) {
   QString title = QString::fromStdString(item.title);
+  if (isForBus) title.replace(QLatin1Char('_'), QLatin1String("__"));
   title.replace(QLatin1Char('&'), QLatin1String("&&"));
   title.replace(QLatin1Char('\t'), QLatin1Char(' '));
   return title;
@@ -22,8 +23,10 @@ QString titleOf(const MenuItem& item) {
 }  // namespace
 
 MenuView::MenuView(Chosen chosen) : chosen_(std::move(chosen)) {
-  connect(&menu_, &QMenu::aboutToShow, this, [this] { setOpen(true); });
-  connect(&menu_, &QMenu::aboutToHide, this, [this] { setOpen(false); });
+  for (const auto* menu : {&menu_, &menuForBus_}) {
+    connect(menu, &QMenu::aboutToShow, this, [this] { setOpen(true); });
+    connect(menu, &QMenu::aboutToHide, this, [this] { setOpen(false); });
+  }
   menu_.installEventFilter(this);
 }
 
@@ -57,16 +60,18 @@ void MenuView::draw() {
   const MenuModel model = *std::exchange(pending_, std::nullopt);
   if (model == shown_) return;
   shown_ = model;
-  menu_.clear();
-  for (const auto& item : shown_) addItem(item);
+  for (auto* menu : {&menu_, &menuForBus_}) {
+    menu->clear();
+    for (const auto& item : shown_) addItem(*menu, item);
+  }
 }
 
-void MenuView::addItem(const MenuItem& item) {
+void MenuView::addItem(QMenu& menu, const MenuItem& item) {
   if (item.isSeparator) {
-    menu_.addSeparator();
+    menu.addSeparator();
     return;
   }
-  auto* action = menu_.addAction(titleOf(item));
+  auto* action = menu.addAction(titleOf(item, &menu == &menuForBus_));
   action->setEnabled(item.action != MenuAction::none);
   if (item.action == MenuAction::quit) action->setShortcut(kQuitKeys);
   action->setCheckable(item.isChecked);

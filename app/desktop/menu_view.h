@@ -1,4 +1,4 @@
-// Draws a MenuModel as a Qt menu.
+// Draws a MenuModel as Qt menus.
 #pragma once
 
 #include <QElapsedTimer>
@@ -12,7 +12,7 @@
 
 namespace tarnlink {
 
-/// The thread that draws. One menu for the life of the view: status bars keep hold of it.
+/// The thread that draws. The same menus for the life of the view: status bars keep hold of them.
 class MenuView final : public QObject {
  public:
   using Chosen = std::function<void(const MenuItem&)>;
@@ -24,7 +24,11 @@ class MenuView final : public QObject {
   /// `chosen` is called from the event loop, never from within a menu event.
   explicit MenuView(Chosen chosen);
 
+  /// For this program's own windows, and for trays that show them.
   QMenu* menu() { return &menu_; }
+  /// For status bars that draw the menu themselves: those on D-Bus take an underscore for a
+  /// mnemonic, so that it stands doubled here.
+  QMenu* menuForBus() { return &menuForBus_; }
 
   /// Draws the model if it differs from what is shown; while the menu is open, once it has closed.
   void show(MenuModel model);
@@ -37,11 +41,12 @@ class MenuView final : public QObject {
   bool isOpen() const;
   void setOpen(bool isOpen);
   void draw();
-  void addItem(const MenuItem& item);
+  void addItem(QMenu& menu, const MenuItem& item);
   void choose(const MenuItem& item);
 
   Chosen chosen_;
   QMenu menu_;
+  QMenu menuForBus_;
   MenuModel shown_;
   std::optional<MenuModel> pending_;
   QElapsedTimer openSince_;

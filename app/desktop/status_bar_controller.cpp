@@ -7,12 +7,22 @@
 
 #include "app/desktop/antenna_icon.h"
 #include "server/bridge_event_encoder.h"
-#include "server/bridge_server.h"
+#include "server/pairing_code.h"
 
 namespace tarnlink {
 namespace {
 
-constexpr int kRefreshPeriod = 5'000;  // Milliseconds.
+constexpr int kRefreshPeriod = 5'000;   // Milliseconds.
+constexpr int kStatusBarTime = 10'000;  // Milliseconds; then the window takes the icon's place.
+constexpr int kToolTipLength = 200;     // Characters of a reason.
+
+// Status bars may take a tool tip for markup.
+QString toolTipFor(const std::string& failure) {
+  auto text = QApplication::applicationDisplayName();
+  if (failure.empty()) return text;
+  auto reason = QString::fromStdString(failure).left(kToolTipLength);
+  return text + QLatin1Char('\n') + reason.remove(QLatin1Char('<')).remove(QLatin1Char('&'));
+}
 
 }  // namespace
 
@@ -20,12 +30,17 @@ StatusBarController::StatusBarController(StatusBarPorts ports)
     : ports_(std::move(ports)),
       interfaces_(ports_.listInterfaces()),
       menu_([this](const MenuItem& item) { choose(item); }),
-      icon_(menu_.menu(), ports_.log) {
+      icon_(menu_, ports_.log),
+      window_([this](const MenuItem& item) { choose(item); }, [this] { return !icon_.isShown(); }) {
   updateIcon();
   buildMenu();
   icon_.lookForStatusBar();
   connect(&timer_, &QTimer::timeout, this, [this] { refresh(); });
   timer_.start(kRefreshPeriod);
+  QTimer::singleShot(kStatusBarTime, this, [this] {
+    icon_.lookForStatusBar();
+    if (!icon_.isShown()) showWindow();
+  });
 }
 
 StatusBarController::~StatusBarController() {
@@ -33,37 +48,47 @@ StatusBarController::~StatusBarController() {
 }
 
 void StatusBarController::start() {
-  ports_.bridge.start(kDefaultBridgePort, [this](const BridgeState& state) {
-    QMetaObject::invokeMethod(
-        this, [this, state] { bridgeChanged(state); }, Qt::QueuedConnection);
-  });
+  wasGranted_ = ports_.permission.canReadBpf();
+  ports_.bridge.start([this](const BridgeState&) { bridgeChanged(); });
 }
 
-void StatusBarController::bridgeChanged(const BridgeState& state) {
-  isRunning_ = state.isRunning;
-  if (isRunning_) {
-    ports_.log("[KorvelTarnlink] Listening on port " + std::to_string(kDefaultBridgePort));
-  } else if (!state.failure.empty()) {
-    ports_.log("[KorvelTarnlink] Start failed: " + state.failure);
-  }
+void StatusBarController::showWindow() {
+  window_.present();
+}
+
+void StatusBarController::bridgeChanged() {
   updateIcon();
   buildMenu();
 }
 
 void StatusBarController::updateIcon() {
-  icon_.setImage(antennaIcon(isRunning_));
+  const auto& state = ports_.bridge.state();
+  icon_.setImage(antennaIcon(state.phase == BridgePhase::running));
+  icon_.setToolTip(toolTipFor(state.failure));
 }
 
 void StatusBarController::buildMenu() {
-  menu_.show(
-      tarnlink::buildMenu({std::string(BridgeEventEncoder::appVersion()), isRunning_,
-                           kDefaultBridgePort, ports_.bridge.pairingCode(), interfaces_,
-                           ports_.bridge.activeInterface(), ports_.permission.canReadBpf()}));
+  const auto& state = ports_.bridge.state();
+  const bool isRunning = state.phase == BridgePhase::running;
+  const auto model =
+      tarnlink::buildMenu({std::string(BridgeEventEncoder::appVersion()), state.phase, ports_.port,
+                           pairingCode(ports_.preferences), interfaces_, state.activeInterface,
+                           isRunning ? state.canCapture : ports_.permission.canReadBpf()},
+                          ports_.texts);
+  menu_.show(model);
+  window_.show(model, state.failure);
+}
+
+// A bridge keeps what it got at its start, however access was given or taken since.
+void StatusBarController::followAccess() {
+  const bool isGranted = ports_.permission.canReadBpf();
+  if (std::exchange(wasGranted_, isGranted) != isGranted) ports_.bridge.restart();
 }
 
 // Listing waits for the names that users know interfaces by, so not on the thread that draws.
 void StatusBarController::refresh() {
   icon_.lookForStatusBar();
+  followAccess();
   if (std::exchange(isListing_, true)) return;
   listing_.start([this] {
     auto listed = ports_.listInterfaces();
@@ -96,7 +121,7 @@ void StatusBarController::choose(const MenuItem& item) {
 void StatusBarController::copyPairingCode() {
   auto* clipboard = QApplication::clipboard();
   clipboard->clear();
-  clipboard->setText(QString::fromStdString(ports_.bridge.pairingCode()));
+  clipboard->setText(QString::fromStdString(pairingCode(ports_.preferences)));
 }
 
 void StatusBarController::installBpfAccess() {
@@ -104,14 +129,12 @@ void StatusBarController::installBpfAccess() {
   if (std::exchange(isInstalling_, true)) return;
   ports_.permission.ensureAccess();
   isInstalling_ = false;
+  followAccess();
   buildMenu();
 }
 
 void StatusBarController::selectInterface(const std::string& name) {
-  ports_.bridge.setActiveInterface(name, [this] {
-    QMetaObject::invokeMethod(
-        this, [this] { buildMenu(); }, Qt::QueuedConnection);
-  });
+  ports_.bridge.setActiveInterface(name);
 }
 
 }  // namespace tarnlink

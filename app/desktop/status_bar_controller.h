@@ -1,4 +1,4 @@
-// The program's only user interface: an icon in the status bar with a menu.
+// The program's user interface: an icon in the status bar with a menu, or a window in its place.
 #pragma once
 
 #include <QObject>
@@ -8,10 +8,13 @@
 #include <functional>
 #include <vector>
 
+#include "app/desktop/bridge_supervisor.h"
 #include "app/desktop/menu_view.h"
 #include "app/desktop/status_icon.h"
+#include "app/desktop/status_window.h"
 #include "app/host/bpf_permission_helper.h"
-#include "app/host/bridge.h"
+#include "app/host/user_texts.h"
+#include "platform/preference_store.h"
 #include "stack/log_sink.h"
 #include "stack/network_interface_info.h"
 
@@ -19,14 +22,17 @@ namespace tarnlink {
 
 /// What the controller needs; all of it outlives the controller.
 struct StatusBarPorts {
-  Bridge& bridge;
+  BridgeSupervisor& bridge;
+  PreferenceStore& preferences;
   BpfPermissionHelper& permission;
+  const UserTexts& texts;
+  std::uint16_t port;
   /// Safe from any thread; may block for a while.
   std::function<std::vector<NetworkInterfaceInfo>()> listInterfaces;
   LogSink log;
 };
 
-/// The thread that draws. Knows neither where the bridge runs nor how capture access is given.
+/// The thread that draws. Does not know how capture access is given.
 class StatusBarController final : public QObject {
  public:
   /// Shows the icon, struck through, and the first menu.
@@ -36,23 +42,28 @@ class StatusBarController final : public QObject {
   /// Starts the bridge and returns; icon and menu follow what becomes of it.
   void start();
 
+  /// Opens the window, or brings it before the others.
+  void showWindow();
+
  private:
-  void bridgeChanged(const BridgeState& state);
+  void bridgeChanged();
   void updateIcon();
   void buildMenu();
   void refresh();
+  void followAccess();
   void choose(const MenuItem& item);
   void copyPairingCode();
   void installBpfAccess();
   void selectInterface(const std::string& name);
 
   StatusBarPorts ports_;
-  bool isRunning_ = false;
+  bool wasGranted_ = false;  ///< Capture access, when the bridge was last started for it.
   bool isInstalling_ = false;
   bool isListing_ = false;
   std::vector<NetworkInterfaceInfo> interfaces_;
   MenuView menu_;
   StatusIcon icon_;
+  StatusWindow window_;
   QTimer timer_;
   QThreadPool listing_;
 };

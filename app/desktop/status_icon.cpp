@@ -3,6 +3,8 @@
 #include <QCursor>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QDBusReply>
 #include <QGuiApplication>
 #include <cstdlib>
 #include <string>
@@ -13,10 +15,19 @@
 namespace tarnlink {
 namespace {
 
+constexpr int kAnswerTime = 1'000;  // Milliseconds.
+
+// The watcher may be there before a host that shows icons: KDE's is.
 bool hasStatusNotifierHost() {
+  const auto watcher = QStringLiteral("org.kde.StatusNotifierWatcher");
   const auto bus = QDBusConnection::sessionBus();
-  return bus.isConnected() &&
-         bus.interface()->isServiceRegistered(QStringLiteral("org.kde.StatusNotifierWatcher"));
+  if (!bus.isConnected() || !bus.interface()->isServiceRegistered(watcher)) return false;
+  auto question = QDBusMessage::createMethodCall(watcher, QStringLiteral("/StatusNotifierWatcher"),
+                                                 QStringLiteral("org.freedesktop.DBus.Properties"),
+                                                 QStringLiteral("Get"));
+  question << watcher << QStringLiteral("IsStatusNotifierHostRegistered");
+  const QDBusReply<QVariant> answer = bus.call(question, QDBus::Block, kAnswerTime);
+  return answer.isValid() && answer.value().toBool();
 }
 
 // System tray protocol: the tray of screen n owns the selection _NET_SYSTEM_TRAY_Sn.
@@ -45,7 +56,7 @@ bool hasXEmbedTray() {
 
 }  // namespace
 
-StatusIcon::StatusIcon(QMenu* menu, LogSink log) : menu_(menu), log_(std::move(log)) {
+StatusIcon::StatusIcon(MenuView& menu, LogSink log) : menu_(menu), log_(std::move(log)) {
   if (!QDBusConnection::sessionBus().isConnected()) {
     log_("[KorvelTarnlink] No session bus: the icon needs a status bar of the older kind (XEmbed)");
   }
@@ -56,20 +67,26 @@ void StatusIcon::setImage(const QIcon& image) {
   if (item_) item_->setIcon(image_);
 }
 
+void StatusIcon::setToolTip(const QString& text) {
+  toolTip_ = text;
+  if (item_) item_->setToolTip(toolTip_);
+}
+
 void StatusIcon::lookForStatusBar() {
   if (item_) return;
-  if (!hasStatusNotifierHost() && !hasXEmbedTray()) {
+  const bool isOnBus = hasStatusNotifierHost();
+  if (!isOnBus && !hasXEmbedTray()) {
     if (!std::exchange(hasComplained_, true)) {
       log_("[KorvelTarnlink] No status bar yet: the bridge serves without an icon");
     }
     return;
   }
   item_ = std::make_unique<QSystemTrayIcon>(image_);
-  item_->setToolTip(QStringLiteral("Korvel 61850 Tarnlink"));
-  item_->setContextMenu(menu_);
+  item_->setToolTip(toolTip_);
+  item_->setContextMenu(isOnBus ? menu_.menuForBus() : menu_.menu());
   // The menu is all there is, so every button opens it.
-  QObject::connect(item_.get(), &QSystemTrayIcon::activated, menu_,
-                   [menu = menu_](QSystemTrayIcon::ActivationReason reason) {
+  QObject::connect(item_.get(), &QSystemTrayIcon::activated, menu_.menu(),
+                   [menu = menu_.menu()](QSystemTrayIcon::ActivationReason reason) {
                      if (reason == QSystemTrayIcon::Trigger) menu->popup(QCursor::pos());
                    });
   item_->show();

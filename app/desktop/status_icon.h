@@ -2,10 +2,11 @@
 #pragma once
 
 #include <QIcon>
-#include <QMenu>
+#include <QString>
 #include <QSystemTrayIcon>
 #include <memory>
 
+#include "app/desktop/menu_view.h"
 #include "stack/log_sink.h"
 
 namespace tarnlink {
@@ -15,18 +16,23 @@ namespace tarnlink {
 /// or XEmbed windows; so none is made before one of the two has a host.
 class StatusIcon {
  public:
-  /// The menu outlives the icon.
-  StatusIcon(QMenu* menu, LogSink log);
+  /// The view outlives the icon.
+  StatusIcon(MenuView& menu, LogSink log);
 
   void setImage(const QIcon& image);
+  void setToolTip(const QString& text);
 
   /// Makes the icon when there is a status bar for it. Call from time to time.
   void lookForStatusBar();
 
+  /// There has been a status bar.
+  bool isShown() const { return item_ != nullptr; }
+
  private:
-  QMenu* menu_;
+  MenuView& menu_;
   LogSink log_;
   QIcon image_;
+  QString toolTip_;
   std::unique_ptr<QSystemTrayIcon> item_;
   bool hasComplained_ = false;
 };

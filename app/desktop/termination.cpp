@@ -1,13 +1,14 @@
 #include "app/desktop/termination.h"
 
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <QApplication>
 #include <QSocketNotifier>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 
-#include "platform/background_process.h"
 #include "platform/console_log.h"
 
 namespace tarnlink {
@@ -16,11 +17,13 @@ namespace {
 // For the last line to be written. Milliseconds.
 constexpr std::chrono::milliseconds kLogTime{500};
 
-WakeSignal* signalled = nullptr;  // Set before the handlers.
-bool askedToEnd = false;          // On the thread of the application alone.
+int signalled = -1;       // Readable once a signal has come. Set before the handlers.
+bool askedToEnd = false;  // On the thread of the application alone.
 
 extern "C" void wakeOnSignal(int) {
-  signalled->wake();
+  const std::uint64_t one = 1;
+  const ssize_t written = ::write(signalled, &one, sizeof one);
+  static_cast<void>(written);
 }
 
 void endWithoutDisplay(QtMsgType type, const QMessageLogContext&, const QString&) {
@@ -34,11 +37,12 @@ void endWithoutDisplay(QtMsgType type, const QMessageLogContext&, const QString&
 }  // namespace
 
 void quitOnSignals() {
-  static WakeSignal wake;
-  signalled = &wake;
-  auto* notifier = new QSocketNotifier(wake.descriptor(), QSocketNotifier::Read, qApp);
+  signalled = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  auto* notifier = new QSocketNotifier(signalled, QSocketNotifier::Read, qApp);
   QObject::connect(notifier, &QSocketNotifier::activated, qApp, [] {
-    wake.clear();
+    std::uint64_t seen = 0;
+    const ssize_t count = ::read(signalled, &seen, sizeof seen);
+    static_cast<void>(count);
     askedToEnd = true;
     QApplication::quit();
   });

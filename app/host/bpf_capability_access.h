@@ -2,8 +2,9 @@
 #pragma once
 
 #include <filesystem>
-#include <functional>
 #include <memory>
+#include <optional>
+#include <utility>
 
 #include "app/host/capture_access.h"
 
@@ -11,8 +12,8 @@ namespace tarnlink {
 
 /// The files that take part.
 struct CapabilityAccessFiles {
-  std::filesystem::path bridge;  ///< The program that captures.
-  std::filesystem::path helper;  ///< Gives `bridge` its capability; takes no arguments.
+  std::filesystem::path bridge;                      ///< The program that captures.
+  std::filesystem::path helper;                      ///< Gives `bridge` its capability.
   std::filesystem::path pkexec = "/usr/bin/pkexec";  ///< polkit's prompt.
 };
 
@@ -20,10 +21,8 @@ struct CapabilityAccessFiles {
 /// have one, since plug-in paths and D-Bus break, or are a hole, in secure execution.
 class BpfCapabilityAccess final : public CaptureAccess {
  public:
-  /// `granted` is called after each successful install(), on its thread: a bridge that runs already
-  /// does not get the capability.
-  BpfCapabilityAccess(std::unique_ptr<ProcessRunner> runner, CapabilityAccessFiles files,
-                      std::function<void()> granted = {});
+  BpfCapabilityAccess(std::unique_ptr<ProcessRunner> runner, CapabilityAccessFiles files)
+      : runner_(std::move(runner)), files_(std::move(files)) {}
 
   /// True when the bridge, started by this process, would hold CAP_NET_RAW: the process passes its
   /// own on, or the file has it, the user may execute the file, and nothing keeps the kernel from
@@ -34,11 +33,11 @@ class BpfCapabilityAccess final : public CaptureAccess {
   AdminResult install() override;
 
   void cancel() override;
+  std::optional<CapabilityGrant> grant() const override;
 
  private:
   std::unique_ptr<ProcessRunner> runner_;
   CapabilityAccessFiles files_;
-  std::function<void()> granted_;
 };
 
 }  // namespace tarnlink

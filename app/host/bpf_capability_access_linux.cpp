@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <memory>
-#include <utility>
 
 #include "app/host/bpf_capability_access.h"
 #include "platform/process_capabilities.h"
@@ -38,10 +37,6 @@ bool isHonoured(const char* file) {
 
 }  // namespace
 
-BpfCapabilityAccess::BpfCapabilityAccess(std::unique_ptr<ProcessRunner> runner,
-                                         CapabilityAccessFiles files, std::function<void()> granted)
-    : runner_(std::move(runner)), files_(std::move(files)), granted_(std::move(granted)) {}
-
 bool BpfCapabilityAccess::isGranted() {
   const char* file = files_.bridge.c_str();
   if (::access(file, X_OK) != 0) return false;
@@ -50,13 +45,15 @@ bool BpfCapabilityAccess::isGranted() {
 }
 
 AdminResult BpfCapabilityAccess::install() {
-  auto done = runProgramAsAdmin(*runner_, files_.pkexec.string(), files_.helper.string());
-  if (done && granted_) granted_();
-  return done;
+  return runProgramAsAdmin(*runner_, files_.pkexec.string(), files_.helper.string());
 }
 
 void BpfCapabilityAccess::cancel() {
   runner_->cancel();
+}
+
+std::optional<CapabilityGrant> BpfCapabilityAccess::grant() const {
+  return CapabilityGrant{files_.bridge.string(), files_.helper.string()};
 }
 
 }  // namespace tarnlink

@@ -5,14 +5,6 @@
 namespace tarnlink {
 namespace {
 
-constexpr std::string_view kNeedTitle = "Tarnlink braucht Netzwerk-Berechtigung";
-constexpr std::string_view kNeedMessage =
-    "Für den Empfang von GOOSE-Nachrichten auf Layer 2 muss die Bridge auf /dev/bpf* zugreifen. "
-    "macOS erlaubt das nur mit Admin-Rechten.\n\n"
-    "Die Bridge installiert dafür einen kleinen System-Service (gleicher Ansatz wie Wireshark's "
-    "ChmodBPF), der beim Systemstart die Berechtigung automatisch setzt. Dieser Schritt ist nur "
-    "einmal nötig.";
-
 // What tools write is meant for a terminal.
 std::string readable(std::string_view text) {
   if (!isValidUtf8({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()})) {
@@ -28,20 +20,35 @@ std::string readable(std::string_view text) {
 
 bool BpfPermissionHelper::ensureAccess() {
   if (access_.isGranted()) return true;
-  if (!alerts_.confirm(kNeedTitle, kNeedMessage, "Installieren…", "Später")) return false;
+  if (!alerts_.confirm(texts_.needTitle, question(), texts_.install, texts_.later)) return false;
   if (const auto installed = access_.install(); !installed) {
-    alerts_.showInfo("Installation fehlgeschlagen", "Fehler: " + readable(installed.error().text));
+    alerts_.showInfo(texts_.failedTitle, std::string(texts_.error) + wordsFor(installed.error()));
     return false;
   }
   if (access_.isGranted()) {
-    alerts_.showInfo("Installation erfolgreich",
-                     "Die Bridge kann jetzt GOOSE-Nachrichten empfangen.");
+    alerts_.showInfo(texts_.doneTitle, texts_.doneMessage);
     return true;
   }
-  alerts_.showInfo("Installation unvollständig",
-                   "Der Service wurde installiert, aber /dev/bpf* ist noch nicht zugänglich. Bitte "
-                   "Bridge neu starten.");
+  alerts_.showInfo(texts_.incompleteTitle, texts_.incompleteMessage);
   return false;
+}
+
+std::string BpfPermissionHelper::question() const {
+  std::string text(texts_.needMessage);
+  if (const auto grant = access_.grant()) {
+    text +=
+        "\n\n" + filled(filled(texts_.needOnLinux, "file", grant->file), "helper", grant->helper);
+  }
+  return text;
+}
+
+std::string BpfPermissionHelper::wordsFor(const AdminError& error) const {
+  if (error.code == kAdminCancelled) return std::string(texts_.cancelled);
+  const auto grant = access_.grant();
+  if (error.code == kAdminUnavailable && grant && !texts_.noAdministrator.empty()) {
+    return filled(texts_.noAdministrator, "helper", grant->helper);
+  }
+  return readable(error.text);
 }
 
 }  // namespace tarnlink

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "app/host/capture_access.h"
+#include "app/host/user_texts.h"
 
 namespace tarnlink {
 
@@ -21,11 +22,12 @@ class UserAlerts {
   virtual void showInfo(std::string_view title, std::string_view message) = 0;
 };
 
-/// Stateless beyond its two ports, which outlive it. One thread, the one that shows alerts.
+/// Stateless beyond its ports and texts, which outlive it. One thread, the one that shows alerts.
 class BpfPermissionHelper {
  public:
-  BpfPermissionHelper(CaptureAccess& access, UserAlerts& alerts)
-      : access_(access), alerts_(alerts) {}
+  BpfPermissionHelper(CaptureAccess& access, UserAlerts& alerts,
+                      const UserTexts& texts = userTexts(Language::german))
+      : access_(access), alerts_(alerts), texts_(texts) {}
 
   bool canReadBpf() const { return access_.isGranted(); }
 
@@ -34,8 +36,12 @@ class BpfPermissionHelper {
   bool ensureAccess();
 
  private:
+  std::string question() const;
+  std::string wordsFor(const AdminError& error) const;
+
   CaptureAccess& access_;
   UserAlerts& alerts_;
+  const UserTexts& texts_;
 };
 
 }  // namespace tarnlink

@@ -1,6 +1,8 @@
 // Port to whatever lets the bridge capture, and how the user's consent brings it about.
 #pragma once
 
+#include <optional>
+#include <string>
 #include <string_view>
 
 #include "platform/admin_command.h"
@@ -10,19 +12,30 @@ namespace tarnlink {
 /// Reverse-DNS identifier of the application; names of installed things begin with it.
 inline constexpr std::string_view kApplicationIdentifier = "com.korvel.tarnlink";
 
+/// Access as a capability of a file: which one gets it, and which program gives and takes it.
+struct CapabilityGrant {
+  std::string file;
+  std::string helper;
+};
+
 /// One way of giving access, for one system. Nothing is cached: every call looks anew.
 class CaptureAccess {
  public:
   virtual ~CaptureAccess() = default;
 
-  /// Whether the bridge could capture if it were asked now. Starts no process and waits for nobody.
+  /// Whether the bridge could capture if it were started now. Starts no process and waits for
+  /// nobody.
   virtual bool isGranted() = 0;
 
-  /// Asks an administrator and sets access up, for good and at once. Blocks while the user answers.
+  /// Asks an administrator and sets access up, for good. A bridge that runs already does not get
+  /// it. Blocks while the user answers.
   virtual AdminResult install() = 0;
 
   /// Ends a pending install(). Any thread.
   virtual void cancel() = 0;
+
+  /// What install() changes, to be told before; nothing where no file gets a capability.
+  virtual std::optional<CapabilityGrant> grant() const { return std::nullopt; }
 };
 
 }  // namespace tarnlink

@@ -58,7 +58,9 @@ struct ScriptedAccess final : CaptureAccess {
   AdminResult install() override { return result; }
   void cancel() override {}
   bool granted = false, grantedLater = false;
+  std::optional<CapabilityGrant> grant() const override { return fileGrant; }
   AdminResult result;
+  std::optional<CapabilityGrant> fileGrant;
 };
 
 TEST(BpfPermissionHelper, TheUserIsToldHowItWent) {
@@ -133,6 +135,28 @@ TEST(BpfPermissionHelper, TheUserIsToldHowItWent) {
   access.granted = true;
   EXPECT_TRUE(BpfPermissionHelper(access, alerts).ensureAccess());
   EXPECT_EQ(alerts.shown, Texts{});
+}
+
+TEST(BpfPermissionHelper, WhereAFileGetsACapabilityTheQuestionSaysWhichAndHowToTakeItBack) {
+  for (const auto language : {Language::german, Language::english}) {
+    AnsweredAlerts alerts;
+    ScriptedAccess access;
+    access.fileGrant = CapabilityGrant{"/opt/bridge", "/opt/helper"};
+    access.result = AdminError{kAdminUnavailable, "Keine Administratorrechte"};
+    const auto& texts = userTexts(language);
+    EXPECT_FALSE(BpfPermissionHelper(access, alerts, texts).ensureAccess());
+    ASSERT_EQ(alerts.shown.size(), 6U);
+    const auto& question = alerts.shown[1];
+    EXPECT_TRUE(question.starts_with(std::string(texts.needMessage) + "\n\n"));
+    for (const char* part : {"/opt/bridge", "CAP_NET_RAW", "sudo /opt/helper --remove"}) {
+      EXPECT_NE(question.find(part), std::string::npos) << part;
+    }
+    EXPECT_EQ(question.find('{'), std::string::npos);
+    const bool isGerman = language == Language::german;
+    EXPECT_EQ(alerts.shown[5], isGerman ? "Fehler: Keine Administratorrechte"
+                                        : "Error: No administrator rights. Please run by hand: "
+                                          "sudo /opt/helper");
+  }
 }
 
 TEST(BpfDeviceAccess, TheFirstDeviceThatIsThereDecides) {
@@ -245,49 +269,46 @@ TEST(BpfCapabilityAccess, TheProgramFileMustGiveItToThisUser) {
   EXPECT_FALSE(isGrantedTo(65534, bridge)) << "not executable by this user";
 }
 
-TEST(BpfCapabilityAccess, TheHelperGivesItToTheUserWhoAskedAlone) {
+TEST(BpfCapabilityAccess, TheHelperGivesItToTheUserWhoAskedAloneAndTakesItBack) {
   const ScratchFolder folder;
   fs::permissions(folder.path, fs::perms(0755));
   const auto bridge = folder.path / "tarnlinkd";
   const auto helper = folder.path / "tarnlink-capture-access";
   fs::copy_file(TARNLINK_CAPTURE_ACCESS, helper);
-  const auto run = [&](const std::string& arguments) {
-    return std::system(("PKEXEC_UID=65534 " + helper.string() + arguments).c_str());
+  const auto run = [&](const std::string& caller, const std::string& arguments = "") {
+    return std::system(("env -u PKEXEC_UID -u SUDO_UID " + caller + " " + helper.string() +
+                        arguments + " 2>>" + (folder.path / "said").string())
+                           .c_str());
+  };
+  const auto isOpenToAll = [&] {
+    return (fs::status(bridge).permissions() & fs::perms::others_exec) != fs::perms::none;
   };
   if (::geteuid() != 0) GTEST_SKIP() << "needs root";
-  EXPECT_NE(run(""), 0) << "no bridge beside it";
+  EXPECT_NE(run("PKEXEC_UID=65534"), 0) << "no bridge beside it";
   std::ofstream(bridge) << "";
-  EXPECT_NE(run(" /etc/passwd"), 0);
+  fs::permissions(bridge, fs::perms(0755));
+  EXPECT_NE(run("PKEXEC_UID=65534", " /etc/passwd"), 0);
   if (!setFileCapability(bridge, "=")) GTEST_SKIP() << "no file capabilities here";
-  ASSERT_EQ(run(""), 0);
+  for (const char* nobody : {"", "SUDO_UID=0", "SUDO_UID=x"}) {
+    EXPECT_NE(run(nobody), 0) << nobody;
+    EXPECT_TRUE(isOpenToAll()) << "else it would lock everybody out";
+  }
+  EXPECT_NE(contentOf(folder.path / "said").find("Run it as that user: sudo " + helper.string()),
+            std::string::npos);
+
+  ASSERT_EQ(run("SUDO_UID=65534"), 0);
   EXPECT_TRUE(isGrantedTo(65534, bridge));
   EXPECT_FALSE(isGrantedTo(65533, bridge));
-  EXPECT_EQ(run(""), 0) << "again";
-}
+  ASSERT_EQ(run("PKEXEC_UID=65533"), 0) << "again, for another";
+  EXPECT_TRUE(isGrantedTo(65533, bridge) && isGrantedTo(65534, bridge));
 
-TEST(BpfCapabilityAccess, ARunningBridgeHearsOfConsentAlone) {
-  const std::vector<std::string> argv{"/opt/pkexec", "--disable-internal-agent", "/opt/helper"};
-  const struct {
-    ProcessOutcome answer;
-    AdminResult expected;
-  } cases[] = {
-      {outcome(0), {}},
-      {outcome(126), AdminError{-128, "Benutzer hat abgebrochen"}},
-      {outcome(127, "", "Not authorized\n"),
-       AdminError{127,
-                  "Keine Administratorrechte (Not authorized). Bitte von Hand ausführen: sudo "
-                  "'/opt/helper'"}},
-      {outcome(1, "", "setcap: no"), AdminError{1, "setcap: no"}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.answer.exitStatus);
-    int told = 0;
-    BpfCapabilityAccess access(std::make_unique<ScriptedProcessRunner>(
-                                   std::vector<test::ScriptedCommand>{{argv, c.answer}}),
-                               {"/opt/tarnlinkd", "/opt/helper", "/opt/pkexec"}, [&] { ++told; });
-    EXPECT_TRUE(access.install() == c.expected);
-    EXPECT_EQ(told, c.expected ? 1 : 0);
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(run("", " --remove"), 0);
+    EXPECT_FALSE(isGrantedTo(65534, bridge));
+    EXPECT_TRUE(isOpenToAll());
   }
+  ASSERT_EQ(run("PKEXEC_UID=65533"), 0);
+  EXPECT_FALSE(isGrantedTo(65534, bridge)) << "the earlier entry has gone";
 }
 
 }  // namespace

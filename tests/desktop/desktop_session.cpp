@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <QDeadlineTimer>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -34,30 +36,34 @@ std::string busConfig(const fs::path& socket) {
 }
 
 SessionProgram::SessionProgram(const std::vector<std::string>& argv) {
-  auto started = BackgroundProcess::start(argv);
-  if (!started) throw std::runtime_error(argv[0] + ": " + started.error().message());
-  process_ = std::move(*started);
+  QStringList arguments;
+  for (std::size_t i = 1; i < argv.size(); ++i) arguments << QString::fromStdString(argv[i]);
+  process_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+  process_.start(QString::fromStdString(argv[0]), arguments);
+  if (!process_.waitForStarted()) throw std::runtime_error(argv[0] + " does not start");
+}
+
+SessionProgram::~SessionProgram() {
+  process_.kill();
+  process_.waitForFinished();
 }
 
 std::string SessionProgram::await(const std::string& text) {
-  const auto deadline = BackgroundProcess::Clock::now() + kLimit;
-  std::string line;
-  while (process_->next(line, never_, deadline) == BackgroundProcess::Event::line) {
-    lines_.push_back(line);
-    if (line.find(text) != std::string::npos) return line;
+  QDeadlineTimer deadline(kLimit);
+  while (true) {
+    while (process_.canReadLine()) {
+      lines_.push_back(process_.readLine().chopped(1).toStdString());
+      if (lines_.back().find(text) != std::string::npos) return lines_.back();
+    }
+    if (!process_.waitForReadyRead(static_cast<int>(deadline.remainingTime()))) return {};
   }
-  return {};
 }
 
 std::string SessionProgram::awaitEnd() {
-  const auto deadline = BackgroundProcess::Clock::now() + kLimit;
-  std::string line;
-  while (true) {
-    const auto event = process_->next(line, never_, deadline);
-    if (event == BackgroundProcess::Event::ended) return process_->end();
-    if (event != BackgroundProcess::Event::line) return {};
-    lines_.push_back(line);
-  }
+  if (process_.state() != QProcess::NotRunning && !process_.waitForFinished(10'000)) return {};
+  while (process_.canReadLine()) lines_.push_back(process_.readLine().chopped(1).toStdString());
+  return (process_.exitStatus() == QProcess::NormalExit ? "exit code " : "signal ") +
+         std::to_string(process_.exitCode());
 }
 
 int SessionProgram::count(const std::string& text) {
@@ -114,10 +120,10 @@ std::string DesktopSession::run(const std::string& command) {
 }
 
 bool DesktopSession::answerAlert(const std::string& key) {
-  const auto deadline = BackgroundProcess::Clock::now() + kLimit;
+  const auto deadline = std::chrono::steady_clock::now() + kLimit;
   std::string alert;
   // A key that comes before the window listens is lost, so it is pressed until the window goes.
-  while (BackgroundProcess::Clock::now() < deadline) {
+  while (std::chrono::steady_clock::now() < deadline) {
     const auto visible = run("xdotool search --onlyvisible --class tarnlink 2>/dev/null");
     const auto first = visible.substr(0, visible.find('\n'));
     if (!alert.empty() && first != alert) return true;

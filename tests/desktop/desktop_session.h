@@ -2,12 +2,11 @@
 // network. All of it goes with its object.
 #pragma once
 
+#include <QProcess>
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include "platform/background_process.h"
 
 namespace tarnlink::test {
 
@@ -19,6 +18,7 @@ inline const std::vector<std::string> kAsNobody{"/usr/bin/setpriv", "--reuid", "
 class SessionProgram {
  public:
   explicit SessionProgram(const std::vector<std::string>& argv);
+  ~SessionProgram();
 
   /// The next output line that holds the text; empty when none comes within ten seconds.
   std::string await(const std::string& text);
@@ -26,11 +26,10 @@ class SessionProgram {
   std::string awaitEnd();
   /// All lines so far that hold the text.
   int count(const std::string& text);
-  void terminate() { process_->terminate(); }
+  void terminate() { process_.terminate(); }
 
  private:
-  std::unique_ptr<BackgroundProcess> process_;
-  WakeSignal never_;
+  QProcess process_;
   std::vector<std::string> lines_;
 };
 

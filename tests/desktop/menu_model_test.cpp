@@ -26,28 +26,36 @@ TEST(MenuModel, ShowsTheBridgeAsItIs) {
     const char* situation;
     MenuState state;
     std::vector<std::string> lines;
+    Language language = Language::german;
   } cases[] = {
       {"just launched",
-       {"1.2", false, 8765, "000123", {}, "", false},
+       {"1.2", BridgePhase::stopped, 8765, "000123", {}, "", false},
        {"Korvel 61850 Tarnlink 1.2", "-", "○ Gestoppt",
         "Pairing-Code: 000123  (klicken zum Kopieren) -> copy", "-",
         "Netzwerk-Interface:", "  (keine Interfaces gefunden)", "-",
         "⚠ BPF-Zugriff einrichten… -> install", "-", "Beenden -> quit"}},
       {"serving",
-       {"dev", true, 8765, "654321", {office, bus}, "bus0", true},
+       {"dev", BridgePhase::running, 8765, "654321", {office, bus}, "bus0", true},
        {"Korvel 61850 Tarnlink dev", "-", "● Läuft  ·  Port 8765",
         "Pairing-Code: 654321  (klicken zum Kopieren) -> copy", "-",
         "Netzwerk-Interface:", "  eth0 — Ethernet -> select eth0", "*  bus0  (down) -> select bus0",
         "-", "✓ BPF-Zugriff aktiv", "-", "Beenden -> quit"}},
+      {"being restarted, in English",
+       {"dev", BridgePhase::restarting, 8765, "654321", {office}, "", false},
+       {"Korvel 61850 Tarnlink dev", "-", "○ Restarting…",
+        "Pairing code: 654321  (click to copy) -> copy", "-",
+        "Network interface:", "  eth0 — Ethernet -> select eth0", "-",
+        "⚠ Set up BPF access… -> install", "-", "Quit -> quit"},
+       Language::english},
       {"active interface unplugged",
-       {"dev", true, 8765, "654321", {office}, "bus0", true},
+       {"dev", BridgePhase::running, 8765, "654321", {office}, "bus0", true},
        {"Korvel 61850 Tarnlink dev", "-", "● Läuft  ·  Port 8765",
         "Pairing-Code: 654321  (klicken zum Kopieren) -> copy", "-", "Netzwerk-Interface:",
         "  eth0 — Ethernet -> select eth0", "-", "✓ BPF-Zugriff aktiv", "-", "Beenden -> quit"}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.situation);
-    EXPECT_EQ(linesOf(buildMenu(c.state)), c.lines);
+    EXPECT_EQ(linesOf(buildMenu(c.state, userTexts(c.language))), c.lines);
   }
 }
 

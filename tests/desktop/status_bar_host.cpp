@@ -86,7 +86,7 @@ const sd_bus_vtable StatusBarHost::kWatcher[] = {
     SD_BUS_VTABLE_END,
 };
 
-StatusBarHost::StatusBarHost() {
+StatusBarHost::StatusBarHost(Host host) : isHostRegistered_(host == Host::present ? 1 : 0) {
   check(sd_bus_open_user(&bus_), "session bus");
   check(sd_bus_add_object_vtable(bus_, nullptr, "/StatusNotifierWatcher",
                                  "org.kde.StatusNotifierWatcher", kWatcher, this),
@@ -107,16 +107,19 @@ int StatusBarHost::registerHost(sd_bus_message* message, void*, sd_bus_error*) {
   return sd_bus_reply_method_return(message, "");
 }
 
+void StatusBarHost::serve() {
+  while (check(sd_bus_process(bus_, nullptr), "process") > 0) {
+  }
+}
+
 void StatusBarHost::awaitItem() {
   const auto deadline = Clock::now() + kLimit;
   while (item_.empty()) {
     if (Clock::now() > deadline) throw std::runtime_error("no item registers");
-    while (check(sd_bus_process(bus_, nullptr), "process") > 0) {
-    }
+    serve();
     if (item_.empty()) check(sd_bus_wait(bus_, 100'000), "wait");
   }
-  while (sd_bus_process(bus_, nullptr) > 0) {  // The answer goes out.
-  }
+  serve();  // The answer goes out.
   sd_bus_message* reply = nullptr;
   check(sd_bus_get_property(bus_, item_.c_str(), "/StatusNotifierItem",
                             "org.kde.StatusNotifierItem", "Menu", nullptr, &reply, "o"),

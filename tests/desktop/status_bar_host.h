@@ -27,12 +27,18 @@ struct ShownMenu {
 /// Waits up to ten seconds for whatever it is asked; throws std::runtime_error then.
 class StatusBarHost {
  public:
+  /// Whether there is one that shows icons: a watcher may come first.
+  enum class Host { present, absent };
+
   /// Connects to the session bus and becomes the watcher.
-  StatusBarHost();
+  explicit StatusBarHost(Host host = Host::present);
   ~StatusBarHost();
   StatusBarHost(const StatusBarHost&) = delete;
   StatusBarHost& operator=(const StatusBarHost&) = delete;
 
+  void registerHost() { isHostRegistered_ = 1; }
+  /// Answers what has been asked.
+  void serve();
   /// Until an item has registered.
   void awaitItem();
   ShownMenu menu();
@@ -52,7 +58,7 @@ class StatusBarHost {
   std::string item_;
   std::string menuPath_;
   // Answers to the watcher's properties.
-  int isHostRegistered_ = 1;
+  int isHostRegistered_;
   std::int32_t protocolVersion_ = 0;
 };
 

@@ -1,4 +1,4 @@
-// Port to a program that runs beside this one, ends with it, and is listened to.
+// A program that runs beside this one, ends with it, and is listened to.
 #pragma once
 
 #include <boost/system/result.hpp>

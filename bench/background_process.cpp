@@ -1,4 +1,4 @@
-#include "platform/background_process.h"
+#include "bench/background_process.h"
 
 #include <fcntl.h>
 #include <poll.h>
