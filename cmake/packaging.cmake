@@ -59,8 +59,12 @@ tarnlink_package(desktop net "status-bar bridge between IEC 61850 traffic and We
 Captures GOOSE and Sampled Values frames from an Ethernet interface of the
 workstation and serves them as JSON to WebSocket clients. An icon in the status
 bar shows the pairing code and lets the user choose the interface.")
-set(CPACK_DEBIAN_DESKTOP_PACKAGE_DEPENDS "acl, libcap2-bin, pkexec")
-set(CPACK_DEBIAN_DESKTOP_PACKAGE_RECOMMENDS "iproute2")
+# The daemon's package has the bridge for users to whom the restricted copy is closed.
+set(CPACK_DEBIAN_DESKTOP_PACKAGE_DEPENDS
+  "tarnlinkd (= ${PROJECT_VERSION}), acl, libcap2-bin, pkexec")
+# GNOME shows status icons by an extension alone; other desktops need none.
+set(CPACK_DEBIAN_DESKTOP_PACKAGE_RECOMMENDS
+  "iproute2, qt6-wayland, gnome-shell-extension-appindicator | plasma-workspace | lxqt-panel | xfce4-panel | mate-panel | cinnamon | budgie-core")
 set(CPACK_DEBIAN_DESKTOP_PACKAGE_SUGGESTS "avahi-daemon")
 
 tarnlink_package(development libdevel "GOOSE and Sampled Values stack (development files)

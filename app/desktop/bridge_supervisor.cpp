@@ -167,7 +167,7 @@ void BridgeSupervisor::ended() {
   const std::string how = child_.exitStatus() == QProcess::CrashExit ? "signal " : "exit code ";
   const auto death = fs::path(child_.program().toStdString()).filename().string() + " died (" +
                      how + std::to_string(child_.exitCode()) + ")";
-  if (!hasServed_) return failed(death, lastLine_);
+  if (!hasServed_ && child_.exitStatus() == QProcess::NormalExit) return failed(death, lastLine_);
   if (Clock::now() - launched_ > kSteadyTime) delay_ = options_.firstDelay;
   log_("[KorvelTarnlink] " + death + "; starting it again in " + std::to_string(delay_.count()) +
        " ms");

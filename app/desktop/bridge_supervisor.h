@@ -40,9 +40,9 @@ struct BridgeState {
 };
 
 /// The thread that draws; only stop() waits. What the bridge does is known from the protocol's
-/// events and from the child's end; its log lines are passed on unread. A child that has served and
-/// dies is started again after a while, with one log line; a start that fails (no such program,
-/// port taken) is final until restart().
+/// events and from the child's end; its log lines are passed on unread. A child that has served, or
+/// that a signal ends, is started again after a while, with one log line; a start that fails (no
+/// such program, port taken) is final until restart().
 class BridgeSupervisor final : public QObject {
  public:
   using StateHandler = std::function<void(const BridgeState&)>;

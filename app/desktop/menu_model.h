@@ -14,7 +14,7 @@ namespace tarnlink {
 enum class BridgePhase {
   stopped,
   running,     ///< The bridge has let its owner in.
-  restarting,  ///< It has served, and will again.
+  restarting,  ///< It has died or been ended, and will serve again.
 };
 
 /// Everything that the menu tells.

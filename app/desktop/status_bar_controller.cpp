@@ -114,7 +114,7 @@ void StatusBarController::choose(const MenuItem& item) {
     case MenuAction::installBpfAccess:
       return installBpfAccess();
     case MenuAction::quit:
-      return QApplication::quit();
+      return QApplication::exit();  // quit() asks windows first, and ours may stay.
   }
 }
 

@@ -44,7 +44,7 @@ void quitOnSignals() {
     const ssize_t count = ::read(signalled, &seen, sizeof seen);
     static_cast<void>(count);
     askedToEnd = true;
-    QApplication::quit();
+    QApplication::exit();
   });
   for (const int number : {SIGTERM, SIGINT, SIGHUP}) std::signal(number, wakeOnSignal);
 }
