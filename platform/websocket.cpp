@@ -29,6 +29,8 @@ class WebSocketCategory final : public boost::system::error_category {
         return "there are as many clients as are allowed";
       case WebSocketError::notAdmitted:
         return "no pairing code came in time";
+      case WebSocketError::peerClosed:
+        return "the client has closed the connection";
       case WebSocketError::madeRoom:
         return "its place went to a newcomer before a pairing code came";
     }

@@ -71,6 +71,7 @@ enum class WebSocketError {
   tooManyClients,
   notAdmitted,
   madeRoom,
+  peerClosed,  ///< What receive() answers after a close handshake that the peer began; no failure.
 };
 boost::system::error_code make_error_code(WebSocketError error);
 
@@ -128,7 +129,7 @@ class WebSocketConnection {
   virtual void start(StateHandler onState, SendErrorHandler onSendError) = 0;
 
   /// The next complete message; one call at a time, after Ready; returns on the caller's executor.
-  /// An error is final: boost::beast::websocket::error::closed when the peer closed, the error
+  /// An error is final: WebSocketError::peerClosed when the peer closed, the error
   /// that Failed reports, operation_aborted after cancel(), or the system's. The connection then
   /// ends by itself. Nothing is read ahead, so that a peer that sends faster than its messages are
   /// taken has to wait, until a message has been served for a fifth of a second: then up to 64 KiB

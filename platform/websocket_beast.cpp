@@ -465,6 +465,7 @@ error_code Session::refuseCutText() {
 // A read has failed: says what receive() answers, and sees to the end of the socket.
 error_code Session::endReceiving(error_code error) {
   if (end_) return end_;
+  if (error == websocket::error::closed) error = WebSocketError::peerClosed;
   end_ = error;
   if (phase_ != Phase::open) return end_;
   phase_ = Phase::lingering;

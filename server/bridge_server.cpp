@@ -26,6 +26,13 @@ SharedText& activeInterfaceCopy() {
   return copy;
 }
 
+// A close handshake is no error.
+std::string endOf(const ClientId& id, const boost::system::error_code& error,
+                  std::string_view failure) {
+  if (error == WebSocketError::peerClosed) return "Client disconnected: " + toText(id);
+  return std::string(failure) + toText(id) + ": " + error.message();
+}
+
 // Keeps the actor alive while one of its member coroutines runs.
 asio::awaitable<void> holding(std::shared_ptr<BridgeServer> self, asio::awaitable<void> task) {
   co_await std::move(task);
@@ -224,7 +231,7 @@ void BridgeServer::handleConnectionState(const ClientId& id, const TransportStat
     log("[BridgeServer] Client " + toText(id) + " failed: " + failed->error.message() +
         (failed->detail.empty() ? "" : " (" + failed->detail + ")"));
   } else if (const auto* lost = std::get_if<TransportLost>(&state)) {
-    log("[BridgeServer] Client " + toText(id) + " lost: " + lost->error.message());
+    log("[BridgeServer] " + endOf(id, lost->error, "Lost client "));
     found->second->cancel();
   }
   removeConnection(id);
@@ -255,8 +262,7 @@ asio::awaitable<void> BridgeServer::receiveLoop(std::weak_ptr<BridgeServer> weak
     // A client that was removed, or a server that stopped, ends the loop without a line.
     if (!self || !self->connections_.contains(id)) co_return;
     if (!message) {
-      self->log("[BridgeServer] Receive error from " + toText(id) + ": " +
-                message.error().message());
+      self->log("[BridgeServer] " + endOf(id, message.error(), "Receive error from "));
       co_return;
     }
     if (message->isText) co_await self->handleText(std::move(message->data), id);

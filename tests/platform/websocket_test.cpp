@@ -7,7 +7,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <boost/beast/websocket/error.hpp>
 #include <filesystem>
 
 #include "platform/gathered_stream.h"
@@ -208,7 +207,7 @@ TEST(WebSocketTransport, APeerIsHeardWhileItsMessageIsServed) {
       {"FIN", [](RawClient& client) { client.finish(); }, "End of file"},
       {"reset", [](RawClient& client) { client.reset(); }, "Connection reset by peer"},
       {"close frame", [](RawClient& client) { client.send(wire(0x88, closeFrame(1000).payload)); },
-       make_error_code(boost::beast::websocket::error::closed).message()},
+       make_error_code(WebSocketError::peerClosed).message()},
   };
   Server server({}, Server::Messages::leftUnread);
   std::size_t n = 0;

@@ -45,9 +45,9 @@ class FakeConnection final : public WebSocketConnection {
     if (next_ == batch_.size()) {
       next_ = 0;
       const bool isMore = co_await stream_.next(batch_);
-      if (!isMore) co_return asio::error::make_error_code(asio::error::connection_reset);
+      if (!isMore) co_return end_;
     }
-    if (isClosed_) co_return asio::error::make_error_code(asio::error::connection_reset);
+    if (isClosed_) co_return end_;
     if (failure) std::rethrow_exception(failure);
     co_return std::move(batch_.records()[next_++]);
   }
@@ -78,7 +78,8 @@ class FakeConnection final : public WebSocketConnection {
     if (onState_) onState_(how);
   }
   /// The peer goes: the receive loop meets the error first.
-  void reset() {
+  void reset(boost::system::error_code how = asio::error::connection_reset) {
+    end_ = how;
     isClosed_ = true;
     incoming_->abandon();
   }
@@ -107,6 +108,7 @@ class FakeConnection final : public WebSocketConnection {
   RecycledBatch<WebSocketMessage> batch_;
   std::size_t next_ = 0;
   std::atomic<bool> isClosed_ = false;
+  boost::system::error_code end_ = asio::error::connection_reset;
   std::mutex lock_;
   std::optional<TransportState> ended_;
   StateHandler onState_;

@@ -399,6 +399,10 @@ TEST_F(BridgeServerTest, ALostClientHasOneLogLine) {
   bridge.settle();
   EXPECT_EQ(count("Receive error"), 1);
   EXPECT_TRUE(vanished->isCancelled) << "a connection that failed is closed too";
+  bridge.connect()->reset(WebSocketError::peerClosed);
+  bridge.settle();
+  EXPECT_EQ(count("Receive error"), 1) << "a close handshake is no error";
+  EXPECT_EQ(count("Client disconnected: "), 1);
 }
 
 // GOOSE subscriptions ------------------------------------------------------------------------
