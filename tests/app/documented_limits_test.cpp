@@ -9,6 +9,7 @@
 #include "app/host/prompt_refusals.h"
 #include "platform/websocket.h"
 #include "server/auth_gate.h"
+#include "server/bridge_command.h"
 #include "server/json_value.h"
 #include "stack/capture_loop.h"
 #include "stack/goose_pdu.h"
@@ -50,6 +51,8 @@ TEST(DocumentedLimits, AreThoseOfTheCode) {
        "| silence of a client | " + count<minutes>(transport.idle) + " minutes, with a ping"},
       {"docs/protocol.md", "inside " + std::to_string(GoosePdu::kMaxDataNesting) + " others"},
       {"docs/protocol.md", "after the " + grouped(GoosePdu::kMaxFilledStructures) + "th"},
+      {"docs/protocol.md",
+       "or a text of " + std::to_string(BridgeRequest::kMaxRequestId) + " octets at most"},
       {"docs/protocol.md", std::to_string(kMaxInterfaceNameLength) + " characters at most"},
       {"docs/protocol.md", "For " + count<seconds>(PromptRefusals::kHolds) + " s after a refusal"},
       {"docs/protocol.md", "after " + std::to_string(PromptRefusals::kMost) + " refusals"},
