@@ -31,7 +31,7 @@ BEAST_UNITS = {
     "bench/plain_beast_server.cpp",
 }
 NETWORK = re.compile(r"boost/asio|boost/beast|pcap")
-BEAST = re.compile(r"boost/beast(\.hpp|/websocket|/http)")  # The rest of it is cheap.
+BEAST = re.compile(r"boost/beast(\.hpp|/websocket(?!/error)|/http)")  # The rest of it is cheap.
 QT = re.compile(r"Qt|Q[A-Z]")
 QT_FOLDERS = ("app/desktop/", "tests/desktop/")
 INCLUDE = re.compile(r'\s*#\s*include\s*([<"])([^>"]+)[>"]')

@@ -75,7 +75,7 @@ TEST(WebSocketTransport, ClientsBeyondTheAllowedNumberAreRefusedAlone) {
   EXPECT_EQ(refused.front()->readHead().substr(0, 12), "HTTP/1.1 503");
   refused.clear();
   first.send(wire(0x81, "fine"));
-  EXPECT_EQ(server.peer(0, 2).reports[1], "< fine");
+  EXPECT_EQ(server.reportsOf(0, 2)[1], "< fine");
   silent.close();
   // Its place is free as soon as the server has seen it go.
   std::string answer;

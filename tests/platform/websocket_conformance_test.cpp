@@ -379,7 +379,7 @@ TEST_F(WebSocketConformance, Handshakes) {
     }
     if (c.answer == std::string("101")) continue;
     EXPECT_EQ(client.readToEnd().opcode, kEnd);
-    EXPECT_EQ(server.peer(n).reports[0].substr(0, 7), "failed:");
+    EXPECT_EQ(server.reportsOf(n)[0].substr(0, 7), "failed:");
   }
 }
 

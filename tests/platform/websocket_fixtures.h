@@ -98,9 +98,11 @@ class Server {
     return peers_.size();
   }
 
-  std::vector<std::string> reportsOf(std::size_t n) {
+  /// A copy: further reports may come at any time.
+  std::vector<std::string> reportsOf(std::size_t n, std::size_t reports = 1) {
+    const Peer& found = peer(n, reports);
     const std::lock_guard lock(mutex_);
-    return peers_.at(n)->reports;
+    return found.reports;
   }
 
   /// The next message of the n-th connection, or its end.

@@ -22,7 +22,7 @@ TEST(WebSocketStrangers, LongMessagesAreForTheAdmitted) {
   const auto longest = std::string(4096, 'a');
   auto stranger = RawClient::upgraded(server.port);
   stranger.send(wire(0x81, longest));
-  EXPECT_EQ(server.peer(0, 2).reports[1], "< " + longest.substr(0, 80));
+  EXPECT_EQ(server.reportsOf(0, 2)[1], "< " + longest.substr(0, 80));
   stranger.send(wire(0x81, longest + "a"));
   EXPECT_EQ(stranger.read(), closeFrame(1009));
 
@@ -31,7 +31,7 @@ TEST(WebSocketStrangers, LongMessagesAreForTheAdmitted) {
   server.peer(1).connection->send(TextFrame::copyOf("welcome"));
   EXPECT_EQ(admitted.read().payload, "welcome");
   admitted.send(wire(0x81, longest + "a"));
-  EXPECT_EQ(server.peer(1, 2).reports[1], "< " + longest.substr(0, 80));
+  EXPECT_EQ(server.reportsOf(1, 2)[1], "< " + longest.substr(0, 80));
 }
 
 TEST(WebSocketStrangers, HaveLimitedTimeToBeAdmitted) {
@@ -46,7 +46,7 @@ TEST(WebSocketStrangers, HaveLimitedTimeToBeAdmitted) {
   server.peer(returning).connection->setStanding(Standing::waiting);
   server.peer(admitted).connection->setStanding(Standing::admitted);
   EXPECT_TRUE(clients[stranger].readToEnd().isOver());
-  EXPECT_EQ(server.peer(stranger, 2).reports[1], failure(WebSocketError::notAdmitted));
+  EXPECT_EQ(server.reportsOf(stranger, 2)[1], failure(WebSocketError::notAdmitted));
   std::this_thread::sleep_for(400ms);  // That long it had waited, and has 200 ms left.
   const auto back = std::chrono::steady_clock::now();
   server.peer(returning).connection->setStanding(Standing::stranger);
@@ -56,7 +56,7 @@ TEST(WebSocketStrangers, HaveLimitedTimeToBeAdmitted) {
   EXPECT_LT(left, 450ms);
   for (const auto n : {waiting, admitted}) {
     clients[n].send(wire(0x81, "here"));
-    EXPECT_EQ(server.peer(n, 2).reports[1], "< here");
+    EXPECT_EQ(server.reportsOf(n, 2)[1], "< here");
   }
 }
 
@@ -68,9 +68,9 @@ TEST(WebSocketStrangers, TheOldestMakesRoom) {
   auto second = RawClient::upgraded(server.port);
   auto third = RawClient::upgraded(server.port);
   EXPECT_TRUE(oldest.read().isOver());
-  EXPECT_EQ(server.peer(0, 2).reports[1], failure(WebSocketError::madeRoom));
+  EXPECT_EQ(server.reportsOf(0, 2)[1], failure(WebSocketError::madeRoom));
   second.send(wire(0x81, "here"));
-  EXPECT_EQ(server.peer(1, 2).reports[1], "< here");
+  EXPECT_EQ(server.reportsOf(1, 2)[1], "< here");
 }
 
 // In all arenas, and mapped. Octets.
@@ -107,7 +107,7 @@ TEST(WebSocketStrangers, UnreadAnswersStopTheReadingOfCommands) {
   EXPECT_LT(taken, kCommands / 2);
   for (std::size_t i = 0; i < kCommands; ++i) ASSERT_EQ(client.read(), (Frame{kText, command}));
   sender.join();
-  EXPECT_EQ(server.peer(0, kCommands + 1).reports.size(), kCommands + 1);
+  EXPECT_EQ(server.reportsOf(0, kCommands + 1).size(), kCommands + 1);
 }
 
 TEST(WebSocketStrangers, UnreadEventsDoNot) {
@@ -117,7 +117,7 @@ TEST(WebSocketStrangers, UnreadEventsDoNot) {
   std::vector<SharedTextFrame> events(100, frameOf(256 << 10));
   peer.connection->sendBurst(events);
   client.send(wire(0x81, "unsubscribe"));
-  EXPECT_EQ(server.peer(0, 2).reports[1], "< unsubscribe");
+  EXPECT_EQ(server.reportsOf(0, 2)[1], "< unsubscribe");
 }
 
 }  // namespace

@@ -65,7 +65,7 @@ TEST(WebSocketTransport, AClientThatDoesNotReadIsDroppedAlone) {
     ASSERT_EQ(reader.read().payload.size(), std::size_t{64 << 10});
   }
   const auto full = make_error_code(WebSocketError::sendQueueFull).message();
-  auto reports = server.peer(0, 3).reports;
+  auto reports = server.reportsOf(0, 3);
   std::sort(reports.begin(), reports.end());
   EXPECT_EQ(reports, (std::vector<std::string>{"end: " + full, "failed: " + full, "ready"}));
   server.peer(1).connection->send(TextFrame::copyOf("still here"));
@@ -80,7 +80,7 @@ TEST(WebSocketTransport, SmallFramesFillTheQueueByTheirMemory) {
   RawClient silent(server.port);  // without its upgrade, frames wait
   Peer& peer = server.peer(0, 0);
   for (int i = 0; i < 10'000; ++i) peer.connection->send(frameOf(1));
-  EXPECT_EQ(server.peer(0).reports[0],
+  EXPECT_EQ(server.reportsOf(0)[0],
             "failed: " + make_error_code(WebSocketError::sendQueueFull).message());
 }
 
@@ -115,7 +115,7 @@ TEST(WebSocketTransport, UnfinishedHandshakesAreDropped) {
   }
   for (auto* client : {&silent, &half}) EXPECT_EQ(client->read().opcode, kEnd);
   EXPECT_TRUE(trickling.readToEnd().isOver());
-  for (std::size_t n = 0; n < 3; ++n) EXPECT_EQ(server.peer(n).reports[0], failure);
+  for (std::size_t n = 0; n < 3; ++n) EXPECT_EQ(server.reportsOf(n)[0], failure);
 }
 
 TEST(WebSocketTransport, OnlySilentConnectionsGoIdle) {
@@ -133,7 +133,7 @@ TEST(WebSocketTransport, OnlySilentConnectionsGoIdle) {
   EXPECT_EQ(silent.read(), (Frame{kPing, ""}));
   EXPECT_TRUE(silent.read().isOver());
   const auto idle = make_error_code(WebSocketError::idleTimeout).message();
-  auto reports = server.peer(0, 3).reports;
+  auto reports = server.reportsOf(0, 3);
   std::sort(reports.begin(), reports.end());
   EXPECT_EQ(reports, (std::vector<std::string>{"end: " + idle, "failed: " + idle, "ready"}));
   EXPECT_EQ(server.reportsOf(1).size(), 1u);
@@ -220,7 +220,7 @@ TEST(WebSocketTransport, APeerIsHeardWhileItsMessageIsServed) {
     EXPECT_EQ(server.take(n), "next");
     client.send(wire(0x81, "for nobody"));
     leave(client);
-    EXPECT_EQ(server.peer(n, 2).reports[1], "lost: " + lost);
+    EXPECT_EQ(server.reportsOf(n, 2)[1], "lost: " + lost);
     EXPECT_EQ(server.take(n), "end: " + lost);
     ++n;
   }
@@ -387,7 +387,7 @@ TEST(WebSocketClient, TellsHowItEnded) {
     EXPECT_EQ(client.receive(20ms).error(), WebSocketClientError::timedOut);
     ASSERT_TRUE(client.sendText("hello"));
     const auto n = server.peerCount() - 1;
-    EXPECT_EQ(server.peer(n, 2).reports[1], "< hello");
+    EXPECT_EQ(server.reportsOf(n, 2)[1], "< hello");
     server.peer(n).connection->send(TextFrame::copyOf("late"));
     EXPECT_EQ(client.receive().value().data, "late");
     EXPECT_EQ(client.closeCode(), 0);
