@@ -21,7 +21,7 @@ using boost::system::error_code;
 constexpr std::size_t kRecord = SSL3_RT_MAX_PLAIN_LENGTH;  // RFC 8446, 5.1. Octets.
 
 int socketOf(BIO* bio) {
-  return static_cast<int>(reinterpret_cast<std::intptr_t>(BIO_get_data(bio)));
+  return *static_cast<const int*>(BIO_get_data(bio));
 }
 
 bool isTemporary(ssize_t result) {
@@ -59,14 +59,15 @@ const BIO_METHOD* socketMethod() {
   return method;
 }
 
-SSL* makeSsl(SSL_CTX* context, int socket) {
+// The BIO refers to the socket's number, which has to stay where it is.
+SSL* makeSsl(SSL_CTX* context, int& socket) {
   BIO* const bio = BIO_new(socketMethod());
   SSL* const ssl = bio != nullptr ? SSL_new(context) : nullptr;
   if (ssl == nullptr) {
     BIO_free(bio);
     return nullptr;
   }
-  BIO_set_data(bio, reinterpret_cast<void*>(static_cast<std::intptr_t>(socket)));
+  BIO_set_data(bio, &socket);
   BIO_set_init(bio, 1);
   SSL_set_bio(ssl, bio, bio);
   SSL_set_accept_state(ssl);
@@ -76,7 +77,7 @@ SSL* makeSsl(SSL_CTX* context, int socket) {
 }  // namespace
 
 TlsChannel::TlsChannel(std::shared_ptr<const TlsContext> context, int socket)
-    : context_(std::move(context)), ssl_(makeSsl(context_->native(), socket)) {}
+    : context_(std::move(context)), socket_(socket), ssl_(makeSsl(context_->native(), socket_)) {}
 
 TlsChannel::~TlsChannel() {
   SSL_free(ssl_);

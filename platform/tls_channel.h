@@ -50,6 +50,7 @@ class TlsChannel {
   boost::system::error_code errorOf(int result, Wait& waitsFor);
 
   const std::shared_ptr<const TlsContext> context_;
+  int socket_;
   ssl_st* const ssl_;  // null when there was no memory; then everything fails
   std::string record_;
   Wait readWaitsFor_ = Wait::wait_read;

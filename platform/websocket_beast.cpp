@@ -322,7 +322,7 @@ bool isWellFormed(const Request& request) {
   if (request.count(http::field::host) != 1 || !isHost({host.data(), host.size()})) return false;
   if (request.count(http::field::transfer_encoding) != 0) return false;
   const auto length = values(request, http::field::content_length);
-  return length.find_first_not_of("0") == std::string::npos;
+  return length.find_first_not_of('0') == std::string::npos;
 }
 
 // Reads the request and answers it, be it with an upgrade or a refusal.

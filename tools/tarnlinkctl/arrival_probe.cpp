@@ -12,14 +12,14 @@ ArrivalProbe::ArrivalProbe(BridgeSession session, MessageKind silent, bool isFil
 CtlResult<void> ArrivalProbe::look() {
   if (!std::exchange(hasSubscribed_, true)) {
     for (const char* command : {"subscribe_goose", "subscribe_sv"}) {
-      if (const auto sent = session_.send(CommandText(command)); !sent) return sent;
+      if (auto sent = session_.send(CommandText(command)); !sent) return sent;
     }
   }
   while (true) {
     const auto event = session_.next(std::chrono::milliseconds(1));
     if (!event) return event.error();
     if (!*event) return {};
-    if (const auto taken = take(**event); !taken) return taken;
+    if (auto taken = take(**event); !taken) return taken;
   }
 }
 

@@ -114,7 +114,9 @@ std::string suggestion(const CLI::App& app) {
   for (const auto& word : unknown) {
     const bool isOption = word.starts_with("--");
     const auto meant = nearestWord(word.substr(0, word.find('=')), isOption ? options : commands);
-    if (!meant.empty()) return "'" + word + "' is not known; did you mean '" + meant + "'?\n";
+    if (meant.empty()) continue;
+    return std::string("'").append(word).append("' is not known; did you mean '").append(meant) +
+           "'?\n";
   }
   if (commands.empty()) return "";
   std::string line = unknown.empty() ? "" : "'" + unknown.front() + "' is none of the commands.\n";
