@@ -17,6 +17,7 @@ constexpr milliseconds kMaxDelay{1'000};
 // On this computer both take less than a millisecond; the thread that draws waits no longer.
 constexpr milliseconds kConnectTime{200};
 constexpr milliseconds kSendTime{200};
+constexpr milliseconds kCloseTime{200};
 // To be let in.
 constexpr milliseconds kAdmissionTime{5'000};
 // A receive() in which a message that is on its way arrives.
@@ -44,6 +45,7 @@ void BridgeClient::open(BridgeDoor door) {
 
 void BridgeClient::close() {
   timer_.stop();
+  if (isAdmitted_) (void)socket_->close(1000, kCloseTime);
   if (readable_ != nullptr) {
     readable_->setEnabled(false);
     readable_.release()->deleteLater();  // It may be what calls.
@@ -112,7 +114,7 @@ void BridgeClient::take(const std::string& message) {
 }
 
 void BridgeClient::lose() {
-  const bool wasAdmitted = isAdmitted_;
+  const bool wasAdmitted = std::exchange(isAdmitted_, false);
   close();
   timer_.start(delay_);
   delay_ = std::min(delay_ * 2, kMaxDelay);
