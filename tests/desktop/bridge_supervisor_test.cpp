@@ -142,9 +142,12 @@ TEST_F(BridgeSupervision, LogLinesAreNoState) {
   EXPECT_EQ(supervisor_->state().activeInterface, "");
   EXPECT_EQ(supervisor_->state().failure, "");
 
+  supervisor_->restart();
+  EXPECT_TRUE(await([this] { return count("Start failed: forged") == 2; }))
+      << "killed, as it will not stop, and started anew";
   const auto begin = std::chrono::steady_clock::now();
   supervisor_->stop();
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s) << "killed, as it will not stop";
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s);
 }
 
 TEST_F(BridgeSupervision, ADeadBridgeComesBackWithOneLine) {
@@ -195,11 +198,20 @@ TEST_F(BridgeSupervision, GuessersDoNotKeepTheOwnerOut) {
     EXPECT_TRUE(guessers.back().sendText(R"({"cmd":"auth","token":"000000"})"));
   }
   EXPECT_TRUE(await([this] { return count("attempts wait for their turn") == 1; }));
-  BridgeClient owner({.onStatus = [](const std::string&) {}, .onError = {}, .onLost = [] {}});
-  owner.open({"127.0.0.1", kPort, "a token that is not the owner's, but as long"});
   supervisor_->setActiveInterface("bus0");
   EXPECT_TRUE(awaitInterface("bus0")) << "who is in stays in";
-  EXPECT_FALSE(owner.isOpen());
+}
+
+TEST_F(BridgeSupervision, OnlyTheBridgeThatGotTheTokenIsBelieved) {
+  supervise(TARNLINKD);
+  ASSERT_TRUE(awaitPhase(BridgePhase::running));
+  int heard = 0;
+  BridgeClient stranger(
+      {.onStatus = [&heard](const std::string&) { ++heard; }, .onError = {}, .onLost = [] {}});
+  stranger.open({"127.0.0.1", kPort, "0123456789abcdef0123456789abcdef"});
+  EXPECT_TRUE(await([this] { return count("auth failed") >= 2; })) << "it keeps trying";
+  EXPECT_FALSE(stranger.isOpen());
+  EXPECT_EQ(heard, 0);
 }
 
 // Else a bridge would keep the port of a desktop program that was killed.
