@@ -96,6 +96,8 @@ TEST(BridgeCommandTest, AStrictCommandSaysWhatIsWrong) {
        R"(pduBase64: expected base64 with padding, found "QA A=")"},
       {sv + R"(,"dstMac":"nowhere"})",
        R"(dstMac: expected an address as 01:0C:CD:01:00:01, found "nowhere")"},
+      {sv + R"(,"dstMac":")" + std::string(39, 'x') + "ää\"}",
+       "dstMac: expected an address as 01:0C:CD:01:00:01, found \"" + std::string(39, 'x') + "…\""},
       {sv + R"(,"vlanId":4095})", "vlanId: expected an integer from 0 to 4094, found 4095"},
       {sv + R"(,"vlanPriority":8})", "vlanPriority: expected an integer from 0 to 7, found 8"},
       {sv + R"(,"interface":["eth0"]})", "interface: expected a string, found an array"},

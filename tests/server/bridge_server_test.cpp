@@ -107,16 +107,32 @@ TEST_F(BridgeServerTest, StopEndsEverythingAndCountersSurvive) {
   EXPECT_EQ(events[0]["isCapturing"], false);
 }
 
-TEST_F(BridgeServerTest, AClientThatArrivesDuringStopIsRefused) {
+TEST_F(BridgeServerTest, NothingBeginsDuringStopAndEveryStopWaitsForTheEnd) {
   bridge.goose.gate.reset();
   const auto client = bridge.authenticated();
+  const auto publishing = bridge.authenticated();
+  bridge.isHostBusy = true;
+  bridge.say(publishing, publishCommand(R"(,"vlanId":5,"requestId":1)"));
   bridge.say(client, kSubscribe);
-  EXPECT_FALSE(bridge.await(bridge.server->stop())) << "waits for the capture that is starting";
+  bool isOver = false;
+  asio::co_spawn(bridge.io, bridge.server->stop(), [&](std::exception_ptr) { isOver = true; });
+  bridge.settle();
+  EXPECT_FALSE(isOver) << "waits for the capture that is starting";
+  EXPECT_FALSE(bridge.await(bridge.server->stop()));
   EXPECT_TRUE(bridge.connect()->isCancelled);
+  const auto started = bridge.await(bridge.server->start(kDefaultBridgePort));
+  ASSERT_TRUE(started && started->has_error());
+  EXPECT_EQ(started->error().which(), BridgeError::Case::cancelled);
+  bridge.isHostBusy = false;
+  bridge.settle();
+  EXPECT_TRUE(publishing->sent.empty()) << "neither done nor failed";
   bridge.goose.gate.set();
   bridge.settle();
-  EXPECT_EQ(bridge.logLines.back(), "[BridgeServer] Stopped");
+  EXPECT_TRUE(isOver);
+  EXPECT_EQ(std::count(bridge.logLines.begin(), bridge.logLines.end(), "[BridgeServer] Stopped"),
+            1);
   EXPECT_EQ(bridge.goose.running, 0);
+  EXPECT_TRUE(bridge.goosePublisher->published.empty()) << "its link was ready too late";
 }
 
 // Authentication -----------------------------------------------------------------------------
@@ -252,10 +268,6 @@ TEST_F(BridgeServerTest, WithoutDescriptorsEachCommandFailsAndTheClientIsHeardAf
   EXPECT_EQ(bridge.ask(client, publishCommand(R"(,"vlanId":5)")),
             std::vector<Json>{error("VLAN-Setup fehlgeschlagen: Too many open files", 3)});
   bridge.hasNoDescriptors = false;
-  bridge.ask(bridge.authenticated(), kSubscribe);
-  bridge.goose.yield({message()});
-  bridge.settle();
-  EXPECT_TRUE(client->sent.empty()) << "a failed subscription is none";
   EXPECT_EQ(bridge.ask(client, kSubscribe).at(0)["isCapturing"], true);
 }
 
@@ -347,6 +359,10 @@ TEST_F(AuthDelayTest, WhoWaitsGetsPongsAndItsCommandsInTheirOrder) {
   expected.resize(23, "error");
   expected.emplace_back("pong");
   EXPECT_EQ(events(owner), expected);
+  const auto prompt = connect("192.0.2.4");
+  prompt->say(kRight);
+  bridge.say(prompt, kPing);
+  EXPECT_EQ(events(prompt), (std::vector<std::string>{"auth_result", "pong"})) << "did not wait";
 }
 
 TEST_F(AuthDelayTest, WhoLeavesTakesNoTurn) {
@@ -488,7 +504,12 @@ TEST_F(BridgeServerTest, AFailedStartAnswersAndDropsTheSubscription) {
       << "the last resort where discovery finds nothing";
   EXPECT_TRUE(bridge.logged("[BridgeServer] ✗ capture start failed: permission denied"));
   bridge.goose.failure.reset();
-  EXPECT_EQ(bridge.ask(client, kSubscribe)[0]["isCapturing"], true);
+  const auto other = bridge.authenticated();
+  EXPECT_EQ(bridge.ask(other, kSubscribe)[0]["isCapturing"], true);
+  bridge.goose.yield({message()});
+  bridge.settle();
+  EXPECT_EQ(other->sent.size(), 1U);
+  EXPECT_TRUE(client->sent.empty());
 }
 
 TEST_F(BridgeServerTest, SubscribersThatMeetAStartingCaptureWaitForIt) {
@@ -528,6 +549,33 @@ TEST_F(BridgeServerTest, AClientThatLeavesAStartingCaptureLeavesNoneRunning) {
   bridge.settle();
   EXPECT_EQ(bridge.goose.mostRunning, 1);
   EXPECT_EQ(bridge.goose.running, 0);
+}
+
+TEST_F(BridgeServerTest, AStopThatWasDecidedBeforeASubscriptionEndsNoCapture) {
+  bridge.goose.gate.reset();
+  bridge.sv.gate.reset();
+  const auto first = bridge.authenticated();
+  const auto firstSv = bridge.authenticated();
+  bridge.say(first, kSubscribe);
+  bridge.say(firstSv, R"({"cmd":"subscribe_sv"})");
+  first->close(TransportCancelled{});
+  firstSv->close(TransportCancelled{});
+  bridge.settle();
+  const auto second = bridge.authenticated();
+  const auto secondSv = bridge.authenticated();
+  bridge.say(second, kSubscribe);
+  bridge.say(secondSv, R"({"cmd":"subscribe_sv"})");
+  bridge.goose.gate.set();
+  bridge.sv.gate.set();
+  bridge.settle();
+  EXPECT_EQ(bridge.goose.interfaces.size(), 1U);
+  EXPECT_EQ(bridge.sv.interfaces.size(), 1U);
+  EXPECT_EQ(bridge.goose.running + bridge.sv.running, 2);
+  bridge.say(second, R"({"cmd":"set_interface","interface":"eth9"})");
+  bridge.sv.die("The interface disappeared");
+  bridge.settle();
+  bridge.io.run_for(std::chrono::milliseconds(100));
+  EXPECT_EQ(bridge.sv.interfaces, (std::vector<std::string>{"en0", "en0"})) << "which it joined";
 }
 
 TEST_F(BridgeServerTest, ADeadCaptureIsToldAndTriedAgain) {
@@ -590,6 +638,10 @@ TEST_F(BridgeServerTest, AnSvCaptureIsTriedAgainWhereItWas) {
   bridge.settle();
   bridge.io.run_for(std::chrono::milliseconds(100));
   EXPECT_EQ(bridge.sv.interfaces, (std::vector<std::string>{"en0", "en0"}));
+  bridge.sv.die("The interface disappeared");
+  bridge.settle();
+  bridge.io.run_for(std::chrono::milliseconds(100));
+  EXPECT_EQ(bridge.sv.interfaces.size(), 3U) << "a second time, too";
   bridge.sv.die("The interface disappeared");
   bridge.settle();
   const auto other = bridge.authenticated();
@@ -660,6 +712,18 @@ TEST_F(BridgeServerTest, SetInterfaceChecksStoresAndMovesTheCapture) {
   bridge.goose.yield({message()});
   bridge.settle();
   EXPECT_EQ(BridgeHarness::take(client).back()["event"], "goose_message");
+}
+
+TEST_F(BridgeServerTest, WhatWasCapturedBeforeAnInterfaceChangeArrives) {
+  const auto client = bridge.authenticated();
+  bridge.ask(client, R"({"cmd":"subscribe_goose","appIdFilter":"7"})");
+  for (int i = 0; i < 1'000; ++i) bridge.goose.yield(std::vector<GooseMessage>(64));
+  bridge.goose.yield({message(7)});
+  bridge.say(client, R"({"cmd":"set_interface","interface":"eth1"})");
+  const auto events = BridgeHarness::take(client);
+  ASSERT_EQ(events.size(), 2U);
+  EXPECT_EQ(events[0]["event"], "goose_message") << "the last of what had queued";
+  EXPECT_EQ(events[1]["activeInterface"], "eth1");
 }
 
 TEST(BridgeServerStartTest, TheStoredInterfaceIsRestored) {
@@ -780,10 +844,12 @@ TEST_F(BridgeServerTest, AFailedSvStartAnswersAndDropsTheSubscription) {
   EXPECT_EQ(bridge.ask(client, R"({"cmd":"subscribe_sv"})"),
             std::vector<Json>{error("SV capture failed: bad filter", 4)});
   bridge.sv.failure.reset();
-  bridge.ask(client, R"({"cmd":"subscribe_sv"})");
+  const auto other = bridge.authenticated();
+  bridge.ask(other, R"({"cmd":"subscribe_sv"})");
   bridge.sv.yield({svFrame({1, 2, 3})});
   bridge.settle();
-  EXPECT_EQ(client->sent.size(), 1U);
+  EXPECT_EQ(other->sent.size(), 1U);
+  EXPECT_TRUE(client->sent.empty());
 }
 
 TEST_F(BridgeServerTest, SvPayloadsPassUnchanged) {

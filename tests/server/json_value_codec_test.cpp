@@ -305,6 +305,9 @@ TEST(StrictReadingTest, ADatasetIsReadWholeOrNotAtAll) {
       {R"({"type":"utcTime","value":4294967296})",
        "value: expected a time from 1970 to 2106, as 2024-05-17T08:15:30.125Z or in seconds, found "
        "4294967296"},
+      {R"({"type":"utcTime","value":-1})",
+       "value: expected a time from 1970 to 2106, as 2024-05-17T08:15:30.125Z or in seconds, found "
+       "-1"},
       {R"({"type":"structure","value":[]})", "elements: expected an array, found nothing"},
       {R"({"type":"structure","elements":[{"type":"boolean","value":true,"colour":"red"}]})",
        "elements[0].colour: no member of boolean"}};
