@@ -42,6 +42,12 @@ TEST(DocumentedLimits, AreThoseOfTheCode) {
   const WebSocketLimits transport;
   const std::pair<const char*, std::string> cases[] = {
       {"docs/protocol.md", "| incoming message | " + mebibytes(transport.incomingMessage)},
+      {"docs/protocol.md",
+       "succeeded | " + std::to_string(transport.strangerMessage >> 10) + " KiB | close code 1009"},
+      {"docs/protocol.md",
+       "for their turn | " + count<seconds>(transport.strangerTime) + " s | the TCP"},
+      {"docs/protocol.md",
+       "unsent answers for one client | " + std::to_string(transport.unsentAnswers >> 10) + " KiB"},
       {"docs/protocol.md", "| JSON nesting | " + std::to_string(kMaxJsonNesting) + " levels"},
       {"docs/protocol.md",
        "| upgrade not finished | " + count<seconds>(transport.handshake) + " s"},
