@@ -321,6 +321,9 @@ TEST_F(AuthDelayTest, WrongCodesWaitRightOnesFollowAndNobodyIsLeftBehind) {
   EXPECT_TRUE(bridge.logged(
       "[BridgeServer] Many wrong pairing codes, the latest attempt from 192.0.2.1: attempts wait "
       "for their turn"));
+  EXPECT_EQ(std::count_if(bridge.logLines.begin(), bridge.logLines.end(),
+                          [](const auto& line) { return line.find("Many wrong") != line.npos; }),
+            1);
   const auto starter = bridge.connect();
   const auto admitted =
       bridge.ask(starter, std::string(R"({"cmd":"auth","token":")") + test::kOwnerToken + "\"}");
@@ -576,6 +579,23 @@ TEST_F(BridgeServerTest, AStopThatWasDecidedBeforeASubscriptionEndsNoCapture) {
   bridge.settle();
   bridge.io.run_for(std::chrono::milliseconds(100));
   EXPECT_EQ(bridge.sv.interfaces, (std::vector<std::string>{"en0", "en0"})) << "which it joined";
+}
+
+TEST_F(BridgeServerTest, WhoLeftWhileAnotherStartedStartsNothing) {
+  bridge.goose.gate.reset();
+  bridge.sv.gate.reset();
+  bridge.goose.failure = bridge.sv.failure = GooseError::permissionDenied();
+  for (const char* text : {kSubscribe, R"({"cmd":"subscribe_sv"})"}) {
+    bridge.say(bridge.authenticated(), text);
+    const auto leaving = bridge.authenticated();
+    bridge.say(leaving, text);
+    leaving->lose();
+  }
+  bridge.goose.gate.set();
+  bridge.sv.gate.set();
+  bridge.settle();
+  EXPECT_EQ(bridge.goose.interfaces.size(), 1U);
+  EXPECT_EQ(bridge.sv.interfaces.size(), 1U);
 }
 
 TEST_F(BridgeServerTest, ADeadCaptureIsToldAndTriedAgain) {
