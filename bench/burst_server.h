@@ -3,7 +3,6 @@
 #pragma once
 
 #include <pthread.h>
-#include <time.h>
 
 #include <chrono>
 #include <cstddef>
@@ -13,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/stopwatch.h"
 #include "platform/text_frame.h"
 
 namespace tarnlink::bench {
@@ -22,12 +22,6 @@ inline constexpr std::size_t kBurst = 64;
 
 /// What all servers send: kBurst frames of one size, encoded once.
 using Frames = std::vector<SharedTextFrame>;
-
-inline std::chrono::nanoseconds timeOf(clockid_t clock) {
-  timespec now{};
-  clock_gettime(clock, &now);
-  return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
-}
 
 /// Processor time of a thread that still runs.
 inline std::chrono::nanoseconds cpuTimeOf(std::thread& thread) {
@@ -53,5 +47,8 @@ class BurstServer {
 std::unique_ptr<BurstServer> makeTransportServer(std::uint16_t port, const Frames& frames);
 std::unique_ptr<BurstServer> makeEpollServer(std::uint16_t port, const Frames& frames);
 std::unique_ptr<BurstServer> makePlainBeastServer(std::uint16_t port, const Frames& frames);
+
+/// The plain Beast server on the calling thread, for ever; says "Listening".
+void runIdleBeastServer(std::uint16_t port);
 
 }  // namespace tarnlink::bench

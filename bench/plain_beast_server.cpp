@@ -1,6 +1,7 @@
 // The peer: a WebSocket server as most people write it with Boost.Beast. Each session has a queue
 // of shared messages and one async_write under way, one message each. It runs on one thread, so
-// that it needs no strand and no post for a message.
+// that it needs no strand and no post for a message. Without frames it is the server that does
+// nothing.
 #include <atomic>
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/io_context.hpp>
@@ -9,6 +10,7 @@
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/websocket.hpp>
+#include <cstdio>
 #include <deque>
 #include <string>
 #include <utility>
@@ -76,12 +78,16 @@ class PlainBeastServer final : public BurstServer {
       messages_.push_back(std::make_shared<const std::string>(frame->text()));
     }
     accept();
-    thread_ = std::thread([this] { io_.run(); });
   }
   ~PlainBeastServer() override {
     io_.stop();
-    thread_.join();
+    if (thread_.joinable()) thread_.join();
   }
+
+  void start() {
+    thread_ = std::thread([this] { run(); });
+  }
+  void run() { io_.run(); }
 
   void feed(std::size_t frames) override {
     asio::post(io_, [this, frames] {
@@ -114,7 +120,16 @@ class PlainBeastServer final : public BurstServer {
 }  // namespace
 
 std::unique_ptr<BurstServer> makePlainBeastServer(std::uint16_t port, const Frames& frames) {
-  return std::make_unique<PlainBeastServer>(port, frames);
+  auto server = std::make_unique<PlainBeastServer>(port, frames);
+  server->start();
+  return server;
+}
+
+void runIdleBeastServer(std::uint16_t port) {
+  PlainBeastServer server(port, {});
+  std::puts("Listening");
+  std::fflush(stdout);
+  server.run();
 }
 
 }  // namespace tarnlink::bench

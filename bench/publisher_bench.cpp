@@ -9,10 +9,8 @@
 //
 // Measured twice: with the machine at rest, and beside a bridge that floods a client with the
 // frames of another wire.
-#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <exception>
@@ -21,10 +19,10 @@
 #include <thread>
 #include <vector>
 
+#include "bench/bridge.h"
 #include "bench/report.h"
 #include "bench/sample_traffic.h"
-#include "bench/wire_receivers.h"
-#include "bench/wire_traffic.h"
+#include "bench/wire.h"
 #include "stack/goose_publisher.h"
 #include "stack/punctual_thread.h"
 #include "tests/support/frame_recorder.h"
@@ -37,17 +35,17 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 
-constexpr int kDefaultRounds = 25;  // About one second each, at rest and under load.
+constexpr int kRounds = 25;  // About one second each, at rest and under load.
 // The fast schedule's head: a full one takes four seconds and mostly waits.
 constexpr std::size_t kRetransmissions = 8;
 constexpr milliseconds kSettling{10};
-constexpr const char* kBus = "bus0";
-constexpr const char* kPeer = "ied0";
 
 constexpr const char* kLoadedBus = "bus1";
-constexpr const char* kLoadedPeer = "ied1";
+constexpr const char* kLoadedIed = "ied1";
 constexpr std::uint16_t kPort = 8765;
-constexpr double kLoad = 50'000;  // Frames a second.
+// Frames, and the time between two bursts of them: 50,000 a second.
+constexpr unsigned kLoad = 25;
+constexpr std::chrono::microseconds kLoadSpacing{500};
 
 nanoseconds wallClock() {
   return std::chrono::system_clock::now().time_since_epoch();
@@ -127,14 +125,8 @@ std::vector<nanoseconds> offsetsOf(const RetransmissionProfile& profile) {
 
 /// One sender under test: its errors in microseconds.
 struct Series {
-  const char* name;
   std::shared_ptr<NotingHandles> handles = std::make_shared<NotingHandles>();
-  std::vector<double> errors{};
-
-  double quantile(double share) const {
-    const auto rank = std::ceil(share * static_cast<double>(errors.size()));
-    return errors.at(static_cast<std::size_t>(std::max(rank, 1.0)) - 1);
-  }
+  Figures errors{};
 };
 
 void bareLoop(SendHandle& handle, ByteView frame, const std::vector<nanoseconds>& offsets) {
@@ -162,11 +154,12 @@ void collect(Series& series, const std::vector<test::RecordedFrame>& frames,
 /// Frames on a wire of their own, through a bridge, to a client that reads all of them.
 class WireLoad {
  public:
-  WireLoad() : flood_(kLoadedPeer), bridge_(kLoadedBus, kPort, true), client_(bridge_) {
-    client_.start();
+  WireLoad() {
     thread_ = std::thread([this] {
       const Bytes frame = eightValueFrame();
-      while (!isStopping_) flood_.run(frame, kLoad, std::chrono::milliseconds(100));
+      while (!isStopping_) {
+        paced(100, kLoadSpacing, [&](std::size_t) { wire_.send(frame, kLoad); });
+      }
     });
   }
   ~WireLoad() {
@@ -176,21 +169,15 @@ class WireLoad {
   WireLoad(const WireLoad&) = delete;
   WireLoad& operator=(const WireLoad&) = delete;
 
-  std::uint64_t delivered() { return client_.count(); }
+  std::uint64_t delivered() { return client_.fewest(); }
 
  private:
-  FrameFlood flood_;
-  BridgeUnderLoad bridge_;
-  SubscribedBridge client_;
+  WireSender wire_{kLoadedIed};
+  Bridge bridge_{kLoadedBus, kPort};
+  Readers client_ = bridge_.subscribe(1);
   std::atomic<bool> isStopping_{false};
   std::thread thread_;
 };
-
-std::string microseconds(double time) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.1f us", time);
-  return text;
-}
 
 /// Two senders that take turns on one wire.
 class Contest {
@@ -206,36 +193,25 @@ class Contest {
   Contest(const Contest&) = delete;
   Contest& operator=(const Contest&) = delete;
 
-  void run(const std::string& circumstances, int rounds) {
+  void run(const std::string& circumstances) {
     published_.errors.clear();
     bare_.errors.clear();
-    for (int round = 0; round < rounds; ++round) {
+    for (int round = 0; round < kRounds; ++round) {
       // Neither always runs in the other's wake.
       round % 2 == 0 ? publish() : sendBare();
       round % 2 == 0 ? sendBare() : publish();
     }
-    for (Series* series : {&bare_, &published_}) {
-      std::sort(series->errors.begin(), series->errors.end());
-      std::fprintf(stderr, "%s, %s: p50 %.1f, p99 %.1f, max %.1f us of %zu frames, %s\n",
-                   series->name, circumstances.c_str(), series->quantile(0.5),
-                   series->quantile(0.99), series->errors.back(), series->errors.size(),
-                   thread_.isRealTime() ? "real-time" : "no real-time scheduling here");
-    }
-    printQuantile("retransmission's error " + circumstances + ", p50", 0.5, 1.3);
-    printQuantile("retransmission's error " + circumstances + ", p99", 0.99, 1.0);
+    const auto print = [&](const char* what, double share, Target target) {
+      compare("retransmission's error " + circumstances + what, "%.1f us",
+              {quantile(published_.errors, share)}, "clock_nanosleep",
+              {quantile(bare_.errors, share)}, target);
+    };
+    print(", p50", 0.5, atMost(1.3));
+    print(", p99", 0.99, atMost(1));
+    if (!thread_.isRealTime()) std::fputs("no real-time scheduling here\n", stderr);
   }
 
  private:
-  void printQuantile(const std::string& what, double share, double target) {
-    const double ours = published_.quantile(share);
-    const double theirs = bare_.quantile(share);
-    char ratio[16];
-    char limit[32];
-    std::snprintf(ratio, sizeof ratio, "%.2f x", ours / theirs);
-    std::snprintf(limit, sizeof limit, "<= %.1f x", target);
-    print({what, microseconds(ours), "clock_nanosleep " + microseconds(theirs), ratio, limit,
-           ours <= theirs * target});
-  }
   void publish() {
     published_.handles->firstHandedOver = {};
     test::runAwaitable(publisher_->publishStateChange(config_)).value();
@@ -255,40 +231,40 @@ class Contest {
     recorder_.clear();
   }
 
-  test::FrameRecorder recorder_{kPeer, "ether proto 0x88b8"};
+  test::FrameRecorder recorder_{kIed, "ether proto 0x88b8"};
   GoosePublishConfig config_ = publication();
   std::vector<nanoseconds> offsets_ = offsetsOf(config_.retransmissionProfile);
-  Series published_{"publisher"};
-  Series bare_{"bare clock_nanosleep"};
+  Series published_;
+  Series bare_;
   PunctualThread thread_;
   std::shared_ptr<GoosePublisher> publisher_;
   std::unique_ptr<SendHandle> handle_;
   Bytes frame_;
 };
 
-void run(int rounds) {
+void run() {
   test::NetworkNamespace::enter();
-  test::NetworkNamespace::addVethPair(kBus, kPeer);
-  test::NetworkNamespace::addVethPair(kLoadedBus, kLoadedPeer);
+  test::NetworkNamespace::addVethPair(kBus, kIed);
+  test::NetworkNamespace::addVethPair(kLoadedBus, kLoadedIed);
   Contest contest;
-  contest.run("at rest", rounds);
+  contest.run("at rest");
   WireLoad load;
   const auto before = load.delivered();
   const auto begin = std::chrono::steady_clock::now();
-  contest.run("under load", rounds);
+  contest.run("under load");
   const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
-  std::fprintf(stderr, "the load: %.0f messages/s delivered\n",
-               static_cast<double>(load.delivered() - before) / time.count());
+  report("the load: messages delivered", "%.0f/s",
+         static_cast<double>(load.delivered() - before) / time.count());
 }
 
 }  // namespace
 }  // namespace tarnlink::bench
 
-int main(int argc, char** argv) {
+int main() {
   try {
-    tarnlink::bench::run(argc > 1 ? std::stoi(argv[1]) : tarnlink::bench::kDefaultRounds);
+    tarnlink::bench::run();
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "publisher_bench: %s\nusage: publisher_bench [ROUNDS]\n", error.what());
+    std::fprintf(stderr, "publisher_bench: %s\n", error.what());
     return 1;
   }
 }

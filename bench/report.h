@@ -1,54 +1,84 @@
-// What the benches of whole roads share: figures taken in pairs, and the rows of the one table that
-// bench/run prints.
+// Figures in pairs, and the rows of the one table that bench/run prints.
 #pragma once
 
 #include <algorithm>
 #include <cstdio>
+#include <limits>
 #include <string>
 #include <vector>
 
 namespace tarnlink::bench {
 
-/// Pairs of runs, ours and the peer's in turn, at least: the machine's noise hits both alike.
+/// Pairs of runs, ours and the other's in turn, at least: the machine's noise hits both alike.
 inline constexpr int kPairs = 5;
 
-/// The middle value; for an even count, the lower of the two. Not of an empty list.
-inline double median(std::vector<double> values) {
-  const auto middle = values.begin() + static_cast<std::ptrdiff_t>((values.size() - 1) / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
+using Figures = std::vector<double>;
+
+/// The value below which that share of the figures lies; 0.5 gives the lower middle one of an even
+/// count. Not of an empty list.
+inline double quantile(Figures figures, double share) {
+  const auto rank = static_cast<std::ptrdiff_t>(share * static_cast<double>(figures.size() - 1));
+  std::nth_element(figures.begin(), figures.begin() + rank, figures.end());
+  return figures[static_cast<std::size_t>(rank)];
+}
+inline double median(Figures figures) {
+  return quantile(std::move(figures), 0.5);
 }
 
-/// The middle ratio of a's and b's figures of the same pair.
-inline double medianRatio(const std::vector<double>& a, const std::vector<double>& b) {
-  std::vector<double> ratios;
-  for (std::size_t i = 0; i < a.size(); ++i) ratios.push_back(a[i] / b[i]);
+/// The middle ratio of the figures of the same pair.
+inline double medianRatio(const Figures& ours, const Figures& theirs) {
+  Figures ratios;
+  for (std::size_t i = 0; i < ours.size(); ++i) ratios.push_back(ours[i] / theirs[i]);
   return median(std::move(ratios));
 }
 
 /// A figure as text, by a format of printf.
 inline std::string text(const char* format, double value) {
-  char buffer[32];
+  char buffer[48];
   std::snprintf(buffer, sizeof buffer, format, value);
   return buffer;
 }
 
-/// One figure of ours beside a limit or a peer, as texts with their units.
-struct Row {
-  std::string what;
-  std::string ours;
-  std::string beside;  ///< the limit or peer, with its figure
-  std::string ratio;
-  std::string target;  ///< empty where there is none
-  bool isMet = true;
+/// What a ratio or a figure is held to.
+struct Target {
+  double least = -std::numeric_limits<double>::infinity();
+  double most = std::numeric_limits<double>::infinity();
 };
+constexpr Target atLeast(double least) {
+  return {.least = least};
+}
+constexpr Target atMost(double most) {
+  return {.most = most};
+}
 
 /// Tab-separated on standard output; everything else that a bench says goes to standard error.
-inline void print(const Row& row) {
-  const char* verdict = row.target.empty() ? "" : row.isMet ? "met" : "MISSED";
-  std::printf("%s\t%s\t%s\t%s\t%s\t%s\n", row.what.c_str(), row.ours.c_str(), row.beside.c_str(),
-              row.ratio.c_str(), row.target.c_str(), verdict);
+inline void printRow(const std::string& what, const std::string& ours, const std::string& beside,
+                     const std::string& ratio, double judged, Target target, const char* format) {
+  constexpr Target kNone;
+  const bool isMet = judged >= target.least && judged <= target.most;
+  const std::string bound = target.most < kNone.most     ? "<= " + text(format, target.most)
+                            : target.least > kNone.least ? ">= " + text(format, target.least)
+                                                         : "";
+  std::printf("%s\t%s\t%s\t%s\t%s\t%s\n", what.c_str(), ours.c_str(), beside.c_str(), ratio.c_str(),
+              bound.c_str(),
+              bound.empty() ? ""
+              : isMet       ? "met"
+                            : "MISSED");
   std::fflush(stdout);
+}
+
+/// Our figures beside those of a limit or a peer; the target is the ratio's, ours through theirs.
+inline void compare(const std::string& what, const char* format, const Figures& ours,
+                    const std::string& peer, const Figures& theirs, Target target = {}) {
+  const double ratio = medianRatio(ours, theirs);
+  printRow(what, text(format, median(ours)), peer + " " + text(format, median(theirs)),
+           text(ratio < 10 ? "%.2f x" : "%.0f x", ratio), ratio, target, "%.2f x");
+}
+
+/// A figure of ours that stands alone, with something to know about it.
+inline void report(const std::string& what, const char* format, double ours, Target target = {},
+                   const std::string& beside = {}) {
+  printRow(what, text(format, ours), beside, "", ours, target, format);
 }
 
 }  // namespace tarnlink::bench

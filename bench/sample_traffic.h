@@ -7,15 +7,15 @@
 
 #include "stack/ethernet_frame.h"
 #include "stack/goose_pdu.h"
-#include "stack/sv_frame.h"
 
 namespace tarnlink::bench {
 
 /// Unix seconds of every time in the samples.
 inline constexpr double kSampleTime = 1715933730.125;
 
-/// A GOOSE frame of eight values; its event text has 735 octets.
-inline Bytes eightValueFrame(std::uint32_t sqNum = 4711) {
+/// A GOOSE frame of eight values; its event text has kSampleEventSize octets.
+inline constexpr std::size_t kSampleEventSize = 735;
+inline Bytes eightValueFrame() {
   using Value = GooseDataValue;
   const std::vector<Value> values{
       Value::boolean(true),
@@ -34,22 +34,13 @@ inline Bytes eightValueFrame(std::uint32_t sqNum = 4711) {
   fields.datSet = "IED1LD0/LLN0$dsEvents";
   fields.goId = "gcbEvents";
   fields.stNum = 17;
-  fields.sqNum = sqNum;
+  fields.sqNum = 4711;
   fields.confRev = 1;
   fields.values = values;
   fields.timestamp = timeFromUnixSeconds(kSampleTime);
   constexpr MacAddress kDestination{0x01, 0x0C, 0xCD, 0x01, 0x00, 0x01};
   constexpr MacAddress kSource{0x02, 0, 0, 0, 0, 0x01};
   return EthernetFrame::build(kDestination, kSource, 0, 0, GoosePdu::encode(fields).value());
-}
-
-/// A Sampled Values frame on VLAN 5, as long as one sample of eight channels; the payload stays
-/// undecoded everywhere, so its octets do not matter.
-inline Bytes eightChannelFrame() {
-  constexpr MacAddress kDestination{0x01, 0x0C, 0xCD, 0x04, 0x00, 0x01};
-  constexpr MacAddress kSource{0x02, 0, 0, 0, 0, 0x01};
-  constexpr std::size_t kPayload = 110;
-  return buildSvFrame(kDestination, kSource, 5, 4, Bytes(kPayload, 0x5A));
 }
 
 }  // namespace tarnlink::bench

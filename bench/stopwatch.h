@@ -1,12 +1,14 @@
-// CPU time of short pieces of work, measured in turns.
+// Processor time of short pieces of work, measured in turns.
 #pragma once
 
 #include <time.h>
 
-#include <cstddef>
+#include <chrono>
 #include <functional>
 #include <utility>
 #include <vector>
+
+#include "bench/report.h"
 
 namespace tarnlink::bench {
 
@@ -16,30 +18,29 @@ void keep(const T& result) {
   asm volatile("" : : "g"(&result) : "memory");
 }
 
-/// What others do on the machine does not count.
-inline double threadCpuNanoseconds() {
+inline std::chrono::nanoseconds timeOf(clockid_t clock) {
   timespec now{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-  return static_cast<double>(now.tv_sec) * 1e9 + static_cast<double>(now.tv_nsec);
+  clock_gettime(clock, &now);
+  return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
 }
 
-/// Nanoseconds of one call each time it is called: the mean over `calls` calls.
+/// Nanoseconds of one call: the mean over `calls`. What others do on the machine does not count.
 using Contestant = std::function<double()>;
 
 template <class Work>
-Contestant contestant(std::size_t calls, Work work) {
+Contestant contestant(int calls, Work work) {
   return [calls, work = std::move(work)]() mutable {
-    const double begin = threadCpuNanoseconds();
-    for (std::size_t i = 0; i < calls; ++i) work();
-    return (threadCpuNanoseconds() - begin) / static_cast<double>(calls);
+    const auto begin = timeOf(CLOCK_THREAD_CPUTIME_ID);
+    for (int i = 0; i < calls; ++i) work();
+    return static_cast<double>((timeOf(CLOCK_THREAD_CPUTIME_ID) - begin).count()) / calls;
   };
 }
 
 /// The figures of every contestant, one a round; each round starts with another one. A first round
 /// that warms the caches does not count.
-inline std::vector<std::vector<double>> inTurns(const std::vector<Contestant>& contestants,
-                                                std::size_t rounds) {
-  std::vector<std::vector<double>> figures(contestants.size());
+inline std::vector<Figures> inTurns(const std::vector<Contestant>& contestants,
+                                    std::size_t rounds) {
+  std::vector<Figures> figures(contestants.size());
   for (std::size_t round = 0; round <= rounds; ++round) {
     for (std::size_t i = 0; i < contestants.size(); ++i) {
       const std::size_t who = (round + i) % contestants.size();

@@ -172,26 +172,6 @@ char* putValue(char* out, const StraightLineValue& value) {
   return out;
 }
 
-char* putBase64(char* out, const std::uint8_t* from, std::size_t count) {
-  static constexpr char kDigits[] =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::size_t left = count;
-  for (; left >= 3; left -= 3, from += 3) {
-    const std::uint32_t bits = bigEndian(from, 3);
-    *out++ = kDigits[bits >> 18];
-    *out++ = kDigits[bits >> 12 & 63];
-    *out++ = kDigits[bits >> 6 & 63];
-    *out++ = kDigits[bits & 63];
-  }
-  if (left == 0) return out;
-  const std::uint32_t bits = bigEndian(from, left) << (left == 2 ? 8 : 16);
-  *out++ = kDigits[bits >> 18];
-  *out++ = kDigits[bits >> 12 & 63];
-  *out++ = left == 2 ? kDigits[bits >> 6 & 63] : '=';
-  *out++ = '=';
-  return out;
-}
-
 }  // namespace
 
 bool decodeGoose(ByteView frame, StraightLineGoose& goose) {
@@ -258,22 +238,6 @@ char* writeGooseEvent(const StraightLineGoose& goose, double receivedAt, char* o
   out = put(out, ",\"dstMac\":");
   out = putMac(out, goose.macs.data());
   return put(out, "}}");
-}
-
-char* writeSvEvent(ByteView frame, double receivedAt, char* out) {
-  constexpr std::size_t kHeader = 18;
-  out = put(out, "{\"event\":\"sv_apdu\",\"pduBase64\":\"");
-  out = putBase64(out, frame.data() + kHeader, frame.size() - kHeader);
-  out = put(out, "\",\"receivedAt\":");
-  out = putTime(out, receivedAt);
-  out = put(out, ",\"vlanId\":");
-  out = putNumber(out, bigEndian(frame.data() + 14, 2) & 0x0FFF);
-  out = put(out, ",\"dstMac\":");
-  out = putMac(out, frame.data());
-  out = put(out, ",\"srcMac\":");
-  out = putMac(out, frame.data() + 6);
-  *out++ = '}';
-  return out;
 }
 
 }  // namespace tarnlink::bench

@@ -41,7 +41,4 @@ bool decodeGoose(ByteView frame, StraightLineGoose& goose);
 /// The "goose_message" event at `out`; returns the position behind it.
 char* writeGooseEvent(const StraightLineGoose& goose, double receivedAt, char* out);
 
-/// The "sv_apdu" event of a tagged frame, straight from its octets.
-char* writeSvEvent(ByteView frame, double receivedAt, char* out);
-
 }  // namespace tarnlink::bench

@@ -1,136 +1,210 @@
-// From the wire to WebSocket clients: the highest rate without a lost frame, and the latency.
+// From the wire to WebSocket clients: the latency, and what a flood delivers.
 //
 // Everything runs on one machine, in a private network: the sender, the kernel's way through a veth
-// pair (which runs on the sender's processor), the bridge and its clients. So the sender's cost
+// pair (which runs on the sender's processor), the receiver and its clients. So the sender's cost
 // counts against every receiver alike, and on two processors it is the largest. Receivers take
 // turns, so that the machine's noise hits all of them.
+#include <array>
+#include <atomic>
+#include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <exception>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
 
-#include "bench/drop_free_rate.h"
+#include "bench/bridge.h"
+#include "bench/burst_server.h"
 #include "bench/report.h"
 #include "bench/sample_traffic.h"
-#include "bench/tshark_run.h"
-#include "bench/wire_latency.h"
+#include "bench/wire.h"
 #include "tests/support/network_namespace.h"
 
 namespace tarnlink::bench {
 namespace {
 
-constexpr const char* kBus = "bus0";
-constexpr const char* kIed = "ied0";
-constexpr std::uint16_t kPort = 8765;
+using Clock = std::chrono::steady_clock;
 
-std::string thousands(double rate) {
-  return text(rate < 10'000 ? "%.1f k/s" : "%.0f k/s", rate / 1e3);
-}
+constexpr std::uint16_t kPort = 8765;  // And the next one.
+constexpr std::uint16_t kMinimalPort = 8767;
 
-std::string microseconds(double time) {
-  return text("%.0f us", time);
-}
+// ---- Latency ----
 
-std::string times(double ratio) {
-  return text(ratio < 10 ? "%.2f x" : "%.0f x", ratio);
-}
+constexpr std::size_t kFrames = 1'000;
+constexpr std::chrono::milliseconds kSpacing{1};
 
-void printRate(const char* what, double ours, double bare, double target) {
-  const double ratio = bare > 0 ? ours / bare : 0;
-  print({what, thousands(ours), "bare pcap_dispatch " + thousands(bare), times(ratio),
-         ">= " + times(target), ratio >= target});
-}
+/// The limit: the least that a bridge between libpcap and sockets can be. The capture thread wakes
+/// the thread that serves clients for each frame by an eventfd, and that one sends a ready event
+/// with one gathered write.
+class MinimalBridge {
+ public:
+  Readers& reader() { return reader_; }
 
-/// Gives the rate of the bridge with one client.
-double benchRates(FrameFlood& flood, const BridgeUnderLoad& bridge) {
-  const Bytes frame = eightValueFrame(1);
-  BareLoop bareLoop(kBus);
-  UnmatchedBridge unmatched(bridge);
-  TextMaker textMaker(kBus);
-  SubscribedBridge subscribed(bridge);
-  DropFreeRate rates[] = {{"bare loop", bareLoop},
-                          {"no matching client", unmatched},
-                          {"text, no client", textMaker},
-                          {"one client", subscribed}};
-  for (int round = 0; round < kPairs; ++round) {
-    for (auto& rate : rates) rate.probe(flood, frame);
+ private:
+  const Frames frames_ = Frames(kBurst, TextFrame::copyOf(std::string(kSampleEventSize, 'x')));
+  std::unique_ptr<BurstServer> server_ = makeEpollServer(kMinimalPort, frames_);
+  CaptureThread capture_{kBus, [this](ByteView) { server_->feed(1); }};
+  Readers reader_{1, kMinimalPort};
+};
+
+struct Latency {
+  Figures p50;  // Microseconds, one a run.
+  Figures p99;
+
+  /// From handing a frame to the kernel to having its event, over kFrames frames.
+  void measure(WireSender& wire, Readers& reader) {
+    const Bytes frame = eightValueFrame();
+    std::vector<Clock::time_point> sent(kFrames);
+    reader.noteArrivals(kFrames);
+    paced(kFrames, kSpacing, [&](std::size_t i) {
+      sent[i] = Clock::now();
+      wire.send(frame);
+    });
+    reader.waitFor(kFrames);
+    Figures times;
+    for (std::size_t i = 0; i < kFrames; ++i) {
+      const std::chrono::duration<double, std::micro> time = reader.arrivals()[i] - sent[i];
+      times.push_back(time.count());
+    }
+    p50.push_back(quantile(times, 0.5));
+    p99.push_back(quantile(times, 0.99));
   }
-  const double bare = rates[0].prove(flood, frame);
-  constexpr double kUnmatchedTarget = 0.8;
-  constexpr double kSubscribedTarget = 0.5;
-  printRate("frames without loss, no matching client", rates[1].prove(flood, frame), bare,
-            kUnmatchedTarget);
-  printRate("frames without loss, text for no client", rates[2].prove(flood, frame), bare,
-            kUnmatchedTarget);
-  const double one = rates[3].prove(flood, frame);
-  printRate("frames without loss, one client", one, bare, kSubscribedTarget);
-  return one;
-}
 
-void benchTshark(FrameFlood& flood, double ours) {
-  constexpr double kTarget = 30;
-  const auto tshark = TsharkRun::start(kBus, flood);
-  if (!tshark) {
-    std::fprintf(stderr, "tshark does not capture here; its row is left out\n");
-    return;
-  }
-  std::vector<double> rates;
-  const Bytes frame = eightValueFrame(1);
-  for (int i = 0; i < kPairs; ++i) rates.push_back(tshark->sustainedRate(frame));
-  const double ratio = ours / median(rates);
-  print({"frames live, one client", thousands(ours), "tshark -l -T ek " + thousands(median(rates)),
-         times(ratio), ">= " + times(kTarget), ratio >= kTarget});
-}
-
-struct LatencySeries {
-  std::vector<double> p50;
-  std::vector<double> p99;
-
-  void add(const Latency& latency) {
-    p50.push_back(latency.p50);
-    p99.push_back(latency.p99);
+  void measure(WireSender& wire, Bridge& bridge) {
+    {
+      auto reader = bridge.subscribe(1);
+      measure(wire, reader);
+    }
+    Bridge::settle();
   }
 };
 
-void benchLatency(const BridgeUnderLoad& lowLatency, const BridgeUnderLoad& standard) {
-  LatencyRun run(kBus, kIed);
-  LatencySeries client;
-  LatencySeries late;
-  LatencySeries limit;
+void measureLatency(WireSender& wire, Bridge& lowLatency, Bridge& standard) {
+  Latency ours;
+  Latency minimal;
+  Latency late;
   for (int round = 0; round < kPairs; ++round) {
-    client.add(run.wireToClient(lowLatency));
-    const auto capture = run.wireToCapture();
-    const auto loopback = LatencyRun::loopbackRoundTrip();
-    limit.add({capture.p50 + loopback.p50 / 2, capture.p99 + loopback.p99 / 2});
-    late.add(run.wireToClient(standard));
-    std::fprintf(stderr,
-                 "latency p50: client %.0f, capture %.0f, round trip %.0f; standard %.0f us\n",
-                 client.p50.back(), capture.p50, loopback.p50, late.p50.back());
+    ours.measure(wire, lowLatency);
+    {
+      MinimalBridge bridge;
+      minimal.measure(wire, bridge.reader());
+    }
+    late.measure(wire, standard);
   }
-  constexpr double kTarget = 1.5;
-  const double ratio = medianRatio(client.p50, limit.p50);
-  const std::string beside = "immediate capture + half loopback ";
-  print({"wire to client, --low-latency, p50", microseconds(median(client.p50)),
-         beside + microseconds(median(limit.p50)), times(ratio), "<= " + times(kTarget),
-         ratio <= kTarget});
-  print({"wire to client, --low-latency, p99", microseconds(median(client.p99)),
-         beside + microseconds(median(limit.p99)), times(medianRatio(client.p99, limit.p99)), ""});
-  const double timeout = kReadTimeout * 1e3;
-  for (const auto& [what, time] :
-       {std::pair("wire to client, without it, p50", median(late.p50)),
-        std::pair("wire to client, without it, p99", median(late.p99))}) {
-    print({what, microseconds(time), "read time-out " + microseconds(timeout),
-           times(time / timeout), ""});
+  const std::string limit = "minimal program";
+  compare("wire to client, --low-latency, p50", "%.0f us", ours.p50, limit, minimal.p50,
+          atMost(1.15));
+  compare("wire to client, --low-latency, p99", "%.0f us", ours.p99, limit, minimal.p99,
+          atMost(1.5));
+  const Figures timeout(kPairs, kReadTimeout * 1e3);
+  compare("wire to client, without it, p50", "%.0f us", late.p50, "read time-out", timeout);
+  compare("wire to client, without it, p99", "%.0f us", late.p99, "read time-out", timeout);
+}
+
+// ---- A flood ----
+
+constexpr std::chrono::seconds kFlood{2};
+// Without a frame after which the rest is lost; longer than a capture's read time-out.
+constexpr std::chrono::milliseconds kQuiet{400};
+constexpr std::chrono::milliseconds kPoll{1};
+
+struct Flood {
+  Figures rate;  // Frames received a second, from the first one sent to the last one received.
+  double lost = 0;
+
+  template <class Count>
+  void measure(WireSender& wire, Count count) {
+    const Bytes frame = eightValueFrame();
+    std::uint64_t sent = 0;
+    std::uint64_t received = 0;
+    const auto begin = Clock::now();
+    for (; Clock::now() < begin + kFlood; sent += WireSender::kMostAtOnce) {
+      wire.send(frame, WireSender::kMostAtOnce);
+    }
+    auto last = Clock::now();
+    while (received < sent && Clock::now() < last + kQuiet) {
+      std::this_thread::sleep_for(kPoll);
+      const std::uint64_t now = count();
+      if (now != received) last = Clock::now();
+      received = now;
+    }
+    if (received > sent) throw std::runtime_error("more frames than were sent");
+    rate.push_back(static_cast<double>(received) /
+                   std::chrono::duration<double, std::milli>(last - begin).count());
+    lost += static_cast<double>(sent - received);
+  }
+};
+
+/// What a user would run instead, with its output read, offered more than it takes. Thousands a
+/// second; none where it cannot run.
+Figures tsharkRates(WireSender& wire) {
+  constexpr int kFramesOfRound = 3'000;
+  constexpr std::chrono::microseconds kOffered{100};  // Between two frames.
+  std::atomic<bool> isDone{false};
+  std::thread sender([&] {
+    const Bytes frame = eightValueFrame();
+    while (!isDone) paced(1'000, kOffered, [&](std::size_t) { wire.send(frame); });
+  });
+  Figures rates;
+  const auto command = std::string("exec " TSHARK " -l -T ek -Q -f 'ether proto 0x88b8' -i ") +
+                       kBus + " -a duration:20 -c " + std::to_string(kPairs * kFramesOfRound + 1);
+  std::FILE* output = ::popen(command.c_str(), "r");
+  std::array<char, 65536> line;
+  int packets = -1;  // The first one starts the clock.
+  Clock::time_point begin;
+  while (std::fgets(line.data(), line.size(), output) != nullptr) {
+    if (std::strncmp(line.data(), "{\"timestamp\"", 12) != 0) continue;  // Its first line.
+    if (++packets % kFramesOfRound != 0) continue;
+    const auto now = Clock::now();
+    const std::chrono::duration<double, std::milli> taken = now - std::exchange(begin, now);
+    if (packets > 0) rates.push_back(kFramesOfRound / taken.count());
+  }
+  ::pclose(output);
+  isDone = true;
+  sender.join();
+  return rates;
+}
+
+void measureFlood(WireSender& wire, Bridge& bridge) {
+  Flood ours;
+  Flood bare;
+  for (int round = 0; round < kPairs; ++round) {
+    {
+      auto reader = bridge.subscribe(1);
+      ours.measure(wire, [&reader] { return reader.fewest(); });
+      reader.waitFor(0, UINT64_MAX);  // Throws when the client has been dropped.
+    }
+    Bridge::settle();
+    std::atomic<std::uint64_t> count{0};
+    std::array<char, kSnapshotLength> copy;
+    const CaptureThread loop(kBus, [&](ByteView octets) {
+      std::memcpy(copy.data(), octets.data(), octets.size());
+      count.fetch_add(1, std::memory_order_relaxed);
+    });
+    bare.measure(wire, [&count] { return count.load(); });
+  }
+  compare("frames of a flood to one client", "%.0f k/s", ours.rate, "bare pcap_dispatch", bare.rate,
+          atLeast(0.5));
+  report("lost of them", "%.0f", ours.lost, atMost(0), text("bare pcap_dispatch %.0f", bare.lost));
+  if (const auto tshark = tsharkRates(wire); !tshark.empty()) {
+    compare("frames live, to one client", "%.1f k/s", ours.rate, "tshark -l -T ek", tshark,
+            atLeast(30));
+  } else {
+    std::fprintf(stderr, "tshark does not capture here; its row is left out\n");
   }
 }
 
 void run() {
   test::NetworkNamespace::enter();
   test::NetworkNamespace::addVethPair(kBus, kIed);
-  const BridgeUnderLoad lowLatency(kBus, kPort, true);
-  const BridgeUnderLoad standard(kBus, kPort + 1, false);
-  FrameFlood flood(kIed);
-  benchLatency(lowLatency, standard);
-  const double ours = benchRates(flood, lowLatency);
-  benchTshark(flood, ours);
+  Bridge lowLatency(kBus, kPort);
+  Bridge standard(kBus, kPort + 1, {});
+  WireSender wire(kIed);
+  measureLatency(wire, lowLatency, standard);
+  measureFlood(wire, lowLatency);
 }
 
 }  // namespace
