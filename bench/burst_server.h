@@ -17,7 +17,7 @@
 
 namespace tarnlink::bench {
 
-/// Frames of one burst at most, and buffers of one writev of the bare server.
+/// Frames of one burst at most, and buffers of one sendmsg of the bare server.
 inline constexpr std::size_t kBurst = 64;
 
 /// What all servers send: kBurst frames of one size, encoded once.
