@@ -17,7 +17,11 @@ class CountedSendHandle final : public SendHandle {
     return outcome;
   }
   SendOutcome inject(ByteView frame) override { return sendPacket(frame); }
-  bool isOn(const std::string& interface) const override { return handle_->isOn(interface); }
+  bool isOn(const std::string& interface) const override {
+    if (handle_->isOn(interface)) return true;
+    tally_.interfaceGone();
+    return false;
+  }
   void setPriority(std::uint8_t priority) override { handle_->setPriority(priority); }
 
  private:
@@ -61,6 +65,11 @@ void SendTally::count(const SendOutcome& outcome) {
     if (outcome.status == SendOutcome::Status::interfaceGone) isInterfaceGone_ = true;
   }
   if (isOver()) onEnd_();
+}
+
+void SendTally::interfaceGone() {
+  isInterfaceGone_ = true;
+  onEnd_();
 }
 
 std::string SendTally::text() const {

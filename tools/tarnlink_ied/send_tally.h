@@ -24,6 +24,8 @@ class SendTally {
   bool claim();
   /// The outcome of a claimed frame.
   void count(const SendOutcome& outcome);
+  /// A handle found so before it sent.
+  void interfaceGone();
 
   std::uint64_t sent() const { return sent_; }
   bool isOver() const { return isInterfaceGone_ || (limit_ && sent_ >= *limit_); }
