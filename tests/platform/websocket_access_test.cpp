@@ -53,6 +53,34 @@ TEST(WebSocketTransport, WebPagesAreLetInByOriginAndByTheNameTheyUse) {
   }
 }
 
+// Whoever runs the bridge reads there which page it was, and what to give to which option.
+TEST(WebSocketTransport, ARefusalNamesThePageAndTheOption) {
+  WebSocketAccess access;
+  access.rules.origins.push_back(OriginPattern::parse("https://plant.example.org").value());
+  access.rules.checksHost = true;
+  Server server({}, Server::Messages::recorded, access);
+  const std::string longOrigin = "https://" + std::string(1000, 'a');
+  const struct {
+    std::string origin;
+    std::string host;
+    std::string option;
+    std::string detail;
+  } cases[] = {
+      {"https://evil.example", "localhost", "--allow-origin", ": https://evil.example"},
+      {longOrigin, "localhost", "--allow-origin", ": " + longOrigin.substr(0, 256)},
+      {"https://plant.example.org", "evil.example", "--allow-host", ": evil.example"},
+  };
+  std::size_t n = 0;
+  for (const auto& [origin, host, option, detail] : cases) {
+    RawClient client(server.port);
+    client.send("GET / HTTP/1.1\r\nHost: " + host + "\r\nOrigin: " + origin + "\r\n\r\n");
+    EXPECT_EQ(client.readHead().substr(9, 3), "403");
+    const auto report = server.peer(n++).reports[0];
+    EXPECT_NE(report.find(option), std::string::npos) << report;
+    EXPECT_TRUE(report.ends_with(detail)) << report;
+  }
+}
+
 TEST(OriginPattern, RefusesWhatCouldNeverMatch) {
   for (const char* text :
        {"", "example.org", "https://", "https://a..b", "https://a:", "https://a/",

@@ -343,6 +343,19 @@ TEST_F(WebSocketConformance, Handshakes) {
        with("Upgrade: websocket\r\nConnection: Upgrade",
             "UPGRADE: WebSocket\r\nconnection: keep-alive, upgrade"),
        "101"},
+      {"Connection in two lines",
+       with("Connection: Upgrade", "Connection: keep-alive\r\nConnection: Upgrade"), "101"},
+      {"empty body", with("Host: x", "Host: x\r\nContent-Length: 0"), "101"},
+      {"host with a port", with("Host: x", "Host: Bridge.example:8765"), "101"},
+      {"IPv6 host", with("Host: x", "Host: [2001:db8::1]:8765"), "101"},
+      {"body", with("Host: x", "Host: x\r\nContent-Length: 5") + "abcde", "400"},
+      {"chunked body", with("Host: x", "Host: x\r\nTransfer-Encoding: chunked"), "400"},
+      {"two Hosts", with("Host: x", "Host: x\r\nHost: x"), "400"},
+      {"empty Host", with("Host: x", "Host:"), "400"},
+      {"host with a path", with("Host: x", "Host: x/y"), "400"},
+      {"host with a user", with("Host: x", "Host: a@x"), "400"},
+      {"host with a bad port", with("Host: x", "Host: x:80a"), "400"},
+      {"half an IPv6 host", with("Host: x", "Host: [::1"), "400"},
       {"page load", "GET / HTTP/1.1\r\nHost: x\r\n\r\n", "400"},
       {"post with a body", "POST / HTTP/1.1\r\nHost: x\r\nContent-Length: 5\r\n\r\nabcde", "400"},
       {"other method", with("GET", "PUT"), "400"},
@@ -376,8 +389,10 @@ TEST_F(WebSocketConformance, Handshakes) {
     EXPECT_EQ(head.substr(std::min<std::size_t>(head.size(), 9), 3), c.answer);
     if (c.answer == std::string("426")) {
       EXPECT_NE(head.find("\r\nSec-WebSocket-Version: 13\r\n"), std::string::npos);
+      EXPECT_NE(head.find("\r\nUpgrade: websocket\r\n"), std::string::npos);
     }
     if (c.answer == std::string("101")) continue;
+    EXPECT_NE(head.find("\r\nConnection: close\r\n"), std::string::npos);
     EXPECT_EQ(client.readToEnd().opcode, kEnd);
     EXPECT_EQ(server.reportsOf(n)[0].substr(0, 7), "failed:");
   }
