@@ -166,7 +166,7 @@ asio::awaitable<void> BridgeServer::stopOnStrand(std::shared_ptr<BridgeServer> s
   self->stopped_.reset();
   if (self->authQueue_) self->authQueue_->withdrawAll();
   if (const auto setup = std::exchange(self->vlanSetup_, nullptr)) setup->cancel();
-  for (auto* pause : self->recoveryPauses_) pause->cancel();
+  for (auto* pause : self->pauses_) pause->cancel();
   {
     const auto turn = co_await self->gooseCapture_.turn();
     co_await self->gooseCapture_.stop(CaptureControl<GooseMessage>::Queued::drop);
@@ -195,6 +195,15 @@ asio::awaitable<void> BridgeServer::stopOnStrand(std::shared_ptr<BridgeServer> s
 
 // Connections --------------------------------------------------------------------------------
 
+// Without clients nothing piles up: an idle bridge never wakes.
+asio::awaitable<void> BridgeServer::keepMemorySmall() {
+  while (!connections_.empty() && !isStopping_) {
+    co_await pause(ports_.memoryPause);
+    ports_.returnFreeMemory();
+  }
+  keepsMemorySmall_ = false;
+}
+
 void BridgeServer::acceptConnection(Connection connection) {
   // One that was accepted just before the listener closed comes late, perhaps after stop().
   if (isStopping_ || !listener_) {
@@ -203,6 +212,7 @@ void BridgeServer::acceptConnection(Connection connection) {
   }
   const ClientId id = makeClientId();
   connections_.emplace(id, connection);
+  if (ports_.returnFreeMemory && !std::exchange(keepsMemorySmall_, true)) spawn(keepMemorySmall());
   const auto weak = weak_from_this();
   auto onState = [weak, id, strand = strand_](const TransportState& state) {
     asio::post(strand, [weak, id, state] {

@@ -67,6 +67,10 @@ struct BridgePorts {
   /// queue behind guessers. Too long to be guessed. Its client is told each interface that the
   /// bridge chooses by itself. Empty: there is none.
   std::string ownerToken = {};
+  /// Gives back what piles up while clients are slow: called every memoryPause while any is
+  /// connected, and once after the last has left. Empty: never.
+  std::function<void()> returnFreeMemory = {};
+  std::chrono::milliseconds memoryPause{2'000};
 };
 
 inline constexpr std::uint16_t kDefaultBridgePort = 8765;
@@ -111,6 +115,7 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
       std::shared_ptr<BridgeServer> self, std::uint16_t port);
   static boost::asio::awaitable<void> stopOnStrand(std::shared_ptr<BridgeServer> self);
   void handleListenerState(std::uint16_t port, const TransportState& state);
+  boost::asio::awaitable<void> keepMemorySmall();
   void acceptConnection(Connection connection);
   void handleConnectionState(const ClientId& id, const TransportState& state);
   static boost::asio::awaitable<void> serve(std::weak_ptr<BridgeServer> weak, ClientId id,
@@ -190,7 +195,7 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
   boost::asio::awaitable<void> retryGooseCapture();
   CaptureRecovery<GooseMessage> gooseRecovery();
   CaptureRecovery<SvCapturedFrame> svRecovery();
-  boost::asio::awaitable<void> pauseBeforeRecovery();
+  boost::asio::awaitable<void> pause(std::chrono::milliseconds duration);
   std::function<void(const CaptureDrops&)> dropLog(const std::string& label,
                                                    const std::string& interface) const;
   bool hasGooseSubscribers() const { return !gooseSubscribers_.empty(); }
@@ -217,11 +222,12 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
   bool isStopping_ = false;
   AsyncEvent stopped_;
   EventFanOut fanOut_;
-  std::set<boost::asio::steady_timer*> recoveryPauses_;  // Cancelled by stop().
+  std::set<boost::asio::steady_timer*> pauses_;  // Cancelled by stop().
 
   std::shared_ptr<WebSocketListener> listener_;
   std::uint16_t activePort_ = kDefaultBridgePort;
   std::map<ClientId, Connection> connections_;
+  bool keepsMemorySmall_ = false;
   std::set<ClientId> authenticatedConnections_;
   std::set<ClientId> owners_;             // Those of them that have sent the owner's token.
   std::shared_ptr<AuthQueue> authQueue_;  // Null: attempts need not wait.

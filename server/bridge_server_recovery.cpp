@@ -21,12 +21,12 @@ std::function<void(const CaptureDrops&)> BridgeServer::dropLog(const std::string
       };
 }
 
-asio::awaitable<void> BridgeServer::pauseBeforeRecovery() {
-  asio::steady_timer pause(strand_, ports_.recoveryPause);
-  const auto entry = recoveryPauses_.insert(&pause).first;
+asio::awaitable<void> BridgeServer::pause(std::chrono::milliseconds duration) {
+  asio::steady_timer timer(strand_, duration);
+  const auto entry = pauses_.insert(&timer).first;
   boost::system::error_code cancelled;
-  co_await pause.async_wait(asio::redirect_error(asio::use_awaitable, cancelled));
-  recoveryPauses_.erase(entry);
+  co_await timer.async_wait(asio::redirect_error(asio::use_awaitable, cancelled));
+  pauses_.erase(entry);
 }
 
 // Tries to open the interface again for as long as somebody is subscribed. Whoever starts a capture
@@ -36,7 +36,7 @@ asio::awaitable<void> BridgeServer::retryCapture(CaptureRecovery<Record> recover
   auto& capture = recovery.capture;
   if (std::exchange(capture.isRetried, true)) co_return;
   while ((this->*recovery.hasSubscribers)() && !isStopping_) {
-    co_await pauseBeforeRecovery();
+    co_await pause(ports_.recoveryPause);
     const auto turn = co_await capture.turn();
     if (capture.isCapturing() || !(this->*recovery.hasSubscribers)() || isStopping_) break;
     const auto started = co_await (this->*recovery.start)();

@@ -11,7 +11,6 @@
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/redirect_error.hpp>
 #include <boost/asio/signal_set.hpp>
-#include <boost/asio/steady_timer.hpp>
 #include <boost/asio/thread_pool.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <csignal>
@@ -55,8 +54,6 @@ constexpr std::size_t kLongestToken = 256;
 // What a capture's records may hold in memory while they wait for the server; from there on the
 // kernel drops frames. Some 30,000 messages of ten values. Octets.
 constexpr std::size_t kCaptureQueue = 32 << 20;
-// Between two looks at whether much memory has been freed.
-constexpr std::chrono::seconds kMemoryPause{2};
 
 class SystemNames final : public InterfaceNameSource {
  public:
@@ -107,13 +104,11 @@ class BridgeProcess {
   int run() {
     asio::co_spawn(io_, stopOnSignal(), asio::detached);
     asio::co_spawn(io_, serve(), asio::detached);
-    asio::co_spawn(io_, keepMemorySmall(), asio::detached);
     if (untilInputEnds_) asio::co_spawn(io_, stopWhenInputEnds(), asio::detached);
     io_.run();
     io_.restart();
     boost::system::error_code ignored;
     input_.close(ignored);
-    memoryPause_.cancel();
     io_.run_for(kCloseTime);
     return exitCode_;
   }
@@ -144,6 +139,7 @@ class BridgeProcess {
         .makeAdvertiser = options.advertise ? AdvertiserFactory(makeAdvertiser) : nullptr,
         .authDelay = options.authDelay ? std::optional(AuthDelay()) : std::nullopt,
         .ownerToken = options.ownerToken,
+        .returnFreeMemory = returnFreeMemory,
     };
   }
 
@@ -183,15 +179,6 @@ class BridgeProcess {
     io_.stop();
   }
 
-  asio::awaitable<void> keepMemorySmall() {
-    boost::system::error_code cancelled;
-    while (!cancelled) {
-      memoryPause_.expires_after(kMemoryPause);
-      co_await memoryPause_.async_wait(asio::redirect_error(asio::use_awaitable, cancelled));
-      returnFreeMemory();
-    }
-  }
-
   // The end of its writer, whatever way it comes, ends the input; then it is as if asked to stop.
   asio::awaitable<void> stopWhenInputEnds() {
     input_.assign(::dup(STDIN_FILENO));
@@ -216,7 +203,6 @@ class BridgeProcess {
   std::unique_ptr<WebSocketTransport> transport_;
   asio::signal_set signals_;
   asio::posix::stream_descriptor input_{io_};
-  asio::steady_timer memoryPause_{io_};
   std::shared_ptr<BridgeServer> server_;
   bool isStopping_ = false;
   int exitCode_ = 0;
