@@ -96,6 +96,24 @@ TEST_F(WebSocketTls, CarriesTheWholeConversationAndEndsInOrder) {
     ASSERT_EQ(client.read(4 + 60'000).substr(4), std::string(60'000, 'x')) << i;
   }
 
+  // Small ones do not fill their records, and more of them than the socket takes have to wait.
+  std::vector<SharedTextFrame> events;
+  std::string expected;
+  for (int i = 100'000; i < 160'000; ++i) {
+    events.push_back(TextFrame::copyOf(std::to_string(i) + std::string(94, 'e')));
+    expected.append(events.back()->data(), events.back()->size());
+  }
+  peer.connection->sendBurst(events);
+  std::this_thread::sleep_for(200ms);
+  EXPECT_TRUE(client.read(expected.size()) == expected);
+
+  TlsClient leaving(server.port, file("a.pem"));
+  leaving.send(RawClient::kUpgrade);
+  ASSERT_EQ(leaving.readHead().substr(0, 12), "HTTP/1.1 101");
+  leaving.close();
+  server.peer(1, 2);
+  EXPECT_EQ(server.reportsOf(1)[1], "end: End of file") << "close_notify is an end";
+
   // Nobody else suffers from those who speak no TLS, or never finish their handshake.
   RawClient plain(server.port);
   plain.send(RawClient::kUpgrade);
