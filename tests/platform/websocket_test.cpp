@@ -215,10 +215,12 @@ TEST(WebSocketTransport, APeerIsHeardWhileItsMessageIsServed) {
   for (const auto& [name, leave, lost] : cases) {
     SCOPED_TRACE(name);
     auto client = RawClient::upgraded(server.port);
-    client.send(wire(0x81, "takes long") + wire(0x81, "next") + wire(0x89, "there?"));
+    client.send(wire(0x81, "takes long") + wire(0x81, "next") + wire(0x81, "last") +
+                wire(0x89, "there?"));
     EXPECT_EQ(server.take(n), "takes long");
     EXPECT_EQ(client.read(), (Frame{kPong, "there?"}));
     EXPECT_EQ(server.take(n), "next");
+    EXPECT_EQ(server.take(n), "last");
     client.send(wire(0x81, "for nobody"));
     leave(client);
     EXPECT_EQ(server.reportsOf(n, 2)[1], "lost: " + lost);

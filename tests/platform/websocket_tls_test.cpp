@@ -127,6 +127,26 @@ TEST_F(WebSocketTls, CarriesTheWholeConversationAndEndsInOrder) {
   EXPECT_EQ(client.end(), asio::error::eof) << "close_notify, not a truncation";
 }
 
+// A record that waits for the socket is encrypted already: what is in it cannot be forgotten.
+TEST_F(WebSocketTls, TheAnswerToACloseFollowsWhatHasBegun) {
+  WebSocketAccess access;
+  access.tls = *TlsContext::load(file("a.pem"), file("a.key"));
+  Server server({}, Server::Messages::recorded, access);
+  TlsClient client(server.port, file("a.pem"), 4096);
+  client.send(RawClient::kUpgrade);
+  ASSERT_EQ(client.readHead().substr(0, 12), "HTTP/1.1 101");
+  client.read(7);  // "early"
+  std::vector<SharedTextFrame> events(100'000, frameOf(100));
+  server.peer(0).connection->sendBurst(events);
+  std::this_thread::sleep_for(200ms);
+  client.send(wire(0x88, closeFrame(1000).payload));
+  std::this_thread::sleep_for(200ms);
+  const auto all = client.read(100'000 * 102);
+  EXPECT_LT(all.size(), 100'000 * 102u);
+  EXPECT_EQ(all.size() % 102, 4u) << "whole frames and the answer";
+  EXPECT_TRUE(all.ends_with("\x88\x02\x03\xE8"));
+}
+
 TEST_F(WebSocketTls, AClientThatDoesNotReadIsDroppedWithItsDescriptors) {
   const auto descriptors = [] {
     return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
