@@ -198,6 +198,7 @@ def warm_up(daemon):
     deadline = time.monotonic() + SETTLE_TIME
     while captures() > before and time.monotonic() < deadline:
         time.sleep(0.01)
+    time.sleep(0.5)  # The sockets close a little later.
 
 
 # ---- Scenarios ----

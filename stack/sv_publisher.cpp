@@ -46,7 +46,7 @@ GooseResult<void> SvPublisher::send(ByteView pdu, const SvPublishConfig& config)
   }
   const Bytes frame =
       buildSvFrame(config.dstMac, pcapHandle_.srcMac(), config.vlanId, config.vlanPriority, pdu);
-  const auto sent = pcapHandle_.send(frame, config.vlanPriority);
+  auto sent = pcapHandle_.send(frame, config.vlanPriority);
   if (sent) ++publishedCount_;
   return sent;
 }

@@ -26,7 +26,7 @@ CapabilityAccessFiles findBridgeFiles(const fs::path& ownFolder) {
 fs::path bridgeForThisUser(const CapabilityAccessFiles& files, const fs::path& ownFolder,
                            const LogSink& log) {
   if (::access(files.bridge.c_str(), X_OK) == 0 || errno != EACCES) return files.bridge;
-  const auto plain = ownFolder / "tarnlinkd";
+  auto plain = ownFolder / "tarnlinkd";
   log("[KorvelTarnlink] " + files.bridge.string() + " is for root, the group tarnlink and users " +
       "who were given capture access: " + plain.string() + " serves without, until you ask for it");
   return plain;
