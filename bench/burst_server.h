@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "bench/stopwatch.h"
-#include "platform/text_frame.h"
+#include "websocket/text_frame.h"
 
 namespace tarnlink::bench {
 

@@ -23,13 +23,14 @@
 #include "bench/sample_traffic.h"
 #include "bench/stopwatch.h"
 #include "bench/straight_line_codec.h"
-#include "platform/text_frame.h"
-#include "server/bridge_command.h"
-#include "server/bridge_event_encoder.h"
-#include "stack/goose_receiver.h"
+#include "goosestack/goose_receiver.h"
+#include "protocol/bridge_command.h"
+#include "protocol/bridge_event_encoder.h"
 #include "tests/stack/allocation_count.h"
+#include "websocket/text_frame.h"
 
 namespace tarnlink::bench {
+using namespace goosestack;
 namespace {
 
 // Many short rounds: whatever interrupts one (another process, the host) spoils a few of them

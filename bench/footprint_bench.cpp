@@ -26,6 +26,7 @@
 #include "tests/support/network_namespace.h"
 
 namespace tarnlink::bench {
+using namespace goosestack;
 namespace {
 
 using Argv = std::vector<std::string>;

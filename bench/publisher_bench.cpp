@@ -23,13 +23,14 @@
 #include "bench/report.h"
 #include "bench/sample_traffic.h"
 #include "bench/wire.h"
-#include "stack/goose_publisher.h"
-#include "stack/punctual_thread.h"
+#include "goosestack/goose_publisher.h"
+#include "goosestack/punctual_thread.h"
 #include "tests/support/frame_recorder.h"
 #include "tests/support/network_namespace.h"
 #include "tests/support/run_awaitable.h"
 
 namespace tarnlink::bench {
+using namespace goosestack;
 namespace {
 
 using std::chrono::milliseconds;

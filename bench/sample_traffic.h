@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "stack/ethernet_frame.h"
-#include "stack/goose_pdu.h"
+#include "goosestack/ethernet_frame.h"
+#include "goosestack/goose_pdu.h"
 
 namespace tarnlink::bench {
 
@@ -15,8 +15,8 @@ inline constexpr double kSampleTime = 1715933730.125;
 
 /// A GOOSE frame of eight values; its event text has kSampleEventSize octets.
 inline constexpr std::size_t kSampleEventSize = 735;
-inline Bytes eightValueFrame() {
-  using Value = GooseDataValue;
+inline goosestack::Bytes eightValueFrame() {
+  using Value = goosestack::GooseDataValue;
   const std::vector<Value> values{
       Value::boolean(true),
       Value::boolean(false),
@@ -25,9 +25,9 @@ inline Bytes eightValueFrame() {
       Value::unsignedInteger(98765),
       Value::floatingPoint(49.98F),
       Value::visibleString("closed"),
-      Value::utcTime(timeFromUnixSeconds(kSampleTime)),
+      Value::utcTime(goosestack::timeFromUnixSeconds(kSampleTime)),
   };
-  GoosePduFields fields;
+  goosestack::GoosePduFields fields;
   fields.header.appId = 0x1000;
   fields.goCBRef = "IED1LD0/LLN0$GO$gcbEvents";
   fields.timeAllowedToLive = 2000;
@@ -37,10 +37,11 @@ inline Bytes eightValueFrame() {
   fields.sqNum = 4711;
   fields.confRev = 1;
   fields.values = values;
-  fields.timestamp = timeFromUnixSeconds(kSampleTime);
-  constexpr MacAddress kDestination{0x01, 0x0C, 0xCD, 0x01, 0x00, 0x01};
-  constexpr MacAddress kSource{0x02, 0, 0, 0, 0, 0x01};
-  return EthernetFrame::build(kDestination, kSource, 0, 0, GoosePdu::encode(fields).value());
+  fields.timestamp = goosestack::timeFromUnixSeconds(kSampleTime);
+  constexpr goosestack::MacAddress kDestination{0x01, 0x0C, 0xCD, 0x01, 0x00, 0x01};
+  constexpr goosestack::MacAddress kSource{0x02, 0, 0, 0, 0, 0x01};
+  return goosestack::EthernetFrame::build(kDestination, kSource, 0, 0,
+                                          goosestack::GoosePdu::encode(fields).value());
 }
 
 }  // namespace tarnlink::bench

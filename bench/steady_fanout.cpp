@@ -18,6 +18,7 @@
 #include "tests/support/network_namespace.h"
 
 namespace tarnlink::bench {
+using namespace goosestack;
 namespace {
 
 using std::chrono::steady_clock;

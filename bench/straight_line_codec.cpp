@@ -9,6 +9,7 @@
 #include "stack/goose_data_tags.h"
 
 namespace tarnlink::bench {
+using namespace goosestack;
 namespace {
 
 enum Field { kGocbRef, kTimeAllowedToLive, kDatSet, kGoId, kTime, kStNum, kSqNum };

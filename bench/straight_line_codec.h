@@ -8,7 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "stack/bytes.h"
+#include "goosestack/bytes.h"
 
 namespace tarnlink::bench {
 
@@ -36,7 +36,7 @@ struct StraightLineGoose {
 };
 
 /// False when the frame is not of the expected form.
-bool decodeGoose(ByteView frame, StraightLineGoose& goose);
+bool decodeGoose(goosestack::ByteView frame, StraightLineGoose& goose);
 
 /// The "goose_message" event at `out`; returns the position behind it.
 char* writeGooseEvent(const StraightLineGoose& goose, double receivedAt, char* out);

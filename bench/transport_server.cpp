@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "bench/burst_server.h"
-#include "platform/websocket.h"
+#include "websocket/websocket.h"
 
 namespace tarnlink::bench {
 namespace {

@@ -14,6 +14,7 @@
 #include <utility>
 
 namespace tarnlink::bench {
+using namespace goosestack;
 namespace {
 
 [[noreturn]] void fail(const char* what) {

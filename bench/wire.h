@@ -9,7 +9,7 @@
 #include <string>
 #include <thread>
 
-#include "stack/bytes.h"
+#include "goosestack/bytes.h"
 #include "stack/pcap_access.h"
 
 namespace tarnlink::bench {
@@ -29,7 +29,7 @@ class WireSender {
   WireSender& operator=(const WireSender&) = delete;
 
   /// The same frame so many times, kMostAtOnce at most, with one system call.
-  void send(ByteView frame, unsigned count = 1);
+  void send(goosestack::ByteView frame, unsigned count = 1);
 
  private:
   int socket_;
@@ -53,14 +53,14 @@ void paced(std::size_t count, std::chrono::nanoseconds spacing, Step step) {
 /// when the interface cannot be opened.
 class CaptureThread {
  public:
-  CaptureThread(const std::string& interface, std::function<void(ByteView)> take);
+  CaptureThread(const std::string& interface, std::function<void(goosestack::ByteView)> take);
   ~CaptureThread();
   CaptureThread(const CaptureThread&) = delete;
   CaptureThread& operator=(const CaptureThread&) = delete;
 
  private:
-  std::function<void(ByteView)> take_;
-  PcapHandle handle_;
+  std::function<void(goosestack::ByteView)> take_;
+  goosestack::PcapHandle handle_;
   std::atomic<bool> isStopping_{false};
   std::thread thread_;
 };

@@ -24,6 +24,7 @@
 #include "tests/support/network_namespace.h"
 
 namespace tarnlink::bench {
+using namespace goosestack;
 namespace {
 
 using Clock = std::chrono::steady_clock;

@@ -1,6 +1,6 @@
 #include "ber/ber_reader.h"
 
-namespace tarnlink {
+namespace goosestack {
 
 std::vector<BerTlv> BerTlv::parseAll(std::span<const std::uint8_t> buffer) {
   std::vector<BerTlv> elements;
@@ -9,4 +9,4 @@ std::vector<BerTlv> BerTlv::parseAll(std::span<const std::uint8_t> buffer) {
   return elements;
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

@@ -13,7 +13,7 @@
 #include <span>
 #include <vector>
 
-namespace tarnlink {
+namespace goosestack {
 
 /// The definite length octets of an element (X.690, 8.1.3).
 struct BerLength {
@@ -88,4 +88,4 @@ class BerSequence {
   std::span<const std::uint8_t> rest_;
 };
 
-}  // namespace tarnlink
+}  // namespace goosestack

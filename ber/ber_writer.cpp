@@ -4,7 +4,7 @@
 #include <optional>
 #include <system_error>
 
-namespace tarnlink {
+namespace goosestack {
 namespace {
 
 constexpr std::uint8_t kTagInteger = 0x02;
@@ -86,4 +86,4 @@ bool appendBerOID(std::vector<std::uint8_t>& buffer, std::string_view dottedArcs
   return appendBerTLV(buffer, kTagObjectIdentifier, content);
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

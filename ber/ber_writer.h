@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-namespace tarnlink {
+namespace goosestack {
 
 /// Octets of the longest value that is written: what the two-octet long form can express. No frame
 /// holds more.
@@ -46,4 +46,4 @@ void appendBerInteger(std::vector<std::uint8_t>& buffer, std::int64_t value);
 /// or when 40 * arc1 + arc2 does not fit one octet.
 [[nodiscard]] bool appendBerOID(std::vector<std::uint8_t>& buffer, std::string_view dottedArcs);
 
-}  // namespace tarnlink
+}  // namespace goosestack

@@ -5,6 +5,7 @@
 #include "fuzz/require.h"
 
 namespace tarnlink::fuzz {
+using namespace goosestack;
 namespace {
 
 using Octets = std::span<const std::uint8_t>;

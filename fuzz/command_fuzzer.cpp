@@ -5,19 +5,20 @@
 
 #include "fuzz/json_judge.h"
 #include "fuzz/require.h"
-#include "server/base64.h"
-#include "server/bridge_command.h"
-#include "server/bridge_event_encoder.h"
+#include "goosestack/goose_pdu.h"
+#include "goosestack/interface_name.h"
+#include "goosestack/sv_frame.h"
+#include "protocol/base64.h"
+#include "protocol/bridge_command.h"
+#include "protocol/bridge_event_encoder.h"
+#include "protocol/json_value.h"
+#include "protocol/json_value_codec.h"
 #include "server/goose_filter.h"
-#include "server/json_value.h"
-#include "server/json_value_codec.h"
-#include "stack/goose_pdu.h"
-#include "stack/interface_name.h"
 #include "stack/publication_schedule.h"
-#include "stack/sv_frame.h"
 #include "stack/utf8.h"
 
 namespace tarnlink::fuzz {
+using namespace goosestack;
 namespace {
 
 bool isUtf8(std::string_view text) {

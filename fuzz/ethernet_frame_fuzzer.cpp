@@ -1,11 +1,12 @@
 // The layer-2 envelope of arbitrary frames.
-#include "stack/ethernet_frame.h"
+#include "goosestack/ethernet_frame.h"
 
 #include <algorithm>
 
 #include "fuzz/require.h"
 
 namespace tarnlink::fuzz {
+using namespace goosestack;
 namespace {
 
 int wordAt(ByteView octets, std::size_t at) {

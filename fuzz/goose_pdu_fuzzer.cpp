@@ -1,11 +1,12 @@
 // GOOSE payloads: arbitrary octets as a whole payload, and those that are none as a dataset.
-#include "stack/goose_pdu.h"
+#include "goosestack/goose_pdu.h"
 
 #include "fuzz/require.h"
 #include "fuzz/same_value.h"
 #include "stack/utf8.h"
 
 namespace tarnlink::fuzz {
+using namespace goosestack;
 namespace {
 
 using Value = GooseDataValue;

@@ -8,6 +8,7 @@
 #include "fuzz/same_value.h"
 
 namespace tarnlink::fuzz {
+using namespace goosestack;
 namespace {
 
 GoosePdu randomPdu(RandomGoose& random) {

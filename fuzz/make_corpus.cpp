@@ -7,12 +7,13 @@
 
 #include "ber/ber_writer.h"
 #include "fuzz/random_goose.h"
-#include "server/json_value_codec.h"
-#include "stack/ethernet_frame.h"
-#include "stack/goose_pdu.h"
-#include "stack/sv_frame.h"
+#include "goosestack/ethernet_frame.h"
+#include "goosestack/goose_pdu.h"
+#include "goosestack/sv_frame.h"
+#include "protocol/json_value_codec.h"
 
 namespace tarnlink::fuzz {
+using namespace goosestack;
 namespace {
 
 using Value = GooseDataValue;

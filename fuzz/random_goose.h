@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "stack/goose_data_value.h"
+#include "goosestack/goose_data_value.h"
 
 namespace tarnlink::fuzz {
 
@@ -35,17 +35,19 @@ class RandomGoose {
     return text;
   }
 
-  TimePoint time() { return timeFromUnixSeconds(number() + below(1 << 21) / 2097152.0); }
+  goosestack::TimePoint time() {
+    return goosestack::timeFromUnixSeconds(number() + below(1 << 21) / 2097152.0);
+  }
 
-  std::vector<GooseDataValue> values(int depth) {
-    std::vector<GooseDataValue> values(below(depth > 3 ? 12 : 4));
-    for (GooseDataValue& value : values) value = this->value(depth);
+  std::vector<goosestack::GooseDataValue> values(int depth) {
+    std::vector<goosestack::GooseDataValue> values(below(depth > 3 ? 12 : 4));
+    for (goosestack::GooseDataValue& value : values) value = this->value(depth);
     return values;
   }
 
   /// Of any kind; `depth` levels of structures and arrays at most.
-  GooseDataValue value(int depth) {
-    using Value = GooseDataValue;
+  goosestack::GooseDataValue value(int depth) {
+    using Value = goosestack::GooseDataValue;
     switch (below(depth > 0 ? 10 : 8)) {
       case 0:
         return Value::boolean(flag());
@@ -71,14 +73,14 @@ class RandomGoose {
   }
 
  private:
-  BitString bits() {
-    BitString bits;
+  goosestack::BitString bits() {
+    goosestack::BitString bits;
     for (std::size_t left = length(); left > 0; --left) bits.push_back(flag());
     return bits;
   }
 
-  Bytes octets() {
-    Bytes octets(length());
+  goosestack::Bytes octets() {
+    goosestack::Bytes octets(length());
     for (std::uint8_t& octet : octets) octet = static_cast<std::uint8_t>(random_());
     return octets;
   }

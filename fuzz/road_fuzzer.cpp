@@ -4,15 +4,16 @@
 #include <string>
 
 #include "fuzz/require.h"
-#include "server/base64.h"
-#include "server/bridge_event_encoder.h"
-#include "server/json_value.h"
-#include "server/json_value_codec.h"
-#include "stack/ethernet_frame.h"
-#include "stack/goose_receiver.h"
-#include "stack/sv_receiver.h"
+#include "goosestack/ethernet_frame.h"
+#include "goosestack/goose_receiver.h"
+#include "goosestack/sv_receiver.h"
+#include "protocol/base64.h"
+#include "protocol/bridge_event_encoder.h"
+#include "protocol/json_value.h"
+#include "protocol/json_value_codec.h"
 
 namespace tarnlink::fuzz {
+using namespace goosestack;
 namespace {
 
 using Value = GooseDataValue;

@@ -1,10 +1,11 @@
 // Sampled Values frames: found in arbitrary octets, and built around arbitrary payloads.
-#include "stack/sv_frame.h"
+#include "goosestack/sv_frame.h"
 
 #include "fuzz/require.h"
-#include "stack/ethernet_frame.h"
+#include "goosestack/ethernet_frame.h"
 
 namespace tarnlink::fuzz {
+using namespace goosestack;
 namespace {
 
 void checkParsed(ByteView frame) {

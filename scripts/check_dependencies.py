@@ -1,11 +1,10 @@
 #!/usr/bin/env python3
-"""Proves by the #include lines that dependencies run one way only:
+"""Proves by the #include lines that dependencies run one way only, and that this is a rule about
+folders: ALLOWED says what each may include.
 
-    ber <- stack <- server <- app, platform beside stack, tools on the wire protocol alone.
-
-Also: codecs know neither Asio nor libpcap, Qt stays in app/desktop, and Boost.Beast reaches two
-translation units of what ships. Prints file:line and the rule for each violation and then exits
-with 1.
+Also: codecs and protocol know neither Asio nor libpcap, Qt stays in app/desktop, and Boost.Beast
+reaches two translation units of what ships. Prints file:line and the rule for each violation and
+then exits with 1.
 """
 
 import functools
@@ -13,20 +12,23 @@ import pathlib
 import re
 import sys
 
-# What the files of a folder may include of ours. For codecs, the protocol library and tools the
-# rules below are stricter.
+# What a folder may include of ours, besides itself. "goosestack" is the stack's public headers.
 ALLOWED = {
-    "ber": {"ber"},
-    "stack": {"stack", "ber"},
-    "platform": {"platform"},
-    "server": {"server", "stack", "platform"},
-    "app": {"app", "server", "platform", "stack", "ber"},
-    "tools": {"tools", "server", "platform", "stack", "ber"},
+    "ber": set(),
+    "goosestack": {"stack", "ber"},
+    "stack": {"goosestack", "ber"},
+    "protocol": {"goosestack"},
+    "websocket": set(),
+    "platform": set(),
+    "server": {"protocol", "websocket", "platform", "goosestack", "stack"},
+    "app": {"server", "protocol", "websocket", "platform", "goosestack", "stack"},
+    "tools": {"protocol", "websocket", "platform", "goosestack", "stack", "ber"},
 }
+PUBLIC_HEADERS = "stack/include/"
 OTHER_FOLDERS = {"tests", "bench", "fuzz"}
 BEAST_UNITS = {
-    "platform/websocket_beast.cpp",
-    "platform/websocket_client.cpp",
+    "websocket/websocket_beast.cpp",
+    "websocket/websocket_client.cpp",
     "bench/plain_beast_server.cpp",  # Benches are never built with sanitizers.
 }
 NETWORK = re.compile(r"boost/asio|boost/beast|pcap")
@@ -39,18 +41,19 @@ INCLUDE = re.compile(r'\s*#\s*include\s*([<"])([^>"]+)[>"]')
 class Tree:
     def __init__(self, root):
         self.root = root
-        self.files = sorted(
-            str(path.relative_to(root))
+        # Each under the name by which it is included.
+        self.paths = {
+            str(path.relative_to(root)).removeprefix(PUBLIC_HEADERS): path
             for folder in [*ALLOWED, *OTHER_FOLDERS]
             for path in (root / folder).rglob("*")
             if path.suffix in {".h", ".cpp"}
-        )
-        self.known = set(self.files)
+        }
+        self.files = sorted(self.paths)
 
     @functools.lru_cache(maxsize=None)
     def includes(self, file):
         """(line number, is quoted, name) of each #include."""
-        lines = (self.root / file).read_text(encoding="utf-8").splitlines()
+        lines = self.paths[file].read_text(encoding="utf-8").splitlines()
         found = ((number, INCLUDE.match(line)) for number, line in enumerate(lines, 1))
         return [(number, m[1] == '"', m[2]) for number, m in found if m]
 
@@ -62,20 +65,16 @@ class Tree:
             current = waiting.pop()
             for number, _, name in self.includes(current):
                 places.setdefault(name, f"{current}:{number}")
-                if name in self.known and name not in seen:
+                if name in self.paths and name not in seen:
                     seen.add(name)
                     waiting.append(name)
         return places
 
-    def sources_of(self, target, folder):
-        """The sources and lone headers that CMake lists for a library, and their headers."""
-        text = (self.root / folder / "CMakeLists.txt").read_text(encoding="utf-8")
-        match = re.search(r"add_library\(\s*" + target + r"\b([^)]*)\)", text)
-        if not match:
-            sys.exit(f"{folder}/CMakeLists.txt: no add_library({target} ...)")
-        names = (pathlib.Path(folder, name) for name in match[1].split())
-        stems = [str(name.with_suffix("")) for name in names if name.suffix in {".cpp", ".h"}]
-        return {file for stem in stems for file in (stem + ".cpp", stem + ".h")} & self.known
+    def codecs(self):
+        """The sources that CMake lists for the codecs' library."""
+        text = (self.root / "stack/CMakeLists.txt").read_text(encoding="utf-8")
+        sources = re.search(r"add_library\(GooseStackCodec STATIC([^)]*)\)", text)[1].split()
+        return {f"stack/{name}" for name in sources}
 
 
 def folder_of(file):
@@ -84,44 +83,26 @@ def folder_of(file):
 
 def check_folders(tree):
     for file in tree.files:
-        allowed = ALLOWED.get(folder_of(file))
+        folder = folder_of(file)
+        allowed = ALLOWED.get(folder)
         for number, is_quoted, name in tree.includes(file):
-            if is_quoted and name not in tree.known:
+            if is_quoted and name not in tree.paths:
                 yield f"{file}:{number}: \"{name}\" is no header of this tree, from its root"
-            elif is_quoted and allowed and folder_of(name) not in allowed:
-                yield f"{file}:{number}: {folder_of(file)}/ must not include {folder_of(name)}/"
+            elif is_quoted and allowed is not None and folder_of(name) not in {folder, *allowed}:
+                yield f"{file}:{number}: {folder}/ must not include {folder_of(name)}/"
             elif QT.match(name) and not is_quoted and not file.startswith(QT_FOLDERS):
                 yield f"{file}:{number}: Qt belongs to app/desktop/"
 
 
-def check_codecs(tree, codec):
-    for file in sorted(codec):
-        for name, place in tree.reach(file).items():
-            if NETWORK.match(name):
-                yield f"{place}: the codec {file} must not reach <{name}>"
-            elif name in tree.known and name not in codec and has_source(tree, name):
-                yield f"{place}: the codec {file} must not reach {name}, which is no codec"
-
-
-def check_protocol(tree, codec, protocol):
-    for file in sorted(protocol):
-        for name, place in tree.reach(file).items():
-            if NETWORK.match(name):
-                yield f"{place}: the protocol's {file} must not reach <{name}>"
-            elif name in tree.known and has_source(tree, name) and name not in codec | protocol:
-                yield f"{place}: the protocol's {file} must not reach {name}"
-            elif folder_of(name) == "platform" and name in tree.known:
-                yield f"{place}: the protocol's {file} must not reach platform/"
-
-
-def check_tools(tree, protocol):
-    wire = protocol | {name for file in protocol for name in tree.reach(file)}
+def check_networkless(tree):
+    """Codecs and protocol, and whatever these reach through headers."""
+    codecs = tree.codecs()
     for file in tree.files:
-        if folder_of(file) != "tools":
+        if file not in codecs and folder_of(file) != "protocol":
             continue
-        for number, is_quoted, name in tree.includes(file):
-            if is_quoted and folder_of(name) == "server" and name not in wire:
-                yield f"{file}:{number}: of server/, tools may include the protocol only"
+        for name, place in tree.reach(file).items():
+            if NETWORK.match(name):
+                yield f"{place}: {file} must not reach <{name}>"
 
 
 def check_beast(tree):
@@ -153,26 +134,12 @@ def check_packages(root):
         yield f"{page}: {name} of scripts/packages.sh is missing"
 
 
-def has_source(tree, header):
-    """False for headers without a source of their own: what they reach decides about them. Ports
-    have one source per system."""
-    stem = header[: -len(".h")]
-    return folder_of(header) != "ber" and any(
-        file.startswith(stem) and re.fullmatch(r"(_[a-z]+)?\.cpp", file[len(stem):])
-        for file in tree.files
-    )
-
-
 def main():
     root = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else __file__).resolve()
     tree = Tree(root if root.is_dir() else root.parent.parent)
-    codec = tree.sources_of("GooseStackCodec", "stack")
-    protocol = tree.sources_of("tarnlink_protocol", "server")
     violations = sorted({
         *check_folders(tree),
-        *check_codecs(tree, codec),
-        *check_protocol(tree, codec, protocol),
-        *check_tools(tree, protocol),
+        *check_networkless(tree),
         *check_beast(tree),
         *check_packages(tree.root),
     })

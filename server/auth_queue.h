@@ -9,9 +9,9 @@
 #include <memory>
 #include <string>
 
+#include "goosestack/log_sink.h"
 #include "server/auth_gate.h"
 #include "stack/async_mutex.h"
-#include "stack/log_sink.h"
 
 namespace tarnlink {
 
@@ -21,7 +21,7 @@ class AuthQueue : public std::enable_shared_from_this<AuthQueue> {
   using Strand = boost::asio::strand<boost::asio::any_io_executor>;
 
   /// Says in one line when attempts begin to wait, and again only after a quiet time.
-  AuthQueue(const Strand& strand, AuthDelay delay, LogSink log)
+  AuthQueue(const Strand& strand, AuthDelay delay, goosestack::LogSink log)
       : strand_(strand), gate_(delay), log_(std::move(log)), timer_(strand) {}
 
   enum class Turn {
@@ -40,7 +40,7 @@ class AuthQueue : public std::enable_shared_from_this<AuthQueue> {
  private:
   struct Place {
     explicit Place(const Strand& strand) : called(strand) {}
-    AsyncEvent called;
+    goosestack::AsyncEvent called;
     Turn turn = Turn::gone;
   };
 
@@ -49,7 +49,7 @@ class AuthQueue : public std::enable_shared_from_this<AuthQueue> {
 
   const Strand strand_;
   AuthGate gate_;
-  const LogSink log_;
+  const goosestack::LogSink log_;
   boost::asio::steady_timer timer_;
   std::map<ClientId, std::shared_ptr<Place>> places_;
   bool hasSaidSo_ = false;

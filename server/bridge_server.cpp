@@ -8,8 +8,8 @@
 #include <mutex>
 #include <utility>
 
-#include "server/bridge_event_encoder.h"
-#include "server/shortened.h"
+#include "protocol/bridge_event_encoder.h"
+#include "protocol/shortened.h"
 
 namespace tarnlink {
 namespace asio = boost::asio;
@@ -58,7 +58,7 @@ class BridgeServer::StartWait {
   }
 
  private:
-  AsyncEvent decided_;
+  goosestack::AsyncEvent decided_;
   TransportState first_;
 };
 
@@ -169,14 +169,14 @@ asio::awaitable<void> BridgeServer::stopOnStrand(std::shared_ptr<BridgeServer> s
   for (auto* pause : self->pauses_) pause->cancel();
   {
     const auto turn = co_await self->gooseCapture_.turn();
-    co_await self->gooseCapture_.stop(CaptureControl<GooseMessage>::Queued::drop);
+    co_await self->gooseCapture_.stop(CaptureControl<goosestack::GooseMessage>::Queued::drop);
   }
   if (const auto publisher = std::exchange(self->goosePublisher_, nullptr)) {
     co_await publisher->stop();
   }
   {
     const auto turn = co_await self->svCapture_.turn();
-    co_await self->svCapture_.stop(CaptureControl<SvCapturedFrame>::Queued::drop);
+    co_await self->svCapture_.stop(CaptureControl<goosestack::SvCapturedFrame>::Queued::drop);
   }
   if (const auto publisher = std::exchange(self->svPublisher_, nullptr)) co_await publisher->stop();
   self->svSubscribers_.clear();
@@ -297,12 +297,12 @@ void BridgeServer::spawn(asio::awaitable<void> task) {
   tasks_.spawn(holding(shared_from_this(), std::move(task)));
 }
 
-asio::awaitable<GooseResult<void>> BridgeServer::orFailure(
-    asio::awaitable<GooseResult<void>> task) {
+asio::awaitable<goosestack::GooseResult<void>> BridgeServer::orFailure(
+    asio::awaitable<goosestack::GooseResult<void>> task) {
   try {
     co_return co_await std::move(task);
   } catch (const std::exception& failure) {
-    co_return GooseError::pcapOpenFailed(failure.what());
+    co_return goosestack::GooseError::pcapOpenFailed(failure.what());
   }
 }
 

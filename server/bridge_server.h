@@ -18,26 +18,26 @@
 #include <string_view>
 #include <vector>
 
+#include "goosestack/goose_message.h"
+#include "goosestack/log_sink.h"
+#include "goosestack/network_interface_info.h"
+#include "goosestack/publishing.h"
+#include "goosestack/record_source.h"
+#include "goosestack/sv_records.h"
 #include "platform/preference_store.h"
-#include "platform/websocket.h"
+#include "protocol/bridge_command.h"
+#include "protocol/json_writer.h"
 #include "server/auth_queue.h"
-#include "server/bridge_command.h"
 #include "server/bridge_error.h"
 #include "server/capture_control.h"
 #include "server/client_id.h"
 #include "server/event_fan_out.h"
 #include "server/goose_filter.h"
-#include "server/json_writer.h"
 #include "server/reply.h"
 #include "server/service_advertiser.h"
 #include "server/task_group.h"
 #include "server/vlan_setup.h"
-#include "stack/goose_message.h"
-#include "stack/log_sink.h"
-#include "stack/network_interface_info.h"
-#include "stack/publishing.h"
-#include "stack/record_source.h"
-#include "stack/sv_records.h"
+#include "websocket/websocket.h"
 
 namespace tarnlink {
 
@@ -45,17 +45,19 @@ namespace tarnlink {
 struct BridgePorts {
   WebSocketTransport& transport;
   PreferenceStore& preferences;
-  LogSink log;
-  std::function<std::shared_ptr<RecordSource<GooseMessage>>()> makeGooseReceiver;
-  std::function<std::shared_ptr<RecordSource<SvCapturedFrame>>()> makeSvReceiver;
-  std::function<std::shared_ptr<GoosePublishing>()> makeGoosePublisher;
-  std::function<std::shared_ptr<SvPublishing>()> makeSvPublisher;
+  goosestack::LogSink log;
+  std::function<std::shared_ptr<goosestack::RecordSource<goosestack::GooseMessage>>()>
+      makeGooseReceiver;
+  std::function<std::shared_ptr<goosestack::RecordSource<goosestack::SvCapturedFrame>>()>
+      makeSvReceiver;
+  std::function<std::shared_ptr<goosestack::GoosePublishing>()> makeGoosePublisher;
+  std::function<std::shared_ptr<goosestack::SvPublishing>()> makeSvPublisher;
   std::function<std::shared_ptr<VlanSetup>()> makeVlanSetup;
   /// One thread for work that waits for people or tools: VLAN set-up runs here.
   boost::asio::any_io_executor hostExecutor;
   /// Lists the machine's Ethernet interfaces. With display names it may block for a while.
   enum class Names { fallback, display };
-  std::function<std::vector<NetworkInterfaceInfo>(Names)> listInterfaces;
+  std::function<std::vector<goosestack::NetworkInterfaceInfo>(Names)> listInterfaces;
   /// Where listInterfaces runs when it may block, and where preferences are read and written.
   boost::asio::any_io_executor blockingExecutor;
   AdvertiserFactory makeAdvertiser;  ///< Empty: the bridge is not announced.
@@ -158,25 +160,27 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
                                                      ClientId client);
   boost::asio::awaitable<Reply> handleUnsubscribeGoose(ClientId id);
   boost::asio::awaitable<void> setActiveInterfaceOnStrand(std::string name);
-  boost::asio::awaitable<GooseResult<void>> startCaptureInternal();
+  boost::asio::awaitable<goosestack::GooseResult<void>> startCaptureInternal();
   boost::asio::awaitable<void> stopCaptureIfNeeded();
-  void dispatchGooseMessages(std::span<const GooseMessage> messages);
+  void dispatchGooseMessages(std::span<const goosestack::GooseMessage> messages);
   void chooseInterface();
   void rememberActiveInterface(std::string name);
 
   // GOOSE publishing (bridge_server_publishing.cpp).
-  boost::asio::awaitable<Reply> handlePublishGoose(GoosePublishConfig config);
+  boost::asio::awaitable<Reply> handlePublishGoose(goosestack::GoosePublishConfig config);
   boost::asio::awaitable<Reply> handleUnpublishGoose(std::optional<std::string> goCBRef);
-  boost::asio::awaitable<VlanResult<void>> moveToVlanInterface(GoosePublishConfig& config);
+  boost::asio::awaitable<VlanResult<void>> moveToVlanInterface(
+      goosestack::GoosePublishConfig& config);
   std::string outgoingInterface(const std::string& requested) const;
 
   // Sampled Values (bridge_server_sv.cpp).
   boost::asio::awaitable<Reply> handleSubscribeSv(std::optional<std::int64_t> appIdFilter,
                                                   ClientId client);
-  boost::asio::awaitable<GooseResult<void>> startSvCapture();
+  boost::asio::awaitable<goosestack::GooseResult<void>> startSvCapture();
   boost::asio::awaitable<void> stopSvCaptureIfNeeded();
-  void forwardSvFrames(std::span<const SvCapturedFrame> frames);
-  boost::asio::awaitable<Reply> handlePublishSvApdu(Bytes pdu, SvPublishConfig config);
+  void forwardSvFrames(std::span<const goosestack::SvCapturedFrame> frames);
+  boost::asio::awaitable<Reply> handlePublishSvApdu(goosestack::Bytes pdu,
+                                                    goosestack::SvPublishConfig config);
 
   // Captures that died or lost frames (bridge_server_recovery.cpp).
   template <class Record>
@@ -184,7 +188,7 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
     std::string label;
     CaptureControl<Record>& capture;
     bool (BridgeServer::*hasSubscribers)() const;
-    boost::asio::awaitable<GooseResult<void>> (BridgeServer::*start)();
+    boost::asio::awaitable<goosestack::GooseResult<void>> (BridgeServer::*start)();
   };
   template <class Record>
   boost::asio::awaitable<void> recoverCapture(CaptureRecovery<Record> recovery, std::string reason);
@@ -193,25 +197,26 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
   template <class Record>
   boost::asio::awaitable<void> retryCapture(CaptureRecovery<Record> recovery);
   boost::asio::awaitable<void> retryGooseCapture();
-  CaptureRecovery<GooseMessage> gooseRecovery();
-  CaptureRecovery<SvCapturedFrame> svRecovery();
+  CaptureRecovery<goosestack::GooseMessage> gooseRecovery();
+  CaptureRecovery<goosestack::SvCapturedFrame> svRecovery();
   boost::asio::awaitable<void> pause(std::chrono::milliseconds duration);
-  std::function<void(const CaptureDrops&)> dropLog(const std::string& label,
-                                                   const std::string& interface) const;
+  std::function<void(const goosestack::CaptureDrops&)> dropLog(const std::string& label,
+                                                               const std::string& interface) const;
   bool hasGooseSubscribers() const { return !gooseSubscribers_.empty(); }
   bool hasSvSubscribers() const { return !svSubscribers_.empty(); }
   void spawn(boost::asio::awaitable<void> task);
 
   // What is thrown where descriptors, threads or memory run out becomes an error like any other.
-  static boost::asio::awaitable<GooseResult<void>> orFailure(
-      boost::asio::awaitable<GooseResult<void>> task);
+  static boost::asio::awaitable<goosestack::GooseResult<void>> orFailure(
+      boost::asio::awaitable<goosestack::GooseResult<void>> task);
   template <class Service>
-  static GooseResult<void> ensureMade(std::shared_ptr<Service>& service,
-                                      const std::function<std::shared_ptr<Service>()>& make) try {
+  static goosestack::GooseResult<void> ensureMade(
+      std::shared_ptr<Service>& service,
+      const std::function<std::shared_ptr<Service>()>& make) try {
     if (!service) service = make();
-    return GooseResult<void>();
+    return goosestack::GooseResult<void>();
   } catch (const std::exception& failure) {
-    return GooseError::pcapOpenFailed(failure.what());
+    return goosestack::GooseError::pcapOpenFailed(failure.what());
   }
 
   void log(std::string_view line) const { ports_.log(line); }
@@ -220,7 +225,7 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
   BridgePorts ports_;
   TaskGroup tasks_;
   bool isStopping_ = false;
-  AsyncEvent stopped_;
+  goosestack::AsyncEvent stopped_;
   EventFanOut fanOut_;
   std::set<boost::asio::steady_timer*> pauses_;  // Cancelled by stop().
 
@@ -235,20 +240,20 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
   std::unique_ptr<ServiceAdvertiser> advertiser_;
 
   std::string activeInterface_;
-  AsyncMutex storeTurn_;  // For storing it.
+  goosestack::AsyncMutex storeTurn_;  // For storing it.
   std::int64_t messagesReceived_ = 0;
   std::int64_t messagesPublished_ = 0;
-  CaptureControl<GooseMessage> gooseCapture_;
+  CaptureControl<goosestack::GooseMessage> gooseCapture_;
   std::map<ClientId, Subscriber<GooseFilter>> gooseSubscribers_;
-  std::shared_ptr<GoosePublishing> goosePublisher_;
+  std::shared_ptr<goosestack::GoosePublishing> goosePublisher_;
   std::shared_ptr<VlanSetup> vlanSetup_;  // From the first VLAN publication to stop().
 
   std::int64_t svFramesForwarded_ = 0;
   std::int64_t svFramesPublished_ = 0;
-  CaptureControl<SvCapturedFrame> svCapture_;
+  CaptureControl<goosestack::SvCapturedFrame> svCapture_;
   std::string svInterface_;  // Where the capture belongs until its last subscriber leaves.
   std::map<ClientId, Subscriber<std::optional<std::int64_t>>> svSubscribers_;
-  std::shared_ptr<SvPublishing> svPublisher_;
+  std::shared_ptr<goosestack::SvPublishing> svPublisher_;
 };
 
 }  // namespace tarnlink

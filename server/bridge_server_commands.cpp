@@ -7,12 +7,12 @@
 #include <utility>
 #include <variant>
 
-#include "server/bridge_event_encoder.h"
+#include "goosestack/interface_name.h"
+#include "protocol/bridge_event_encoder.h"
+#include "protocol/error_code.h"
+#include "protocol/shortened.h"
 #include "server/bridge_server.h"
-#include "server/error_code.h"
 #include "server/pairing_code.h"
-#include "server/shortened.h"
-#include "stack/interface_name.h"
 
 namespace tarnlink {
 namespace asio = boost::asio;
@@ -34,8 +34,8 @@ asio::awaitable<std::string> readPairingCode(PreferenceStore& preferences) {
   co_return pairingCode(preferences);
 }
 
-asio::awaitable<std::vector<NetworkInterfaceInfo>> listWithNames(
-    std::function<std::vector<NetworkInterfaceInfo>(BridgePorts::Names)> list) {
+asio::awaitable<std::vector<goosestack::NetworkInterfaceInfo>> listWithNames(
+    std::function<std::vector<goosestack::NetworkInterfaceInfo>(BridgePorts::Names)> list) {
   co_return list(BridgePorts::Names::display);
 }
 
@@ -51,7 +51,7 @@ struct BridgeServer::Backlog {
 
   std::deque<BridgeRequest> requests;
   bool isWaiting = false;  // For the turn.
-  AsyncEvent over;
+  goosestack::AsyncEvent over;
 };
 
 asio::awaitable<void> BridgeServer::handleText(std::string text, ClientId id) {
@@ -241,7 +241,7 @@ asio::awaitable<Reply> BridgeServer::handle(BridgeCommand::PublishSvApdu command
 
 asio::awaitable<Reply> BridgeServer::handle(BridgeCommand::SetInterface command, ClientId) {
   log("[BridgeServer] ← set_interface name=" + shortened(command.name));
-  if (!isValidInterfaceName(command.name)) co_return invalidInterfaceName(command.name);
+  if (!goosestack::isValidInterfaceName(command.name)) co_return invalidInterfaceName(command.name);
   co_await setActiveInterfaceOnStrand(std::move(command.name));
   co_return std::string();
 }

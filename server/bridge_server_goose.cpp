@@ -3,16 +3,16 @@
 #include <boost/asio/use_awaitable.hpp>
 #include <utility>
 
-#include "server/bridge_event_encoder.h"
+#include "protocol/bridge_event_encoder.h"
+#include "protocol/error_code.h"
+#include "protocol/shortened.h"
 #include "server/bridge_server.h"
-#include "server/error_code.h"
-#include "server/shortened.h"
 
 namespace tarnlink {
 namespace asio = boost::asio;
 namespace {
 
-using GooseCapture = CaptureControl<GooseMessage>;
+using GooseCapture = CaptureControl<goosestack::GooseMessage>;
 
 // What the capture is tried on where discovery finds nothing.
 constexpr const char* kLastResortInterface = "en0";
@@ -73,10 +73,10 @@ asio::awaitable<Reply> BridgeServer::handleUnsubscribeGoose(ClientId id) {
   co_return std::string();
 }
 
-asio::awaitable<GooseResult<void>> BridgeServer::startCaptureInternal() {
+asio::awaitable<goosestack::GooseResult<void>> BridgeServer::startCaptureInternal() {
   chooseInterface();
   GooseCapture::Events events;
-  events.onRecords = [weak = weak_from_this()](std::span<GooseMessage> messages) {
+  events.onRecords = [weak = weak_from_this()](std::span<goosestack::GooseMessage> messages) {
     if (const auto self = weak.lock()) self->dispatchGooseMessages(messages);
   };
   events.onDeath = [weak = weak_from_this()](const std::string& reason) {
@@ -127,12 +127,12 @@ asio::awaitable<void> BridgeServer::setActiveInterfaceOnStrand(std::string name)
   broadcastStatus();
 }
 
-void BridgeServer::dispatchGooseMessages(std::span<const GooseMessage> messages) {
+void BridgeServer::dispatchGooseMessages(std::span<const goosestack::GooseMessage> messages) {
   messagesReceived_ += static_cast<std::int64_t>(messages.size());
-  const auto wants = [](const GooseFilter& filter, const GooseMessage& message) {
+  const auto wants = [](const GooseFilter& filter, const goosestack::GooseMessage& message) {
     return filter.matches(message);
   };
-  const auto encode = [](const GooseMessage& message) {
+  const auto encode = [](const goosestack::GooseMessage& message) {
     JsonWriter writer(TextFrame::kHeaderRoom);
     BridgeEventEncoder::gooseMessage(message, writer);
     return toFrame(std::move(writer));

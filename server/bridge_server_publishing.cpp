@@ -5,10 +5,10 @@
 #include <string>
 #include <utility>
 
+#include "goosestack/interface_name.h"
+#include "protocol/error_code.h"
+#include "protocol/shortened.h"
 #include "server/bridge_server.h"
-#include "server/error_code.h"
-#include "server/shortened.h"
-#include "stack/interface_name.h"
 
 namespace tarnlink {
 namespace asio = boost::asio;
@@ -35,7 +35,7 @@ asio::awaitable<VlanResult<std::string>> ensureVlan(std::shared_ptr<VlanSetup> s
   }
 }
 
-CommandError failedPublication(const GooseError& error) {
+CommandError failedPublication(const goosestack::GooseError& error) {
   return CommandError::because(error.description(), ErrorCode::publishFailed, "Publish failed: ");
 }
 
@@ -46,10 +46,11 @@ std::string BridgeServer::outgoingInterface(const std::string& requested) const 
   return useActive ? activeInterface_ : requested;
 }
 
-asio::awaitable<Reply> BridgeServer::handlePublishGoose(GoosePublishConfig config) {
+asio::awaitable<Reply> BridgeServer::handlePublishGoose(goosestack::GoosePublishConfig config) {
   const auto made = ensureMade(goosePublisher_, ports_.makeGoosePublisher);
   if (!made) co_return failedPublication(made.error());
-  if (!isValidInterfaceName(config.interface)) co_return invalidInterfaceName(config.interface);
+  if (!goosestack::isValidInterfaceName(config.interface))
+    co_return invalidInterfaceName(config.interface);
   config.interface = outgoingInterface(config.interface);
   const auto publisher = goosePublisher_;
   if (config.vlanId == 0) {
@@ -71,7 +72,8 @@ asio::awaitable<Reply> BridgeServer::handlePublishGoose(GoosePublishConfig confi
   co_return statusEvent();
 }
 
-asio::awaitable<VlanResult<void>> BridgeServer::moveToVlanInterface(GoosePublishConfig& config) {
+asio::awaitable<VlanResult<void>> BridgeServer::moveToVlanInterface(
+    goosestack::GoosePublishConfig& config) {
   const std::string parent = config.interface;
   const auto made = ensureMade(vlanSetup_, ports_.makeVlanSetup);
   if (!made) co_return VlanError{0, made.error().description()};

@@ -10,15 +10,15 @@
 namespace tarnlink {
 namespace asio = boost::asio;
 
-std::function<void(const CaptureDrops&)> BridgeServer::dropLog(const std::string& label,
-                                                               const std::string& interface) const {
-  return
-      [log = ports_.log, capture = label + "✗ capture on " + interface](const CaptureDrops& drops) {
-        const std::string total = std::to_string(drops.total);
-        log(capture + (drops.isLast ? " has ended; the kernel dropped " + total + " frames in all"
-                                    : ": the kernel dropped " + std::to_string(drops.fresh) +
-                                          " frames, " + total + " so far"));
-      };
+std::function<void(const goosestack::CaptureDrops&)> BridgeServer::dropLog(
+    const std::string& label, const std::string& interface) const {
+  return [log = ports_.log,
+          capture = label + "✗ capture on " + interface](const goosestack::CaptureDrops& drops) {
+    const std::string total = std::to_string(drops.total);
+    log(capture + (drops.isLast ? " has ended; the kernel dropped " + total + " frames in all"
+                                : ": the kernel dropped " + std::to_string(drops.fresh) +
+                                      " frames, " + total + " so far"));
+  };
 }
 
 asio::awaitable<void> BridgeServer::pause(std::chrono::milliseconds duration) {
@@ -62,12 +62,12 @@ asio::awaitable<void> BridgeServer::recoverCapture(CaptureRecovery<Record> recov
   co_await retryCapture(std::move(recovery));
 }
 
-BridgeServer::CaptureRecovery<GooseMessage> BridgeServer::gooseRecovery() {
+BridgeServer::CaptureRecovery<goosestack::GooseMessage> BridgeServer::gooseRecovery() {
   return {"[BridgeServer] ", gooseCapture_, &BridgeServer::hasGooseSubscribers,
           &BridgeServer::startCaptureInternal};
 }
 
-BridgeServer::CaptureRecovery<SvCapturedFrame> BridgeServer::svRecovery() {
+BridgeServer::CaptureRecovery<goosestack::SvCapturedFrame> BridgeServer::svRecovery() {
   return {"[BridgeServer] SV: ", svCapture_, &BridgeServer::hasSvSubscribers,
           &BridgeServer::startSvCapture};
 }

@@ -2,23 +2,23 @@
 #include <string>
 #include <utility>
 
-#include "server/bridge_event_encoder.h"
+#include "goosestack/interface_name.h"
+#include "protocol/bridge_event_encoder.h"
+#include "protocol/error_code.h"
 #include "server/bridge_server.h"
-#include "server/error_code.h"
-#include "stack/interface_name.h"
 
 namespace tarnlink {
 namespace asio = boost::asio;
 namespace {
 
-using SvCapture = CaptureControl<SvCapturedFrame>;
+using SvCapture = CaptureControl<goosestack::SvCapturedFrame>;
 
-std::optional<std::int64_t> appIdOf(const SvCapturedFrame& frame) {
+std::optional<std::int64_t> appIdOf(const goosestack::SvCapturedFrame& frame) {
   if (frame.pdu.size() < 2) return std::nullopt;
   return frame.pdu[0] << 8 | frame.pdu[1];
 }
 
-CommandError failedPublication(const GooseError& error) {
+CommandError failedPublication(const goosestack::GooseError& error) {
   return CommandError::because(error.description(), ErrorCode::svPublishFailed,
                                "SV publish failed: ");
 }
@@ -56,13 +56,13 @@ asio::awaitable<Reply> BridgeServer::handleSubscribeSv(std::optional<std::int64_
   co_return std::string();
 }
 
-asio::awaitable<GooseResult<void>> BridgeServer::startSvCapture() {
+asio::awaitable<goosestack::GooseResult<void>> BridgeServer::startSvCapture() {
   if (svInterface_.empty()) {
     chooseInterface();
     svInterface_ = activeInterface_;
   }
   SvCapture::Events events;
-  events.onRecords = [weak = weak_from_this()](std::span<SvCapturedFrame> frames) {
+  events.onRecords = [weak = weak_from_this()](std::span<goosestack::SvCapturedFrame> frames) {
     if (const auto self = weak.lock()) self->forwardSvFrames(frames);
   };
   events.onDeath = [weak = weak_from_this()](const std::string& reason) {
@@ -78,12 +78,13 @@ asio::awaitable<void> BridgeServer::stopSvCaptureIfNeeded() {
   co_await svCapture_.stop(SvCapture::Queued::drop);
 }
 
-void BridgeServer::forwardSvFrames(std::span<const SvCapturedFrame> frames) {
-  const auto wants = [](std::optional<std::int64_t> filter, const SvCapturedFrame& frame) {
+void BridgeServer::forwardSvFrames(std::span<const goosestack::SvCapturedFrame> frames) {
+  const auto wants = [](std::optional<std::int64_t> filter,
+                        const goosestack::SvCapturedFrame& frame) {
     const auto appId = appIdOf(frame);
     return !filter || !appId || *filter == *appId;
   };
-  const auto encode = [](const SvCapturedFrame& frame) {
+  const auto encode = [](const goosestack::SvCapturedFrame& frame) {
     JsonWriter writer(TextFrame::kHeaderRoom);
     BridgeEventEncoder::svApdu(frame, writer);
     return toFrame(std::move(writer));
@@ -92,10 +93,12 @@ void BridgeServer::forwardSvFrames(std::span<const SvCapturedFrame> frames) {
       static_cast<std::int64_t>(fanOut_.send(frames, svSubscribers_, wants, encode));
 }
 
-asio::awaitable<Reply> BridgeServer::handlePublishSvApdu(Bytes pdu, SvPublishConfig config) {
+asio::awaitable<Reply> BridgeServer::handlePublishSvApdu(goosestack::Bytes pdu,
+                                                         goosestack::SvPublishConfig config) {
   const auto made = ensureMade(svPublisher_, ports_.makeSvPublisher);
   if (!made) co_return failedPublication(made.error());
-  if (!isValidInterfaceName(config.interface)) co_return invalidInterfaceName(config.interface);
+  if (!goosestack::isValidInterfaceName(config.interface))
+    co_return invalidInterfaceName(config.interface);
   config.interface = outgoingInterface(config.interface);
   const auto publisher = svPublisher_;
   const auto published =

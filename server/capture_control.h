@@ -15,8 +15,8 @@
 #include <string>
 #include <utility>
 
+#include "goosestack/record_source.h"
 #include "stack/async_mutex.h"
-#include "stack/record_source.h"
 
 namespace tarnlink {
 
@@ -26,7 +26,7 @@ template <class Record>
 class CaptureControl {
  public:
   using Strand = boost::asio::strand<boost::asio::any_io_executor>;
-  using Source = RecordSource<Record>;
+  using Source = goosestack::RecordSource<Record>;
   using SourceFactory = std::function<std::shared_ptr<Source>()>;
   /// What a capture does to its owner, on the strand. All hold the owner weakly.
   struct Events {
@@ -35,7 +35,7 @@ class CaptureControl {
     /// The running capture has died by itself, with the reason; it still has to be stopped.
     std::function<void(const std::string& reason)> onDeath;
     /// The kernel had no room for frames.
-    std::function<void(const CaptureDrops& drops)> onDrops;
+    std::function<void(const goosestack::CaptureDrops& drops)> onDrops;
   };
 
   /// What becomes of records that wait in the stream when a capture stops.
@@ -52,7 +52,8 @@ class CaptureControl {
   /// Where the latest capture was started; the active interface may be another by now.
   const std::string& interface() const { return interface_; }
 
-  boost::asio::awaitable<GooseResult<void>> start(std::string interface, Events events) {
+  boost::asio::awaitable<goosestack::GooseResult<void>> start(std::string interface,
+                                                              Events events) {
     co_await stop(Queued::drop);
     auto source = makeSource_();
     auto task = std::make_shared<Task>(strand_);
@@ -65,7 +66,8 @@ class CaptureControl {
         if (dead && !std::exchange(dead->hasDied, true)) tell(reason);
       });
     };
-    told.onDrops = [strand = strand_, tell = std::move(events.onDrops)](const CaptureDrops& drops) {
+    told.onDrops = [strand = strand_,
+                    tell = std::move(events.onDrops)](const goosestack::CaptureDrops& drops) {
       boost::asio::post(strand, [tell, drops] { tell(drops); });
     };
     interface_ = interface;
@@ -76,7 +78,7 @@ class CaptureControl {
     task_ = std::move(task);
     boost::asio::co_spawn(strand_, drain(task_, std::move(*stream), std::move(events.onRecords)),
                           boost::asio::detached);
-    co_return GooseResult<void>();
+    co_return goosestack::GooseResult<void>();
   }
 
   boost::asio::awaitable<void> stop(Queued queued) {
@@ -93,15 +95,15 @@ class CaptureControl {
  private:
   struct Task {
     explicit Task(const Strand& strand) : ended(strand) {}
-    AsyncEvent ended;
+    goosestack::AsyncEvent ended;
     std::function<void()> cancel;
     bool hasDied = false;
   };
 
   static boost::asio::awaitable<void> drain(std::shared_ptr<Task> task,
-                                            MessageStream<Record> stream,
+                                            goosestack::MessageStream<Record> stream,
                                             std::function<void(std::span<Record>)> consume) {
-    typename MessageStream<Record>::Batch batch;
+    typename goosestack::MessageStream<Record>::Batch batch;
     // One burst a turn: other work of the actor has its own between two.
     while (co_await stream.next(batch)) consume(batch.records());
     task->ended.set();
@@ -109,7 +111,7 @@ class CaptureControl {
 
   Strand strand_;
   SourceFactory makeSource_;
-  AsyncMutex turn_;
+  goosestack::AsyncMutex turn_;
   std::string interface_;
   std::shared_ptr<Source> source_;
   std::shared_ptr<Task> task_;

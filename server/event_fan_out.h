@@ -5,7 +5,7 @@
 #include <span>
 #include <vector>
 
-#include "platform/text_frame.h"
+#include "websocket/text_frame.h"
 
 namespace tarnlink {
 

@@ -6,7 +6,7 @@
 
 namespace tarnlink {
 
-bool GooseFilter::matches(const GooseMessage& message) const {
+bool GooseFilter::matches(const goosestack::GooseMessage& message) const {
   if (appIdFilter && !appIdFilter->empty()) {
     std::array<char, 5> digits;  // 65535 at most.
     const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), message.appId).ptr;

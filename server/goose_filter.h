@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "stack/goose_message.h"
+#include "goosestack/goose_message.h"
 
 namespace tarnlink {
 
@@ -15,7 +15,7 @@ struct GooseFilter {
   /// A piece of text that the message's goCBRef must contain.
   std::optional<std::string> goCBRefFilter;
 
-  bool matches(const GooseMessage& message) const;
+  bool matches(const goosestack::GooseMessage& message) const;
 };
 
 }  // namespace tarnlink

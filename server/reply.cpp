@@ -3,8 +3,8 @@
 #include <boost/throw_exception.hpp>
 #include <stdexcept>
 
-#include "server/error_code.h"
-#include "server/member_reader.h"
+#include "protocol/error_code.h"
+#include "protocol/member_reader.h"
 
 namespace tarnlink {
 

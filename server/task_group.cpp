@@ -8,7 +8,7 @@
 
 namespace tarnlink {
 
-TaskGroup::TaskGroup(Strand strand, LogSink log)
+TaskGroup::TaskGroup(Strand strand, goosestack::LogSink log)
     : strand_(std::move(strand)), log_(std::move(log)), state_(std::make_shared<State>(strand_)) {}
 
 void TaskGroup::spawn(boost::asio::awaitable<void> task) {

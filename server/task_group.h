@@ -6,8 +6,8 @@
 #include <boost/asio/strand.hpp>
 #include <memory>
 
+#include "goosestack/log_sink.h"
 #include "stack/async_mutex.h"
-#include "stack/log_sink.h"
 
 namespace tarnlink {
 
@@ -16,7 +16,7 @@ class TaskGroup {
  public:
   using Strand = boost::asio::strand<boost::asio::any_io_executor>;
 
-  TaskGroup(Strand strand, LogSink log);
+  TaskGroup(Strand strand, goosestack::LogSink log);
 
   /// Runs the task on the strand. An exception that it lets out is logged and ends it.
   void spawn(boost::asio::awaitable<void> task);
@@ -27,12 +27,12 @@ class TaskGroup {
  private:
   struct State {
     explicit State(const Strand& strand) : idle(strand) { idle.set(); }
-    AsyncEvent idle;
+    goosestack::AsyncEvent idle;
     std::size_t running = 0;
   };
 
   Strand strand_;
-  LogSink log_;
+  goosestack::LogSink log_;
   std::shared_ptr<State> state_;  // Tasks may outlive the group.
 };
 

@@ -8,7 +8,7 @@
 #include <boost/system/error_code.hpp>
 #include <utility>
 
-namespace tarnlink {
+namespace goosestack {
 
 /// Wakes every coroutine that waits for it. All calls on one strand; lives longer than its waiters.
 class AsyncEvent {
@@ -68,4 +68,4 @@ class AsyncMutex {
   AsyncEvent freed_;
 };
 
-}  // namespace tarnlink
+}  // namespace goosestack

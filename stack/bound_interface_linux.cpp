@@ -3,7 +3,7 @@
 
 #include "stack/bound_interface.h"
 
-namespace tarnlink {
+namespace goosestack {
 
 int boundInterface(int socket) {
   sockaddr_ll address{};
@@ -12,4 +12,4 @@ int boundInterface(int socket) {
   return result == 0 ? address.sll_ifindex : -1;
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

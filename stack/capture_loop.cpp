@@ -9,7 +9,7 @@
 
 #include "stack/wake_pace.h"
 
-namespace tarnlink {
+namespace goosestack {
 namespace {
 
 void onPacket(u_char* user, const pcap_pkthdr* header, const u_char* packet) {
@@ -75,4 +75,4 @@ void CaptureLoop::tellDrops(Clock::time_point now, bool isLast) {
   if (fresh > 0 || (isLast && drops_ > 0)) handlers_.onDrops({fresh, drops_, isLast});
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

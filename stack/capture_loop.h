@@ -9,12 +9,12 @@
 #include <string>
 #include <thread>
 
-#include "stack/bytes.h"
-#include "stack/capture_drops.h"
+#include "goosestack/bytes.h"
+#include "goosestack/capture_drops.h"
+#include "goosestack/time_point.h"
 #include "stack/pcap_access.h"
-#include "stack/time_point.h"
 
-namespace tarnlink {
+namespace goosestack {
 
 /// Owns its handle and its thread. Handlers run on that thread and must not throw.
 class CaptureLoop {
@@ -69,4 +69,4 @@ class CaptureLoop {
   std::thread thread_;
 };
 
-}  // namespace tarnlink
+}  // namespace goosestack

@@ -16,12 +16,12 @@
 #include <string>
 #include <utility>
 
+#include "goosestack/record_source.h"
 #include "stack/async_mutex.h"
 #include "stack/capture_loop.h"
 #include "stack/pcap_access.h"
-#include "stack/record_source.h"
 
-namespace tarnlink {
+namespace goosestack {
 
 /// Where the producer's end of a stream lives: used from the capture thread and from the
 /// receiver's own calls, always under the lock.
@@ -202,4 +202,4 @@ class CaptureReceiver final : public RecordSource<typename Decoder::Record>,
   std::shared_ptr<AsyncEvent> loopEnded_;
 };
 
-}  // namespace tarnlink
+}  // namespace goosestack

@@ -1,9 +1,9 @@
-#include "stack/ethernet_frame.h"
+#include "goosestack/ethernet_frame.h"
 
 #include <algorithm>
 #include <cstddef>
 
-namespace tarnlink {
+namespace goosestack {
 namespace {
 
 constexpr std::size_t kMacLength = 6;          // Octets.
@@ -63,4 +63,4 @@ Bytes EthernetFrame::build(ByteView dstMac, ByteView srcMac, std::uint16_t vlanI
   return frame;
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

@@ -1,10 +1,10 @@
-#include "stack/flutter_dict.h"
+#include "goosestack/flutter_dict.h"
 
-namespace tarnlink {
+namespace goosestack {
 
 // Written out: clang 14 crashes on defaulted comparisons of recursive types.
 bool FlutterValue::operator==(const FlutterValue& other) const {
   return value == other.value;
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

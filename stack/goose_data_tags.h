@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-namespace tarnlink {
+namespace goosestack {
 
 inline constexpr std::uint8_t kTagBoolean = 0x83;
 inline constexpr std::uint8_t kTagBitString = 0x84;
@@ -18,4 +18,4 @@ inline constexpr std::uint8_t kTagUtcTime = 0x91;
 inline constexpr std::uint8_t kTagArray = 0xA1;
 inline constexpr std::uint8_t kTagStructure = 0xA2;
 
-}  // namespace tarnlink
+}  // namespace goosestack

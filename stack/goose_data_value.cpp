@@ -1,10 +1,10 @@
-#include "stack/goose_data_value.h"
+#include "goosestack/goose_data_value.h"
 
 #include <type_traits>
 
-#include "stack/footprint.h"
+#include "goosestack/footprint.h"
 
-namespace tarnlink {
+namespace goosestack {
 namespace {
 
 FlutterDict entry(const char* type, FlutterValue value) {
@@ -91,15 +91,15 @@ std::size_t GooseDataValue::heapOctets() const {
     case Kind::bitString:
       return std::get<BitString>(payload).heapOctets();
     case Kind::octetString:
-      return tarnlink::heapOctets(std::get<Bytes>(payload));
+      return goosestack::heapOctets(std::get<Bytes>(payload));
     case Kind::visibleString:
-      return tarnlink::heapOctets(std::get<std::string>(payload));
+      return goosestack::heapOctets(std::get<std::string>(payload));
     case Kind::structure:
       return storageOf(std::get<Structure>(payload).members);
     case Kind::array:
       return storageOf(std::get<Array>(payload).members);
     case Kind::unknown:
-      return tarnlink::heapOctets(std::get<Unknown>(payload).data);
+      return goosestack::heapOctets(std::get<Unknown>(payload).data);
     default:
       return 0;
   }
@@ -122,4 +122,4 @@ FlutterDict GooseDataValue::toFlutterDict() const {
   return std::visit(Renderer{}, payload);
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

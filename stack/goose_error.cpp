@@ -1,9 +1,9 @@
-#include "stack/goose_error.h"
+#include "goosestack/goose_error.h"
 
 #include <boost/throw_exception.hpp>
 #include <stdexcept>
 
-namespace tarnlink {
+namespace goosestack {
 
 std::string GooseError::description() const {
   switch (case_) {
@@ -20,4 +20,4 @@ void throw_exception_from_error(const GooseError& error, const boost::source_loc
   boost::throw_exception(std::runtime_error(error.description()), location);
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

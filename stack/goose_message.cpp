@@ -1,8 +1,8 @@
-#include "stack/goose_message.h"
+#include "goosestack/goose_message.h"
 
-#include "stack/footprint.h"
+#include "goosestack/footprint.h"
 
-namespace tarnlink {
+namespace goosestack {
 
 bool GooseMessage::isStale(TimePoint now) const {
   const double ageMilliseconds = (now - receivedAt).count() * 1000.0;
@@ -50,4 +50,4 @@ FlutterDict GooseMessage::toFlutterDict() const {
   return dict;
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

@@ -3,12 +3,12 @@
 #include <optional>
 #include <string>
 
-namespace tarnlink {
+namespace goosestack {
 namespace {
 
 void formatMacInto(const MacAddress& mac, std::optional<std::string>& text) {
   if (!text) text.emplace();
-  tarnlink::formatMacInto(mac, *text);
+  goosestack::formatMacInto(mac, *text);
 }
 
 }  // namespace
@@ -34,4 +34,4 @@ void buildGooseMessage(const ParsedEthernetFrame& frame, GoosePdu& pdu, TimePoin
   message.receivedAt = receivedAt;
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

@@ -1,12 +1,12 @@
 // The step from a decoded frame to the message that a receiver hands out.
 #pragma once
 
-#include "stack/ethernet_frame.h"
-#include "stack/goose_message.h"
-#include "stack/goose_pdu.h"
-#include "stack/time_point.h"
+#include "goosestack/ethernet_frame.h"
+#include "goosestack/goose_message.h"
+#include "goosestack/goose_pdu.h"
+#include "goosestack/time_point.h"
 
-namespace tarnlink {
+namespace goosestack {
 
 /// Overwrites every field of `message`, which may be a recycled one. Texts and values are swapped
 /// with those of `pdu`, whose content is unspecified afterwards: storage circulates between the two
@@ -14,4 +14,4 @@ namespace tarnlink {
 void buildGooseMessage(const ParsedEthernetFrame& frame, GoosePdu& pdu, TimePoint receivedAt,
                        GooseMessage& message);
 
-}  // namespace tarnlink
+}  // namespace goosestack

@@ -1,4 +1,4 @@
-#include "stack/goose_pdu.h"
+#include "goosestack/goose_pdu.h"
 
 #include <algorithm>
 #include <bit>
@@ -9,7 +9,7 @@
 #include "stack/goose_data_tags.h"
 #include "stack/utf8.h"
 
-namespace tarnlink {
+namespace goosestack {
 namespace {
 
 constexpr std::size_t kHeaderLength = 8;  // Octets.
@@ -317,4 +317,4 @@ GooseDataValue GoosePdu::parseDataValue(std::uint8_t tag, ByteView value) {
   return result;
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

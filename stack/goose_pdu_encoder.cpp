@@ -6,10 +6,10 @@
 #include <utility>
 #include <variant>
 
+#include "goosestack/goose_pdu.h"
 #include "stack/goose_data_tags.h"
-#include "stack/goose_pdu.h"
 
-namespace tarnlink {
+namespace goosestack {
 namespace {
 
 constexpr std::uint8_t kTagGoosePdu = 0x61;
@@ -188,4 +188,4 @@ GooseResult<void> GoosePdu::encodeDataValue(const GooseDataValue& value, Bytes& 
   return {};
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

@@ -1,6 +1,6 @@
-#include "stack/goose_publish_config.h"
+#include "goosestack/goose_publish_config.h"
 
-namespace tarnlink {
+namespace goosestack {
 
 const RetransmissionProfile& RetransmissionProfile::standard() {
   static const RetransmissionProfile profile{{2, 4, 8, 16, 32, 64, 1000, 1000, 1000, 1000}, 4000};
@@ -18,4 +18,4 @@ const RetransmissionProfile& RetransmissionProfile::single() {
   return profile;
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

@@ -1,4 +1,4 @@
-#include "stack/goose_publisher.h"
+#include "goosestack/goose_publisher.h"
 
 #include <algorithm>
 #include <boost/asio/co_spawn.hpp>
@@ -6,11 +6,11 @@
 #include <string_view>
 #include <utility>
 
-#include "stack/ethernet_frame.h"
-#include "stack/goose_pdu.h"
-#include "stack/punctual_thread.h"
+#include "goosestack/ethernet_frame.h"
+#include "goosestack/goose_pdu.h"
+#include "goosestack/punctual_thread.h"
 
-namespace tarnlink {
+namespace goosestack {
 namespace {
 
 // How long before a deadline the timer wakes the thread, which then builds the frame and waits for
@@ -174,4 +174,4 @@ void GoosePublisher::logFrame(ByteView frame, ByteView srcMac) const {
   log_("[Publisher]   first 64B: " + hexText(head, ' '));
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

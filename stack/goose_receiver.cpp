@@ -1,9 +1,9 @@
-#include "stack/goose_receiver.h"
+#include "goosestack/goose_receiver.h"
 
-#include "stack/ethernet_frame.h"
+#include "goosestack/ethernet_frame.h"
 #include "stack/goose_message_builder.h"
 
-namespace tarnlink {
+namespace goosestack {
 
 bool GooseFrameDecoder::decode(ByteView frame, TimePoint receivedAt, GooseMessage& message) {
   const auto envelope = EthernetFrame::parse(frame);
@@ -12,4 +12,4 @@ bool GooseFrameDecoder::decode(ByteView frame, TimePoint receivedAt, GooseMessag
   return true;
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

@@ -1,11 +1,11 @@
-#include "stack/interface_discovery.h"
+#include "goosestack/interface_discovery.h"
 
 #include <algorithm>
 #include <set>
 #include <tuple>
 #include <utility>
 
-namespace tarnlink {
+namespace goosestack {
 namespace {
 
 // Loopback, tunnels, bridges, peer-to-peer radio and virtual-machine links. The last three are
@@ -92,4 +92,4 @@ std::optional<MacAddress> InterfaceDiscovery::macBytesFromSockaddrDL(ByteView ad
   return mac;
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

@@ -10,9 +10,9 @@
 #include <memory>
 #include <utility>
 
-#include "stack/interface_discovery.h"
+#include "goosestack/interface_discovery.h"
 
-namespace tarnlink {
+namespace goosestack {
 namespace {
 
 std::optional<MacAddress> macBytes(const sockaddr* address) {
@@ -46,4 +46,4 @@ std::vector<LinkLayerEntry> InterfaceDiscovery::linkLayerEntries() {
   return entries;
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

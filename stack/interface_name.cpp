@@ -1,8 +1,8 @@
-#include "stack/interface_name.h"
+#include "goosestack/interface_name.h"
 
 #include <algorithm>
 
-namespace tarnlink {
+namespace goosestack {
 namespace {
 
 // ASCII only, whatever the locale.
@@ -20,4 +20,4 @@ bool isValidInterfaceName(std::string_view name) {
          std::all_of(name.begin(), name.end(), isLetterOrDigit);
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

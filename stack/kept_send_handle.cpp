@@ -2,7 +2,7 @@
 
 #include <utility>
 
-namespace tarnlink {
+namespace goosestack {
 
 KeptSendHandle::KeptSendHandle(const SendRules& rules, std::shared_ptr<SendHandleSource> source)
     : rules_(rules), source_(std::move(source)) {}
@@ -56,4 +56,4 @@ void KeptSendHandle::lose() {
   priority_.reset();
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

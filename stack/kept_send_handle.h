@@ -6,12 +6,12 @@
 #include <optional>
 #include <string>
 
-#include "stack/bytes.h"
-#include "stack/goose_error.h"
-#include "stack/mac_address.h"
+#include "goosestack/bytes.h"
+#include "goosestack/goose_error.h"
+#include "goosestack/mac_address.h"
 #include "stack/send_handle.h"
 
-namespace tarnlink {
+namespace goosestack {
 
 /// Where the two publishers differ.
 struct SendRules {
@@ -54,4 +54,4 @@ class KeptSendHandle {
   std::optional<std::uint8_t> priority_;  // As the open handle has it.
 };
 
-}  // namespace tarnlink
+}  // namespace goosestack

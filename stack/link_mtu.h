@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-namespace tarnlink {
+namespace goosestack {
 
 /// Ethernet header with one 802.1Q tag (IEEE 802.3, 3.1.1). Octets.
 inline constexpr int kTaggedHeaderLength = 18;
@@ -20,4 +20,4 @@ inline std::optional<int> largestFrame(const std::string& interface) {
   return mtu ? std::optional<int>(*mtu + kTaggedHeaderLength) : std::nullopt;
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

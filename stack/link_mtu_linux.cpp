@@ -7,7 +7,7 @@
 
 #include "stack/link_mtu.h"
 
-namespace tarnlink {
+namespace goosestack {
 
 std::optional<int> linkMtu(const std::string& interface) {
   if (interface.empty() || interface.size() >= IFNAMSIZ) return std::nullopt;
@@ -20,4 +20,4 @@ std::optional<int> linkMtu(const std::string& interface) {
   return found ? std::optional<int>(request.ifr_mtu) : std::nullopt;
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

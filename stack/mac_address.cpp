@@ -1,8 +1,8 @@
-#include "stack/mac_address.h"
+#include "goosestack/mac_address.h"
 
 #include <cstring>
 
-namespace tarnlink {
+namespace goosestack {
 namespace {
 
 constexpr auto kHexPairs = [] {
@@ -30,4 +30,4 @@ void formatMacInto(ByteView octets, std::string& text) {
   }
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

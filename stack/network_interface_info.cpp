@@ -1,6 +1,6 @@
-#include "stack/network_interface_info.h"
+#include "goosestack/network_interface_info.h"
 
-namespace tarnlink {
+namespace goosestack {
 
 FlutterDict NetworkInterfaceInfo::toFlutterDict() const {
   FlutterDict dict;
@@ -12,4 +12,4 @@ FlutterDict NetworkInterfaceInfo::toFlutterDict() const {
   return dict;
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

@@ -8,7 +8,7 @@
 
 #include "stack/link_mtu.h"
 
-namespace tarnlink {
+namespace goosestack {
 namespace {
 
 using ErrorBuffer = std::array<char, PCAP_ERRBUF_SIZE>;
@@ -97,4 +97,4 @@ GooseResult<PcapHandle> openPcapWithFilter(const std::string& interface,
   return opened;
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

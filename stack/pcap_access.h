@@ -4,11 +4,11 @@
 #include <memory>
 #include <string>
 
-#include "stack/goose_error.h"
+#include "goosestack/goose_error.h"
 
 struct pcap;
 
-namespace tarnlink {
+namespace goosestack {
 
 struct PcapCloser {
   void operator()(pcap* handle) const;
@@ -43,4 +43,4 @@ GooseResult<PcapHandle> openPcapWithFilter(const std::string& interface,
                                            const std::string& etherTypeHex, int bufSize,
                                            CaptureMode mode = CaptureMode::standard);
 
-}  // namespace tarnlink
+}  // namespace goosestack

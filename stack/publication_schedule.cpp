@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <limits>
 
-namespace tarnlink {
+namespace goosestack {
 namespace {
 
 // The standard keeps 0 for "not yet published".
@@ -74,4 +74,4 @@ void PublicationSchedule::passHeartbeats(Instant now) {
   *heartbeat_ += ((now - *heartbeat_) / period + 1) * period;
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

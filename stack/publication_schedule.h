@@ -7,9 +7,9 @@
 #include <cstdint>
 #include <optional>
 
-#include "stack/goose_publish_config.h"
+#include "goosestack/goose_publish_config.h"
 
-namespace tarnlink {
+namespace goosestack {
 
 /// A plain value without a clock: it knows only the times that it is given.
 ///
@@ -66,4 +66,4 @@ class PublicationSchedule {
   std::optional<Instant> heartbeat_;
 };
 
-}  // namespace tarnlink
+}  // namespace goosestack

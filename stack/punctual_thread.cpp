@@ -1,8 +1,8 @@
-#include "stack/punctual_thread.h"
+#include "goosestack/punctual_thread.h"
 
 #include <future>
 
-namespace tarnlink {
+namespace goosestack {
 
 PunctualThread::PunctualThread() : work_(context_.get_executor()) {
   std::promise<bool> started;
@@ -19,4 +19,4 @@ PunctualThread::~PunctualThread() {
   thread_.join();
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

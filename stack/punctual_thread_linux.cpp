@@ -5,9 +5,9 @@
 #include <cerrno>
 #include <ctime>
 
-#include "stack/punctual_thread.h"
+#include "goosestack/punctual_thread.h"
 
-namespace tarnlink {
+namespace goosestack {
 namespace {
 
 // The lowest of SCHED_FIFO: before every ordinary thread, behind the kernel's interrupt threads.
@@ -42,4 +42,4 @@ void waitUntil(std::chrono::steady_clock::time_point deadline) {
   }
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

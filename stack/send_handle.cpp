@@ -6,14 +6,14 @@
 #include <cerrno>
 #include <utility>
 
+#include "goosestack/ethernet_frame.h"
+#include "goosestack/interface_discovery.h"
 #include "stack/bound_interface.h"
-#include "stack/ethernet_frame.h"
-#include "stack/interface_discovery.h"
 #include "stack/link_mtu.h"
 #include "stack/pcap_access.h"
 #include "stack/socket_priority.h"
 
-namespace tarnlink {
+namespace goosestack {
 namespace {
 
 bool isTagged(ByteView frame) {
@@ -89,4 +89,4 @@ std::shared_ptr<SendHandleSource> systemSendHandles() {
   return std::make_shared<SystemSendHandles>();
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

@@ -6,11 +6,11 @@
 #include <optional>
 #include <string>
 
-#include "stack/bytes.h"
-#include "stack/goose_error.h"
-#include "stack/mac_address.h"
+#include "goosestack/bytes.h"
+#include "goosestack/goose_error.h"
+#include "goosestack/mac_address.h"
 
-namespace tarnlink {
+namespace goosestack {
 
 /// What became of one frame.
 struct SendOutcome {
@@ -56,4 +56,4 @@ class SendHandleSource {
 /// that says both sizes.
 std::shared_ptr<SendHandleSource> systemSendHandles();
 
-}  // namespace tarnlink
+}  // namespace goosestack

@@ -3,10 +3,10 @@
 
 #include <cstdint>
 
-namespace tarnlink {
+namespace goosestack {
 
 /// 0 to 7. Where the system refuses it, frames leave with the priority they had: a lesser fault
 /// than not sending.
 void setSocketPriority(int socket, std::uint8_t priority);
 
-}  // namespace tarnlink
+}  // namespace goosestack

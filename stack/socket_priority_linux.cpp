@@ -2,7 +2,7 @@
 
 #include "stack/socket_priority.h"
 
-namespace tarnlink {
+namespace goosestack {
 
 void setSocketPriority(int socket, std::uint8_t priority) {
   // 7 takes CAP_NET_RAW (CAP_NET_ADMIN before Linux 5.18), which a sender of raw frames has.
@@ -10,4 +10,4 @@ void setSocketPriority(int socket, std::uint8_t priority) {
   (void)::setsockopt(socket, SOL_SOCKET, SO_PRIORITY, &value, sizeof value);
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

@@ -1,8 +1,8 @@
-#include "stack/sv_frame.h"
+#include "goosestack/sv_frame.h"
 
-#include "stack/ethernet_frame.h"
+#include "goosestack/ethernet_frame.h"
 
-namespace tarnlink {
+namespace goosestack {
 
 std::optional<ParsedSvFrame> parseSvFrame(ByteView frame) {
   const auto parsed = EthernetFrame::parse(frame, kEtherTypeSv);
@@ -15,4 +15,4 @@ Bytes buildSvFrame(ByteView dstMac, ByteView srcMac, std::uint16_t vlanId,
   return EthernetFrame::build(dstMac, srcMac, vlanId, vlanPriority, pdu, kEtherTypeSv);
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

@@ -1,13 +1,13 @@
-#include "stack/sv_publisher.h"
+#include "goosestack/sv_publisher.h"
 
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <string>
 #include <utility>
 
-#include "stack/sv_frame.h"
+#include "goosestack/sv_frame.h"
 
-namespace tarnlink {
+namespace goosestack {
 namespace {
 
 const SendRules kRules{
@@ -51,4 +51,4 @@ GooseResult<void> SvPublisher::send(ByteView pdu, const SvPublishConfig& config)
   return sent;
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

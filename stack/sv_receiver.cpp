@@ -1,8 +1,8 @@
-#include "stack/sv_receiver.h"
+#include "goosestack/sv_receiver.h"
 
-#include "stack/sv_frame.h"
+#include "goosestack/sv_frame.h"
 
-namespace tarnlink {
+namespace goosestack {
 
 bool SvFrameDecoder::decode(ByteView frame, TimePoint receivedAt, SvCapturedFrame& captured) {
   const auto parsed = parseSvFrame(frame);
@@ -15,4 +15,4 @@ bool SvFrameDecoder::decode(ByteView frame, TimePoint receivedAt, SvCapturedFram
   return true;
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <cstring>
 
-namespace tarnlink {
+namespace goosestack {
 namespace {
 
 constexpr std::uint64_t kTopBits = 0x8080808080808080;
@@ -75,4 +75,4 @@ bool isValidUtf8(ByteView octets) {
   return true;
 }
 
-}  // namespace tarnlink
+}  // namespace goosestack

@@ -1,10 +1,10 @@
 // Strict UTF-8 (RFC 3629): no overlong forms, no surrogates, nothing above U+10FFFF.
 #pragma once
 
-#include "stack/bytes.h"
+#include "goosestack/bytes.h"
 
-namespace tarnlink {
+namespace goosestack {
 
 bool isValidUtf8(ByteView octets);
 
-}  // namespace tarnlink
+}  // namespace goosestack

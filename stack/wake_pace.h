@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <chrono>
 
-namespace tarnlink {
+namespace goosestack {
 
 /// Waking costs a multiple of the work for one message. So the messages of a flow that is faster
 /// than one each kSpacing collect, once kAtOnce more of them have come than such a flow brings: a
@@ -32,4 +32,4 @@ class WakePace {
   Clock::time_point expected_;  // When a flow of one message each kSpacing would bring the next.
 };
 
-}  // namespace tarnlink
+}  // namespace goosestack

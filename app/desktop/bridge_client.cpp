@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "server/json_value.h"
-#include "server/json_writer.h"
+#include "protocol/json_value.h"
+#include "protocol/json_writer.h"
 
 namespace tarnlink {
 namespace {

@@ -11,7 +11,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/websocket_client.h"
+#include "websocket/websocket_client.h"
 
 namespace tarnlink {
 
@@ -39,7 +39,7 @@ class BridgeClient final : public QObject {
   bool isOpen() const { return isAdmitted_; }
 
   /// Makes an interface the active one; onStatus or onError follows. Only while isOpen(), and with
-  /// a name that keeps the rule of stack/interface_name.h.
+  /// a name that keeps the rule of goosestack/interface_name.h.
   void setInterface(const std::string& name);
 
  private:

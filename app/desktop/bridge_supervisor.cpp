@@ -6,10 +6,10 @@
 #include <algorithm>
 #include <utility>
 
+#include "goosestack/interface_name.h"
 #include "platform/process_capabilities.h"
 #include "platform/secure_random.h"
 #include "server/bridge_server.h"
-#include "stack/interface_name.h"
 
 namespace tarnlink {
 namespace fs = std::filesystem;
@@ -44,7 +44,7 @@ void prepareChild() {
 }  // namespace
 
 BridgeSupervisor::BridgeSupervisor(SupervisorOptions options, PreferenceStore& preferences,
-                                   LogSink log)
+                                   goosestack::LogSink log)
     : options_(std::move(options)),
       preferences_(preferences),
       log_(std::move(log)),
@@ -139,7 +139,7 @@ void BridgeSupervisor::restart() {
 }
 
 void BridgeSupervisor::setActiveInterface(const std::string& name) {
-  if (client_.isOpen() && isValidInterfaceName(name)) return client_.setInterface(name);
+  if (client_.isOpen() && goosestack::isValidInterfaceName(name)) return client_.setInterface(name);
   preferences_.write(kActiveInterfaceKey, name);
   state_.activeInterface = name;
   report();

@@ -14,8 +14,8 @@
 
 #include "app/desktop/bridge_client.h"
 #include "app/desktop/menu_model.h"
+#include "goosestack/log_sink.h"
 #include "platform/preference_store.h"
-#include "stack/log_sink.h"
 
 namespace tarnlink {
 
@@ -48,7 +48,8 @@ class BridgeSupervisor final : public QObject {
   using StateHandler = std::function<void(const BridgeState&)>;
 
   /// The store is that of `options.preferences` and outlives the supervisor.
-  BridgeSupervisor(SupervisorOptions options, PreferenceStore& preferences, LogSink log);
+  BridgeSupervisor(SupervisorOptions options, PreferenceStore& preferences,
+                   goosestack::LogSink log);
   ~BridgeSupervisor() override;
 
   /// Once. The handler hears of every change, from the event loop.
@@ -80,7 +81,7 @@ class BridgeSupervisor final : public QObject {
 
   const SupervisorOptions options_;
   PreferenceStore& preferences_;
-  const LogSink log_;
+  const goosestack::LogSink log_;
   StateHandler handler_;  ///< Empty before start() and after stop().
   BridgeState state_;
   BridgeClient client_;

@@ -24,7 +24,7 @@ CapabilityAccessFiles findBridgeFiles(const fs::path& ownFolder) {
 }
 
 fs::path bridgeForThisUser(const CapabilityAccessFiles& files, const fs::path& ownFolder,
-                           const LogSink& log) {
+                           const goosestack::LogSink& log) {
   if (::access(files.bridge.c_str(), X_OK) == 0 || errno != EACCES) return files.bridge;
   auto plain = ownFolder / "tarnlinkd";
   log("[KorvelTarnlink] " + files.bridge.string() + " is for root, the group tarnlink and users " +
@@ -32,7 +32,7 @@ fs::path bridgeForThisUser(const CapabilityAccessFiles& files, const fs::path& o
   return plain;
 }
 
-fs::path usablePreferenceFile(const LogSink& log) {
+fs::path usablePreferenceFile(const goosestack::LogSink& log) {
   auto file = defaultPreferenceFile();
   const auto code = pairingCode(*makePreferenceStore(file, log));
   if (makePreferenceStore(file, [](std::string_view) {})->read(kPairingCodeKey) == code) {

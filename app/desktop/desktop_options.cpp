@@ -6,7 +6,7 @@
 #include <string_view>
 #include <utility>
 
-#include "server/bridge_event_encoder.h"
+#include "protocol/bridge_event_encoder.h"
 
 namespace tarnlink {
 namespace {

@@ -17,22 +17,22 @@
 #include "app/desktop/message_alerts.h"
 #include "app/desktop/single_instance.h"
 #include "app/desktop/termination.h"
+#include "goosestack/interface_discovery.h"
 #include "platform/console_log.h"
 #include "platform/interface_names.h"
-#include "stack/interface_discovery.h"
 
 namespace tarnlink {
 namespace fs = std::filesystem;
 namespace {
 
-class SystemNames final : public InterfaceNameSource {
+class SystemNames final : public goosestack::InterfaceNameSource {
  public:
   std::map<std::string, std::string> displayNames() override { return interfaceDisplayNames(); }
 };
 
-std::vector<NetworkInterfaceInfo> listInterfaces() {
+std::vector<goosestack::NetworkInterfaceInfo> listInterfaces() {
   SystemNames names;
-  return InterfaceDiscovery::listEthernetInterfaces(&names);
+  return goosestack::InterfaceDiscovery::listEthernetInterfaces(&names);
 }
 
 // A session without a language, such as "C", gets the texts as they were written first.

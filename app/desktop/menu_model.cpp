@@ -22,7 +22,8 @@ MenuItem separator() {
   return item;
 }
 
-MenuItem interfaceItem(const NetworkInterfaceInfo& interface, const std::string& active) {
+MenuItem interfaceItem(const goosestack::NetworkInterfaceInfo& interface,
+                       const std::string& active) {
   auto item = text("  " + interface.name, MenuAction::selectInterface);
   if (!interface.displayName.empty()) item.title += " — " + interface.displayName;
   if (!interface.isUp) item.title += "  (down)";

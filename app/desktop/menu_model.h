@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "app/host/user_texts.h"
-#include "stack/network_interface_info.h"
+#include "goosestack/network_interface_info.h"
 
 namespace tarnlink {
 
@@ -23,8 +23,8 @@ struct MenuState {
   BridgePhase phase = BridgePhase::stopped;
   std::uint16_t port = 0;
   std::string pairingCode;
-  std::vector<NetworkInterfaceInfo> interfaces;  ///< In the order of the menu.
-  std::string activeInterface;                   ///< Empty: none.
+  std::vector<goosestack::NetworkInterfaceInfo> interfaces;  ///< In the order of the menu.
+  std::string activeInterface;                               ///< Empty: none.
   bool canCapture = false;  ///< What the running bridge can, else what one could that is started.
 };
 

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "app/desktop/antenna_icon.h"
-#include "server/bridge_event_encoder.h"
+#include "protocol/bridge_event_encoder.h"
 #include "server/pairing_code.h"
 
 namespace tarnlink {

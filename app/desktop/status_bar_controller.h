@@ -14,9 +14,9 @@
 #include "app/desktop/status_window.h"
 #include "app/host/bpf_permission_helper.h"
 #include "app/host/user_texts.h"
+#include "goosestack/log_sink.h"
+#include "goosestack/network_interface_info.h"
 #include "platform/preference_store.h"
-#include "stack/log_sink.h"
-#include "stack/network_interface_info.h"
 
 namespace tarnlink {
 
@@ -28,8 +28,8 @@ struct StatusBarPorts {
   const UserTexts& texts;
   std::uint16_t port;
   /// Safe from any thread; may block for a while.
-  std::function<std::vector<NetworkInterfaceInfo>()> listInterfaces;
-  LogSink log;
+  std::function<std::vector<goosestack::NetworkInterfaceInfo>()> listInterfaces;
+  goosestack::LogSink log;
 };
 
 /// The thread that draws. Does not know how capture access is given.
@@ -60,7 +60,7 @@ class StatusBarController final : public QObject {
   bool wasGranted_ = false;  ///< Capture access, when the bridge was last started for it.
   bool isInstalling_ = false;
   bool isListing_ = false;
-  std::vector<NetworkInterfaceInfo> interfaces_;
+  std::vector<goosestack::NetworkInterfaceInfo> interfaces_;
   MenuView menu_;
   StatusIcon icon_;
   StatusWindow window_;

@@ -56,7 +56,8 @@ bool hasXEmbedTray() {
 
 }  // namespace
 
-StatusIcon::StatusIcon(MenuView& menu, LogSink log) : menu_(menu), log_(std::move(log)) {
+StatusIcon::StatusIcon(MenuView& menu, goosestack::LogSink log)
+    : menu_(menu), log_(std::move(log)) {
   if (!QDBusConnection::sessionBus().isConnected()) {
     log_("[KorvelTarnlink] No session bus: the icon needs a status bar of the older kind (XEmbed)");
   }

@@ -7,7 +7,7 @@
 #include <memory>
 
 #include "app/desktop/menu_view.h"
-#include "stack/log_sink.h"
+#include "goosestack/log_sink.h"
 
 namespace tarnlink {
 
@@ -17,7 +17,7 @@ namespace tarnlink {
 class StatusIcon {
  public:
   /// The view outlives the icon.
-  StatusIcon(MenuView& menu, LogSink log);
+  StatusIcon(MenuView& menu, goosestack::LogSink log);
 
   void setImage(const QIcon& image);
   void setToolTip(const QString& text);
@@ -30,7 +30,7 @@ class StatusIcon {
 
  private:
   MenuView& menu_;
-  LogSink log_;
+  goosestack::LogSink log_;
   QIcon image_;
   QString toolTip_;
   std::unique_ptr<QSystemTrayIcon> item_;

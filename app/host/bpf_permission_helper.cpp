@@ -7,7 +7,7 @@ namespace {
 
 // What tools write is meant for a terminal.
 std::string readable(std::string_view text) {
-  if (!isValidUtf8({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()})) {
+  if (!goosestack::isValidUtf8({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()})) {
     return "unknown error";
   }
   constexpr const char* kSpace = " \t\r\n\v\f";

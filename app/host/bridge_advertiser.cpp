@@ -16,7 +16,7 @@ std::string instanceName() {
 
 }  // namespace
 
-BridgeAdvertiser::BridgeAdvertiser(std::int32_t port, LogSink log)
+BridgeAdvertiser::BridgeAdvertiser(std::int32_t port, goosestack::LogSink log)
     : port_(port), log_(std::move(log)) {}
 
 void BridgeAdvertiser::start() {

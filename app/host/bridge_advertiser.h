@@ -4,10 +4,10 @@
 #include <cstdint>
 #include <memory>
 
+#include "goosestack/log_sink.h"
 #include "platform/dns_sd.h"
-#include "server/bridge_service.h"
+#include "protocol/bridge_service.h"
 #include "server/service_advertiser.h"
-#include "stack/log_sink.h"
 
 namespace tarnlink {
 
@@ -19,7 +19,7 @@ namespace tarnlink {
 class BridgeAdvertiser final : public ServiceAdvertiser, public DnsSdPublicationDelegate {
  public:
   /// Nothing is published yet.
-  BridgeAdvertiser(std::int32_t port, LogSink log);
+  BridgeAdvertiser(std::int32_t port, goosestack::LogSink log);
 
   void start() override;
   void stop() override;
@@ -29,7 +29,7 @@ class BridgeAdvertiser final : public ServiceAdvertiser, public DnsSdPublication
 
  private:
   std::int32_t port_;
-  LogSink log_;
+  goosestack::LogSink log_;
   std::unique_ptr<DnsSdPublication> netService_;
 };
 

@@ -23,21 +23,21 @@
 #include "app/host/bridge_advertiser.h"
 #include "app/host/pairing_code_output.h"
 #include "app/host/vlan_interface_helper.h"
+#include "goosestack/goose_publisher.h"
+#include "goosestack/goose_receiver.h"
+#include "goosestack/interface_discovery.h"
+#include "goosestack/punctual_thread.h"
+#include "goosestack/sv_publisher.h"
+#include "goosestack/sv_receiver.h"
 #include "platform/console_log.h"
 #include "platform/free_memory.h"
 #include "platform/interface_names.h"
 #include "platform/preference_store.h"
 #include "platform/process_capabilities.h"
 #include "platform/service_notify.h"
-#include "platform/tls_context.h"
-#include "platform/websocket.h"
 #include "server/bridge_server.h"
-#include "stack/goose_publisher.h"
-#include "stack/goose_receiver.h"
-#include "stack/interface_discovery.h"
-#include "stack/punctual_thread.h"
-#include "stack/sv_publisher.h"
-#include "stack/sv_receiver.h"
+#include "websocket/tls_context.h"
+#include "websocket/websocket.h"
 
 namespace tarnlink {
 namespace asio = boost::asio;
@@ -55,17 +55,17 @@ constexpr std::size_t kLongestToken = 256;
 // kernel drops frames. Some 30,000 messages of ten values. Octets.
 constexpr std::size_t kCaptureQueue = 32 << 20;
 
-class SystemNames final : public InterfaceNameSource {
+class SystemNames final : public goosestack::InterfaceNameSource {
  public:
   std::map<std::string, std::string> displayNames() override {
     return interfaceDisplayNames(kInterfaceNamesLimit);
   }
 };
 
-std::vector<NetworkInterfaceInfo> listInterfaces(BridgePorts::Names names) {
+std::vector<goosestack::NetworkInterfaceInfo> listInterfaces(BridgePorts::Names names) {
   SystemNames source;
-  return InterfaceDiscovery::listEthernetInterfaces(names == BridgePorts::Names::display ? &source
-                                                                                         : nullptr);
+  return goosestack::InterfaceDiscovery::listEthernetInterfaces(
+      names == BridgePorts::Names::display ? &source : nullptr);
 }
 
 std::unique_ptr<ServiceAdvertiser> makeAdvertiser(std::int32_t port) {
@@ -115,22 +115,29 @@ class BridgeProcess {
 
  private:
   BridgePorts ports(const DaemonOptions& options) {
-    const auto mode = options.lowLatency ? CaptureMode::lowLatency : CaptureMode::standard;
+    const auto mode = options.lowLatency ? goosestack::CaptureMode::lowLatency
+                                         : goosestack::CaptureMode::standard;
     return BridgePorts{
         .transport = *transport_,
         .preferences = *preferences_,
         .log = logToConsole,
         .makeGooseReceiver =
             [this, mode] {
-              return std::make_shared<GooseReceiver>(blocking_.executor(), mode, kCaptureQueue);
+              return std::make_shared<goosestack::GooseReceiver>(blocking_.executor(), mode,
+                                                                 kCaptureQueue);
             },
         .makeSvReceiver =
             [this, mode] {
-              return std::make_shared<SvReceiver>(blocking_.executor(), mode, kCaptureQueue);
+              return std::make_shared<goosestack::SvReceiver>(blocking_.executor(), mode,
+                                                              kCaptureQueue);
             },
         .makeGoosePublisher =
-            [this] { return std::make_shared<GoosePublisher>(punctual_.executor(), logToConsole); },
-        .makeSvPublisher = [this] { return std::make_shared<SvPublisher>(sending_.executor()); },
+            [this] {
+              return std::make_shared<goosestack::GoosePublisher>(punctual_.executor(),
+                                                                  logToConsole);
+            },
+        .makeSvPublisher =
+            [this] { return std::make_shared<goosestack::SvPublisher>(sending_.executor()); },
         .makeVlanSetup =
             [] { return std::shared_ptr<VlanSetup>(VlanInterfaceHelper::forThisSystem()); },
         .hostExecutor = host_.executor(),
@@ -198,7 +205,7 @@ class BridgeProcess {
   asio::thread_pool blocking_{kBlockingThreads};
   asio::thread_pool host_{1};     // Waits for people and tools, one request at a time.
   asio::thread_pool sending_{1};  // SV frames, which nothing slow may hold up.
-  PunctualThread punctual_;
+  goosestack::PunctualThread punctual_;
   std::unique_ptr<PreferenceStore> preferences_;
   std::unique_ptr<WebSocketTransport> transport_;
   asio::signal_set signals_;

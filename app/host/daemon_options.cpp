@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "platform/preference_store.h"
-#include "server/bridge_event_encoder.h"
+#include "protocol/bridge_event_encoder.h"
 
 namespace tarnlink {
 namespace {

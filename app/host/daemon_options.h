@@ -6,7 +6,7 @@
 #include <string>
 #include <variant>
 
-#include "platform/websocket.h"
+#include "websocket/websocket.h"
 
 namespace CLI {
 class App;

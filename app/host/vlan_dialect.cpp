@@ -5,7 +5,7 @@
 #include <limits>
 #include <regex>
 
-#include "server/json_value.h"
+#include "protocol/json_value.h"
 #include "stack/utf8.h"
 
 namespace tarnlink {
@@ -32,7 +32,7 @@ ExistingLink parseReadBack(std::string_view output) {
   static const std::regex kVlanLine(R"(vlan:\s*(\d+)\s+parent interface:\s*(\S+))");
   const auto* octets = reinterpret_cast<const std::uint8_t*>(output.data());
   std::match_results<std::string_view::const_iterator> match;
-  if (!isValidUtf8({octets, output.size()}) ||
+  if (!goosestack::isValidUtf8({octets, output.size()}) ||
       !std::regex_search(output.begin(), output.end(), match, kVlanLine)) {
     return {};
   }

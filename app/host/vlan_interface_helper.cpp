@@ -3,7 +3,7 @@
 #include <chrono>
 #include <utility>
 
-#include "stack/interface_name.h"
+#include "goosestack/interface_name.h"
 #include "stack/utf8.h"
 
 namespace tarnlink {
@@ -65,7 +65,7 @@ VlanInterfaceHelper::VlanInterfaceHelper(std::unique_ptr<ProcessRunner> runner,
     : runner_(std::move(runner)), dialect_(dialect), rights_(rights) {}
 
 bool VlanInterfaceHelper::isValidInterfaceName(std::string_view name) {
-  return tarnlink::isValidInterfaceName(name);
+  return goosestack::isValidInterfaceName(name);
 }
 
 void VlanInterfaceHelper::cancel() {
@@ -74,7 +74,7 @@ void VlanInterfaceHelper::cancel() {
 
 VlanResult<std::string> VlanInterfaceHelper::ensureVlanInterface(const std::string& parent,
                                                                  std::uint16_t vid) {
-  if (!isValidInterfaceName(parent)) {
+  if (!goosestack::isValidInterfaceName(parent)) {
     return VlanError{kCodeInvalidName, "Ungültiger Interface-Name: " + quoted(parent)};
   }
   const std::string name = nameOf(vid);
@@ -135,7 +135,8 @@ AdminResult VlanInterfaceHelper::runAsAdmin(const std::string& name,
   if (done) return {};
   AdminError error = done.error();
   const auto* octets = reinterpret_cast<const std::uint8_t*>(error.text.data());
-  error.text = isValidUtf8({octets, error.text.size()}) ? trimmed(error.text) : kUnreadable;
+  error.text =
+      goosestack::isValidUtf8({octets, error.text.size()}) ? trimmed(error.text) : kUnreadable;
   if (asks) refusals_.note(name, error, std::chrono::steady_clock::now());
   return error;
 }

@@ -29,7 +29,7 @@ class VlanInterfaceHelper final : public VlanSetup {
   /// Throws std::system_error where the process is out of descriptors.
   static std::unique_ptr<VlanSetup> forThisSystem();
 
-  /// The rule for names that come from outside; see stack/interface_name.h.
+  /// The rule for names that come from outside; see goosestack/interface_name.h.
   static bool isValidInterfaceName(std::string_view name);
 
   /// Fails with code

@@ -20,6 +20,7 @@
 #include "tests/support/network_namespace.h"
 
 namespace tarnlink {
+using namespace goosestack;
 namespace {
 
 using std::chrono::milliseconds;

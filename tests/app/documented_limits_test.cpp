@@ -7,15 +7,16 @@
 #include <string>
 
 #include "app/host/prompt_refusals.h"
-#include "platform/websocket.h"
+#include "goosestack/goose_pdu.h"
+#include "goosestack/interface_name.h"
+#include "protocol/bridge_command.h"
+#include "protocol/json_value.h"
 #include "server/auth_gate.h"
-#include "server/bridge_command.h"
-#include "server/json_value.h"
 #include "stack/capture_loop.h"
-#include "stack/goose_pdu.h"
-#include "stack/interface_name.h"
+#include "websocket/websocket.h"
 
 namespace tarnlink {
+using namespace goosestack;
 namespace {
 
 // With single spaces, so that lines may be broken anywhere.

@@ -8,6 +8,7 @@
 #include "tests/support/hex_bytes.h"
 
 namespace tarnlink::test {
+using namespace goosestack;
 namespace {
 
 using Octets = std::vector<std::uint8_t>;

@@ -11,8 +11,8 @@
 #include <memory>
 
 #include "platform/process_capabilities.h"
-#include "platform/websocket_client.h"
 #include "tests/support/network_namespace.h"
+#include "websocket/websocket_client.h"
 
 namespace tarnlink {
 namespace {

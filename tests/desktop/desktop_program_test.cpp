@@ -8,11 +8,11 @@
 #include <iterator>
 #include <thread>
 
-#include "platform/websocket_client.h"
-#include "server/json_value.h"
+#include "protocol/json_value.h"
 #include "tests/desktop/desktop_session.h"
 #include "tests/desktop/status_bar_host.h"
 #include "tests/support/network_namespace.h"
+#include "websocket/websocket_client.h"
 
 namespace tarnlink {
 namespace {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 namespace tarnlink {
+using namespace goosestack;
 namespace {
 
 // One line an item: "-" for a separator, else the check mark, the title and, for an item that can

@@ -11,20 +11,20 @@
 #include <utility>
 #include <vector>
 
-#include "platform/websocket_client.h"
-#include "stack/ethernet_frame.h"
-#include "stack/goose_pdu.h"
+#include "goosestack/ethernet_frame.h"
+#include "goosestack/goose_pdu.h"
 #include "stack/send_handle.h"
 #include "tests/support/daemon.h"
 #include "tests/support/network_namespace.h"
+#include "websocket/websocket_client.h"
 
 namespace tarnlink::test {
 
 using namespace std::chrono_literals;
 using Json = nlohmann::json;
 
-inline constexpr MacAddress kDestination{0x01, 0x0C, 0xCD, 0x01, 0x00, 0x01};
-inline constexpr MacAddress kSource{0x02, 0, 0, 0, 0, 0x09};
+inline constexpr goosestack::MacAddress kDestination{0x01, 0x0C, 0xCD, 0x01, 0x00, 0x01};
+inline constexpr goosestack::MacAddress kSource{0x02, 0, 0, 0, 0, 0x09};
 
 /// A client that has sent the pairing code, unless told otherwise.
 class Client {
@@ -55,9 +55,9 @@ class Client {
   WebSocketClient socket_;
 };
 
-inline Bytes gooseFrame(std::uint32_t sqNum, std::uint16_t vlanId,
-                        std::vector<GooseDataValue> values = {}) {
-  GoosePduFields fields;
+inline goosestack::Bytes gooseFrame(std::uint32_t sqNum, std::uint16_t vlanId,
+                                    std::vector<goosestack::GooseDataValue> values = {}) {
+  goosestack::GoosePduFields fields;
   fields.header.appId = 0x1000;
   fields.goCBRef = "IED1CTRL/LLN0$GO$gcb01";
   fields.datSet = "IED1CTRL/LLN0$ds";
@@ -66,9 +66,10 @@ inline Bytes gooseFrame(std::uint32_t sqNum, std::uint16_t vlanId,
   fields.stNum = 3;
   fields.sqNum = sqNum;
   fields.confRev = 7;
-  fields.timestamp = timeFromUnixSeconds(1715933730.125);
+  fields.timestamp = goosestack::timeFromUnixSeconds(1715933730.125);
   fields.values = values;
-  return EthernetFrame::build(kDestination, kSource, vlanId, 4, *GoosePdu::encode(fields));
+  return goosestack::EthernetFrame::build(kDestination, kSource, vlanId, 4,
+                                          *goosestack::GoosePdu::encode(fields));
 }
 
 class BridgeEndToEndTest : public ProcessBusTest {
@@ -82,17 +83,17 @@ class BridgeEndToEndTest : public ProcessBusTest {
     code.pop_back();
     ASSERT_EQ(code.size(), 6U);
   }
-  void send(const Bytes& frame) {
+  void send(const goosestack::Bytes& frame) {
     if (!peer) {
-      auto opened = systemSendHandles()->openSendHandle(kIed);
+      auto opened = goosestack::systemSendHandles()->openSendHandle(kIed);
       peer = std::move(*opened);
     }
-    ASSERT_EQ(peer->sendPacket(frame).status, SendOutcome::Status::sent);
+    ASSERT_EQ(peer->sendPacket(frame).status, goosestack::SendOutcome::Status::sent);
   }
 
   std::optional<Daemon> daemon;
   std::string code;
-  std::unique_ptr<SendHandle> peer;
+  std::unique_ptr<goosestack::SendHandle> peer;
 };
 
 inline Json publication(const std::string& goCBRef, const Json& more = Json::object()) {

@@ -4,11 +4,12 @@
 
 #include <string>
 
-#include "server/bridge_time.h"
+#include "protocol/bridge_time.h"
 #include "tests/e2e/bridge_end_to_end.h"
 #include "tests/support/frame_recorder.h"
 
 namespace tarnlink::test {
+using namespace goosestack;
 namespace {
 
 TEST_F(BridgeEndToEndTest, GooseFromTheWireReachesTheClientDecoded) {

@@ -12,6 +12,7 @@
 #include "tests/support/frame_recorder.h"
 
 namespace tarnlink::test {
+using namespace goosestack;
 namespace {
 
 const Json kSubscribe{{"cmd", "subscribe_goose"}};

@@ -15,17 +15,18 @@
 #include <thread>
 #include <vector>
 
-#include "platform/websocket_client.h"
-#include "stack/ethernet_frame.h"
-#include "stack/goose_pdu.h"
-#include "stack/sv_frame.h"
+#include "goosestack/ethernet_frame.h"
+#include "goosestack/goose_pdu.h"
+#include "goosestack/sv_frame.h"
 #include "tests/support/daemon.h"
 #include "tests/support/frame_recorder.h"
 #include "tests/support/hex_bytes.h"
 #include "tests/support/network_namespace.h"
 #include "tests/support/program.h"
+#include "websocket/websocket_client.h"
 
 namespace tarnlink::test {
+using namespace goosestack;
 namespace {
 
 using namespace std::chrono_literals;

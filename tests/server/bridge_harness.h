@@ -65,7 +65,7 @@ class FakeConnection final : public WebSocketConnection {
   }
 
   void say(std::string text, bool isText = true) {
-    RecycledBatch<WebSocketMessage> message;
+    goosestack::RecycledBatch<WebSocketMessage> message;
     message.append() = {isText, std::move(text)};
     incoming_->yield(message);
   }
@@ -102,10 +102,10 @@ class FakeConnection final : public WebSocketConnection {
   std::atomic<bool> isCancelled = false;
 
  private:
-  using Incoming = StreamState<WebSocketMessage>;
+  using Incoming = goosestack::StreamState<WebSocketMessage>;
   std::shared_ptr<Incoming> incoming_ = std::make_shared<Incoming>();
-  MessageStream<WebSocketMessage> stream_{incoming_};
-  RecycledBatch<WebSocketMessage> batch_;
+  goosestack::MessageStream<WebSocketMessage> stream_{incoming_};
+  goosestack::RecycledBatch<WebSocketMessage> batch_;
   std::size_t next_ = 0;
   std::atomic<bool> isClosed_ = false;
   boost::system::error_code end_ = asio::error::connection_reset;
@@ -185,7 +185,7 @@ struct FakeCaptures {
   explicit FakeCaptures(asio::io_context& io) : gate(io.get_executor()) { gate.set(); }
 
   void yield(std::vector<Record> records) {
-    RecycledBatch<Record> batch;
+    goosestack::RecycledBatch<Record> batch;
     for (Record& record : records) batch.append() = std::move(record);
     if (const auto state = latest().current.lock()) state->yield(batch);
   }
@@ -193,11 +193,11 @@ struct FakeCaptures {
   void die(std::string reason) {
     if (const auto kill = latest().events.onDeath) kill(std::move(reason));
   }
-  void drop(const CaptureDrops& drops) { latest().events.onDrops(drops); }
+  void drop(const goosestack::CaptureDrops& drops) { latest().events.onDrops(drops); }
 
   struct Latest {
-    std::weak_ptr<StreamState<Record>> current;
-    typename RecordSource<Record>::Events events;
+    std::weak_ptr<goosestack::StreamState<Record>> current;
+    typename goosestack::RecordSource<Record>::Events events;
   };
   Latest latest() {
     const std::lock_guard hold(lock_);
@@ -208,10 +208,10 @@ struct FakeCaptures {
     latest_ = std::move(latest);
   }
 
-  AsyncEvent gate;  ///< Reset: starts wait here.
+  goosestack::AsyncEvent gate;  ///< Reset: starts wait here.
   /// What else starting and stopping wait for, before and after their work.
   std::function<asio::awaitable<void>()> pause = []() -> asio::awaitable<void> { co_return; };
-  std::optional<GooseError> failure;
+  std::optional<goosestack::GooseError> failure;
   std::atomic<bool> isDown = false;  ///< Starts fail, as with `failure`; for any thread.
   std::vector<std::string> interfaces;
   std::atomic<int> running = 0;
@@ -224,27 +224,27 @@ struct FakeCaptures {
 };
 
 template <class Record>
-class FakeSource final : public RecordSource<Record> {
+class FakeSource final : public goosestack::RecordSource<Record> {
  public:
   explicit FakeSource(FakeCaptures<Record>& captures) : captures_(captures) {}
   ~FakeSource() override {
     if (state_) ++captures_.dropped;
   }
 
-  using typename RecordSource<Record>::Events;
+  using typename goosestack::RecordSource<Record>::Events;
 
-  asio::awaitable<GooseResult<MessageStream<Record>>> start(std::string interface,
-                                                            Events events) override {
+  asio::awaitable<goosestack::GooseResult<goosestack::MessageStream<Record>>> start(
+      std::string interface, Events events) override {
     captures_.interfaces.push_back(std::move(interface));
     co_await captures_.gate.wait();
     co_await captures_.pause();
     if (captures_.failure) co_return *captures_.failure;
-    if (captures_.isDown) co_return GooseError::pcapOpenFailed("no such device");
+    if (captures_.isDown) co_return goosestack::GooseError::pcapOpenFailed("no such device");
     captures_.mostRunning = std::max<int>(captures_.mostRunning, ++captures_.running);
-    state_ = std::make_shared<StreamState<Record>>();
+    state_ = std::make_shared<goosestack::StreamState<Record>>();
     captures_.setLatest({state_, std::move(events)});
     co_await captures_.pause();
-    co_return MessageStream<Record>(state_);
+    co_return goosestack::MessageStream<Record>(state_);
   }
   asio::awaitable<void> stop() override {
     co_await captures_.pause();
@@ -256,15 +256,16 @@ class FakeSource final : public RecordSource<Record> {
 
  private:
   FakeCaptures<Record>& captures_;
-  std::shared_ptr<StreamState<Record>> state_;
+  std::shared_ptr<goosestack::StreamState<Record>> state_;
 };
 
-class FakeGoosePublisher final : public GoosePublishing {
+class FakeGoosePublisher final : public goosestack::GoosePublishing {
  public:
-  asio::awaitable<GooseResult<void>> publishStateChange(GoosePublishConfig config) override {
+  asio::awaitable<goosestack::GooseResult<void>> publishStateChange(
+      goosestack::GoosePublishConfig config) override {
     if (failure) co_return *failure;
     published.push_back(std::move(config));
-    co_return GooseResult<void>();
+    co_return goosestack::GooseResult<void>();
   }
   asio::awaitable<void> unpublish(std::optional<std::string> goCBRef) override {
     unpublished.push_back(goCBRef.value_or("(none)"));
@@ -274,22 +275,23 @@ class FakeGoosePublisher final : public GoosePublishing {
     isStopped = true;
     co_return;
   }
-  std::optional<GooseError> failure;
-  std::vector<GoosePublishConfig> published;
+  std::optional<goosestack::GooseError> failure;
+  std::vector<goosestack::GoosePublishConfig> published;
   std::vector<std::string> unpublished;
   bool isStopped = false;
 };
 
-class FakeSvPublisher final : public SvPublishing {
+class FakeSvPublisher final : public goosestack::SvPublishing {
  public:
-  asio::awaitable<GooseResult<void>> publishApdu(Bytes pdu, SvPublishConfig config) override {
+  asio::awaitable<goosestack::GooseResult<void>> publishApdu(
+      goosestack::Bytes pdu, goosestack::SvPublishConfig config) override {
     if (failure) co_return *failure;
     published.emplace_back(std::move(pdu), std::move(config));
-    co_return GooseResult<void>();
+    co_return goosestack::GooseResult<void>();
   }
   asio::awaitable<void> stop() override { co_return; }
-  std::optional<GooseError> failure;
-  std::vector<std::pair<Bytes, SvPublishConfig>> published;
+  std::optional<goosestack::GooseError> failure;
+  std::vector<std::pair<goosestack::Bytes, goosestack::SvPublishConfig>> published;
 };
 
 class FakeVlanSetup final : public VlanSetup {
@@ -327,9 +329,13 @@ class BridgeHarness {
         .preferences = preferences,
         .log = [this](std::string_view line) { logLines.emplace_back(line); },
         .makeGooseReceiver =
-            [this] { return needing(std::make_shared<FakeSource<GooseMessage>>(goose)); },
+            [this] {
+              return needing(std::make_shared<FakeSource<goosestack::GooseMessage>>(goose));
+            },
         .makeSvReceiver =
-            [this] { return needing(std::make_shared<FakeSource<SvCapturedFrame>>(sv)); },
+            [this] {
+              return needing(std::make_shared<FakeSource<goosestack::SvCapturedFrame>>(sv));
+            },
         .makeGoosePublisher = [this] { return needing(goosePublisher); },
         .makeSvPublisher = [this] { return needing(svPublisher); },
         .makeVlanSetup =
@@ -422,14 +428,14 @@ class BridgeHarness {
   FakeTransport transport;
   MemoryPreferences preferences;
   std::vector<std::string> logLines;
-  FakeCaptures<GooseMessage> goose{io};
-  FakeCaptures<SvCapturedFrame> sv{io};
+  FakeCaptures<goosestack::GooseMessage> goose{io};
+  FakeCaptures<goosestack::SvCapturedFrame> sv{io};
   std::shared_ptr<FakeGoosePublisher> goosePublisher = std::make_shared<FakeGoosePublisher>();
   std::shared_ptr<FakeSvPublisher> svPublisher = std::make_shared<FakeSvPublisher>();
   FakeVlanSetup vlan;
   int vlansMade = 0;
   bool hasNoDescriptors = false;
-  std::vector<NetworkInterfaceInfo> interfaces;
+  std::vector<goosestack::NetworkInterfaceInfo> interfaces;
   std::shared_ptr<BridgeServer> server;
 };
 

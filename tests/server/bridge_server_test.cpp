@@ -3,6 +3,7 @@
 #include "tests/server/bridge_harness.h"
 
 namespace tarnlink::test {
+using namespace goosestack;
 namespace {
 
 constexpr const char* kSubscribe = R"({"cmd":"subscribe_goose"})";

@@ -13,6 +13,7 @@
 #include "tests/support/network_namespace.h"
 
 namespace tarnlink::test {
+using namespace goosestack;
 namespace {
 
 namespace asio = boost::asio;

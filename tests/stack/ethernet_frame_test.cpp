@@ -1,11 +1,12 @@
-#include "stack/ethernet_frame.h"
+#include "goosestack/ethernet_frame.h"
 
 #include <gtest/gtest.h>
 
-#include "stack/sv_frame.h"
+#include "goosestack/sv_frame.h"
 #include "tests/support/hex_bytes.h"
 
 namespace tarnlink::test {
+using namespace goosestack;
 namespace {
 
 constexpr const char* kAddresses = "010CCD010001 02AABBCCDDEE ";

@@ -2,10 +2,11 @@
 
 #include <limits>
 
-#include "stack/goose_pdu.h"
+#include "goosestack/goose_pdu.h"
 #include "tests/support/hex_bytes.h"
 
 namespace tarnlink::test {
+using namespace goosestack;
 namespace {
 
 using Value = GooseDataValue;

@@ -1,4 +1,4 @@
-#include "stack/goose_pdu.h"
+#include "goosestack/goose_pdu.h"
 
 #include <gtest/gtest.h>
 
@@ -6,6 +6,7 @@
 #include "tests/support/hex_bytes.h"
 
 namespace tarnlink::test {
+using namespace goosestack;
 namespace {
 
 using Value = GooseDataValue;

@@ -1,20 +1,21 @@
-#include "stack/goose_publisher.h"
+#include "goosestack/goose_publisher.h"
 
 #include <gmock/gmock.h>
 
 #include <functional>
 #include <thread>
 
-#include "stack/ethernet_frame.h"
-#include "stack/goose_pdu.h"
-#include "stack/interface_discovery.h"
-#include "stack/punctual_thread.h"
+#include "goosestack/ethernet_frame.h"
+#include "goosestack/goose_pdu.h"
+#include "goosestack/interface_discovery.h"
+#include "goosestack/punctual_thread.h"
 #include "tests/stack/publishing_fixtures.h"
 #include "tests/support/frame_recorder.h"
 #include "tests/support/network_namespace.h"
 #include "tests/support/run_awaitable.h"
 
 namespace tarnlink {
+using namespace goosestack;
 namespace {
 
 using namespace std::chrono_literals;

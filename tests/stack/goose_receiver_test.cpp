@@ -1,5 +1,5 @@
 // Real frames over a veth pair, through libpcap, to decoded messages.
-#include "stack/goose_receiver.h"
+#include "goosestack/goose_receiver.h"
 
 #include <gtest/gtest.h>
 #include <linux/capability.h>
@@ -16,12 +16,13 @@
 #include <string>
 #include <thread>
 
-#include "stack/ethernet_frame.h"
+#include "goosestack/ethernet_frame.h"
 #include "stack/pcap_access.h"
 #include "stack/send_handle.h"
 #include "tests/support/network_namespace.h"
 
 namespace tarnlink::test {
+using namespace goosestack;
 namespace {
 
 namespace asio = boost::asio;

@@ -2,11 +2,12 @@
 
 #include <limits>
 
-#include "stack/goose_message.h"
+#include "goosestack/goose_message.h"
+#include "goosestack/network_interface_info.h"
 #include "stack/goose_message_builder.h"
-#include "stack/network_interface_info.h"
 
 namespace tarnlink::test {
+using namespace goosestack;
 namespace {
 
 GooseMessage messageReceivedAt(double seconds, std::uint32_t timeAllowedToLive) {

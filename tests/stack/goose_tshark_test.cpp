@@ -9,12 +9,13 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "stack/goose_publisher.h"
+#include "goosestack/goose_publisher.h"
 #include "stack/pcap_access.h"
 #include "tests/stack/publishing_fixtures.h"
 #include "tests/support/run_awaitable.h"
 
 namespace tarnlink {
+using namespace goosestack;
 namespace {
 
 using Json = nlohmann::json;

@@ -1,4 +1,4 @@
-#include "stack/interface_discovery.h"
+#include "goosestack/interface_discovery.h"
 
 #include <gmock/gmock.h>
 
@@ -8,6 +8,7 @@
 #include "tests/support/network_namespace.h"
 
 namespace tarnlink {
+using namespace goosestack;
 namespace {
 
 using ::testing::ElementsAre;

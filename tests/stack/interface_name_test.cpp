@@ -1,8 +1,9 @@
-#include "stack/interface_name.h"
+#include "goosestack/interface_name.h"
 
 #include <gtest/gtest.h>
 
 namespace tarnlink {
+using namespace goosestack;
 namespace {
 
 TEST(InterfaceName, IsALetterAndThenLettersAndDigits) {

@@ -1,6 +1,6 @@
 // The road between a capture thread and its consumer: no record may be lost, doubled or reordered,
 // and either end may go at any time.
-#include "stack/message_stream.h"
+#include "goosestack/message_stream.h"
 
 #include <gtest/gtest.h>
 
@@ -13,6 +13,7 @@
 #include <thread>
 
 namespace tarnlink::test {
+using namespace goosestack;
 namespace {
 
 namespace asio = boost::asio;

@@ -8,6 +8,7 @@
 #include "tests/stack/publishing_fixtures.h"
 
 namespace tarnlink {
+using namespace goosestack;
 namespace {
 
 using std::chrono::milliseconds;

@@ -9,39 +9,42 @@
 #include <string>
 #include <vector>
 
-#include "stack/goose_publish_config.h"
+#include "goosestack/goose_publish_config.h"
 #include "stack/send_handle.h"
 
 namespace tarnlink::test {
 
-inline constexpr MacAddress kBusMac{0x02, 0, 0, 0, 0, 0x0A};
-inline constexpr MacAddress kOtherMac{0x02, 0, 0, 0, 0, 0x0B};
+inline constexpr goosestack::MacAddress kBusMac{0x02, 0, 0, 0, 0, 0x0A};
+inline constexpr goosestack::MacAddress kOtherMac{0x02, 0, 0, 0, 0, 0x0B};
 
 struct SentFrame {
   std::string interface;
-  Bytes octets;
+  goosestack::Bytes octets;
   int priority = -1;  ///< -1 when none was ever set.
 };
 
 /// Interfaces "bus0" and "bus1", and "nomac0" without an address; no others. Safe from any thread.
-class FakeWire final : public SendHandleSource, public std::enable_shared_from_this<FakeWire> {
+class FakeWire final : public goosestack::SendHandleSource,
+                       public std::enable_shared_from_this<FakeWire> {
  public:
-  using Status = SendOutcome::Status;
+  using Status = goosestack::SendOutcome::Status;
 
-  GooseResult<std::unique_ptr<SendHandle>> openSendHandle(const std::string& interface) override {
+  goosestack::GooseResult<std::unique_ptr<goosestack::SendHandle>> openSendHandle(
+      const std::string& interface) override {
     const std::lock_guard hold(lock_);
-    if (!macs_.contains(interface)) return GooseError::pcapOpenFailed("No such device exists");
+    if (!macs_.contains(interface))
+      return goosestack::GooseError::pcapOpenFailed("No such device exists");
     ++opened;
     ++open;
     return std::make_unique<Handle>(shared_from_this(), interface);
   }
 
-  std::optional<MacAddress> macAddressBytes(const std::string& interface) override {
+  std::optional<goosestack::MacAddress> macAddressBytes(const std::string& interface) override {
     return macs_.at(interface);
   }
 
   /// What becomes of the next calls that send; afterwards everything passes again.
-  void outcomesOf(std::deque<SendOutcome> outcomes) {
+  void outcomesOf(std::deque<goosestack::SendOutcome> outcomes) {
     const std::lock_guard hold(lock_);
     outcomes_ = std::move(outcomes);
   }
@@ -55,21 +58,24 @@ class FakeWire final : public SendHandleSource, public std::enable_shared_from_t
   std::atomic<int> open = 0;
 
  private:
-  class Handle final : public SendHandle {
+  class Handle final : public goosestack::SendHandle {
    public:
     Handle(std::shared_ptr<FakeWire> wire, std::string interface)
         : wire_(std::move(wire)), interface_(std::move(interface)) {}
     ~Handle() override { --wire_->open; }
-    SendOutcome sendPacket(ByteView frame) override { return inject(frame); }
-    SendOutcome inject(ByteView frame) override {
+    goosestack::SendOutcome sendPacket(goosestack::ByteView frame) override {
+      return inject(frame);
+    }
+    goosestack::SendOutcome inject(goosestack::ByteView frame) override {
       const std::lock_guard hold(wire_->lock_);
-      SendOutcome outcome;
+      goosestack::SendOutcome outcome;
       if (!wire_->outcomes_.empty()) {
         outcome = wire_->outcomes_.front();
         wire_->outcomes_.pop_front();
       }
       if (outcome.status == Status::sent) {
-        wire_->sent_.push_back({interface_, Bytes(frame.begin(), frame.end()), priority_});
+        wire_->sent_.push_back(
+            {interface_, goosestack::Bytes(frame.begin(), frame.end()), priority_});
       }
       return outcome;
     }
@@ -82,14 +88,14 @@ class FakeWire final : public SendHandleSource, public std::enable_shared_from_t
     int priority_ = -1;
   };
 
-  const std::map<std::string, std::optional<MacAddress>> macs_{
+  const std::map<std::string, std::optional<goosestack::MacAddress>> macs_{
       {"bus0", kBusMac}, {"bus1", kOtherMac}, {"nomac0", std::nullopt}};
   mutable std::mutex lock_;
-  std::deque<SendOutcome> outcomes_;
+  std::deque<goosestack::SendOutcome> outcomes_;
   std::vector<SentFrame> sent_;
 };
 
-inline GoosePublishConfig publication(RetransmissionProfile profile) {
+inline goosestack::GoosePublishConfig publication(goosestack::RetransmissionProfile profile) {
   return {.appId = 0x3001,
           .goCBRef = "IED1LD0/LLN0$GO$gcb1",
           .dataSetRef = "IED1LD0/LLN0$ds1",
@@ -102,7 +108,7 @@ inline GoosePublishConfig publication(RetransmissionProfile profile) {
           .dstMac = {0x01, 0x0C, 0xCD, 0x01, 0x00, 0x01},
           .srcMacOverride = std::nullopt,
           .retransmissionProfile = std::move(profile),
-          .values = {GooseDataValue::boolean(true)},
+          .values = {goosestack::GooseDataValue::boolean(true)},
           .interface = "bus0",
           .timeAllowedToLive = 2000,
           .simulation = false,

@@ -1,17 +1,18 @@
-#include "stack/sv_publisher.h"
+#include "goosestack/sv_publisher.h"
 
 #include <gmock/gmock.h>
 
 #include <boost/asio/thread_pool.hpp>
 #include <optional>
 
-#include "stack/sv_frame.h"
-#include "stack/sv_receiver.h"
+#include "goosestack/sv_frame.h"
+#include "goosestack/sv_receiver.h"
 #include "tests/stack/publishing_fixtures.h"
 #include "tests/support/network_namespace.h"
 #include "tests/support/run_awaitable.h"
 
 namespace tarnlink {
+using namespace goosestack;
 namespace {
 
 using Status = SendOutcome::Status;

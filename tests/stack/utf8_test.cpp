@@ -5,6 +5,7 @@
 #include "tests/support/hex_bytes.h"
 
 namespace tarnlink::test {
+using namespace goosestack;
 namespace {
 
 TEST(Utf8, AcceptsExactlyTheWellFormedOctets) {

@@ -6,6 +6,7 @@
 #include <chrono>
 
 namespace tarnlink::test {
+using namespace goosestack;
 namespace {
 
 using std::chrono::microseconds;

@@ -7,6 +7,7 @@
 #include <thread>
 
 namespace tarnlink::test {
+using namespace goosestack;
 namespace {
 
 constexpr int kSlotSize = 2048;        // Octets; a full Ethernet frame fits.

@@ -6,13 +6,13 @@
 #include <string>
 #include <vector>
 
-#include "stack/bytes.h"
+#include "goosestack/bytes.h"
 #include "stack/pcap_access.h"
 
 namespace tarnlink::test {
 
 struct RecordedFrame {
-  Bytes octets;
+  goosestack::Bytes octets;
   std::chrono::nanoseconds time{};  ///< Since 1970, when the kernel took the frame in.
 };
 
@@ -31,7 +31,7 @@ class FrameRecorder {
  private:
   void drain();
 
-  PcapHandle handle_;
+  goosestack::PcapHandle handle_;
   std::vector<RecordedFrame> frames_;
 };
 

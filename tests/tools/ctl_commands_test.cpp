@@ -12,12 +12,12 @@
 #include <thread>
 #include <vector>
 
-#include "platform/websocket.h"
 #include "tests/support/network_namespace.h"
 #include "tests/tools/ctl_line.h"
 #include "tools/tarnlinkctl/arrival_probe.h"
 #include "tools/tarnlinkctl/commands.h"
 #include "tools/tarnlinkctl/printing.h"
+#include "websocket/websocket.h"
 
 namespace tarnlink {
 namespace {

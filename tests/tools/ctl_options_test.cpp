@@ -7,13 +7,14 @@
 #include <string>
 #include <vector>
 
-#include "server/bridge_command.h"
-#include "server/json_value.h"
+#include "protocol/bridge_command.h"
+#include "protocol/json_value.h"
 #include "tests/tools/ctl_line.h"
 #include "tools/tarnlinkctl/command_text.h"
 #include "tools/tarnlinkctl/value_argument.h"
 
 namespace tarnlink {
+using namespace goosestack;
 namespace {
 
 using test::parseCtlLine;

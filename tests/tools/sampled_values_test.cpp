@@ -15,6 +15,7 @@
 #include "tools/tarnlink_ied/sv_sender.h"
 
 namespace tarnlink {
+using namespace goosestack;
 namespace {
 
 using namespace std::chrono_literals;

@@ -9,13 +9,14 @@
 #include <thread>
 #include <vector>
 
-#include "stack/goose_pdu.h"
-#include "stack/punctual_thread.h"
+#include "goosestack/goose_pdu.h"
+#include "goosestack/punctual_thread.h"
 #include "tools/tarnlink_ied/feeder_bay.h"
 #include "tools/tarnlink_ied/send_tally.h"
 #include "tools/tarnlink_ied/simulation.h"
 
 namespace tarnlink {
+using namespace goosestack;
 namespace {
 
 using namespace std::chrono_literals;

@@ -10,12 +10,13 @@
 #include <string>
 #include <vector>
 
-#include "stack/ethernet_frame.h"
+#include "goosestack/ethernet_frame.h"
 #include "tests/support/network_namespace.h"
 #include "tools/tarnlink_ied/options.h"
 #include "tools/tarnlink_ied/replay.h"
 
 namespace tarnlink {
+using namespace goosestack;
 namespace {
 
 using namespace std::chrono_literals;

@@ -20,12 +20,12 @@ std::chrono::nanoseconds captureTime(const pcap_pkthdr& header) {
 
 }  // namespace
 
-CaptureFile::CaptureFile(std::string path, PcapHandle handle)
+CaptureFile::CaptureFile(std::string path, goosestack::PcapHandle handle)
     : path_(std::move(path)), handle_(std::move(handle)) {}
 
 IedResult<CaptureFile> CaptureFile::open(const std::string& path) {
   std::array<char, PCAP_ERRBUF_SIZE> errors{};
-  PcapHandle handle(pcap_open_offline_with_tstamp_precision(
+  goosestack::PcapHandle handle(pcap_open_offline_with_tstamp_precision(
       path.c_str(), PCAP_TSTAMP_PRECISION_NANO, errors.data()));
   if (!handle) {
     const std::string text = errors.data();
@@ -46,7 +46,7 @@ IedResult<std::optional<RecordedFrame>> CaptureFile::next() {
   const std::uint8_t* octets = nullptr;
   switch (pcap_next_ex(handle_.get(), &header, &octets)) {
     case 1:
-      return RecordedFrame{captureTime(*header), ByteView(octets, header->caplen),
+      return RecordedFrame{captureTime(*header), goosestack::ByteView(octets, header->caplen),
                            header->caplen == header->len};
     case PCAP_ERROR_BREAK:
       return std::optional<RecordedFrame>();

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "stack/bytes.h"
+#include "goosestack/bytes.h"
 #include "stack/pcap_access.h"
 #include "tools/tarnlink_ied/frame_sink.h"
 
@@ -13,7 +13,7 @@ namespace tarnlink {
 
 struct RecordedFrame {
   std::chrono::nanoseconds time;  ///< Since 1970, as the file says.
-  ByteView octets;                ///< Borrowed from the file until its next `next()`.
+  goosestack::ByteView octets;    ///< Borrowed from the file until its next `next()`.
   bool isWhole;                   ///< False when the capture kept only the frame's beginning.
 };
 
@@ -26,10 +26,10 @@ class CaptureFile {
   IedResult<std::optional<RecordedFrame>> next();
 
  private:
-  CaptureFile(std::string path, PcapHandle handle);
+  CaptureFile(std::string path, goosestack::PcapHandle handle);
 
   std::string path_;
-  PcapHandle handle_;
+  goosestack::PcapHandle handle_;
 };
 
 }  // namespace tarnlink

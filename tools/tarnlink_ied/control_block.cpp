@@ -4,10 +4,10 @@
 
 namespace tarnlink {
 
-ControlBlock::ControlBlock(GoosePublishConfig config, Dataset dataset)
+ControlBlock::ControlBlock(goosestack::GoosePublishConfig config, Dataset dataset)
     : config_(std::move(config)), dataset_(std::move(dataset)) {}
 
-const GoosePublishConfig& ControlBlock::nextState(TimePoint now) {
+const goosestack::GoosePublishConfig& ControlBlock::nextState(goosestack::TimePoint now) {
   config_.values = dataset_(state_++, now);
   return config_;
 }

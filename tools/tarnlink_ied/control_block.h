@@ -5,8 +5,8 @@
 #include <functional>
 #include <vector>
 
-#include "stack/goose_publish_config.h"
-#include "stack/time_point.h"
+#include "goosestack/goose_publish_config.h"
+#include "goosestack/time_point.h"
 
 namespace tarnlink {
 
@@ -14,19 +14,19 @@ namespace tarnlink {
 class ControlBlock {
  public:
   /// The dataset in state 0, 1, 2, ... of which the last change was at `changedAt`. Pure.
-  using Dataset =
-      std::function<std::vector<GooseDataValue>(std::uint32_t state, TimePoint changedAt)>;
+  using Dataset = std::function<std::vector<goosestack::GooseDataValue>(
+      std::uint32_t state, goosestack::TimePoint changedAt)>;
 
   /// `config` says everything but the values.
-  ControlBlock(GoosePublishConfig config, Dataset dataset);
+  ControlBlock(goosestack::GoosePublishConfig config, Dataset dataset);
 
-  const GoosePublishConfig& config() const { return config_; }
+  const goosestack::GoosePublishConfig& config() const { return config_; }
 
   /// What to publish from `now` on: state 0 at the first call, then one state on at each.
-  const GoosePublishConfig& nextState(TimePoint now);
+  const goosestack::GoosePublishConfig& nextState(goosestack::TimePoint now);
 
  private:
-  GoosePublishConfig config_;
+  goosestack::GoosePublishConfig config_;
   Dataset dataset_;
   std::uint32_t state_ = 0;
 };

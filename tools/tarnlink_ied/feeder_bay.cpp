@@ -8,8 +8,8 @@
 namespace tarnlink {
 namespace {
 
-using Value = GooseDataValue;
-using Values = std::vector<GooseDataValue>;
+using Value = goosestack::GooseDataValue;
+using Values = std::vector<goosestack::GooseDataValue>;
 
 constexpr std::uint16_t kTripVlan = 100;
 // IEC 61850-8-1, annex C: the priority that GOOSE has unless configured otherwise.
@@ -26,7 +26,7 @@ Value position(bool first, bool second) {
 }
 
 /// A breaker that closes, trips, and is closed again: on, trip, moving, off, moving.
-Values breaker(std::uint32_t state, TimePoint changedAt) {
+Values breaker(std::uint32_t state, goosestack::TimePoint changedAt) {
   static constexpr std::array<std::array<bool, 3>, 5> kCycle = {{
       // position, position, trip
       {true, false, false},
@@ -47,7 +47,7 @@ float current(std::uint32_t state, float phaseShift) {
 }
 
 /// Every type of value that a dataset can hold and a receiver understands.
-Values measurements(std::uint32_t state, TimePoint changedAt) {
+Values measurements(std::uint32_t state, goosestack::TimePoint changedAt) {
   constexpr float kThirdOfTurn = 2.0943951F;
   const auto phase = [&](std::uint32_t number) {
     return Value::structure(
@@ -66,7 +66,7 @@ Values measurements(std::uint32_t state, TimePoint changedAt) {
 }
 
 /// Four switches: one opens, the one before it closes.
-Values interlocking(std::uint32_t state, TimePoint changedAt) {
+Values interlocking(std::uint32_t state, goosestack::TimePoint changedAt) {
   Values values;
   for (std::uint32_t number = 0; number < 4; ++number) {
     values.push_back(Value::boolean(state % 4 != number));
@@ -75,9 +75,9 @@ Values interlocking(std::uint32_t state, TimePoint changedAt) {
   return values;
 }
 
-GoosePublishConfig blockConfig(std::uint16_t appId, const std::string& name,
-                               const std::string& interface) {
-  GoosePublishConfig config{};
+goosestack::GoosePublishConfig blockConfig(std::uint16_t appId, const std::string& name,
+                                           const std::string& interface) {
+  goosestack::GoosePublishConfig config{};
   config.appId = appId;
   config.goCBRef = "BAY1LD0/LLN0$GO$gcb" + name;
   config.dataSetRef = "BAY1LD0/LLN0$ds" + name;
@@ -86,7 +86,7 @@ GoosePublishConfig blockConfig(std::uint16_t appId, const std::string& name,
   config.vlanPriority = kGoosePriority;
   // IEC 61850-8-1, annex B: the multicast addresses for GOOSE.
   config.dstMac = {0x01, 0x0C, 0xCD, 0x01, 0x00, static_cast<std::uint8_t>(appId)};
-  config.retransmissionProfile = RetransmissionProfile::standard();
+  config.retransmissionProfile = goosestack::RetransmissionProfile::standard();
   config.timeAllowedToLive =
       static_cast<std::uint32_t>(2 * config.retransmissionProfile.heartbeatInterval);
   config.interface = interface;

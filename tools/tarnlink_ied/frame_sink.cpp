@@ -8,14 +8,14 @@
 
 namespace tarnlink {
 
-InterfaceSink::InterfaceSink(std::string interface, PcapHandle handle)
+InterfaceSink::InterfaceSink(std::string interface, goosestack::PcapHandle handle)
     : interface_(std::move(interface)), handle_(std::move(handle)) {}
 
 IedResult<InterfaceSink> InterfaceSink::open(const std::string& interface) {
   if (if_nametoindex(interface.c_str()) == 0) {
     return IedError{"no interface named '" + interface + "'; see: ip -brief link"};
   }
-  auto handle = openSendPcap(interface);
+  auto handle = goosestack::openSendPcap(interface);
   if (!handle) {
     const std::string text = handle.error().description();
     const bool isDenied = text.find("Operation not permitted") != text.npos;
@@ -28,7 +28,7 @@ IedResult<InterfaceSink> InterfaceSink::open(const std::string& interface) {
   return InterfaceSink(interface, std::move(*handle));
 }
 
-IedResult<SinkOutcome> InterfaceSink::send(ByteView frame) {
+IedResult<SinkOutcome> InterfaceSink::send(goosestack::ByteView frame) {
   errno = 0;
   if (pcap_sendpacket(handle_.get(), frame.data(), static_cast<int>(frame.size())) == 0) {
     return SinkOutcome::sent;

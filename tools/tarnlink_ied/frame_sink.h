@@ -4,7 +4,7 @@
 #include <boost/system/result.hpp>
 #include <string>
 
-#include "stack/bytes.h"
+#include "goosestack/bytes.h"
 #include "stack/pcap_access.h"
 
 namespace tarnlink {
@@ -28,7 +28,7 @@ class FrameSink {
  public:
   virtual ~FrameSink() = default;
   /// `frame` is a whole Ethernet frame without check sequence, 802.1Q tag in place.
-  virtual IedResult<SinkOutcome> send(ByteView frame) = 0;
+  virtual IedResult<SinkOutcome> send(goosestack::ByteView frame) = 0;
 };
 
 /// A real interface, through a libpcap send handle. One thread.
@@ -36,13 +36,13 @@ class InterfaceSink final : public FrameSink {
  public:
   /// Refuses interfaces that are absent, not permitted, or no Ethernet.
   static IedResult<InterfaceSink> open(const std::string& interface);
-  IedResult<SinkOutcome> send(ByteView frame) override;
+  IedResult<SinkOutcome> send(goosestack::ByteView frame) override;
 
  private:
-  InterfaceSink(std::string interface, PcapHandle handle);
+  InterfaceSink(std::string interface, goosestack::PcapHandle handle);
 
   std::string interface_;
-  PcapHandle handle_;
+  goosestack::PcapHandle handle_;
 };
 
 }  // namespace tarnlink

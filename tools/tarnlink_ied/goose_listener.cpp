@@ -5,18 +5,18 @@
 #include <boost/asio/use_future.hpp>
 #include <utility>
 
-#include "server/json_value.h"
-#include "server/json_value_codec.h"
-#include "stack/interface_discovery.h"
+#include "goosestack/interface_discovery.h"
+#include "protocol/json_value.h"
+#include "protocol/json_value_codec.h"
 #include "tools/tarnlinkctl/printing.h"
 
 namespace tarnlink {
 namespace {
 
-using Stream = MessageStream<GooseMessage>;
+using Stream = goosestack::MessageStream<goosestack::GooseMessage>;
 using OnMessage = std::function<void(std::string_view)>;
 
-std::string lineOf(const GooseMessage& message) {
+std::string lineOf(const goosestack::GooseMessage& message) {
   JsonWriter writer;
   toBridgeJson(message, writer);
   const auto fields = writer.failed() ? std::nullopt : parseJsonObject(writer.text());
@@ -28,7 +28,7 @@ boost::asio::awaitable<void> showAll(Stream stream, std::optional<std::string> o
                                      OnMessage onMessage) {
   Stream::Batch batch;
   while (co_await stream.next(batch)) {
-    for (const GooseMessage& message : batch.records()) {
+    for (const goosestack::GooseMessage& message : batch.records()) {
       if (!ownMac || message.srcMac != ownMac) onMessage(lineOf(message));
     }
   }
@@ -37,7 +37,8 @@ boost::asio::awaitable<void> showAll(Stream stream, std::optional<std::string> o
 }  // namespace
 
 GooseListener::GooseListener()
-    : receiver_(std::make_shared<GooseReceiver>(thread_.get_executor(), CaptureMode::lowLatency)) {}
+    : receiver_(std::make_shared<goosestack::GooseReceiver>(thread_.get_executor(),
+                                                            goosestack::CaptureMode::lowLatency)) {}
 
 GooseListener::~GooseListener() {
   boost::asio::co_spawn(thread_, receiver_->stop(), boost::asio::use_future).get();
@@ -52,8 +53,8 @@ IedResult<std::unique_ptr<GooseListener>> GooseListener::start(const std::string
       boost::asio::co_spawn(listener->thread_, std::move(work), boost::asio::use_future).get();
   if (!stream)
     return IedError{"cannot listen on " + interface + ": " + stream.error().description()};
-  const auto own = InterfaceDiscovery::macAddressBytes(interface);
-  auto ownMac = own ? std::optional(formatMac(*own)) : std::nullopt;
+  const auto own = goosestack::InterfaceDiscovery::macAddressBytes(interface);
+  auto ownMac = own ? std::optional(goosestack::formatMac(*own)) : std::nullopt;
   auto showing = showAll(std::move(*stream), std::move(ownMac), std::move(handlers.onMessage));
   boost::asio::co_spawn(listener->thread_, std::move(showing), boost::asio::detached);
   return listener;

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "stack/goose_receiver.h"
+#include "goosestack/goose_receiver.h"
 #include "tools/tarnlink_ied/frame_sink.h"
 
 namespace tarnlink {
@@ -34,7 +34,7 @@ class GooseListener {
   GooseListener();
 
   boost::asio::thread_pool thread_{1};
-  std::shared_ptr<GooseReceiver> receiver_;
+  std::shared_ptr<goosestack::GooseReceiver> receiver_;
 };
 
 }  // namespace tarnlink

@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "ber/ber_writer.h"
-#include "stack/sv_frame.h"
+#include "goosestack/sv_frame.h"
 
 namespace tarnlink {
 namespace {
@@ -41,23 +41,23 @@ constexpr double kLoadAngle = 0.3;  // Radians by which the currents lag.
 // 9-2LE: the quality of values that are reckoned from others; all other bits zero: good.
 constexpr std::uint32_t kDerived = 0x00002000;
 
-void appendBigEndian(Bytes& out, std::uint64_t value, std::size_t octets) {
+void appendBigEndian(goosestack::Bytes& out, std::uint64_t value, std::size_t octets) {
   while (octets-- > 0) out.push_back(static_cast<std::uint8_t>(value >> 8 * octets));
 }
 
 /// Nothing here is longer than a frame, so nothing is refused.
-void append(Bytes& out, std::uint8_t tag, std::span<const std::uint8_t> value) {
-  (void)appendBerTLV(out, tag, value);
+void append(goosestack::Bytes& out, std::uint8_t tag, std::span<const std::uint8_t> value) {
+  (void)goosestack::appendBerTLV(out, tag, value);
 }
 
-void append(Bytes& out, std::uint8_t tag, std::uint64_t value, std::size_t octets) {
-  Bytes content;
+void append(goosestack::Bytes& out, std::uint8_t tag, std::uint64_t value, std::size_t octets) {
+  goosestack::Bytes content;
   appendBigEndian(content, value, octets);
   append(out, tag, content);
 }
 
 /// Three phases and the neutral, which is the sum of the rounded others.
-void appendSystem(Bytes& out, double peak, double angle) {
+void appendSystem(goosestack::Bytes& out, double peak, double angle) {
   std::int32_t neutral = 0;
   for (int phase = 0; phase < 3; ++phase) {
     const auto value =
@@ -70,8 +70,8 @@ void appendSystem(Bytes& out, double peak, double angle) {
   appendBigEndian(out, kDerived, 4);
 }
 
-Bytes oneSecond(std::uint32_t rate) {
-  Bytes samples;
+goosestack::Bytes oneSecond(std::uint32_t rate) {
+  goosestack::Bytes samples;
   samples.reserve(rate * kSampleLength);
   for (std::uint32_t number = 0; number < rate; ++number) {
     const double angle = kTurn * kFrequency * number / rate;
@@ -83,36 +83,36 @@ Bytes oneSecond(std::uint32_t rate) {
 
 }  // namespace
 
-SampledValues::SampledValues(const SvStreamConfig& config, const MacAddress& source)
+SampledValues::SampledValues(const SvStreamConfig& config, const goosestack::MacAddress& source)
     : rate_(config.rate), samples_(oneSecond(config.rate)) {
-  Bytes asdu;
+  goosestack::Bytes asdu;
   append(asdu, kTagSvId,
          {reinterpret_cast<const std::uint8_t*>(config.svId.data()), config.svId.size()});
   append(asdu, kTagSmpCnt, 0, 2);
   const std::size_t smpCntAt = asdu.size() - 2;
   append(asdu, kTagConfRev, config.confRev, 4);
   append(asdu, kTagSmpSynch, config.smpSynch, 1);
-  append(asdu, kTagSample, Bytes(kSampleLength));
-  Bytes sequence;
+  append(asdu, kTagSample, goosestack::Bytes(kSampleLength));
+  goosestack::Bytes sequence;
   append(sequence, kTagAsdu, asdu);
-  Bytes content;
+  goosestack::Bytes content;
   append(content, kTagNoAsdu, 1, 1);
   append(content, kTagSeqAsdu, sequence);
-  Bytes apdu;
+  goosestack::Bytes apdu;
   append(apdu, kTagSavPdu, content);
 
-  Bytes payload;
+  goosestack::Bytes payload;
   appendBigEndian(payload, config.appId, 2);
   appendBigEndian(payload, kSvHeaderLength + apdu.size(), 2);
   appendBigEndian(payload, 0, 4);
   payload.insert(payload.end(), apdu.begin(), apdu.end());
-  frame_ = buildSvFrame(config.dstMac, source, 0, 0, payload);
+  frame_ = goosestack::buildSvFrame(config.dstMac, source, 0, 0, payload);
   frame_.insert(frame_.begin() + kTagAt, kPriorityTag.begin(), kPriorityTag.end());
   // The ASDU is the frame's end.
   smpCntOffset_ = frame_.size() - (asdu.size() - smpCntAt);
 }
 
-ByteView SampledValues::frame(std::uint64_t number) {
+goosestack::ByteView SampledValues::frame(std::uint64_t number) {
   const auto smpCnt = static_cast<std::size_t>(number % rate_);
   frame_[smpCntOffset_] = static_cast<std::uint8_t>(smpCnt >> 8);
   frame_[smpCntOffset_ + 1] = static_cast<std::uint8_t>(smpCnt);

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "stack/bytes.h"
-#include "stack/mac_address.h"
+#include "goosestack/bytes.h"
+#include "goosestack/mac_address.h"
 
 namespace tarnlink {
 
@@ -18,7 +18,7 @@ struct SvStreamConfig {
   std::uint8_t smpSynch = 0;  ///< Not synchronised: the sample counter starts at any time.
   /// Samples a second, 1 to kMaxRate. 9-2LE has 80 a period: 4,000 at 50 Hz.
   std::uint32_t rate = kNominalRate;
-  MacAddress dstMac{0x01, 0x0C, 0xCD, 0x04, 0x00, 0x01};
+  goosestack::MacAddress dstMac{0x01, 0x0C, 0xCD, 0x04, 0x00, 0x01};
 
   static constexpr std::uint32_t kNominalRate = 4000;
   static constexpr std::uint32_t kMaxRate = 50'000;  ///< The counter has 16 bits.
@@ -30,17 +30,17 @@ class SampledValues {
  public:
   static constexpr std::size_t kChannels = 8;
 
-  SampledValues(const SvStreamConfig& config, const MacAddress& source);
+  SampledValues(const SvStreamConfig& config, const goosestack::MacAddress& source);
 
   std::uint32_t rate() const { return rate_; }
 
   /// The whole frame, tagged and unpadded, with sample counter `number` modulo the rate (IEC
   /// 61850-9-2: the counter returns to 0 each second). Borrowed until the next call.
-  ByteView frame(std::uint64_t number);
+  goosestack::ByteView frame(std::uint64_t number);
 
  private:
   std::uint32_t rate_;
-  Bytes frame_;
+  goosestack::Bytes frame_;
   std::size_t smpCntOffset_ = 0;
   std::vector<std::uint8_t> samples_;  ///< `rate_` times the content of `sample`.
 };

@@ -5,18 +5,19 @@
 namespace tarnlink {
 namespace {
 
-class CountedSendHandle final : public SendHandle {
+class CountedSendHandle final : public goosestack::SendHandle {
  public:
-  CountedSendHandle(std::unique_ptr<SendHandle> handle, SendTally& tally)
+  CountedSendHandle(std::unique_ptr<goosestack::SendHandle> handle, SendTally& tally)
       : handle_(std::move(handle)), tally_(tally) {}
 
-  SendOutcome sendPacket(ByteView frame) override {
-    if (!tally_.claim()) return {SendOutcome::Status::failed, "enough frames were sent"};
+  goosestack::SendOutcome sendPacket(goosestack::ByteView frame) override {
+    if (!tally_.claim())
+      return {goosestack::SendOutcome::Status::failed, "enough frames were sent"};
     auto outcome = handle_->sendPacket(frame);
     tally_.count(outcome);
     return outcome;
   }
-  SendOutcome inject(ByteView frame) override { return sendPacket(frame); }
+  goosestack::SendOutcome inject(goosestack::ByteView frame) override { return sendPacket(frame); }
   bool isOn(const std::string& interface) const override {
     if (handle_->isOn(interface)) return true;
     tally_.interfaceGone();
@@ -25,26 +26,27 @@ class CountedSendHandle final : public SendHandle {
   void setPriority(std::uint8_t priority) override { handle_->setPriority(priority); }
 
  private:
-  std::unique_ptr<SendHandle> handle_;
+  std::unique_ptr<goosestack::SendHandle> handle_;
   SendTally& tally_;
 };
 
-class CountedSendHandles final : public SendHandleSource {
+class CountedSendHandles final : public goosestack::SendHandleSource {
  public:
-  CountedSendHandles(std::shared_ptr<SendHandleSource> source, SendTally& tally)
+  CountedSendHandles(std::shared_ptr<goosestack::SendHandleSource> source, SendTally& tally)
       : source_(std::move(source)), tally_(tally) {}
 
-  GooseResult<std::unique_ptr<SendHandle>> openSendHandle(const std::string& interface) override {
+  goosestack::GooseResult<std::unique_ptr<goosestack::SendHandle>> openSendHandle(
+      const std::string& interface) override {
     auto handle = source_->openSendHandle(interface);
     if (!handle) return handle.error();
     return std::make_unique<CountedSendHandle>(std::move(*handle), tally_);
   }
-  std::optional<MacAddress> macAddressBytes(const std::string& interface) override {
+  std::optional<goosestack::MacAddress> macAddressBytes(const std::string& interface) override {
     return source_->macAddressBytes(interface);
   }
 
  private:
-  std::shared_ptr<SendHandleSource> source_;
+  std::shared_ptr<goosestack::SendHandleSource> source_;
   SendTally& tally_;
 };
 
@@ -56,13 +58,13 @@ bool SendTally::claim() {
   return false;
 }
 
-void SendTally::count(const SendOutcome& outcome) {
-  if (outcome.status == SendOutcome::Status::sent) {
+void SendTally::count(const goosestack::SendOutcome& outcome) {
+  if (outcome.status == goosestack::SendOutcome::Status::sent) {
     ++sent_;
   } else {
     ++failed_;
     --claimed_;
-    if (outcome.status == SendOutcome::Status::interfaceGone) isInterfaceGone_ = true;
+    if (outcome.status == goosestack::SendOutcome::Status::interfaceGone) isInterfaceGone_ = true;
   }
   if (isOver()) onEnd_();
 }
@@ -78,8 +80,8 @@ std::string SendTally::text() const {
   return text;
 }
 
-std::shared_ptr<SendHandleSource> countedSendHandles(std::shared_ptr<SendHandleSource> source,
-                                                     SendTally& tally) {
+std::shared_ptr<goosestack::SendHandleSource> countedSendHandles(
+    std::shared_ptr<goosestack::SendHandleSource> source, SendTally& tally) {
   return std::make_shared<CountedSendHandles>(std::move(source), tally);
 }
 

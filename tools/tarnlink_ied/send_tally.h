@@ -23,7 +23,7 @@ class SendTally {
   /// False when the limit is taken up by frames sent or being sent.
   bool claim();
   /// The outcome of a claimed frame.
-  void count(const SendOutcome& outcome);
+  void count(const goosestack::SendOutcome& outcome);
   /// A handle found so before it sent.
   void interfaceGone();
 
@@ -45,7 +45,7 @@ class SendTally {
 
 /// Handles of `source` whose frames are counted, and held back beyond the limit. The tally outlives
 /// them.
-std::shared_ptr<SendHandleSource> countedSendHandles(std::shared_ptr<SendHandleSource> source,
-                                                     SendTally& tally);
+std::shared_ptr<goosestack::SendHandleSource> countedSendHandles(
+    std::shared_ptr<goosestack::SendHandleSource> source, SendTally& tally);
 
 }  // namespace tarnlink

@@ -6,8 +6,8 @@
 #include <utility>
 #include <vector>
 
-#include "stack/goose_publisher.h"
-#include "stack/punctual_thread.h"
+#include "goosestack/goose_publisher.h"
+#include "goosestack/punctual_thread.h"
 #include "tools/tarnlink_ied/feeder_bay.h"
 #include "tools/tarnlink_ied/goose_listener.h"
 #include "tools/tarnlink_ied/send_tally.h"
@@ -41,12 +41,13 @@ class Journal {
   std::optional<std::string> failure_;
 };
 
-std::vector<Publication> publications(const std::string& interface, PunctualThread& thread,
-                                      const std::shared_ptr<SendHandleSource>& handles) {
+std::vector<Publication> publications(
+    const std::string& interface, goosestack::PunctualThread& thread,
+    const std::shared_ptr<goosestack::SendHandleSource>& handles) {
   std::vector<Publication> all;
   for (auto& block : feederBay(interface)) {
     // The simulation itself says what changes.
-    auto publisher = std::make_shared<GoosePublisher>(
+    auto publisher = std::make_shared<goosestack::GoosePublisher>(
         thread.executor(), [](std::string_view) {}, handles);
     all.push_back({std::move(block), std::move(publisher)});
   }
@@ -54,7 +55,7 @@ std::vector<Publication> publications(const std::string& interface, PunctualThre
 }
 
 IedResult<std::unique_ptr<SvSender>> startStream(const std::string& interface, std::uint32_t rate,
-                                                 SendHandleSource& handles) {
+                                                 goosestack::SendHandleSource& handles) {
   auto handle = handles.openSendHandle(interface);
   if (!handle) return IedError{handle.error().description()};
   const auto source = handles.macAddressBytes(interface);
@@ -85,8 +86,8 @@ IedResult<void> simulateIed(const std::string& interface, const SimulationOption
   if (const auto sink = InterfaceSink::open(interface); !sink) return sink.error();
   Journal journal(out);
   SendTally tally(options.count, [&cues] { cues.end(); });
-  const auto handles = countedSendHandles(systemSendHandles(), tally);
-  PunctualThread thread;
+  const auto handles = countedSendHandles(goosestack::systemSendHandles(), tally);
+  goosestack::PunctualThread thread;
   std::unique_ptr<GooseListener> listener;
   if (options.listens) {
     auto started =

@@ -61,7 +61,7 @@ void Simulation::changeNext() {
 }
 
 void Simulation::changeState(Publication& publication) {
-  const auto& config = publication.block.nextState(timeNow());
+  const auto& config = publication.block.nextState(goosestack::timeNow());
   auto work = publication.publisher->publishStateChange(config);
   const auto published =
       boost::asio::co_spawn(executor_, std::move(work), boost::asio::use_future).get();

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "stack/publishing.h"
+#include "goosestack/publishing.h"
 #include "tools/tarnlink_ied/control_block.h"
 #include "tools/tarnlink_ied/cues.h"
 #include "tools/tarnlink_ied/frame_sink.h"
@@ -17,7 +17,7 @@ namespace tarnlink {
 
 struct Publication {
   ControlBlock block;
-  std::shared_ptr<GoosePublishing> publisher;
+  std::shared_ptr<goosestack::GoosePublishing> publisher;
 };
 
 /// One thread; blocks it while a publisher works.

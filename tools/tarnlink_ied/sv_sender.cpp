@@ -4,7 +4,7 @@
 #include <ctime>
 #include <utility>
 
-#include "stack/punctual_thread.h"
+#include "goosestack/punctual_thread.h"
 
 namespace tarnlink {
 namespace {
@@ -35,7 +35,7 @@ std::uint64_t SampleClock::next(std::uint64_t number, Instant now) const {
   return static_cast<std::uint64_t>(passed * rate_) + 1;
 }
 
-SvSender::SvSender(std::unique_ptr<SendHandle> handle, SampledValues values)
+SvSender::SvSender(std::unique_ptr<goosestack::SendHandle> handle, SampledValues values)
     : handle_(std::move(handle)), values_(std::move(values)), thread_([this] { run(); }) {}
 
 SvSender::~SvSender() {
@@ -44,11 +44,11 @@ SvSender::~SvSender() {
 }
 
 void SvSender::run() {
-  askForPunctuality();
+  goosestack::askForPunctuality();
   const SampleClock clock(std::chrono::steady_clock::now(), values_.rate());
   for (std::uint64_t number = 0; !isEnding_; ++number) {
     number = clock.next(number, std::chrono::steady_clock::now());
-    const ByteView frame = values_.frame(number);
+    const goosestack::ByteView frame = values_.frame(number);
     sleepUntil(clock.due(number));
     (void)handle_->sendPacket(frame);
   }

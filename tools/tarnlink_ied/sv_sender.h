@@ -35,7 +35,7 @@ class SampleClock {
 /// scheduling. Frames that fail are passed over.
 class SvSender {
  public:
-  SvSender(std::unique_ptr<SendHandle> handle, SampledValues values);
+  SvSender(std::unique_ptr<goosestack::SendHandle> handle, SampledValues values);
   ~SvSender();
   SvSender(const SvSender&) = delete;
   SvSender& operator=(const SvSender&) = delete;
@@ -43,7 +43,7 @@ class SvSender {
  private:
   void run();
 
-  std::unique_ptr<SendHandle> handle_;
+  std::unique_ptr<goosestack::SendHandle> handle_;
   SampledValues values_;
   std::atomic<bool> isEnding_{false};
   std::thread thread_;

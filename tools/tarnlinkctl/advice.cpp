@@ -6,7 +6,7 @@
 #include <numeric>
 #include <utility>
 
-#include "platform/websocket_client.h"
+#include "websocket/websocket_client.h"
 
 namespace tarnlink {
 namespace {

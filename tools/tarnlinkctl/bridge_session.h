@@ -9,10 +9,10 @@
 #include <string>
 #include <string_view>
 
-#include "platform/websocket_client.h"
-#include "server/json_value.h"
+#include "protocol/json_value.h"
 #include "tools/tarnlinkctl/command_text.h"
 #include "tools/tarnlinkctl/options.h"
+#include "websocket/websocket_client.h"
 
 namespace tarnlink {
 

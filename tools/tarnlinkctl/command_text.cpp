@@ -1,7 +1,7 @@
 #include "tools/tarnlinkctl/command_text.h"
 
-#include "server/base64.h"
-#include "server/json_value_codec.h"
+#include "protocol/base64.h"
+#include "protocol/json_value_codec.h"
 
 namespace tarnlink {
 
@@ -39,7 +39,8 @@ CommandText& CommandText::flag(std::string_view key, bool value) {
   return *this;
 }
 
-CommandText& CommandText::values(std::string_view key, const std::vector<GooseDataValue>& values) {
+CommandText& CommandText::values(std::string_view key,
+                                 const std::vector<goosestack::GooseDataValue>& values) {
   member(key);
   writer_.literal("[");
   for (std::size_t i = 0; i < values.size(); ++i) {

@@ -8,8 +8,8 @@
 #include <string_view>
 #include <vector>
 
-#include "server/json_writer.h"
-#include "stack/goose_data_value.h"
+#include "goosestack/goose_data_value.h"
+#include "protocol/json_writer.h"
 #include "tools/tarnlinkctl/options.h"
 
 namespace tarnlink {
@@ -24,7 +24,7 @@ class CommandText {
   CommandText& integer(std::string_view key, std::optional<std::int64_t> value);
   /// Left out when false, which is every flag's default.
   CommandText& flag(std::string_view key, bool value);
-  CommandText& values(std::string_view key, const std::vector<GooseDataValue>& values);
+  CommandText& values(std::string_view key, const std::vector<goosestack::GooseDataValue>& values);
 
   /// Nothing when an argument is not UTF-8. Ends the object's life.
   std::optional<std::string> end();

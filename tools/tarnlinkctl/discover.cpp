@@ -4,8 +4,8 @@
 #include <boost/asio/ip/address.hpp>
 #include <utility>
 
-#include "server/bridge_service.h"
-#include "server/json_writer.h"
+#include "protocol/bridge_service.h"
+#include "protocol/json_writer.h"
 #include "tools/tarnlinkctl/printing.h"
 
 namespace tarnlink {

@@ -4,7 +4,7 @@
 
 namespace tarnlink {
 
-std::string hexText(ByteView octets) {
+std::string hexText(goosestack::ByteView octets) {
   constexpr std::string_view kDigits = "0123456789ABCDEF";
   std::string text;
   text.reserve(2 * octets.size());
@@ -15,9 +15,9 @@ std::string hexText(ByteView octets) {
   return text;
 }
 
-std::optional<Bytes> parseHex(std::string_view text) {
+std::optional<goosestack::Bytes> parseHex(std::string_view text) {
   if (text.size() % 2 != 0) return {};
-  Bytes octets(text.size() / 2);
+  goosestack::Bytes octets(text.size() / 2);
   for (std::size_t i = 0; i < octets.size(); ++i) {
     const char* begin = text.data() + 2 * i;
     const auto [end, error] = std::from_chars(begin, begin + 2, octets[i], 16);

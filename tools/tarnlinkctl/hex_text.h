@@ -5,14 +5,14 @@
 #include <string>
 #include <string_view>
 
-#include "stack/bytes.h"
+#include "goosestack/bytes.h"
 
 namespace tarnlink {
 
 /// Upper-case digits, nothing between them.
-std::string hexText(ByteView octets);
+std::string hexText(goosestack::ByteView octets);
 
 /// Digits of either case, nothing between them; nothing for any other text.
-std::optional<Bytes> parseHex(std::string_view text);
+std::optional<goosestack::Bytes> parseHex(std::string_view text);
 
 }  // namespace tarnlink

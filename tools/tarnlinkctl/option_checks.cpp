@@ -3,7 +3,7 @@
 #include <charconv>
 #include <cstdint>
 
-#include "server/json_value_codec.h"
+#include "protocol/json_value_codec.h"
 #include "tools/tarnlinkctl/options.h"
 
 namespace tarnlink {

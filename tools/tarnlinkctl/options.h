@@ -9,8 +9,8 @@
 #include <variant>
 #include <vector>
 
-#include "stack/bytes.h"
-#include "stack/goose_data_value.h"
+#include "goosestack/bytes.h"
+#include "goosestack/goose_data_value.h"
 
 namespace tarnlink {
 
@@ -64,13 +64,13 @@ struct PublishCommand {
   std::optional<std::int64_t> sqNum;
   bool lockStNum = false;
   bool lockSqNum = false;
-  std::vector<GooseDataValue> values;
+  std::vector<goosestack::GooseDataValue> values;
 };
 struct UnpublishCommand {
   std::optional<std::string> goCBRef;  ///< Absent: whatever runs.
 };
 struct PublishSvCommand {
-  Bytes payload;  ///< All that follows the EtherType.
+  goosestack::Bytes payload;  ///< All that follows the EtherType.
   std::optional<std::string> interface;
   std::optional<std::string> dstMac;
   std::optional<std::int64_t> vlanId;

@@ -5,7 +5,7 @@
 #include <charconv>
 #include <cstdint>
 
-#include "server/base64.h"
+#include "protocol/base64.h"
 #include "tools/tarnlinkctl/hex_text.h"
 
 namespace tarnlink {
@@ -36,7 +36,7 @@ std::string integerOf(const JsonObject& object, std::string_view key) {
 }
 
 std::string hexOf(const JsonObject& value) {
-  Bytes octets;
+  goosestack::Bytes octets;
   if (const auto* numbers = value.array("bytes")) {
     for (const auto& octet : *numbers) {
       const auto* number = octet.as<JsonNumber>();
@@ -144,7 +144,7 @@ std::string svLine(const JsonObject& event) {
   if (event.integer("vlanId")) line += " vlan=" + integerOf(event, "vlanId");
   line += " " + textOf(event, "srcMac") + " to " + textOf(event, "dstMac");
   if (!payload) return line + " ?";
-  const ByteView octets = *payload;
+  const goosestack::ByteView octets = *payload;
   line += " " + std::to_string(octets.size()) + " octets: ";
   line += hexText(octets.first(std::min(octets.size(), kShownSvOctets)));
   return line + (octets.size() > kShownSvOctets ? "..." : "");

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "server/json_value.h"
+#include "protocol/json_value.h"
 
 namespace tarnlink {
 

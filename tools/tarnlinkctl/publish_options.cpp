@@ -128,9 +128,9 @@ void addUnpublish(CLI::App& app, CtlCommand& result) {
   unpublish->callback([command, &result] { result = *command; });
 }
 
-Bytes readPayload(const std::string& path) {
+goosestack::Bytes readPayload(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
-  Bytes octets(kMaxSvPayload + 1);
+  goosestack::Bytes octets(kMaxSvPayload + 1);
   file.read(reinterpret_cast<char*>(octets.data()), static_cast<std::streamsize>(octets.size()));
   if (file.bad() || !file.is_open()) {
     throw CLI::ValidationError("--file", "cannot read " + path);

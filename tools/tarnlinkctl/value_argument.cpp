@@ -6,15 +6,15 @@
 #include <optional>
 #include <utility>
 
-#include "server/bridge_time.h"
-#include "server/json_value.h"
-#include "server/json_value_codec.h"
+#include "protocol/bridge_time.h"
+#include "protocol/json_value.h"
+#include "protocol/json_value_codec.h"
 #include "tools/tarnlinkctl/hex_text.h"
 
 namespace tarnlink {
 namespace {
 
-using Value = GooseDataValue;
+using Value = goosestack::GooseDataValue;
 using Read = std::optional<Value>;
 
 template <class Number>
@@ -73,7 +73,7 @@ Read stringFrom(std::string_view text) {
 }
 
 Read timeFrom(std::string_view text) {
-  const auto time = text == "now" ? std::optional(timeNow()) : parseBridgeIso8601(text);
+  const auto time = text == "now" ? std::optional(goosestack::timeNow()) : parseBridgeIso8601(text);
   return time ? Read(Value::utcTime(*time)) : std::nullopt;
 }
 
@@ -101,7 +101,8 @@ ValueError unreadable(std::string_view text, const std::string& reason) {
 
 }  // namespace
 
-boost::system::result<GooseDataValue, ValueError> parseValueArgument(std::string_view text) {
+boost::system::result<goosestack::GooseDataValue, ValueError> parseValueArgument(
+    std::string_view text) {
   if (text.starts_with('{')) {
     const auto object = parseJsonObject(text);
     if (!object) {

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "stack/goose_data_value.h"
+#include "goosestack/goose_data_value.h"
 
 namespace tarnlink {
 
@@ -22,6 +22,7 @@ struct ValueError {
 ///
 /// Objects are read strictly: nobody wants to publish another dataset than the one typed. Only
 /// "time:now" reads the clock.
-boost::system::result<GooseDataValue, ValueError> parseValueArgument(std::string_view text);
+boost::system::result<goosestack::GooseDataValue, ValueError> parseValueArgument(
+    std::string_view text);
 
 }  // namespace tarnlink

@@ -1,7 +1,7 @@
 // Encodes a GOOSE message and decodes it again, with the codecs alone.
 #include <cstdio>
 
-#include "stack/goose_pdu.h"
+#include "goosestack/goose_pdu.h"
 
 int main() {
   tarnlink::GoosePduFields fields;

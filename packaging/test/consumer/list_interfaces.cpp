@@ -3,8 +3,8 @@
 #include <cstdio>
 #include <memory>
 
-#include "stack/goose_receiver.h"
-#include "stack/interface_discovery.h"
+#include "goosestack/goose_receiver.h"
+#include "goosestack/interface_discovery.h"
 
 int main() {
   boost::asio::io_context io;

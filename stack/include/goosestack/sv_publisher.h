@@ -1,0 +1,41 @@
+// Sends Sampled Values payloads that its caller has encoded (IEC 61850-9-2): one frame a call, no
+// timing and no numbering.
+#pragma once
+
+#include <atomic>
+#include <boost/asio/any_io_executor.hpp>
+#include <boost/asio/strand.hpp>
+#include <cstdint>
+#include <memory>
+
+#include "goosestack/publishing.h"
+#include "stack/kept_send_handle.h"
+
+namespace goosestack {
+
+/// An actor on its own strand of the executor given, which it may block for the milliseconds that
+/// opening a handle takes: not that of a GoosePublisher. Callers may be on any executor. Make it
+/// with std::make_shared.
+class SvPublisher final : public SvPublishing, public std::enable_shared_from_this<SvPublisher> {
+ public:
+  explicit SvPublisher(const boost::asio::any_io_executor& executor,
+                       std::shared_ptr<SendHandleSource> handles = systemSendHandles());
+
+  /// Fails with pcapOpenFailed, sendFailed or notRunning. After a failed send the handle stays
+  /// open, unless its interface has gone.
+  boost::asio::awaitable<GooseResult<void>> publishApdu(Bytes pdu, SvPublishConfig config) override;
+  /// Closes the handle; the next call opens one again.
+  boost::asio::awaitable<void> stop() override;
+
+  /// Frames sent since construction. Any thread.
+  std::int64_t stats() const { return publishedCount_; }
+
+ private:
+  GooseResult<void> send(ByteView pdu, const SvPublishConfig& config);
+
+  boost::asio::strand<boost::asio::any_io_executor> strand_;
+  KeptSendHandle pcapHandle_;
+  std::atomic<std::int64_t> publishedCount_{0};
+};
+
+}  // namespace goosestack
