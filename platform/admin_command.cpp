@@ -1,41 +1,27 @@
 #include "platform/admin_command.h"
 
-#include <algorithm>
+#include <string_view>
 #include <utility>
-#include <vector>
 
 namespace tarnlink {
 namespace {
+
+using Outcome = boost::system::result<ProcessOutcome>;
 
 constexpr const char* kShell = "/bin/sh";
 constexpr const char* kPkexec = "/usr/bin/pkexec";
 // Its internal agent would ask on a terminal, which belongs to nobody here.
 constexpr const char* kNoAgent = "--disable-internal-agent";
-constexpr const char* kOsascript = "/usr/bin/osascript";
 
 // pkexec(1), RETURN VALUE.
 constexpr int kPkexecDismissed = 126;
 constexpr int kPkexecNotAuthorized = 127;
 
-AdminError cancelled() {
-  return {kAdminCancelled, "Benutzer hat abgebrochen"};
-}
-
 // As one word of a shell command line.
 std::string quotedForShell(std::string_view text) {
   std::string quoted = "'";
-  for (const char c : text) {
-    if (c == '\'') {
-      quoted += "'\\''";
-    } else {
-      quoted += c;
-    }
-  }
+  for (const char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
   return quoted + "'";
-}
-
-std::string_view firstLine(std::string_view text) {
-  return text.substr(0, text.find_first_of("\r\n"));
 }
 
 AdminError unavailable(std::string_view reason, const std::string& byHand) {
@@ -44,74 +30,58 @@ AdminError unavailable(std::string_view reason, const std::string& byHand) {
   return {kAdminUnavailable, text + ". Bitte von Hand ausführen: " + byHand};
 }
 
-std::vector<std::string> argumentsFor(AdminRights rights, const std::string& commandLine) {
-  switch (rights) {
-    case AdminRights::held:
-      break;
-    case AdminRights::pkexec:
-      return {kPkexec, kNoAgent, kShell, "-c", commandLine};
-    case AdminRights::osascript:
-      return {kOsascript, "-e",
-              "do shell script \"" + escapeForAppleScript(commandLine) +
-                  "\" with administrator privileges"};
-  }
-  return {kShell, "-c", commandLine};
-}
-
-// The scripting tool tells a dismissed prompt by text alone.
-bool saysCancelled(const std::string& text) {
-  std::string lower = text;
-  std::transform(lower.begin(), lower.end(), lower.begin(), [](char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-  });
-  return text.find("-128") != std::string::npos || lower.find("canceled") != std::string::npos;
-}
-
-// `byHand`: what to run where nobody can grant the rights.
-AdminResult resultOf(AdminRights rights, boost::system::result<ProcessOutcome> outcome,
-                     const std::string& byHand) {
+std::optional<AdminError> refusalOfPkexec(const Outcome& outcome, const std::string& byHand) {
   if (!outcome) {
-    const auto error = outcome.error();
-    if (error == boost::system::errc::operation_canceled) return cancelled();
-    if (rights != AdminRights::held && error == boost::system::errc::timed_out) {
-      return AdminError{kAdminUnanswered, "Niemand hat die Administratorabfrage beantwortet"};
-    }
-    if (rights == AdminRights::pkexec && error == boost::system::errc::no_such_file_or_directory) {
-      return unavailable("pkexec fehlt", byHand);
-    }
-    return AdminError{error.value(), error.message()};
+    if (outcome.error() != boost::system::errc::no_such_file_or_directory) return {};
+    return unavailable("pkexec fehlt", byHand);
   }
-  if (outcome->succeeded()) return {};
   const int status = outcome->shellStatus();
-  if (rights == AdminRights::pkexec) {
-    if (status == kPkexecDismissed) return cancelled();
-    if (status == kPkexecNotAuthorized) {
-      return unavailable(firstLine(outcome->err), byHand);
-    }
+  if (status == kPkexecDismissed) return cancelledByUser();
+  if (status != kPkexecNotAuthorized) return {};
+  const std::string_view text = outcome->err;
+  return unavailable(text.substr(0, text.find_first_of("\r\n")), byHand);
+}
+
+AdminResult resultOf(const AdminPrompt& prompt, const Outcome& outcome, const std::string& byHand) {
+  if (outcome && outcome->succeeded()) return {};
+  if (auto refusal = prompt.refusal(outcome, byHand)) return *std::move(refusal);
+  if (outcome) return AdminError{outcome->shellStatus(), outcome->err};
+  const auto error = outcome.error();
+  if (error == boost::system::errc::operation_canceled) return cancelledByUser();
+  if (prompt.asksSomebody && error == boost::system::errc::timed_out) {
+    return AdminError{kAdminUnanswered, "Niemand hat die Administratorabfrage beantwortet"};
   }
-  if (rights == AdminRights::osascript && saysCancelled(outcome->err)) return cancelled();
-  return AdminError{status, std::move(outcome->err)};
+  return AdminError{error.value(), error.message()};
 }
 
 }  // namespace
 
-std::string escapeForAppleScript(std::string_view text) {
-  std::string escaped;
-  for (const char c : text) {
-    if (c == '\\' || c == '"') escaped += '\\';
-    escaped += c;
-  }
-  return escaped;
+const AdminPrompt kRightsHeld{
+    false,
+    [](const std::string& line) -> std::vector<std::string> {
+      return {kShell, "-c", line};
+    },
+    [](const Outcome&, const std::string&) { return std::optional<AdminError>(); }};
+
+const AdminPrompt kPkexecPrompt{true,
+                                [](const std::string& line) -> std::vector<std::string> {
+                                  return {kPkexec, kNoAgent, kShell, "-c", line};
+                                },
+                                refusalOfPkexec};
+
+AdminError cancelledByUser() {
+  return {kAdminCancelled, "Benutzer hat abgebrochen"};
 }
 
-AdminResult runAsAdmin(ProcessRunner& runner, AdminRights rights, const std::string& commandLine) {
-  return resultOf(rights, runner.run(argumentsFor(rights, commandLine)),
+AdminResult runAsAdmin(ProcessRunner& runner, const AdminPrompt& prompt,
+                       const std::string& commandLine) {
+  return resultOf(prompt, runner.run(prompt.argumentsFor(commandLine)),
                   "sudo sh -c " + quotedForShell(commandLine));
 }
 
 AdminResult runProgramAsAdmin(ProcessRunner& runner, const std::string& pkexec,
                               const std::string& program) {
-  return resultOf(AdminRights::pkexec, runner.run({pkexec, kNoAgent, program}),
+  return resultOf(kPkexecPrompt, runner.run({pkexec, kNoAgent, program}),
                   "sudo " + quotedForShell(program));
 }
 

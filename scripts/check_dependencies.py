@@ -22,6 +22,7 @@ ALLOWED = {
     "platform": set(),
     "server": {"protocol", "websocket", "platform", "goosestack", "stack"},
     "app": {"server", "protocol", "websocket", "platform", "goosestack", "stack"},
+    "macos": {"app", "server", "platform", "goosestack", "stack"},
     "tools": {"protocol", "websocket", "platform", "goosestack", "stack", "ber"},
 }
 PUBLIC_HEADERS = "stack/include/"

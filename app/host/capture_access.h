@@ -3,14 +3,10 @@
 
 #include <optional>
 #include <string>
-#include <string_view>
 
 #include "platform/admin_command.h"
 
 namespace tarnlink {
-
-/// Reverse-DNS identifier of the application; names of installed things begin with it.
-inline constexpr std::string_view kApplicationIdentifier = "com.korvel.tarnlink";
 
 /// Access as a capability of a file: which one gets it, and which program gives and takes it.
 struct CapabilityGrant {

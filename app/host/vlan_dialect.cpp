@@ -1,58 +1,12 @@
 #include "app/host/vlan_dialect.h"
 
 #include <algorithm>
-#include <charconv>
 #include <limits>
-#include <regex>
 
 #include "protocol/json_value.h"
-#include "stack/utf8.h"
 
 namespace tarnlink {
 namespace {
-
-std::optional<std::uint16_t> vlanId(std::string_view digits) {
-  std::uint16_t vid = 0;
-  const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), vid);
-  if (error != std::errc() || end != digits.data() + digits.size()) return std::nullopt;
-  return vid;
-}
-
-namespace bsd {
-
-std::vector<std::string> probe(const std::string& name) {
-  return {"/bin/sh", "-c", "ifconfig " + name};
-}
-
-std::vector<std::string> readBack(const std::string& name) {
-  return {"/sbin/ifconfig", name};
-}
-
-ExistingLink parseReadBack(std::string_view output) {
-  static const std::regex kVlanLine(R"(vlan:\s*(\d+)\s+parent interface:\s*(\S+))");
-  const auto* octets = reinterpret_cast<const std::uint8_t*>(output.data());
-  std::match_results<std::string_view::const_iterator> match;
-  if (!goosestack::isValidUtf8({octets, output.size()}) ||
-      !std::regex_search(output.begin(), output.end(), match, kVlanLine)) {
-    return {};
-  }
-  const auto vid = vlanId(match.str(1));
-  if (!vid) return {};
-  return {.vlan = VlanInfo{*vid, match.str(2)}, .keptBecause = {}, .lacks = {}};
-}
-
-std::string create(const std::string& name, const VlanInfo& link) {
-  return "ifconfig " + name + " create; ifconfig " + name + " vlan " + std::to_string(link.vid) +
-         " vlandev " + link.parent + "; ifconfig " + name + " up";
-}
-
-std::string destroy(const std::string& name) {
-  return "ifconfig " + name + " destroy";
-}
-
-}  // namespace bsd
-
-namespace iproute {
 
 // Not by PATH: whoever could change that would get the rights that the tool is started with.
 constexpr const char* kIp = "/sbin/ip";
@@ -182,17 +136,9 @@ std::string destroy(const std::string& name) {
   return std::string(kIp) + " link delete dev " + name;
 }
 
-}  // namespace iproute
 }  // namespace
 
-const VlanDialect kLinuxVlanDialect{iproute::probe,
-                                    iproute::readBack,
-                                    iproute::parseReadBack,
-                                    iproute::create,
-                                    iproute::complete,
-                                    iproute::destroy,
-                                    true};
-const VlanDialect kBsdVlanDialect{
-    bsd::probe, bsd::readBack, bsd::parseReadBack, bsd::create, nullptr, bsd::destroy, false};
+const VlanDialect kLinuxVlanDialect{probe,    readBack, parseReadBack, create,
+                                    complete, destroy,  true};
 
 }  // namespace tarnlink

@@ -50,7 +50,5 @@ struct VlanDialect {
 
 /// `ip` of iproute2.
 extern const VlanDialect kLinuxVlanDialect;
-/// `ifconfig` of macOS.
-extern const VlanDialect kBsdVlanDialect;
 
 }  // namespace tarnlink

@@ -55,14 +55,14 @@ bool isCancelled(const boost::system::error_code& error) {
 }
 
 VlanError cancelledError() {
-  return {kAdminCancelled, "Benutzer hat abgebrochen"};
+  return {kAdminCancelled, cancelledByUser().text};
 }
 
 }  // namespace
 
 VlanInterfaceHelper::VlanInterfaceHelper(std::unique_ptr<ProcessRunner> runner,
-                                         const VlanDialect& dialect, AdminRights rights)
-    : runner_(std::move(runner)), dialect_(dialect), rights_(rights) {}
+                                         const VlanDialect& dialect, const AdminPrompt& prompt)
+    : runner_(std::move(runner)), dialect_(dialect), prompt_(prompt) {}
 
 bool VlanInterfaceHelper::isValidInterfaceName(std::string_view name) {
   return goosestack::isValidInterfaceName(name);
@@ -127,17 +127,16 @@ VlanResult<ExistingLink> VlanInterfaceHelper::readBack(const std::string& name) 
 
 AdminResult VlanInterfaceHelper::runAsAdmin(const std::string& name,
                                             const std::string& commandLine) {
-  const bool asks = rights_ != AdminRights::held;
-  if (asks) {
+  if (prompt_.asksSomebody) {
     if (auto refusal = refusals_.standing(name, std::chrono::steady_clock::now())) return *refusal;
   }
-  auto done = tarnlink::runAsAdmin(*runner_, rights_, commandLine);
+  auto done = tarnlink::runAsAdmin(*runner_, prompt_, commandLine);
   if (done) return {};
   AdminError error = done.error();
   const auto* octets = reinterpret_cast<const std::uint8_t*>(error.text.data());
   error.text =
       goosestack::isValidUtf8({octets, error.text.size()}) ? trimmed(error.text) : kUnreadable;
-  if (asks) refusals_.note(name, error, std::chrono::steady_clock::now());
+  if (prompt_.asksSomebody) refusals_.note(name, error, std::chrono::steady_clock::now());
   return error;
 }
 
@@ -152,8 +151,7 @@ VlanResult<std::string> VlanInterfaceHelper::create(const std::string& name, con
   const auto made = runAsAdmin(name, dialect_.create(name, link));
   // A prompt tool's failure is passed on as it is. Where nobody is asked the status is that of the
   // last step alone, so whether the link is there decides, and the tool's words say why not.
-  const bool mayBeThere =
-      rights_ == AdminRights::held && !made && made.error().code != kAdminCancelled;
+  const bool mayBeThere = !prompt_.asksSomebody && !made && made.error().code != kAdminCancelled;
   if (!made && !mayBeThere) return toVlanError(name, made.error());
   const auto isThere = exists(name);
   if (!isThere) return isThere.error();

@@ -21,9 +21,9 @@ namespace tarnlink {
 /// runner lets a prompt stand. The other operations are safe from any thread.
 class VlanInterfaceHelper final : public VlanSetup {
  public:
-  /// `rights`: where the rights for making and removing links come from.
+  /// `prompt`: where the rights for making and removing links come from.
   VlanInterfaceHelper(std::unique_ptr<ProcessRunner> runner, const VlanDialect& dialect,
-                      AdminRights rights);
+                      const AdminPrompt& prompt);
 
   /// With this system's tool, asking the user only where the process may not set up links itself.
   /// Throws std::system_error where the process is out of descriptors.
@@ -54,7 +54,7 @@ class VlanInterfaceHelper final : public VlanSetup {
 
   std::unique_ptr<ProcessRunner> runner_;
   const VlanDialect& dialect_;
-  AdminRights rights_;
+  const AdminPrompt& prompt_;
   PromptRefusals refusals_;
 };
 

@@ -14,7 +14,7 @@ constexpr std::chrono::minutes kTimeLimit{2};
 std::unique_ptr<VlanSetup> VlanInterfaceHelper::forThisSystem() {
   return std::make_unique<VlanInterfaceHelper>(
       makeProcessRunner(kTimeLimit), kLinuxVlanDialect,
-      hasLinkSetupCapability() ? AdminRights::held : AdminRights::pkexec);
+      hasLinkSetupCapability() ? kRightsHeld : kPkexecPrompt);
 }
 
 }  // namespace tarnlink

@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "app/host/bpf_capability_access.h"
-#include "app/host/bpf_device_access.h"
 #include "app/host/bpf_permission_helper.h"
 #include "tests/support/scripted_process_runner.h"
 
@@ -157,75 +156,6 @@ TEST(BpfPermissionHelper, WhereAFileGetsACapabilityTheQuestionSaysWhichAndHowToT
                                         : "Error: No administrator rights. Please run by hand: "
                                           "sudo /opt/helper");
   }
-}
-
-TEST(BpfDeviceAccess, TheFirstDeviceThatIsThereDecides) {
-  const ScratchFolder folder;
-  const auto isGranted = [&] {
-    return BpfDeviceAccess(nullptr, folder.path, (folder.path / "bpf").string()).isGranted();
-  };
-  EXPECT_FALSE(isGranted());
-  std::ofstream(folder.path / "bpf256") << "";
-  EXPECT_FALSE(isGranted());
-  std::ofstream(folder.path / "bpf255") << "";
-  EXPECT_TRUE(isGranted());
-  // Unreadable for root too: a link to itself.
-  fs::create_symlink("bpf0", folder.path / "bpf0");
-  EXPECT_FALSE(isGranted());
-}
-
-constexpr const char* kPropertyList =
-    R"(<?xml version="1.0" encoding="UTF-8"?>
-<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
-<plist version="1.0">
-<dict>
-    <key>Label</key>
-    <string>com.korvel.tarnlink.chmodbpf</string>
-    <key>ProgramArguments</key>
-    <array>
-        <string>/bin/sh</string>
-        <string>-c</string>
-        <string>chgrp admin /dev/bpf* 2>/dev/null; chmod g+rw /dev/bpf*</string>
-    </array>
-    <key>RunAtLoad</key>
-    <true/>
-    <key>KeepAlive</key>
-    <false/>
-</dict>
-</plist>)";
-
-TEST(BpfDeviceAccess, OnlyASuccessfulInstallationTakesItsFileAway) {
-  const ScratchFolder folder;
-  const auto folderWithQuote = folder.path / "a\"b\\c";
-  const auto draft = folderWithQuote / "com.korvel.tarnlink.chmodbpf.plist";
-  const std::string daemon = "'/Library/LaunchDaemons/com.korvel.tarnlink.chmodbpf.plist'";
-  // As it must stand in an AppleScript literal.
-  const std::string escapedDraft =
-      folder.path.string() + R"(/a\"b\\c/com.korvel.tarnlink.chmodbpf.plist)";
-  const std::string line = "cp '" + escapedDraft + "' " + daemon + " && chown root:wheel " +
-                           daemon + " && chmod 644 " + daemon + " && launchctl load " + daemon +
-                           " 2>/dev/null; chgrp admin /dev/bpf* 2>/dev/null; chmod g+rw /dev/bpf*";
-  const auto install = [&](const ProcessOutcome& answer) {
-    const std::vector<std::string> argv{
-        "/usr/bin/osascript", "-e",
-        "do shell script \"" + line + "\" with administrator privileges"};
-    return BpfDeviceAccess(std::make_unique<ScriptedProcessRunner>(
-                               std::vector<test::ScriptedCommand>{{argv, answer}}),
-                           folderWithQuote)
-        .install();
-  };
-
-  BpfDeviceAccess nowhere(
-      std::make_unique<ScriptedProcessRunner>(std::vector<test::ScriptedCommand>{}),
-      folderWithQuote);
-  EXPECT_EQ(nowhere.install().error(), (AdminError{ENOENT, "No such file or directory"}));
-
-  fs::create_directory(folderWithQuote);
-  EXPECT_EQ(install(outcome(1, "", "execution error: User canceled. (-128)\n")).error(),
-            (AdminError{-128, "Benutzer hat abgebrochen"}));
-  EXPECT_EQ(contentOf(draft), kPropertyList);
-  EXPECT_TRUE(install(outcome(0)));
-  EXPECT_TRUE(fs::is_empty(folderWithQuote));
 }
 
 /// What isGranted() says in a process of that user, who holds nothing.

@@ -25,11 +25,11 @@ struct Case {
   VlanResult<std::string> expected;
 };
 
-void check(const Case& c, const VlanDialect& dialect, AdminRights rights,
-           const std::string& parent) {
+void check(const Case& c, const AdminPrompt& prompt) {
   SCOPED_TRACE(c.situation);
-  VlanInterfaceHelper helper(std::make_unique<ScriptedProcessRunner>(c.script), dialect, rights);
-  const auto result = helper.ensureVlanInterface(parent, 100);
+  VlanInterfaceHelper helper(std::make_unique<ScriptedProcessRunner>(c.script), kLinuxVlanDialect,
+                             prompt);
+  const auto result = helper.ensureVlanInterface("eth0", 100);
   EXPECT_EQ(result ? *result : "", c.expected ? *c.expected : "");
   EXPECT_EQ(result.error().code, c.expected.error().code);
   EXPECT_EQ(result.error().description, c.expected.error().description);
@@ -117,7 +117,7 @@ TEST(VlanInterfaceHelper, LinuxAsksOnceForEachCommandLine) {
        existing(linkText("eth1", 100), {{kProbeParent, kMissing}}),
        VlanError{1, kNotCreated + ": das Interface eth0 gibt es nicht"}},
   };
-  for (const auto& c : cases) check(c, kLinuxVlanDialect, AdminRights::pkexec, "eth0");
+  for (const auto& c : cases) check(c, kPkexecPrompt);
 }
 
 TEST(VlanInterfaceHelper, WhatCannotBeRunsNothing) {
@@ -136,7 +136,7 @@ TEST(VlanInterfaceHelper, WhatCannotBeRunsNothing) {
        {1, "vlan-Interface vlan4095 konnte nicht erstellt werden: VLAN-IDs sind 1 bis 4094"}},
   };
   VlanInterfaceHelper helper(std::make_unique<ScriptedProcessRunner>(Script{}), kLinuxVlanDialect,
-                             AdminRights::held);
+                             kRightsHeld);
   for (const auto& c : cases) {
     EXPECT_EQ(helper.ensureVlanInterface(c.parent, c.vid).error(), c.expected);
   }
@@ -153,7 +153,7 @@ TEST(VlanInterfaceHelper, WithRightsHeldTheLinkItselfDecides) {
       {"there but not up", missing({{kCreateHeld, failed}, {kProbe, kOk}}),
        VlanError{2, "vlan100: Network is down"}},
   };
-  for (const auto& c : cases) check(c, kLinuxVlanDialect, AdminRights::held, "eth0");
+  for (const auto& c : cases) check(c, kRightsHeld);
 }
 
 TEST(VlanInterfaceHelper, ARefusedPromptIsNotPutUpAgainAtOnce) {
@@ -162,7 +162,7 @@ TEST(VlanInterfaceHelper, ARefusedPromptIsNotPutUpAgainAtOnce) {
   for (const auto& probe : missing({})) script.push_back(probe);
   for (const auto& step : existing(linkText("eth0", 100))) script.push_back(step);
   VlanInterfaceHelper helper(std::make_unique<ScriptedProcessRunner>(script), kLinuxVlanDialect,
-                             AdminRights::pkexec);
+                             kPkexecPrompt);
   const std::string unanswered = "Niemand hat die Administratorabfrage beantwortet";
   EXPECT_EQ(helper.ensureVlanInterface("eth0", 100).error(),
             (VlanError{kAdminUnanswered, unanswered}));
@@ -184,7 +184,7 @@ TEST(VlanInterfaceHelper, OnlyALinkThatLacksNothingIsReady) {
   for (const auto& [text, isReady] : cases) {
     VlanInterfaceHelper helper(
         std::make_unique<ScriptedProcessRunner>(Script{{kReadBack, outcome(0, text)}}),
-        kLinuxVlanDialect, AdminRights::pkexec);
+        kLinuxVlanDialect, kPkexecPrompt);
     EXPECT_EQ(helper.readyVlanInterface("eth0", 100).has_value(), isReady) << text;
   }
 }
@@ -249,35 +249,6 @@ TEST(PromptRefusals, HoldForAMinuteAndThreeForAllLinks) {
   EXPECT_EQ(refusals.standing("vlan8", start + 80s),
             (AdminError{kAdminCancelled, "no; die nächste Abfrage ist in 40 s möglich"}));
   EXPECT_EQ(refusals.standing("vlan8", start + 120s), std::nullopt);
-}
-
-TEST(VlanInterfaceHelper, BsdSpeaksIfconfig) {
-  const auto prompt = [](const std::string& line) -> Argv {
-    return {"/usr/bin/osascript", "-e",
-            "do shell script \"" + line + "\" with administrator privileges"};
-  };
-  const Argv probe{"/bin/sh", "-c", "ifconfig vlan100"};
-  const Argv readBack{"/sbin/ifconfig", "vlan100"};
-  const Argv create =
-      prompt("ifconfig vlan100 create; ifconfig vlan100 vlan 100 vlandev en0; ifconfig vlan100 up");
-  const Argv destroy = prompt("ifconfig vlan100 destroy");
-  const auto link = [&](const std::string& line) {
-    return ScriptedCommand{readBack, outcome(0, "vlan100: mtu 1500\n\t" + line + "\n\tactive\n")};
-  };
-  const Case cases[] = {
-      {"reused", {{probe, kOk}, link("vlan: 100 parent interface: en0")}, kName},
-      {"wrong parent",
-       {{probe, kOk},
-        link("vlan: 100 parent interface: en1"),
-        {destroy, kOk},
-        {create, kOk},
-        {probe, kOk}},
-       kName},
-      {"unreadable, and kept by the user",
-       {{probe, kOk}, link("vlan: 65636 parent interface: en0"), {destroy, outcome(1, "", "-128")}},
-       kCancelled},
-  };
-  for (const auto& c : cases) check(c, kBsdVlanDialect, AdminRights::osascript, "en0");
 }
 
 }  // namespace

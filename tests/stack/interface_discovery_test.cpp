@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include <algorithm>
 #include <cstdlib>
 
 #include "tests/support/network_namespace.h"
@@ -57,41 +56,6 @@ TEST(InterfaceSelection, NamesWithoutADisplayNameGetTheFallback) {
     shown.push_back(info.displayName);
   }
   EXPECT_THAT(shown, ElementsAre("Station bus", "Ethernet (en5)", "eth3", "Cellular (pdp_ip0)"));
-}
-
-// length, family, index, type, name length, address length, selector length, the name, kMac.
-Bytes bsdAddress(std::uint8_t length, std::uint8_t nameLength, std::uint8_t addressLength) {
-  const Bytes head{length, 18, 4, 0, 6, nameLength, addressLength, 0};
-  Bytes address(head.size() + nameLength + kMac.size(), 'n');
-  std::copy(head.begin(), head.end(), address.begin());
-  std::copy(kMac.rbegin(), kMac.rend(), address.rbegin());
-  return address;
-}
-
-TEST(BsdLinkLayerAddress, HoldsItsMacBehindTheName) {
-  const struct {
-    const char* situation;
-    Bytes address;
-    std::optional<MacAddress> mac;
-  } cases[] = {
-      {"usual", bsdAddress(20, 3, 6), kMac},
-      {"eight-octet address", bsdAddress(20, 3, 8), kMac},
-      {"length field below the structure's size", bsdAddress(8, 6, 6), kMac},
-      {"MAC ends behind the structure", bsdAddress(20, 7, 6), std::nullopt},
-      {"long name in a long structure", bsdAddress(21, 7, 6), kMac},
-      {"five-octet address", bsdAddress(20, 3, 5), std::nullopt},
-  };
-  for (const auto& [situation, address, mac] : cases) {
-    EXPECT_EQ(Discovery::macBytesFromSockaddrDL(address), mac) << situation;
-  }
-  const auto whole = bsdAddress(20, 3, 6);
-  for (std::size_t length = 0; length < whole.size(); ++length) {
-    // A heap copy of exactly this length, so that the address sanitizer sees a read behind it.
-    Bytes cut = whole;
-    cut.resize(length);
-    cut.shrink_to_fit();
-    EXPECT_FALSE(Discovery::macBytesFromSockaddrDL(cut)) << length;
-  }
 }
 
 class SystemInterfaces : public test::ProcessBusTest {};

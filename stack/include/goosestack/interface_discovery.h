@@ -9,7 +9,6 @@
 #include <string_view>
 #include <vector>
 
-#include "goosestack/bytes.h"
 #include "goosestack/mac_address.h"
 #include "goosestack/network_interface_info.h"
 
@@ -56,11 +55,6 @@ class InterfaceDiscovery {
   static std::vector<NetworkInterfaceInfo> selectEthernetInterfaces(
       std::span<const LinkLayerEntry> entries,
       const std::map<std::string, std::string>& displayNames);
-
-  /// The MAC in a BSD link-layer socket address (sockaddr_dl: length, family, index(2), type, name
-  /// length, address length, selector length, data); nothing when it holds fewer than 6 octets or
-  /// they would lie outside it.
-  static std::optional<MacAddress> macBytesFromSockaddrDL(ByteView address);
 
  private:
   /// The system's link-layer entries in list order; empty when they cannot be read. One

@@ -1,11 +1,14 @@
-#include "app/host/bpf_device_access.h"
+#include "macos/bpf_device_access.h"
 
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <string_view>
+#include <system_error>
 #include <utility>
+
+#include "macos/osascript_prompt.h"
 
 namespace tarnlink {
 namespace {
@@ -15,7 +18,8 @@ using boost::system::error_code;
 
 constexpr int kDevices = 256;
 
-const std::string kLabel = std::string(kApplicationIdentifier) + ".chmodbpf";
+// The application's reverse-DNS identifier and what the daemon does.
+const std::string kLabel = "com.korvel.tarnlink.chmodbpf";
 const std::string kDaemonFile = "/Library/LaunchDaemons/" + kLabel + ".plist";
 
 // The group's change may fail where a device is busy; the access rights still help its owner.
@@ -97,8 +101,7 @@ AdminResult BpfDeviceAccess::install() {
   if (const auto error = replaceFile(draft, propertyList())) {
     return AdminError{error.value(), error.message()};
   }
-  auto done =
-      runAsAdmin(*runner_, AdminRights::osascript, installLine(draft.string(), kDaemonFile));
+  auto done = runAsAdmin(*runner_, kOsascriptPrompt, installLine(draft.string(), kDaemonFile));
   if (!done) return done;
   std::error_code ignored;
   fs::remove(draft, ignored);
