@@ -1,14 +1,12 @@
 #include "macos/bpf_device_access.h"
 
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdlib>
 #include <string_view>
 #include <system_error>
 #include <utility>
 
 #include "macos/osascript_prompt.h"
+#include "platform/posix.h"
 
 namespace tarnlink {
 namespace {
@@ -57,26 +55,18 @@ std::string installLine(const std::string& source, const std::string& target) {
          std::string(kGiveAccess);
 }
 
-error_code writeAll(int file, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t count = ::write(file, text.data(), text.size());
-    if (count < 0 && errno != EINTR) return {errno, boost::system::system_category()};
-    if (count > 0) text.remove_prefix(static_cast<std::size_t>(count));
-  }
-  return {};
-}
-
 // In one step: readers see the whole text or what was there before.
 error_code replaceFile(const fs::path& path, std::string_view text) {
   std::string draft = path.string() + ".XXXXXX";
-  const int file = ::mkstemp(draft.data());
-  if (file < 0) return {errno, boost::system::system_category()};
-  error_code error = writeAll(file, text);
-  if (::close(file) != 0 && !error) error = {errno, boost::system::system_category()};
-  if (!error && ::rename(draft.c_str(), path.c_str()) != 0) {
-    error = {errno, boost::system::system_category()};
+  const UniqueFd file(::mkstemp(draft.data()));
+  if (!file) return lastError();
+  const auto size = static_cast<ssize_t>(text.size());  // Small: a regular file takes it whole.
+  error_code error;
+  if (::write(file.get(), text.data(), text.size()) != size ||
+      ::rename(draft.c_str(), path.c_str()) != 0) {
+    error = lastError();
+    ::unlink(draft.c_str());
   }
-  if (error) ::unlink(draft.c_str());
   return error;
 }
 

@@ -2,7 +2,6 @@
 
 #include <avahi-common/error.h>
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <new>
@@ -11,38 +10,29 @@
 
 namespace tarnlink {
 
-AvahiLoop::AvahiLoop() : poll_(::avahi_simple_poll_new()) {
-  if (poll_ == nullptr) throw std::bad_alloc();
-  wake_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (wake_ < 0) {
-    const int error = errno;
-    ::avahi_simple_poll_free(poll_);
-    throw std::system_error(error, std::generic_category(), "eventfd");
-  }
-  // Never read, so that a request which comes between two turns ends the next one too.
+AvahiLoop::AvahiLoop()
+    : wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), poll_(::avahi_simple_poll_new()) {
+  if (!wake_) throw std::system_error(errno, std::generic_category(), "eventfd");
+  if (!poll_) throw std::bad_alloc();
+  // Never read, so that a request which comes between two iterations ends the next one too.
   api()->watch_new(
-      api(), wake_, AVAHI_WATCH_IN, [](AvahiWatch*, int, AvahiWatchEvent, void*) {}, nullptr);
-}
-
-AvahiLoop::~AvahiLoop() {
-  ::avahi_simple_poll_free(poll_);
-  ::close(wake_);
+      api(), wake_.get(), AVAHI_WATCH_IN, [](AvahiWatch*, int, AvahiWatchEvent, void*) {}, nullptr);
 }
 
 const AvahiPoll* AvahiLoop::api() const {
-  return ::avahi_simple_poll_get(poll_);
+  return ::avahi_simple_poll_get(poll_.get());
 }
 
 void AvahiLoop::run() {
   while (!isQuit_ && !isAskedToStop_) {
-    if (::avahi_simple_poll_iterate(poll_, -1) != 0) break;
+    if (::avahi_simple_poll_iterate(poll_.get(), -1) != 0) break;
   }
   isQuit_ = false;
 }
 
 void AvahiLoop::askToStop() {
   isAskedToStop_ = true;
-  ::eventfd_write(wake_, 1);
+  ::eventfd_write(wake_.get(), 1);
 }
 
 AvahiThread::AvahiThread(std::function<void(AvahiLoop&)> work)

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "platform/dns_sd.h"
+#include "platform/posix.h"
 
 namespace tarnlink {
 
@@ -21,9 +22,6 @@ class AvahiLoop {
  public:
   /// Throws std::system_error where the process is out of descriptors.
   AvahiLoop();
-  ~AvahiLoop();
-  AvahiLoop(const AvahiLoop&) = delete;
-  AvahiLoop& operator=(const AvahiLoop&) = delete;
 
   const AvahiPoll* api() const;
 
@@ -35,8 +33,12 @@ class AvahiLoop {
   bool isAskedToStop() const { return isAskedToStop_; }
 
  private:
-  AvahiSimplePoll* poll_;
-  int wake_;
+  struct PollFree {
+    void operator()(AvahiSimplePoll* poll) const { ::avahi_simple_poll_free(poll); }
+  };
+
+  UniqueFd wake_;
+  std::unique_ptr<AvahiSimplePoll, PollFree> poll_;
   bool isQuit_ = false;
   std::atomic<bool> isAskedToStop_ = false;
 };

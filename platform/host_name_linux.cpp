@@ -3,31 +3,21 @@
 #include "platform/host_name.h"
 
 #include <limits.h>
-#include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <array>
 #include <boost/locale/utf.hpp>
-#include <cstdint>
 #include <fstream>
-#include <memory>
 #include <string_view>
+
+#include "platform/system_bus_linux.h"
 
 namespace tarnlink {
 namespace {
 
-using Clock = std::chrono::steady_clock;
 namespace utf = boost::locale::utf;
 
 constexpr std::string_view kPrettyHostname = "PRETTY_HOSTNAME=";
-
-struct BusClose {
-  // Not flushing: nothing left in the queue is worth waiting for.
-  void operator()(sd_bus* bus) const { ::sd_bus_close_unref(bus); }
-};
-struct MessageUnref {
-  void operator()(sd_bus_message* message) const { ::sd_bus_message_unref(message); }
-};
 
 bool isName(std::string_view text) {
   const char* at = text.data();
@@ -39,50 +29,12 @@ bool isName(std::string_view text) {
   return !text.empty();
 }
 
-struct Answer {
-  bool came = false;
-  std::string text;
-};
-
-int onReply(sd_bus_message* reply, void* context, sd_bus_error*) {
-  auto& answer = *static_cast<Answer*>(context);
-  answer.came = true;
-  const char* text = nullptr;
-  if (::sd_bus_message_is_method_error(reply, nullptr) == 0 &&
-      ::sd_bus_message_read(reply, "v", "s", &text) >= 0) {
-    answer.text = text;
-  }
-  return 0;
-}
-
-// Asked without the library's blocking calls: they wait for the bus's greeting without a limit.
-std::string askHostnamed(Clock::time_point deadline) {
-  sd_bus* rawBus = nullptr;
-  if (::sd_bus_open_system(&rawBus) < 0) return {};
-  const std::unique_ptr<sd_bus, BusClose> bus(rawBus);
-  sd_bus_message* rawCall = nullptr;
-  if (::sd_bus_message_new_method_call(rawBus, &rawCall, "org.freedesktop.hostname1",
-                                       "/org/freedesktop/hostname1",
-                                       "org.freedesktop.DBus.Properties", "Get") < 0) {
-    return {};
-  }
-  const std::unique_ptr<sd_bus_message, MessageUnref> call(rawCall);
-  // Started for this question alone, it would only read the file that is read next.
-  ::sd_bus_message_set_auto_start(rawCall, 0);
-  Answer answer;
-  if (::sd_bus_message_append(rawCall, "ss", "org.freedesktop.hostname1", "PrettyHostname") < 0 ||
-      ::sd_bus_call_async(rawBus, nullptr, rawCall, &onReply, &answer, UINT64_MAX) < 0) {
-    return {};
-  }
-  while (!answer.came) {
-    const int processed = ::sd_bus_process(rawBus, nullptr);
-    const auto left =
-        std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now());
-    if (processed < 0 || left.count() <= 0) break;
-    if (processed > 0) continue;
-    if (::sd_bus_wait(rawBus, static_cast<std::uint64_t>(left.count())) < 0) break;
-  }
-  return answer.text;
+std::string askHostnamed(std::chrono::steady_clock::time_point deadline) {
+  constexpr const char* kHostname = "org.freedesktop.hostname1";
+  return SystemBus(deadline)
+      .getAll(kHostname, {"/org/freedesktop/hostname1"}, kHostname)
+      .front()
+      .get<std::string>("PrettyHostname");
 }
 
 // os-release(5): a value may be quoted as in a shell, without expansion.
@@ -127,8 +79,7 @@ std::string kernelName() {
 
 std::optional<std::string> userVisibleHostName(std::chrono::milliseconds limit,
                                                const std::filesystem::path& machineInfo) {
-  const auto deadline = Clock::now() + limit;
-  if (auto name = askHostnamed(deadline); isName(name)) return name;
+  if (auto name = askHostnamed(std::chrono::steady_clock::now() + limit); isName(name)) return name;
   if (auto name = readMachineInfo(machineInfo); isName(name)) return name;
   if (auto name = kernelName(); isName(name)) return name;
   return std::nullopt;

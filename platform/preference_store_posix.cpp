@@ -2,10 +2,8 @@
 #include <pwd.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <boost/system/result.hpp>
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -14,13 +12,13 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
+#include "platform/posix.h"
 #include "platform/preference_store.h"
 
 namespace tarnlink {
 namespace {
 
 namespace fs = std::filesystem;
-using boost::system::error_code;
 using boost::system::result;
 using Json = nlohmann::ordered_json;  // Keeps the members' order.
 
@@ -29,29 +27,6 @@ constexpr int kMaxNesting = 64;         // A deeper document is damaged: writing
 constexpr int kMaxDamagedFiles = 1000;  // Then nothing is stored until somebody tidies up.
 constexpr std::chrono::milliseconds kLockLimit{1000};  // Holders need a few milliseconds.
 constexpr std::chrono::milliseconds kLockPause{5};
-
-error_code lastError() {
-  return {errno, boost::system::system_category()};
-}
-error_code errorOf(int number) {
-  return {number, boost::system::system_category()};
-}
-
-class Descriptor {
- public:
-  explicit Descriptor(int number) : number_(number) {}
-  ~Descriptor() {
-    if (number_ >= 0) ::close(number_);
-  }
-  Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
-  Descriptor& operator=(Descriptor&&) = delete;
-
-  explicit operator bool() const { return number_ >= 0; }
-  int number() const { return number_; }
-
- private:
-  int number_;
-};
 
 fs::path withSuffix(fs::path file, std::string_view suffix) {
   return file += suffix;
@@ -72,12 +47,11 @@ result<void> makePrivateDirectories(const fs::path& directory) {
 
 // The lock lives as long as the descriptor, also between threads of one process: each call opens
 // a file description of its own.
-result<Descriptor> lockFile(const fs::path& path) {
-  Descriptor lock(
-      ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR));
+result<UniqueFd> lockFile(const fs::path& path) {
+  UniqueFd lock(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR));
   if (!lock) return lastError();
   const auto deadline = std::chrono::steady_clock::now() + kLockLimit;
-  while (::flock(lock.number(), LOCK_EX | LOCK_NB) != 0) {
+  while (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
     if (errno != EWOULDBLOCK && errno != EINTR) return lastError();
     if (std::chrono::steady_clock::now() >= deadline) return errorOf(ETIMEDOUT);
     std::this_thread::sleep_for(kLockPause);
@@ -88,18 +62,18 @@ result<Descriptor> lockFile(const fs::path& path) {
 // The file's octets; nothing when there is no file.
 result<std::optional<std::string>> readFile(const fs::path& path) {
   // Not blocking, so that a FIFO in the file's place does not hold the caller.
-  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!file) {
     if (errno == ENOENT) return std::optional<std::string>();
     return lastError();
   }
   struct stat status {};
-  if (::fstat(file.number(), &status) != 0) return lastError();
+  if (::fstat(file.get(), &status) != 0) return lastError();
   if (!S_ISREG(status.st_mode)) return errorOf(S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
   std::string octets;
   char block[4096];
   while (true) {
-    const ssize_t count = ::read(file.number(), block, sizeof block);
+    const ssize_t count = ::read(file.get(), block, sizeof block);
     if (count == 0) return std::optional<std::string>(std::move(octets));
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) return lastError();
@@ -126,16 +100,16 @@ std::optional<std::string> textOf(const Json& object, std::string_view key) {
   return found->get<std::string>();
 }
 
-result<void> writeAndSync(const Descriptor& file, std::string_view octets) {
+result<void> writeAndSync(const UniqueFd& file, std::string_view octets) {
   // A left-over of a crash may have another mode.
-  if (::fchmod(file.number(), S_IRUSR | S_IWUSR) != 0) return lastError();
+  if (::fchmod(file.get(), S_IRUSR | S_IWUSR) != 0) return lastError();
   while (!octets.empty()) {
-    const ssize_t count = ::write(file.number(), octets.data(), octets.size());
+    const ssize_t count = ::write(file.get(), octets.data(), octets.size());
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) return lastError();
     octets.remove_prefix(static_cast<std::size_t>(count));
   }
-  if (::fsync(file.number()) != 0) return lastError();
+  if (::fsync(file.get()) != 0) return lastError();
   return {};
 }
 
@@ -143,7 +117,7 @@ result<void> writeAndSync(const Descriptor& file, std::string_view octets) {
 // because all writers use the one temporary name.
 result<void> replaceFile(const fs::path& path, std::string_view octets) {
   const fs::path temporary = withSuffix(path, ".tmp");
-  const Descriptor file(::open(
+  const UniqueFd file(::open(
       temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR));
   if (!file) return lastError();
   auto written = writeAndSync(file, octets);
@@ -153,9 +127,8 @@ result<void> replaceFile(const fs::path& path, std::string_view octets) {
     return written;
   }
   // The new name is in place; a directory that cannot be synced only delays it to the disk.
-  const Descriptor directory(
-      ::open(path.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (directory) ::fsync(directory.number());
+  const UniqueFd directory(::open(path.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (directory) ::fsync(directory.get());
   return {};
 }
 

@@ -1,9 +1,9 @@
 // capabilities(7) through libcap.
 #include <sys/capability.h>
 
-#include <cerrno>
 #include <memory>
 
+#include "platform/posix.h"
 #include "platform/process_capabilities.h"
 
 namespace tarnlink {
@@ -13,10 +13,6 @@ struct CapFree {
   void operator()(cap_t set) const { ::cap_free(set); }
 };
 using CapabilitySet = std::unique_ptr<std::remove_pointer_t<cap_t>, CapFree>;
-
-boost::system::error_code lastError() {
-  return {errno, boost::system::system_category()};
-}
 
 bool holds(const CapabilitySet& set, cap_value_t capability, cap_flag_t flag) {
   cap_flag_value_t value = CAP_CLEAR;

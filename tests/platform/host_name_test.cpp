@@ -38,11 +38,11 @@ TEST(HostName, IsTheFirstUsableOfItsSources) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.situation);
     std::ofstream(file) << c.machineInfo << std::flush;
-    const test::BusService hostnamed("org.freedesktop.hostname1", "Get",
-                                     [name = std::string(c.hostnamed)](auto* call) {
-                                       if (name != kNoAnswer)
-                                         ::sd_bus_reply_method_return(call, "v", "s", name.c_str());
-                                     });
+    const test::BusService hostnamed(
+        "org.freedesktop.hostname1", "GetAll", [name = std::string(c.hostnamed)](auto* call) {
+          if (name == kNoAnswer) return;
+          ::sd_bus_reply_method_return(call, "a{sv}", 1, "PrettyHostname", "s", name.c_str());
+        });
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(userVisibleHostName(std::chrono::milliseconds(100), file), c.name);
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(300));
