@@ -20,10 +20,11 @@ ALLOWED = {
     "protocol": {"goosestack"},
     "websocket": set(),
     "platform": set(),
+    "client": {"protocol", "websocket", "platform", "goosestack"},
     "server": {"protocol", "websocket", "platform", "goosestack", "stack"},
-    "app": {"server", "protocol", "websocket", "platform", "goosestack", "stack"},
+    "app": {"server", "client", "protocol", "websocket", "platform", "goosestack", "stack"},
     "macos": {"app", "server", "platform", "goosestack", "stack"},
-    "tools": {"protocol", "websocket", "platform", "goosestack", "stack", "ber"},
+    "tools": {"client", "protocol", "websocket", "platform", "goosestack", "stack", "ber"},
 }
 PUBLIC_HEADERS = "stack/include/"
 OTHER_FOLDERS = {"tests", "bench", "fuzz"}

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "app/desktop/bridge_client.h"
+#include "app/desktop/bridge_link.h"
 #include "app/desktop/menu_model.h"
 #include "goosestack/log_sink.h"
 #include "platform/preference_store.h"
@@ -84,7 +84,7 @@ class BridgeSupervisor final : public QObject {
   const goosestack::LogSink log_;
   StateHandler handler_;  ///< Empty before start() and after stop().
   BridgeState state_;
-  BridgeClient client_;
+  BridgeLink client_;
   QProcess child_;
   QTimer launchTimer_;  ///< Until a dead child is started again.
   QTimer killTimer_;    ///< Until a child that has been asked to end is killed.

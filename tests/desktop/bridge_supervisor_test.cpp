@@ -9,10 +9,10 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <nlohmann/json.hpp>
 
 #include "platform/process_capabilities.h"
 #include "tests/support/network_namespace.h"
-#include "websocket/websocket_client.h"
 
 namespace tarnlink {
 namespace {
@@ -192,10 +192,10 @@ TEST_F(BridgeSupervision, AnInterfaceIsChosenByProtocolOrByPreference) {
 TEST_F(BridgeSupervision, GuessersDoNotKeepTheOwnerOut) {
   supervise(TARNLINKD);
   ASSERT_TRUE(awaitPhase(BridgePhase::running));
-  std::vector<WebSocketClient> guessers;
+  std::vector<BridgeClient> guessers;
   for (int i = 0; i < 12; ++i) {
-    guessers.push_back(WebSocketClient::connect("127.0.0.1", kPort).value());
-    EXPECT_TRUE(guessers.back().sendText(R"({"cmd":"auth","token":"000000"})"));
+    guessers.push_back(BridgeClient::connect({"127.0.0.1"}, kPort).value());
+    EXPECT_TRUE(guessers.back().send({{"cmd", "auth"}, {"token", "000000"}}));
   }
   EXPECT_TRUE(await([this] { return count("attempts wait for their turn") == 1; }));
   supervisor_->setActiveInterface("bus0");
@@ -206,7 +206,7 @@ TEST_F(BridgeSupervision, OnlyTheBridgeThatGotTheTokenIsBelieved) {
   supervise(TARNLINKD);
   ASSERT_TRUE(awaitPhase(BridgePhase::running));
   int heard = 0;
-  BridgeClient stranger(
+  BridgeLink stranger(
       {.onStatus = [&heard](const std::string&) { ++heard; }, .onError = {}, .onLost = [] {}});
   stranger.open({"127.0.0.1", kPort, "0123456789abcdef0123456789abcdef"});
   EXPECT_TRUE(await([this] { return count("auth failed") >= 2; })) << "it keeps trying";

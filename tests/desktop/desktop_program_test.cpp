@@ -8,11 +8,10 @@
 #include <iterator>
 #include <thread>
 
-#include "protocol/json_value.h"
+#include "client/bridge_client.h"
 #include "tests/desktop/desktop_session.h"
 #include "tests/desktop/status_bar_host.h"
 #include "tests/support/network_namespace.h"
-#include "websocket/websocket_client.h"
 
 namespace tarnlink {
 namespace {
@@ -45,22 +44,19 @@ class DesktopProgram : public ::testing::Test {
 class PairedClient {
  public:
   explicit PairedClient(const std::string& code)
-      : client_(WebSocketClient::connect("127.0.0.1", kPort).value()) {
+      : client_(BridgeClient::connect({"127.0.0.1"}, kPort).value()) {
     send(R"({"cmd":"auth","token":")" + code + "\"}");
     EXPECT_TRUE(await("auth_result").boolean("ok").value_or(false));
   }
   void send(const std::string& command) { EXPECT_TRUE(client_.sendText(command)); }
   /// The next event of that name, or of any when it is empty; an empty one when none comes.
   JsonObject await(const std::string& name) {
-    while (const auto message = client_.receive()) {
-      auto event = parseJsonObject(message->data);
-      if (event && (name.empty() || *event->string("event") == name)) return *event;
-    }
-    return {};
+    const auto event = name.empty() ? client_.next(5s) : client_.await(name);
+    return event ? event->members : JsonObject();
   }
 
  private:
-  WebSocketClient client_;
+  BridgeClient client_;
 };
 
 std::string codeIn(const std::string& label) {
@@ -128,7 +124,7 @@ TEST_F(DesktopProgram, TheMenuInAStatusBarDrivesTheBridge) {
   bar.sendEvent(menu.find("Beenden").id, "clicked");
   EXPECT_EQ(tarnlink_->awaitEnd(), "exit code 0");
   EXPECT_EQ(tarnlink_->count("[BridgeServer] Stopped"), 1);
-  EXPECT_FALSE(WebSocketClient::connect("127.0.0.1", kPort));
+  EXPECT_FALSE(BridgeClient::connect({"127.0.0.1"}, kPort));
 }
 
 TEST_F(DesktopProgram, WithoutAStatusBarAWindowShowsWhatTheMenuHas) {

@@ -11,12 +11,12 @@
 #include <utility>
 #include <vector>
 
+#include "client/bridge_client.h"
 #include "goosestack/ethernet_frame.h"
 #include "goosestack/goose_pdu.h"
 #include "stack/send_handle.h"
 #include "tests/support/daemon.h"
 #include "tests/support/network_namespace.h"
-#include "websocket/websocket_client.h"
 
 namespace tarnlink::test {
 
@@ -30,29 +30,22 @@ inline constexpr goosestack::MacAddress kSource{0x02, 0, 0, 0, 0, 0x09};
 class Client {
  public:
   explicit Client(const std::string& code, const std::string& host = "127.0.0.1")
-      : socket_(WebSocketClient::connect(host, 8765).value()) {
+      : client_(BridgeClient::connect({host}, 8765).value()) {
     if (code.empty()) return;
     say({{"cmd", "auth"}, {"token", code}});
     EXPECT_EQ(next("auth_result")["ok"], true);
   }
-  void say(const Json& command) { socket_.sendText(command.dump()).value(); }
+  void say(const Json& command) { sayText(command.dump()); }
+  void sayText(const std::string& text) { client_.sendText(text).value(); }
 
   /// The next event of that name; others before it are passed over. Null when the time is up.
-  Json next(const std::string& name, std::chrono::milliseconds patience = 5s) {
-    const auto deadline = std::chrono::steady_clock::now() + patience;
-    while (std::chrono::steady_clock::now() < deadline) {
-      auto message = socket_.receive(1s);
-      if (!message && message.error() == WebSocketClientError::timedOut) continue;
-      if (!message) return nullptr;
-      Json event = Json::parse(message->data);
-      if (event["event"] == name) return event;
-    }
-    return nullptr;
+  Json next(const std::string& name) {
+    const auto event = client_.await(name);
+    return event ? Json::parse(event->text) : Json();
   }
-  WebSocketClient& socket() { return socket_; }
 
  private:
-  WebSocketClient socket_;
+  BridgeClient client_;
 };
 
 inline goosestack::Bytes gooseFrame(std::uint32_t sqNum, std::uint16_t vlanId,

@@ -73,7 +73,7 @@ TEST_F(BridgeEndToEndTest, NoCodeThatAClientSendsIsEverInTheLog) {
     guesser.say({{"cmd", "auth"}, {"token", token}});
     EXPECT_EQ(guesser.next("auth_result")["ok"], false);
   }
-  guesser.socket().sendText("{\"cmd\":\"auth\",\"token\":\"" + code).value();
+  guesser.sayText("{\"cmd\":\"auth\",\"token\":\"" + code);
   EXPECT_EQ(guesser.next("error")["code"], -1);
   guesser.say({{"cmd", "subscribe_goose"}, {"token", code}});
   EXPECT_EQ(guesser.next("error")["code"], 7);
@@ -97,7 +97,7 @@ TEST_F(BridgeEndToEndTest, SigtermStopsInOrderWhileClientsListen) {
   daemon->signal(SIGTERM);
   EXPECT_EQ(daemon->waitForExit(2s), 0);
   EXPECT_EQ(daemon->log().back(), "[BridgeServer] Stopped");
-  EXPECT_FALSE(WebSocketClient::connect("127.0.0.1", 8765));
+  EXPECT_FALSE(BridgeClient::connect({"127.0.0.1"}, 8765));
 }
 
 }  // namespace

@@ -10,11 +10,13 @@
 #include <iterator>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "client/bridge_client.h"
 #include "goosestack/ethernet_frame.h"
 #include "goosestack/goose_pdu.h"
 #include "goosestack/sv_frame.h"
@@ -23,7 +25,6 @@
 #include "tests/support/hex_bytes.h"
 #include "tests/support/network_namespace.h"
 #include "tests/support/program.h"
-#include "websocket/websocket_client.h"
 
 namespace tarnlink::test {
 using namespace goosestack;
@@ -208,19 +209,15 @@ TEST_F(ToolsTest, SimulatedIedChangesOnDemandAndHearsTheBridge) {
 
 TEST_F(ToolsTest, SampledValuesAtFullRateReachASubscriberWithoutLoss) {
   constexpr std::size_t kSeconds = 3;
-  auto client = WebSocketClient::connect("127.0.0.1", 8765).value();
-  client.sendText(R"({"cmd":"auth","token":")" + code + "\"}").value();
-  client.sendText(R"({"cmd":"subscribe_sv"})").value();
+  auto client = BridgeClient::connect({"127.0.0.1"}, 8765).value();
+  client.authenticate(code).value();
+  client.send({{"cmd", "subscribe_sv"}}).value();
   ASSERT_TRUE(daemon->waitForLog("SV: capture started"));
   const auto begin = std::chrono::steady_clock::now();
   const auto ied = startIed({"--sv", "--no-goose", "--sv-rate", std::to_string(kSvRate), "--count",
                              std::to_string(kSvRate * kSeconds)});
   std::size_t received = 0;
-  while (received < kSvRate * kSeconds) {
-    const auto message = client.receive(2s);
-    if (!message) break;
-    if (message->data.find("\"sv_apdu\"") != std::string::npos) ++received;
-  }
+  while (received < kSvRate * kSeconds && client.await("sv_apdu", 2s)) ++received;
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
   EXPECT_EQ(ied->wait(), 0);
   EXPECT_THAT(ied->output(), HasSubstr("Sent " + std::to_string(kSvRate * kSeconds) + " frames\n"));

@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -154,12 +155,12 @@ Expected atTheBridge(const std::string& line) {
   const auto parsed = parseCtlLine(line);
   if (const auto* end = std::get_if<CtlEnd>(&parsed)) throw std::runtime_error(end->text);
   const auto text = std::visit(
-      [](const auto& command) -> std::optional<std::string> {
-        if constexpr (requires { commandText(command); }) return commandText(command).end();
+      [](const auto& command) -> std::string {
+        if constexpr (requires { commandOf(command); }) return commandOf(command).dump();
         return {};
       },
       std::get<CtlOptions>(parsed).command);
-  return std::get<Expected>(BridgeCommand::fromText(text.value()).value().payload);
+  return std::get<Expected>(BridgeCommand::fromText(text).value().payload);
 }
 
 TEST(TarnlinkctlCommands, PublicationArrivesWithEveryOption) {

@@ -1,5 +1,6 @@
 #include "tools/tarnlinkctl/arrival_probe.h"
 
+#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "tools/tarnlinkctl/printing.h"
@@ -12,7 +13,7 @@ ArrivalProbe::ArrivalProbe(BridgeSession session, MessageKind silent, bool isFil
 CtlResult<void> ArrivalProbe::look() {
   if (!std::exchange(hasSubscribed_, true)) {
     for (const char* command : {"subscribe_goose", "subscribe_sv"}) {
-      if (auto sent = session_.send(CommandText(command)); !sent) return sent;
+      if (auto sent = session_.send({{"cmd", command}}); !sent) return sent;
     }
   }
   while (true) {
@@ -30,9 +31,9 @@ CtlResult<void> ArrivalProbe::take(const BridgeEvent& event) {
     const auto* active = event.members.string("activeInterface");
     if (active && !active->empty()) interface_ = printable(*active);
   } else if (event.name == "goose_message" && !std::exchange(hasGoose_, true)) {
-    return session_.send(CommandText("unsubscribe_goose"));
+    return session_.send({{"cmd", "unsubscribe_goose"}});
   } else if (event.name == "sv_apdu" && !std::exchange(hasSampledValues_, true)) {
-    return session_.send(CommandText("unsubscribe_sv"));
+    return session_.send({{"cmd", "unsubscribe_sv"}});
   }
   return {};
 }

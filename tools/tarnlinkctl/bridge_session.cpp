@@ -1,6 +1,6 @@
 #include "tools/tarnlinkctl/bridge_session.h"
 
-#include <algorithm>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <utility>
 
@@ -17,17 +17,6 @@ std::string seconds(std::chrono::milliseconds time) {
   std::ostringstream text;
   text << std::chrono::duration<double>(time).count() << " s";
   return text.str();
-}
-
-boost::system::result<WebSocketClient> connectToAny(const CtlOptions& options) {
-  if (options.addresses.empty()) {
-    return WebSocketClient::connect(options.host, options.port, options.timeout);
-  }
-  const auto share = options.timeout / options.addresses.size();
-  for (std::size_t i = 0;; ++i) {
-    auto client = WebSocketClient::connect(options.addresses[i], options.port, share);
-    if (client || i + 1 == options.addresses.size()) return client;
-  }
 }
 
 }  // namespace
@@ -50,95 +39,66 @@ CtlError errorOf(const BridgeEvent& event) {
 }
 
 CtlResult<BridgeSession> BridgeSession::connect(const CtlOptions& options) {
-  const auto address = bridgeAddress(options);
-  auto client = connectToAny(options);
-  if (!client) {
-    return CtlError{CtlExit::connection, "no bridge at " + address + ": " +
-                                             client.error().message() +
-                                             adviceOnConnecting(client.error())};
-  }
-  return BridgeSession(std::move(*client), address, options.timeout);
+  const std::vector<std::string> host{options.host};
+  auto client = BridgeClient::connect(options.addresses.empty() ? host : options.addresses,
+                                      options.port, options.timeout);
+  if (client) return BridgeSession(std::move(*client), options);
+  return CtlError{CtlExit::connection, "no bridge at " + bridgeAddress(options) + ": " +
+                                           client.error().message() +
+                                           adviceOnConnecting(client.error())};
 }
 
-BridgeSession::BridgeSession(WebSocketClient client, std::string address,
-                             std::chrono::milliseconds timeout)
-    : client_(std::move(client)), address_(std::move(address)), timeout_(timeout) {}
+BridgeSession::BridgeSession(BridgeClient client, const CtlOptions& options)
+    : client_(std::move(client)), address_(bridgeAddress(options)), timeout_(options.timeout) {}
 
-CtlError BridgeSession::dropped(const boost::system::error_code& error) const {
+CtlError BridgeSession::failure(const boost::system::error_code& error) const {
+  if (error == boost::system::errc::illegal_byte_sequence) {
+    return {CtlExit::usage, "an argument is not UTF-8"};
+  }
+  if (error == WebSocketClientError::timedOut) {
+    return {CtlExit::connection,
+            "no answer from the bridge at " + address_ + " within " + seconds(timeout_) +
+                "\n  It may be waiting for a person, or for others who try codes: --timeout gives "
+                "it longer."};
+  }
   auto text = "connection to " + address_ + " lost: " + error.message();
   if (client_.closeCode() != 0) text += " (close code " + std::to_string(client_.closeCode()) + ")";
   return {CtlExit::connection,
           text + "\n  It has ended, or dropped this client: its log says why."};
 }
 
-CtlResult<void> BridgeSession::send(CommandText command) {
-  const auto text = command.integer("requestId", ++lastRequest_).end();
-  if (!text) return CtlError{CtlExit::usage, "an argument is not UTF-8"};
-  if (const auto sent = client_.sendText(*text, timeout_); !sent) return dropped(sent.error());
+CtlResult<void> BridgeSession::send(BridgeClient::Command command) {
+  if (const auto sent = client_.send(std::move(command)); !sent) return failure(sent.error());
   return {};
 }
 
 CtlResult<std::optional<BridgeEvent>> BridgeSession::next(std::chrono::milliseconds wait) {
-  auto message = client_.receive(wait);
-  if (!message) {
-    if (message.error() == WebSocketClientError::timedOut) return std::optional<BridgeEvent>();
-    return dropped(message.error());
-  }
-  BridgeEvent event{std::move(message->data), "", {}};
-  if (auto members = parseJsonObject(event.text)) event.members = std::move(*members);
-  if (const auto* name = event.members.string("event")) event.name = *name;
-  return std::optional(std::move(event));
+  auto event = client_.next(wait);
+  if (event) return std::optional(std::move(*event));
+  if (event.error() == WebSocketClientError::timedOut) return std::optional<BridgeEvent>();
+  return failure(event.error());
 }
 
-CtlResult<BridgeEvent> BridgeSession::nextBefore(Clock::time_point deadline) {
-  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-  auto event = next(std::max(left, std::chrono::milliseconds(0)));
-  if (!event) return event.error();
-  if (*event) return std::move(**event);
-  return CtlError{CtlExit::connection,
-                  "no answer from the bridge at " + address_ + " within " + seconds(timeout_) +
-                      "\n  It may be waiting for a person, or for others who try codes: "
-                      "--timeout gives it longer."};
+CtlResult<BridgeEvent> BridgeSession::answerOf(BridgeClient::Result<BridgeEvent> answer) const {
+  if (!answer) return failure(answer.error());
+  if (answer->name == "error") return errorOf(*answer);
+  return std::move(*answer);
 }
 
-CtlResult<BridgeEvent> BridgeSession::ask(CommandText command, std::string_view name,
+CtlResult<BridgeEvent> BridgeSession::ask(BridgeClient::Command command, std::string_view name,
                                           const Handler& onOther) {
-  const auto deadline = Clock::now() + timeout_;
-  if (const auto sent = send(std::move(command)); !sent) return sent.error();
-  const auto request = lastRequest_;
-  // This one is broadcast, too, for other clients' doings.
-  const bool pingsBehind = !knowsRequestIds_ && name == "bridge_status";
-  if (pingsBehind) {
-    if (const auto sent = send(CommandText("ping")); !sent) return sent.error();
-  }
-  BridgeEvent answer;
-  while (true) {
-    auto event = nextBefore(deadline);
-    if (!event) return event;
-    const auto answered = event->members.integer("requestId");
-    if (event->name == "error" && (answered || !knowsRequestIds_)) return errorOf(*event);
-    if (answered == request) return event;
-    if (pingsBehind && event->name == "pong") return answer;
-    if (!knowsRequestIds_ && event->name == name) {
-      if (!pingsBehind) return event;
-      answer = std::move(*event);
-    } else {
-      onOther(*event);
-    }
-  }
+  return answerOf(client_.ask(std::move(command), name, onOther));
 }
 
 CtlResult<BridgeEvent> BridgeSession::authenticate(std::string_view code) {
-  auto result = ask(std::move(CommandText("auth").text("token", std::string(code))), "auth_result");
-  if (!result) return result;
-  if (!result->members.boolean("ok").value_or(false)) {
+  auto result = answerOf(client_.authenticate(code));
+  if (result && !result->members.boolean("ok").value_or(false)) {
     return CtlError{CtlExit::authentication,
                     "the bridge at " + address_ +
                         " does not accept the pairing code\n  It may have a new one. 'tarnlinkd "
                         "--show-pairing-code' prints it there; 'tarnlinkctl pair CODE' remembers "
                         "it here."};
   }
-  knowsRequestIds_ = result->members.find("requestId") != nullptr;
   return result;
 }
 

@@ -1,18 +1,14 @@
-// One conversation with a bridge: commands out, events in.
+// The bridge's client as tarnlinkctl uses it: what goes wrong is said in words.
 #pragma once
 
 #include <boost/system/result.hpp>
 #include <chrono>
-#include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
 
-#include "protocol/json_value.h"
-#include "tools/tarnlinkctl/command_text.h"
+#include "client/bridge_client.h"
 #include "tools/tarnlinkctl/options.h"
-#include "websocket/websocket_client.h"
 
 namespace tarnlink {
 
@@ -24,54 +20,41 @@ struct CtlError {
 template <class T>
 using CtlResult = boost::system::result<T, CtlError>;
 
-struct BridgeEvent {
-  std::string text;  ///< As it came.
-  std::string name;
-  JsonObject members;
-};
-
 /// What an "error" event means to the user.
 CtlError errorOf(const BridgeEvent& event);
 
-/// Blocking; one thread.
-///
-/// Every command carries a "requestId", and what carries it back is the answer. Older
-/// bridges ignore it; there a command has ended when a ping that was sent behind it is answered.
+/// Blocking; one thread. The operations are BridgeClient's.
 class BridgeSession {
  public:
   using Clock = std::chrono::steady_clock;
-  using Handler = std::function<void(const BridgeEvent&)>;
+  using Handler = BridgeClient::Handler;
 
   static CtlResult<BridgeSession> connect(const CtlOptions& options);
 
   /// Leaves the answer to next(). A text that is not UTF-8 is bad usage.
-  CtlResult<void> send(CommandText command);
+  CtlResult<void> send(BridgeClient::Command command);
 
   /// The next event; nothing when none came within the time.
   CtlResult<std::optional<BridgeEvent>> next(std::chrono::milliseconds wait);
 
-  /// Sends the command and waits for the event that answers it, by name where the bridge is an
-  /// older one, or for an "error" event, also of a command before it. Others on the way go to
-  /// `onOther`.
+  /// The answer; an "error" event is an error here.
   CtlResult<BridgeEvent> ask(
-      CommandText command, std::string_view name,
+      BridgeClient::Command command, std::string_view name,
       const Handler& onOther = [](const BridgeEvent&) {});
 
   /// Sends the code; the answer's event when the bridge takes it.
   CtlResult<BridgeEvent> authenticate(std::string_view code);
 
-  void close() { (void)client_.close(); }
+  void close() { client_.close(); }
 
  private:
-  BridgeSession(WebSocketClient client, std::string address, std::chrono::milliseconds timeout);
-  CtlError dropped(const boost::system::error_code& error) const;
-  CtlResult<BridgeEvent> nextBefore(Clock::time_point deadline);
+  BridgeSession(BridgeClient client, const CtlOptions& options);
+  CtlError failure(const boost::system::error_code& error) const;
+  CtlResult<BridgeEvent> answerOf(BridgeClient::Result<BridgeEvent> answer) const;
 
-  WebSocketClient client_;
+  BridgeClient client_;
   std::string address_;
   std::chrono::milliseconds timeout_;
-  std::int64_t lastRequest_ = 0;
-  bool knowsRequestIds_ = false;  ///< As its answer to "auth" showed.
 };
 
 /// "host:port", as people read it and as codes are remembered.

@@ -1,61 +1,38 @@
 #include "tools/tarnlinkctl/command_text.h"
 
+#include <nlohmann/json.hpp>
+#include <optional>
+
 #include "protocol/base64.h"
 #include "protocol/json_value_codec.h"
 
 namespace tarnlink {
+namespace {
 
-CommandText::CommandText(std::string_view name) {
-  writer_.literal("{\"cmd\":");
-  writer_.string(name);
+using Command = BridgeClient::Command;
+
+template <class Value>
+void put(Command& command, const char* key, const std::optional<Value>& value) {
+  if (value) command[key] = *value;
 }
 
-void CommandText::member(std::string_view key) {
-  writer_.literal(",");
-  writer_.string(key);
-  writer_.literal(":");
+/// Left out when false, which is every flag's default.
+void putFlag(Command& command, const char* key, bool value) {
+  if (value) command[key] = true;
 }
 
-CommandText& CommandText::text(std::string_view key, const std::optional<std::string>& value) {
-  if (!value) return *this;
-  member(key);
-  writer_.string(*value);
-  return *this;
-}
-
-CommandText& CommandText::integer(std::string_view key, std::optional<std::int64_t> value) {
-  if (!value) return *this;
-  member(key);
-  auto run = writer_.begin(JsonRun::kMaxInteger);
-  run.integer(*value);
-  writer_.end(run);
-  return *this;
-}
-
-CommandText& CommandText::flag(std::string_view key, bool value) {
-  if (!value) return *this;
-  member(key);
-  writer_.literal("true");
-  return *this;
-}
-
-CommandText& CommandText::values(std::string_view key,
-                                 const std::vector<goosestack::GooseDataValue>& values) {
-  member(key);
-  writer_.literal("[");
-  for (std::size_t i = 0; i < values.size(); ++i) {
-    if (i != 0) writer_.literal(",");
-    toBridgeJson(values[i], writer_);
+Command arrayOf(const std::vector<goosestack::GooseDataValue>& values) {
+  auto array = Command::array();
+  for (const auto& value : values) {
+    JsonWriter writer;
+    toBridgeJson(value, writer);
+    // A text that is not UTF-8 is refused when it is sent.
+    array.push_back(writer.failed() ? Command("\xFF") : Command::parse(writer.text()));
   }
-  writer_.literal("]");
-  return *this;
+  return array;
 }
 
-std::optional<std::string> CommandText::end() {
-  writer_.literal("}");
-  if (writer_.failed()) return {};
-  return std::string(writer_.text());
-}
+}  // namespace
 
 std::string defaultDataSetRef(std::string_view goCBRef) {
   constexpr std::string_view kConstraint = "$GO$";
@@ -66,61 +43,60 @@ std::string defaultDataSetRef(std::string_view goCBRef) {
   return reference;
 }
 
-CommandText commandText(const SubscribeGooseCommand& command) {
-  CommandText text("subscribe_goose");
-  if (command.appId) text.text("appIdFilter", std::to_string(*command.appId));
-  text.text("goCBRefFilter", command.goCBRef);
-  return text;
+Command commandOf(const SubscribeGooseCommand& command) {
+  Command all{{"cmd", "subscribe_goose"}};
+  if (command.appId) all["appIdFilter"] = std::to_string(*command.appId);
+  put(all, "goCBRefFilter", command.goCBRef);
+  return all;
 }
 
-CommandText commandText(const SubscribeSvCommand& command) {
-  CommandText text("subscribe_sv");
-  text.integer("appIdFilter", command.appId);
-  return text;
+Command commandOf(const SubscribeSvCommand& command) {
+  Command all{{"cmd", "subscribe_sv"}};
+  put(all, "appIdFilter", command.appId);
+  return all;
 }
 
-CommandText commandText(const PublishCommand& command) {
-  CommandText text("publish_goose");
-  text.integer("appId", command.appId)
-      .text("goCBRef", command.goCBRef)
-      .text("dataSetRef", command.dataSetRef.value_or(defaultDataSetRef(command.goCBRef)))
-      .integer("confRev", command.confRev)
-      .text("goID", command.goId)
-      .text("interface", command.interface)
-      .integer("vlanId", command.vlanId)
-      .integer("vlanPriority", command.vlanPriority)
-      .text("dstMac", command.dstMac)
-      .text("srcMac", command.srcMac)
-      .text("retransmissionProfile", command.profile)
-      .integer("timeAllowedToLive", command.timeAllowedToLive)
-      .flag("test", command.test)
-      .flag("needsCommission", command.needsCommission)
-      .integer("stNum", command.stNum)
-      .integer("sqNum", command.sqNum)
-      .flag("lockStNum", command.lockStNum)
-      .flag("lockSqNum", command.lockSqNum)
-      .flag("strict", true)
-      .values("values", command.values);
-  return text;
+Command commandOf(const PublishCommand& command) {
+  Command all{{"cmd", "publish_goose"},
+              {"appId", command.appId},
+              {"goCBRef", command.goCBRef},
+              {"dataSetRef", command.dataSetRef.value_or(defaultDataSetRef(command.goCBRef))},
+              {"confRev", command.confRev}};
+  put(all, "goID", command.goId);
+  put(all, "interface", command.interface);
+  put(all, "vlanId", command.vlanId);
+  put(all, "vlanPriority", command.vlanPriority);
+  put(all, "dstMac", command.dstMac);
+  put(all, "srcMac", command.srcMac);
+  put(all, "retransmissionProfile", command.profile);
+  put(all, "timeAllowedToLive", command.timeAllowedToLive);
+  putFlag(all, "test", command.test);
+  putFlag(all, "needsCommission", command.needsCommission);
+  put(all, "stNum", command.stNum);
+  put(all, "sqNum", command.sqNum);
+  putFlag(all, "lockStNum", command.lockStNum);
+  putFlag(all, "lockSqNum", command.lockSqNum);
+  all["strict"] = true;
+  all["values"] = arrayOf(command.values);
+  return all;
 }
 
-CommandText commandText(const UnpublishCommand& command) {
-  CommandText text("unpublish_goose");
-  text.text("goCBRef", command.goCBRef);
-  return text;
+Command commandOf(const UnpublishCommand& command) {
+  Command all{{"cmd", "unpublish_goose"}};
+  put(all, "goCBRef", command.goCBRef);
+  return all;
 }
 
-CommandText commandText(const PublishSvCommand& command) {
+Command commandOf(const PublishSvCommand& command) {
   std::string encoded(base64Length(command.payload.size()), '\0');
   writeBase64(command.payload, encoded.data());
-  CommandText text("publish_sv_apdu");
-  text.text("pduBase64", encoded)
-      .text("interface", command.interface)
-      .text("dstMac", command.dstMac)
-      .integer("vlanId", command.vlanId)
-      .integer("vlanPriority", command.vlanPriority)
-      .flag("strict", true);
-  return text;
+  Command all{{"cmd", "publish_sv_apdu"}, {"pduBase64", encoded}};
+  put(all, "interface", command.interface);
+  put(all, "dstMac", command.dstMac);
+  put(all, "vlanId", command.vlanId);
+  put(all, "vlanPriority", command.vlanPriority);
+  all["strict"] = true;
+  return all;
 }
 
 }  // namespace tarnlink

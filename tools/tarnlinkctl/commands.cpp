@@ -1,5 +1,6 @@
 #include "tools/tarnlinkctl/commands.h"
 
+#include <nlohmann/json.hpp>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -96,8 +97,7 @@ CtlResult<void> CtlRun::operator()(const PingCommand&) {
   const auto now = std::chrono::system_clock::now().time_since_epoch();
   const auto stamp = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
   const auto begin = Clock::now();
-  const auto pong =
-      session->ask(std::move(CommandText("ping").integer("timestamp", stamp)), "pong");
+  const auto pong = session->ask({{"cmd", "ping"}, {"timestamp", stamp}}, "pong");
   const auto took = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - begin);
   if (!pong) return pong.error();
   session->close();
@@ -110,7 +110,7 @@ CtlResult<void> CtlRun::operator()(const PingCommand&) {
 CtlResult<void> CtlRun::operator()(const InterfacesCommand&) {
   auto session = authenticated();
   if (!session) return session.error();
-  const auto event = session->ask(CommandText("get_interfaces"), "interfaces");
+  const auto event = session->ask({{"cmd", "get_interfaces"}}, "interfaces");
   if (!event) return event.error();
   session->close();
   if (options_.json) {
@@ -128,7 +128,7 @@ CtlResult<void> CtlRun::operator()(const SetInterfaceCommand& command) {
   auto session = authenticated();
   if (!session) return session.error();
   if (!command.force) {
-    const auto known = session->ask(CommandText("get_interfaces"), "interfaces");
+    const auto known = session->ask({{"cmd", "get_interfaces"}}, "interfaces");
     if (!known) return known.error();
     std::string names;
     bool isThere = false;
@@ -147,8 +147,8 @@ CtlResult<void> CtlRun::operator()(const SetInterfaceCommand& command) {
   }
   BridgeEvent status;  // Told to all, and so no answer of its own where requests have numbers.
   const auto answer =
-      session->ask(std::move(CommandText("set_interface").text("interface", command.name)),
-                   "bridge_status", [&status](const BridgeEvent& event) { status = event; });
+      session->ask({{"cmd", "set_interface"}, {"interface", command.name}}, "bridge_status",
+                   [&status](const BridgeEvent& event) { status = event; });
   if (!answer) return answer.error();
   session->close();
   print(options_.json ? (status.text.empty() ? answer->text : status.text)

@@ -42,7 +42,7 @@ class CtlRun {
  private:
   std::unique_ptr<PreferenceStore> rememberedCodes();
   CtlResult<BridgeSession> authenticated();
-  CtlResult<void> changePublication(CommandText command, const std::string& done);
+  CtlResult<void> changePublication(BridgeClient::Command command, const std::string& done);
   CtlResult<void> waitUntil(BridgeSession::Clock::time_point deadline, BridgeSession& session);
   void showMessage(const BridgeEvent& event);
   CtlResult<void> printMessages(BridgeSession& session, MessageKind kind, bool isFiltered);

@@ -1,5 +1,6 @@
 // Publishing, GOOSE and Sampled Values.
 #include <algorithm>
+#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "tools/tarnlinkctl/ctl_run.h"
@@ -8,16 +9,16 @@
 namespace tarnlink {
 
 CtlResult<void> CtlRun::operator()(const PublishCommand& command) {
-  return changePublication(commandText(command), "publishing " + printable(command.goCBRef));
+  return changePublication(commandOf(command), "publishing " + printable(command.goCBRef));
 }
 
 CtlResult<void> CtlRun::operator()(const UnpublishCommand& command) {
   return changePublication(
-      commandText(command),
+      commandOf(command),
       "unpublished " + printable(command.goCBRef.value_or("whatever was published")));
 }
 
-CtlResult<void> CtlRun::changePublication(CommandText command, const std::string& done) {
+CtlResult<void> CtlRun::changePublication(BridgeClient::Command command, const std::string& done) {
   auto session = authenticated();
   if (!session) return session.error();
   const auto status = session->ask(std::move(command), "bridge_status");
@@ -36,14 +37,14 @@ CtlResult<void> CtlRun::operator()(const PublishSvCommand& command) {
   const auto start = BridgeSession::Clock::now();
   std::uint64_t sent = 0;
   while (true) {
-    if (const auto result = session->send(commandText(command)); !result) return result.error();
+    if (const auto result = session->send(commandOf(command)); !result) return result.error();
     if (++sent == command.count) break;
     const auto waited = waitUntil(start + command.interval * sent, *session);
     if (!waited) return waited.error();
     if (interrupted_) break;
   }
   // Commands are served in their order: what is wrong with any of them comes before this pong.
-  const auto served = session->ask(CommandText("ping"), "pong");
+  const auto served = session->ask({{"cmd", "ping"}}, "pong");
   if (!served) return served.error();
   session->close();
   print("sent " + std::to_string(sent) + (sent == 1 ? " frame of " : " frames of ") +

@@ -1,4 +1,5 @@
 // Subscriptions: messages are printed until their number or an interrupt ends it.
+#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "tools/tarnlinkctl/arrival_probe.h"
@@ -22,7 +23,7 @@ CtlResult<void> CtlRun::operator()(const SubscribeGooseCommand& command) {
   auto session = authenticated();
   if (!session) return session.error();
   messagesLeft_ = command.count;
-  const auto status = session->ask(commandText(command), "bridge_status",
+  const auto status = session->ask(commandOf(command), "bridge_status",
                                    [this](const BridgeEvent& event) { showMessage(event); });
   if (!status) return status.error();
   if (options_.json) {
@@ -37,9 +38,9 @@ CtlResult<void> CtlRun::operator()(const SubscribeSvCommand& command) {
   auto session = authenticated();
   if (!session) return session.error();
   messagesLeft_ = command.count;
-  if (const auto sent = session->send(commandText(command)); !sent) return sent.error();
+  if (const auto sent = session->send(commandOf(command)); !sent) return sent.error();
   // Commands are served in their order: a refusal would come before this pong.
-  const auto served = session->ask(CommandText("ping"), "pong",
+  const auto served = session->ask({{"cmd", "ping"}}, "pong",
                                    [this](const BridgeEvent& event) { showMessage(event); });
   if (!served) return served.error();
   if (!options_.json) errors_ << "subscribed" << std::endl;

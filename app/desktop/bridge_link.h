@@ -11,7 +11,7 @@
 #include <optional>
 #include <string>
 
-#include "websocket/websocket_client.h"
+#include "client/bridge_client.h"
 
 namespace tarnlink {
 
@@ -23,7 +23,7 @@ struct BridgeDoor {
 };
 
 /// The thread that draws. Keeps trying to be let in, and comes again when the connection is lost.
-class BridgeClient final : public QObject {
+class BridgeLink final : public QObject {
  public:
   struct Handlers {
     /// Let in, or told anew which interface is active.
@@ -31,7 +31,7 @@ class BridgeClient final : public QObject {
     std::function<void(const std::string& text)> onError;  ///< The bridge refused a command.
     std::function<void()> onLost;                          ///< After onStatus alone.
   };
-  explicit BridgeClient(Handlers handlers);
+  explicit BridgeLink(Handlers handlers);
 
   void open(BridgeDoor door);
   /// Tells nobody.
@@ -46,14 +46,13 @@ class BridgeClient final : public QObject {
   using Milliseconds = std::chrono::milliseconds;
 
   void tryToConnect();
-  void send(const char* command, const char* key, const std::string& value);
   void read();
-  void take(const std::string& message);
+  void take(const BridgeEvent& event);
   void lose();
 
   const Handlers handlers_;
   BridgeDoor door_;
-  std::optional<WebSocketClient> socket_;
+  std::optional<BridgeClient> client_;
   std::unique_ptr<QSocketNotifier> readable_;
   bool isAdmitted_ = false;
   Milliseconds delay_{};
