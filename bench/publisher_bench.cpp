@@ -23,8 +23,8 @@
 #include "bench/report.h"
 #include "bench/sample_traffic.h"
 #include "bench/wire.h"
-#include "goosestack/goose_publisher.h"
-#include "goosestack/punctual_thread.h"
+#include "goosestack/real_time_thread.h"
+#include "stack/goose_publisher.h"
 #include "tests/support/frame_recorder.h"
 #include "tests/support/network_namespace.h"
 #include "tests/support/run_awaitable.h"
@@ -225,7 +225,7 @@ class Contest {
   void sendBare() {
     bare_.handles->firstHandedOver = {};
     std::thread([&] {
-      askForPunctuality();
+      askForRealTime();
       bareLoop(*handle_, frame_, offsets_);
     }).join();
     collect(bare_, recorder_.frames(offsets_.size()), offsets_);
@@ -237,7 +237,7 @@ class Contest {
   std::vector<nanoseconds> offsets_ = offsetsOf(config_.retransmissionProfile);
   Series published_;
   Series bare_;
-  PunctualThread thread_;
+  RealTimeThread thread_;
   std::shared_ptr<GoosePublisher> publisher_;
   std::unique_ptr<SendHandle> handle_;
   Bytes frame_;

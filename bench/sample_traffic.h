@@ -17,7 +17,8 @@ inline constexpr double kSampleTime = 1715933730.125;
 inline constexpr std::size_t kSampleEventSize = 735;
 inline goosestack::Bytes eightValueFrame() {
   using Value = goosestack::GooseDataValue;
-  const std::vector<Value> values{
+  goosestack::GoosePdu pdu;
+  pdu.allData = {
       Value::boolean(true),
       Value::boolean(false),
       Value::bitString({false, true}),
@@ -27,21 +28,19 @@ inline goosestack::Bytes eightValueFrame() {
       Value::visibleString("closed"),
       Value::utcTime(goosestack::timeFromUnixSeconds(kSampleTime)),
   };
-  goosestack::GoosePduFields fields;
-  fields.header.appId = 0x1000;
-  fields.goCBRef = "IED1LD0/LLN0$GO$gcbEvents";
-  fields.timeAllowedToLive = 2000;
-  fields.datSet = "IED1LD0/LLN0$dsEvents";
-  fields.goId = "gcbEvents";
-  fields.stNum = 17;
-  fields.sqNum = 4711;
-  fields.confRev = 1;
-  fields.values = values;
-  fields.timestamp = goosestack::timeFromUnixSeconds(kSampleTime);
+  pdu.header.appId = 0x1000;
+  pdu.goCBRef = "IED1LD0/LLN0$GO$gcbEvents";
+  pdu.timeAllowedToLive = 2000;
+  pdu.datSet = "IED1LD0/LLN0$dsEvents";
+  pdu.goId = "gcbEvents";
+  pdu.stNum = 17;
+  pdu.sqNum = 4711;
+  pdu.confRev = 1;
+  pdu.timestamp = goosestack::timeFromUnixSeconds(kSampleTime);
   constexpr goosestack::MacAddress kDestination{0x01, 0x0C, 0xCD, 0x01, 0x00, 0x01};
   constexpr goosestack::MacAddress kSource{0x02, 0, 0, 0, 0, 0x01};
   return goosestack::EthernetFrame::build(kDestination, kSource, 0, 0,
-                                          goosestack::GoosePdu::encode(fields).value());
+                                          goosestack::GoosePdu::encode(pdu).value());
 }
 
 }  // namespace tarnlink::bench

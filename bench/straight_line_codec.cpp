@@ -6,7 +6,7 @@
 #include <cmath>
 #include <cstring>
 
-#include "stack/goose_data_tags.h"
+#include "stack/goose_pdu_tags.h"
 
 namespace tarnlink::bench {
 using namespace goosestack;

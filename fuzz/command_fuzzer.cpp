@@ -5,9 +5,9 @@
 
 #include "fuzz/json_judge.h"
 #include "fuzz/require.h"
+#include "goosestack/ethernet_frame.h"
 #include "goosestack/goose_pdu.h"
 #include "goosestack/interface_name.h"
-#include "goosestack/sv_frame.h"
 #include "protocol/base64.h"
 #include "protocol/bridge_command.h"
 #include "protocol/bridge_event_encoder.h"
@@ -111,17 +111,17 @@ void checkSchedule(const GoosePublishConfig& config) {
 void use(const GoosePublishConfig& config) {
   for (const GooseDataValue& value : config.values) checkValue(value);
   checkSchedule(config);
-  GoosePduFields fields;
-  fields.header.appId = config.appId;
-  fields.goCBRef = config.goCBRef;
-  fields.timeAllowedToLive = config.timeAllowedToLive;
-  fields.datSet = config.dataSetRef;
-  fields.goId = config.goId;
-  fields.stNum = config.initialStNum;
-  fields.sqNum = config.initialSqNum;
-  fields.confRev = config.confRev;
-  fields.values = config.values;
-  const auto payload = GoosePdu::encode(fields);
+  GoosePdu sent;
+  sent.header.appId = config.appId;
+  sent.goCBRef = config.goCBRef;
+  sent.timeAllowedToLive = config.timeAllowedToLive;
+  sent.datSet = config.dataSetRef;
+  sent.goId = config.goId;
+  sent.stNum = config.initialStNum;
+  sent.sqNum = config.initialSqNum;
+  sent.confRev = config.confRev;
+  sent.allData = config.values;
+  const auto payload = GoosePdu::encode(sent);
   if (!payload) return;  // Too large for a frame.
   const auto pdu = GoosePdu::parse(*payload);
   require(pdu && pdu->goCBRef == config.goCBRef && pdu->datSet == config.dataSetRef &&
@@ -139,10 +139,10 @@ void use(const BridgeCommand::PublishSvApdu& command) {
   writeBase64(command.pdu, text.data());
   require(decodeBase64(text) == command.pdu, "octets survive their text");
   const MacAddress source{};
-  const Bytes frame = buildSvFrame(command.config.dstMac, source, command.config.vlanId,
-                                   command.config.vlanPriority, command.pdu);
-  const auto sv = parseSvFrame(frame);
-  require(sv && sv->dstMac == command.config.dstMac && sv->pdu.size() == command.pdu.size(),
+  const Bytes frame = EthernetFrame::build(command.config.dstMac, source, command.config.vlanId,
+                                           command.config.vlanPriority, command.pdu, kEtherTypeSv);
+  const auto sv = EthernetFrame::parse(frame, kEtherTypeSv);
+  require(sv && sv->dstMac == command.config.dstMac && sv->payload.size() == command.pdu.size(),
           "what is published can be received");
 }
 

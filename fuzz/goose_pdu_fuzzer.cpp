@@ -13,7 +13,8 @@ using Value = GooseDataValue;
 
 /// A PDU with something of everything, for what is left over in a recycled one.
 Bytes richPayload() {
-  const std::vector<Value> values{
+  GoosePdu pdu;
+  pdu.allData = {
       Value::bitString(Value::BitString(20, true)),
       Value::octetString(Bytes(30, 0xEE)),
       Value::visibleString("more than the short string's room"),
@@ -22,20 +23,18 @@ Bytes richPayload() {
       Value::floatingPoint(1.5F),
       Value::utcTime(timeFromUnixSeconds(1715932770.125)),
   };
-  GoosePduFields fields;
-  fields.header.appId = 0xFFFF;
-  fields.goCBRef = "IED1LD0/LLN0$GO$gcb01";
-  fields.timeAllowedToLive = 2000;
-  fields.datSet = "IED1LD0/LLN0$dataset";
-  fields.goId = "Trip";
-  fields.stNum = 7;
-  fields.sqNum = 8;
-  fields.simulation = true;
-  fields.confRev = 9;
-  fields.ndsCom = true;
-  fields.values = values;
-  fields.timestamp = timeFromUnixSeconds(1715932770.125);
-  return GoosePdu::encode(fields).value();
+  pdu.header.appId = 0xFFFF;
+  pdu.goCBRef = "IED1LD0/LLN0$GO$gcb01";
+  pdu.timeAllowedToLive = 2000;
+  pdu.datSet = "IED1LD0/LLN0$dataset";
+  pdu.goId = "Trip";
+  pdu.stNum = 7;
+  pdu.sqNum = 8;
+  pdu.simulation = true;
+  pdu.confRev = 9;
+  pdu.ndsCom = true;
+  pdu.timestamp = timeFromUnixSeconds(1715932770.125);
+  return GoosePdu::encode(pdu).value();
 }
 
 /// What two of a PDU's forms agree on: the encoder leaves unknown values out, and times beyond its
@@ -77,7 +76,7 @@ std::size_t checkValues(const std::vector<Value>& values, int nesting) {
 /// `pdu` comes from `octets` octets. Leaves it as the encoder sends it.
 void checkReencoded(GoosePdu& pdu, std::size_t octets) {
   require(checkValues(pdu.allData, 0) <= octets / 2, "a value takes two octets at least");
-  const auto encoded = GoosePdu::encode(fieldsOf(pdu));
+  const auto encoded = GoosePdu::encode(pdu);
   // An empty time of two octets grows to ten.
   if (!encoded) return require(octets > GoosePdu::kMaxElementSize / 6, "what was read is sendable");
   auto again = GoosePdu::parse(*encoded);

@@ -9,7 +9,6 @@
 #include "fuzz/random_goose.h"
 #include "goosestack/ethernet_frame.h"
 #include "goosestack/goose_pdu.h"
-#include "goosestack/sv_frame.h"
 #include "protocol/json_value_codec.h"
 
 namespace tarnlink::fuzz {
@@ -42,18 +41,18 @@ class Corpus {
 };
 
 Bytes payloadOf(const std::vector<Value>& values) {
-  GoosePduFields fields;
-  fields.header.appId = 0x1000;
-  fields.goCBRef = "I/LLN0$GO$g";
-  fields.timeAllowedToLive = 2000;
-  fields.datSet = "I/LLN0$d";
-  fields.goId = "g";
-  fields.stNum = 1;
-  fields.sqNum = 2;
-  fields.confRev = 3;
-  fields.values = values;
-  fields.timestamp = timeFromUnixSeconds(1715932770.125);
-  return GoosePdu::encode(fields).value();
+  GoosePdu pdu;
+  pdu.header.appId = 0x1000;
+  pdu.goCBRef = "I/LLN0$GO$g";
+  pdu.timeAllowedToLive = 2000;
+  pdu.datSet = "I/LLN0$d";
+  pdu.goId = "g";
+  pdu.stNum = 1;
+  pdu.sqNum = 2;
+  pdu.confRev = 3;
+  pdu.allData = values;
+  pdu.timestamp = timeFromUnixSeconds(1715932770.125);
+  return GoosePdu::encode(pdu).value();
 }
 
 Value nested(int levels) {
@@ -108,9 +107,9 @@ void addFrames(const Corpus& corpus) {
   }
   const Bytes samples(20, 0x60);
   for (const std::uint16_t id : {0, 1, 4095}) {
-    const Bytes frame = buildSvFrame(kDestination, kSource, id, 7, samples);
+    const Bytes frame = EthernetFrame::build(kDestination, kSource, id, 7, samples, kEtherTypeSv);
     const std::string name = "sv_vlan_" + std::to_string(id);
-    for (const char* target : {"sv_frame", "ethernet_frame", "road"}) {
+    for (const char* target : {"ethernet_frame", "road"}) {
       corpus.add(target, name, frame);
     }
   }

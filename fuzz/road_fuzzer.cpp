@@ -78,13 +78,12 @@ void checkGooseEvent(const GooseMessage& message) {
 
 void checkGoose(ByteView frame) {
   static const Bytes kOther = [] {
-    const std::vector<Value> values{Value::visibleString("left over"), Value::octetString({1, 2}),
-                                    Value::structure({Value::integer(1)})};
-    GoosePduFields fields;
-    fields.goCBRef = "a control block of another device";
-    fields.values = values;
+    GoosePdu pdu;
+    pdu.goCBRef = "a control block of another device";
+    pdu.allData = {Value::visibleString("left over"), Value::octetString({1, 2}),
+                   Value::structure({Value::integer(1)})};
     constexpr MacAddress kMac{2, 2, 2, 2, 2, 2};
-    return EthernetFrame::build(kMac, kMac, 7, 0, GoosePdu::encode(fields).value());
+    return EthernetFrame::build(kMac, kMac, 7, 0, GoosePdu::encode(pdu).value());
   }();
   GooseFrameDecoder fresh;
   GooseMessage message;

@@ -47,22 +47,4 @@ inline bool isSame(goosestack::GoosePdu& a, goosestack::GoosePdu& b) {
   return result;
 }
 
-/// What encoding is to send of a decoded PDU.
-inline goosestack::GoosePduFields fieldsOf(const goosestack::GoosePdu& pdu) {
-  goosestack::GoosePduFields fields;
-  fields.header = pdu.header;
-  fields.goCBRef = pdu.goCBRef;
-  fields.timeAllowedToLive = pdu.timeAllowedToLive;
-  fields.datSet = pdu.datSet;
-  fields.goId = pdu.goId;
-  fields.stNum = pdu.stNum;
-  fields.sqNum = pdu.sqNum;
-  fields.simulation = pdu.simulation;
-  fields.confRev = pdu.confRev;
-  fields.ndsCom = pdu.ndsCom;
-  fields.values = pdu.allData;
-  fields.timestamp = pdu.timestamp;
-  return fields;
-}
-
 }  // namespace tarnlink::fuzz

@@ -6,33 +6,11 @@
 #include <optional>
 
 #include "ber/ber_reader.h"
-#include "stack/goose_data_tags.h"
+#include "stack/goose_pdu_tags.h"
 #include "stack/utf8.h"
 
 namespace goosestack {
 namespace {
-
-constexpr std::size_t kHeaderLength = 8;  // Octets.
-constexpr std::uint8_t kTagGoosePdu = 0x61;
-constexpr std::uint8_t kTagAllData = 0xAB;
-constexpr double kFractionsPerSecond = 16777216.0;  // 2^24.
-
-/// The fields in front of allData. Their tags are 0x80 plus these numbers.
-enum Field : std::uint8_t {
-  kGocbRef,
-  kTimeAllowedToLive,
-  kDatSet,
-  kGoId,
-  kTime,
-  kStNum,
-  kSqNum,
-  kSimulation,
-  kConfRev,
-  kNdsCom,
-  kNumDatSetEntries,
-  kFieldCount,
-};
-constexpr std::uint8_t kFirstFieldTag = 0x80;
 
 struct MandatoryField {
   Field field;
@@ -274,10 +252,10 @@ GooseResult<GoosePdu> GoosePdu::parse(ByteView rawPayload) {
 }
 
 GooseResult<void> GoosePdu::parseInto(ByteView rawPayload, GoosePdu& pdu) {
-  if (rawPayload.size() < kHeaderLength) {
+  if (rawPayload.size() < kGooseHeaderLength) {
     return GooseError::parseError("Too short for GOOSE header");
   }
-  const ByteView body = rawPayload.subspan(kHeaderLength);
+  const ByteView body = rawPayload.subspan(kGooseHeaderLength);
   const std::optional<BerTlv> element = BerTlv::parse(body, 0);
   if (!element || element->tag != kTagGoosePdu) return GooseError::parseError(wrongTagText(body));
   const FieldTable fields(element->value);

@@ -1,14 +1,12 @@
-#include "goosestack/goose_publisher.h"
+#include "stack/goose_publisher.h"
 
 #include <algorithm>
-#include <boost/asio/co_spawn.hpp>
-#include <boost/asio/use_awaitable.hpp>
 #include <string_view>
 #include <utility>
 
 #include "goosestack/ethernet_frame.h"
-#include "goosestack/goose_pdu.h"
-#include "goosestack/punctual_thread.h"
+#include "goosestack/real_time_thread.h"
+#include "stack/run_on_strand.h"
 
 namespace goosestack {
 namespace {
@@ -35,7 +33,26 @@ std::string hexText(ByteView octets, char separator) {
   return text;
 }
 
+GoosePdu pduOf(const GoosePublishConfig& config) {
+  GoosePdu pdu;
+  pdu.header.appId = config.appId;
+  pdu.goCBRef = config.goCBRef;
+  pdu.timeAllowedToLive = config.timeAllowedToLive;
+  pdu.datSet = config.dataSetRef;
+  pdu.goId = config.goId;
+  pdu.simulation = config.simulation;
+  pdu.confRev = config.confRev;
+  pdu.ndsCom = config.ndsCom;
+  pdu.allData = config.values;
+  return pdu;
+}
+
 }  // namespace
+
+std::shared_ptr<GoosePublishing> makeGoosePublisher(const boost::asio::any_io_executor& executor,
+                                                    LogSink log) {
+  return std::make_shared<GoosePublisher>(executor, std::move(log), systemSendHandles());
+}
 
 GoosePublisher::GoosePublisher(const boost::asio::any_io_executor& executor, LogSink log,
                                std::shared_ptr<SendHandleSource> handles)
@@ -44,37 +61,26 @@ GoosePublisher::GoosePublisher(const boost::asio::any_io_executor& executor, Log
       pcapHandle_(kRules, std::move(handles)),
       timer_(strand_) {}
 
-// The coroutines on the strand hold the publisher alive through their parameter.
 boost::asio::awaitable<GooseResult<void>> GoosePublisher::publishStateChange(
     GoosePublishConfig config) {
-  constexpr auto onStrand = [](std::shared_ptr<GoosePublisher> self, GoosePublishConfig wanted)
-      -> boost::asio::awaitable<GooseResult<void>> { co_return self->changeState(wanted); };
-  auto work = onStrand(shared_from_this(), std::move(config));
-  co_return co_await boost::asio::co_spawn(strand_, std::move(work), boost::asio::use_awaitable);
+  return runOnStrand(strand_, [self = shared_from_this(), config = std::move(config)] {
+    return self->changeState(config);
+  });
 }
 
 boost::asio::awaitable<void> GoosePublisher::unpublish(std::optional<std::string> goCBRef) {
-  constexpr auto onStrand =
-      [](std::shared_ptr<GoosePublisher> self,
-         std::optional<std::string> reference) -> boost::asio::awaitable<void> {
+  return runOnStrand(strand_, [self = shared_from_this(), goCBRef = std::move(goCBRef)] {
     const auto& config = self->lastConfig_;
-    const bool isAnother = reference && config && config->goCBRef != *reference;
+    const bool isAnother = goCBRef && config && config->goCBRef != *goCBRef;
     if (!isAnother) self->endPublication();
-    co_return;
-  };
-  auto work = onStrand(shared_from_this(), std::move(goCBRef));
-  co_await boost::asio::co_spawn(strand_, std::move(work), boost::asio::use_awaitable);
+  });
 }
 
 boost::asio::awaitable<void> GoosePublisher::stop() {
-  constexpr auto onStrand =
-      [](std::shared_ptr<GoosePublisher> self) -> boost::asio::awaitable<void> {
+  return runOnStrand(strand_, [self = shared_from_this()] {
     self->endPublication();
     self->pcapHandle_.close();
-    co_return;
-  };
-  auto work = onStrand(shared_from_this());
-  co_await boost::asio::co_spawn(strand_, std::move(work), boost::asio::use_awaitable);
+  });
 }
 
 GooseResult<void> GoosePublisher::changeState(const GoosePublishConfig& config) {
@@ -82,13 +88,15 @@ GooseResult<void> GoosePublisher::changeState(const GoosePublishConfig& config) 
     return opened.error();
   }
   schedule_.stateChange(config);
-  stateChangeTimestamp_ = timeNow();
   lastConfig_ = config;
+  pdu_ = pduOf(config);
+  pdu_.timestamp = timeNow();
+  pdu_.stNum = schedule_.currentStNum();
   ++generationCount_;
   timer_.cancel();
   auto start = PublicationSchedule::Clock::now();
   if (auto sent = sendStateChange(start); !sent) return sent;
-  tellTurn({});
+  tellChange({});
   schedule_.start(start);
   waitForDeadline();
   return {};
@@ -128,11 +136,11 @@ void GoosePublisher::sendWhenDue(std::uint64_t generation) {
   waitUntil(*schedule_.nextDeadline());
   schedule_.takeDue(PublicationSchedule::Clock::now());
   // A failure costs this frame only.
-  tellTurn(frame ? pcapHandle_.send(*frame, lastConfig_->vlanPriority) : frame.error());
+  tellChange(frame ? pcapHandle_.send(*frame, lastConfig_->vlanPriority) : frame.error());
   waitForDeadline();
 }
 
-void GoosePublisher::tellTurn(const GooseResult<void>& sent) {
+void GoosePublisher::tellChange(const GooseResult<void>& sent) {
   if (isFailing_ == sent.has_error()) return;
   isFailing_ = sent.has_error();
   const std::string where = " on " + lastConfig_->interface;
@@ -140,24 +148,12 @@ void GoosePublisher::tellTurn(const GooseResult<void>& sent) {
                   : "[Publisher] ✓ frames leave again" + where);
 }
 
-GooseResult<Bytes> GoosePublisher::buildFrame(std::uint32_t sqNum) const {
+GooseResult<Bytes> GoosePublisher::buildFrame(std::uint32_t sqNum) {
   if (!pcapHandle_.isOpen()) return GooseError::notRunning();
-  const GoosePublishConfig& config = *lastConfig_;
-  GoosePduFields fields;
-  fields.header.appId = config.appId;
-  fields.goCBRef = config.goCBRef;
-  fields.timeAllowedToLive = config.timeAllowedToLive;
-  fields.datSet = config.dataSetRef;
-  fields.goId = config.goId;
-  fields.stNum = schedule_.currentStNum();
-  fields.sqNum = sqNum;
-  fields.simulation = config.simulation;
-  fields.confRev = config.confRev;
-  fields.ndsCom = config.ndsCom;
-  fields.values = config.values;
-  fields.timestamp = stateChangeTimestamp_;
-  const auto payload = GoosePdu::encode(fields);
+  pdu_.sqNum = sqNum;
+  const auto payload = GoosePdu::encode(pdu_);
   if (!payload) return payload.error();
+  const GoosePublishConfig& config = *lastConfig_;
   const MacAddress& srcMac = config.srcMacOverride ? *config.srcMacOverride : pcapHandle_.srcMac();
   // `vlanTagged` and `vlanCfi` have no say: over a VLAN link of the system the identifier is 0.
   Bytes frame =

@@ -6,7 +6,7 @@
 
 namespace goosestack {
 
-/// Ethernet header with one 802.1Q tag (IEEE 802.3, 3.1.1). Octets.
+/// Ethernet header with one 802.1Q tag. Octets.
 inline constexpr int kTaggedHeaderLength = 18;
 inline constexpr int kPlainHeaderLength = 14;
 

@@ -1,4 +1,4 @@
-// When one GOOSE publication sends, and under which numbers (IEC 61850-8-1, 18.1.2.5: one frame at
+// When one GOOSE publication sends, and under which numbers (IEC 61850-8-1: one frame at
 // the state change, retransmissions at growing intervals, a steady heartbeat).
 #pragma once
 

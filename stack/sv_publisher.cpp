@@ -1,11 +1,10 @@
-#include "goosestack/sv_publisher.h"
+#include "stack/sv_publisher.h"
 
-#include <boost/asio/co_spawn.hpp>
-#include <boost/asio/use_awaitable.hpp>
 #include <string>
 #include <utility>
 
-#include "goosestack/sv_frame.h"
+#include "goosestack/ethernet_frame.h"
+#include "stack/run_on_strand.h"
 
 namespace goosestack {
 namespace {
@@ -16,36 +15,30 @@ const SendRules kRules{
 
 }  // namespace
 
+std::shared_ptr<SvPublishing> makeSvPublisher(const boost::asio::any_io_executor& executor) {
+  return std::make_shared<SvPublisher>(executor, systemSendHandles());
+}
+
 SvPublisher::SvPublisher(const boost::asio::any_io_executor& executor,
                          std::shared_ptr<SendHandleSource> handles)
     : strand_(boost::asio::make_strand(executor)), pcapHandle_(kRules, std::move(handles)) {}
 
 boost::asio::awaitable<GooseResult<void>> SvPublisher::publishApdu(Bytes pdu,
                                                                    SvPublishConfig config) {
-  constexpr auto onStrand =
-      [](std::shared_ptr<SvPublisher> self, Bytes payload,
-         SvPublishConfig wanted) -> boost::asio::awaitable<GooseResult<void>> {
-    co_return self->send(payload, wanted);
-  };
-  auto work = onStrand(shared_from_this(), std::move(pdu), std::move(config));
-  co_return co_await boost::asio::co_spawn(strand_, std::move(work), boost::asio::use_awaitable);
+  return runOnStrand(strand_, [self = shared_from_this(), pdu = std::move(pdu),
+                               config = std::move(config)] { return self->send(pdu, config); });
 }
 
 boost::asio::awaitable<void> SvPublisher::stop() {
-  constexpr auto onStrand = [](std::shared_ptr<SvPublisher> self) -> boost::asio::awaitable<void> {
-    self->pcapHandle_.close();
-    co_return;
-  };
-  auto work = onStrand(shared_from_this());
-  co_await boost::asio::co_spawn(strand_, std::move(work), boost::asio::use_awaitable);
+  return runOnStrand(strand_, [self = shared_from_this()] { self->pcapHandle_.close(); });
 }
 
 GooseResult<void> SvPublisher::send(ByteView pdu, const SvPublishConfig& config) {
   if (const auto opened = pcapHandle_.ensureHandle(config.interface); !opened) {
     return opened.error();
   }
-  const Bytes frame =
-      buildSvFrame(config.dstMac, pcapHandle_.srcMac(), config.vlanId, config.vlanPriority, pdu);
+  const Bytes frame = EthernetFrame::build(config.dstMac, pcapHandle_.srcMac(), config.vlanId,
+                                           config.vlanPriority, pdu, kEtherTypeSv);
   auto sent = pcapHandle_.send(frame, config.vlanPriority);
   if (sent) ++publishedCount_;
   return sent;

@@ -1,13 +1,13 @@
 #include "goosestack/sv_receiver.h"
 
-#include "goosestack/sv_frame.h"
+#include "goosestack/ethernet_frame.h"
 
 namespace goosestack {
 
 bool SvFrameDecoder::decode(ByteView frame, TimePoint receivedAt, SvCapturedFrame& captured) {
-  const auto parsed = parseSvFrame(frame);
+  const auto parsed = EthernetFrame::parse(frame, kEtherTypeSv);
   if (!parsed) return false;
-  captured.pdu.assign(parsed->pdu.begin(), parsed->pdu.end());
+  captured.pdu.assign(parsed->payload.begin(), parsed->payload.end());
   formatMacInto(parsed->dstMac, captured.dstMac);
   formatMacInto(parsed->srcMac, captured.srcMac);
   captured.vlanId = parsed->vlanId;

@@ -23,11 +23,10 @@
 #include "app/host/bridge_advertiser.h"
 #include "app/host/pairing_code_output.h"
 #include "app/host/vlan_interface_helper.h"
-#include "goosestack/goose_publisher.h"
 #include "goosestack/goose_receiver.h"
 #include "goosestack/interface_discovery.h"
-#include "goosestack/punctual_thread.h"
-#include "goosestack/sv_publisher.h"
+#include "goosestack/publishing.h"
+#include "goosestack/real_time_thread.h"
 #include "goosestack/sv_receiver.h"
 #include "platform/console_log.h"
 #include "platform/free_memory.h"
@@ -132,12 +131,8 @@ class BridgeProcess {
                                                               kCaptureQueue);
             },
         .makeGoosePublisher =
-            [this] {
-              return std::make_shared<goosestack::GoosePublisher>(punctual_.executor(),
-                                                                  logToConsole);
-            },
-        .makeSvPublisher =
-            [this] { return std::make_shared<goosestack::SvPublisher>(sending_.executor()); },
+            [this] { return goosestack::makeGoosePublisher(realTime_.executor(), logToConsole); },
+        .makeSvPublisher = [this] { return goosestack::makeSvPublisher(sending_.executor()); },
         .makeVlanSetup =
             [] { return std::shared_ptr<VlanSetup>(VlanInterfaceHelper::forThisSystem()); },
         .hostExecutor = host_.executor(),
@@ -205,7 +200,7 @@ class BridgeProcess {
   asio::thread_pool blocking_{kBlockingThreads};
   asio::thread_pool host_{1};     // Waits for people and tools, one request at a time.
   asio::thread_pool sending_{1};  // SV frames, which nothing slow may hold up.
-  goosestack::PunctualThread punctual_;
+  goosestack::RealTimeThread realTime_;
   std::unique_ptr<PreferenceStore> preferences_;
   std::unique_ptr<WebSocketTransport> transport_;
   asio::signal_set signals_;

@@ -50,19 +50,19 @@ class Client {
 
 inline goosestack::Bytes gooseFrame(std::uint32_t sqNum, std::uint16_t vlanId,
                                     std::vector<goosestack::GooseDataValue> values = {}) {
-  goosestack::GoosePduFields fields;
-  fields.header.appId = 0x1000;
-  fields.goCBRef = "IED1CTRL/LLN0$GO$gcb01";
-  fields.datSet = "IED1CTRL/LLN0$ds";
-  fields.goId = "trip";
-  fields.timeAllowedToLive = 2000;
-  fields.stNum = 3;
-  fields.sqNum = sqNum;
-  fields.confRev = 7;
-  fields.timestamp = goosestack::timeFromUnixSeconds(1715933730.125);
-  fields.values = values;
+  goosestack::GoosePdu pdu;
+  pdu.header.appId = 0x1000;
+  pdu.goCBRef = "IED1CTRL/LLN0$GO$gcb01";
+  pdu.datSet = "IED1CTRL/LLN0$ds";
+  pdu.goId = "trip";
+  pdu.timeAllowedToLive = 2000;
+  pdu.stNum = 3;
+  pdu.sqNum = sqNum;
+  pdu.confRev = 7;
+  pdu.timestamp = goosestack::timeFromUnixSeconds(1715933730.125);
+  pdu.allData = std::move(values);
   return goosestack::EthernetFrame::build(kDestination, kSource, vlanId, 4,
-                                          *goosestack::GoosePdu::encode(fields));
+                                          *goosestack::GoosePdu::encode(pdu));
 }
 
 class BridgeEndToEndTest : public ProcessBusTest {

@@ -19,7 +19,6 @@
 #include "client/bridge_client.h"
 #include "goosestack/ethernet_frame.h"
 #include "goosestack/goose_pdu.h"
-#include "goosestack/sv_frame.h"
 #include "tests/support/daemon.h"
 #include "tests/support/frame_recorder.h"
 #include "tests/support/hex_bytes.h"
@@ -151,10 +150,11 @@ TEST_F(ToolsTest, SampledValuesGoOutAndComeBackUnchanged) {
   EXPECT_EQ(sent.output, "sent 2 frames of 12 octets after the EtherType\n");
   const auto frames = recorder.frames(2);
   ASSERT_EQ(frames.size(), 2U);
-  const auto frame = parseSvFrame(frames[1].octets);
+  const auto frame = EthernetFrame::parse(frames[1].octets, kEtherTypeSv);
   ASSERT_TRUE(frame);
   EXPECT_EQ(frame->vlanId, 100);
-  EXPECT_EQ(Bytes(frame->pdu.begin(), frame->pdu.end()), hexBytes("4000000C00000000AABBCCDD"));
+  EXPECT_EQ(Bytes(frame->payload.begin(), frame->payload.end()),
+            hexBytes("4000000C00000000AABBCCDD"));
   EXPECT_EQ(subscriber->wait(), 0);
   EXPECT_THAT(subscriber->output(),
               AllOf(HasSubstr(" appId=16384 vlan=100 "),

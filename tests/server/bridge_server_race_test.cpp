@@ -16,8 +16,8 @@
 
 #include "goosestack/ethernet_frame.h"
 #include "goosestack/goose_pdu.h"
-#include "goosestack/goose_publisher.h"
-#include "goosestack/sv_publisher.h"
+#include "stack/goose_publisher.h"
+#include "stack/sv_publisher.h"
 #include "tests/server/bridge_harness.h"
 #include "tests/server/shuffled_executor.h"
 #include "tests/stack/publishing_fixtures.h"

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "goosestack/sv_frame.h"
 #include "tests/support/hex_bytes.h"
 
 namespace tarnlink::test {
@@ -86,29 +85,8 @@ TEST(EthernetFrame, BuiltTags) {
     EXPECT_EQ(EthernetFrame::build(dstMac, srcMac, vlanId, vlanPriority, payload),
               frameOf(expected));
   }
-  EXPECT_EQ(buildSvFrame(dstMac, srcMac, 100, 12, payload), frameOf("8100 8064 88BA 0001"));
-  EXPECT_EQ(buildSvFrame(dstMac, srcMac, 0, 4, payload), frameOf("88BA 0001"));
-}
-
-TEST(SvFrame, PayloadStartsBehindTheEtherType) {
-  const Bytes tagged = frameOf("8100 A064 88BA 4000 0010");
-  const auto parsed = parseSvFrame(tagged);
-  ASSERT_TRUE(parsed);
-  EXPECT_EQ(parsed->vlanId, 100);
-  EXPECT_EQ(formatMac(parsed->srcMac), "02:AA:BB:CC:DD:EE");
-  EXPECT_EQ(copyOf(parsed->pdu), hexBytes("4000 0010"));
-
-  const Bytes untagged = frameOf("88BA");
-  const auto empty = parseSvFrame(untagged);
-  ASSERT_TRUE(empty);
-  EXPECT_FALSE(empty->vlanId);
-  EXPECT_TRUE(empty->pdu.empty());
-}
-
-TEST(SvFrame, OtherFramesAreNothing) {
-  for (const char* frame : {"88B8 0001", "8100 A064 88B8 0001", "8100 A064 88"}) {
-    EXPECT_FALSE(parseSvFrame(frameOf(frame))) << frame;
-  }
+  EXPECT_EQ(EthernetFrame::build(dstMac, srcMac, 0, 4, payload, kEtherTypeSv),
+            frameOf("88BA 0001"));
 }
 
 TEST(MacAddress, TextReplacesWhateverWasThere) {

@@ -14,7 +14,7 @@ using Value = GooseDataValue;
 TEST(GoosePduEncoder, WholePayload) {
   const std::vector<Value> values{Value::boolean(true), Value::unknown(0x8C, {1}),
                                   Value::unsignedInteger(5)};
-  GoosePduFields fields;
+  GoosePdu fields;
   fields.header = {0x0102, 0xFFFF, 0xFFFF, 0xFFFF};
   fields.goCBRef = "G";
   fields.timeAllowedToLive = 128;
@@ -23,7 +23,7 @@ TEST(GoosePduEncoder, WholePayload) {
   fields.stNum = 4294967295;
   fields.confRev = 256;
   fields.ndsCom = true;
-  fields.values = values;
+  fields.allData = values;
   fields.timestamp = timeFromUnixSeconds(1715932770.125);
   EXPECT_EQ(*GoosePdu::encode(fields),
             hexBytes("0102 0040 0000 0000 61 36  80 01 47  81 02 00 80  82 01 44  83 01 49"
@@ -95,9 +95,9 @@ TEST(GoosePduEncoder, TimesThatDoNotFitAreZero) {
 }
 
 TEST(GoosePduEncoder, RefusalNamesBothSizes) {
-  GoosePduFields fields;
+  GoosePdu fields;
   const auto refusal = [&fields](std::vector<Value> values) {
-    fields.values = values;
+    fields.allData = values;
     const auto payload = GoosePdu::encode(fields);
     if (payload) return "accepted " + std::to_string(payload->size());
     EXPECT_EQ(payload.error().which(), GooseError::Case::sendFailed);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "ber/ber_writer.h"
 #include "tests/stack/allocation_count.h"
 #include "tests/support/hex_bytes.h"
 
@@ -162,8 +163,8 @@ TEST(GoosePdu, ReusedPduKeepsNothingOfTheFrameBefore) {
   }
 }
 
-GoosePduFields fieldsOf(const std::vector<Value>& values) {
-  GoosePduFields fields;
+GoosePdu fieldsOf(const std::vector<Value>& values) {
+  GoosePdu fields;
   fields.header.appId = 0x3FFF;
   fields.goCBRef = "IED1LD0/LLN0$GO$gcb01";
   fields.timeAllowedToLive = 2000;
@@ -173,7 +174,7 @@ GoosePduFields fieldsOf(const std::vector<Value>& values) {
   fields.sqNum = 4294967295;
   fields.simulation = true;
   fields.confRev = 128;
-  fields.values = values;
+  fields.allData = values;
   fields.timestamp = timeFromUnixSeconds(1715932770.125);
   return fields;
 }

@@ -1,4 +1,4 @@
-#include "goosestack/goose_publisher.h"
+#include "stack/goose_publisher.h"
 
 #include <gmock/gmock.h>
 
@@ -8,7 +8,7 @@
 #include "goosestack/ethernet_frame.h"
 #include "goosestack/goose_pdu.h"
 #include "goosestack/interface_discovery.h"
-#include "goosestack/punctual_thread.h"
+#include "goosestack/real_time_thread.h"
 #include "tests/stack/publishing_fixtures.h"
 #include "tests/support/frame_recorder.h"
 #include "tests/support/network_namespace.h"
@@ -63,7 +63,7 @@ class Publisher {
   std::vector<std::string> log;  // Written by the publisher's thread while a call is awaited.
 
  private:
-  PunctualThread thread_;
+  RealTimeThread thread_;
   std::shared_ptr<GoosePublisher> publisher_;
 };
 
@@ -211,7 +211,7 @@ TEST_F(GoosePublisherTest, LogsOnceWhenFramesBeginToFailAndOnceWhenTheyGoAgain) 
 }
 
 TEST(GoosePublisher, ThatIsDroppedWhilePublishingSendsNothingMore) {
-  PunctualThread thread;
+  RealTimeThread thread;
   auto wire = std::make_shared<test::FakeWire>();
   auto publisher = std::make_shared<GoosePublisher>(
       thread.executor(), [](std::string_view) {}, wire);

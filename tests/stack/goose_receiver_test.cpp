@@ -33,7 +33,7 @@ constexpr MacAddress kSource{0x02, 0, 0, 0, 0, 0x09};
 constexpr auto kPatience = 5s;
 
 Bytes gooseFrame(std::uint32_t sqNum, std::uint16_t vlanId = 0) {
-  GoosePduFields fields;
+  GoosePdu fields;
   fields.header.appId = 0x1000;
   fields.goCBRef = "IED1CTRL/LLN0$GO$gcb01";
   fields.datSet = "IED1CTRL/LLN0$ds";

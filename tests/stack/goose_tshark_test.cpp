@@ -9,7 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "goosestack/goose_publisher.h"
+#include "stack/goose_publisher.h"
 #include "stack/pcap_access.h"
 #include "tests/stack/publishing_fixtures.h"
 #include "tests/support/run_awaitable.h"

@@ -1,11 +1,11 @@
-#include "goosestack/sv_publisher.h"
+#include "stack/sv_publisher.h"
 
 #include <gmock/gmock.h>
 
 #include <boost/asio/thread_pool.hpp>
 #include <optional>
 
-#include "goosestack/sv_frame.h"
+#include "goosestack/ethernet_frame.h"
 #include "goosestack/sv_receiver.h"
 #include "tests/stack/publishing_fixtures.h"
 #include "tests/support/network_namespace.h"
@@ -26,7 +26,7 @@ SvPublishConfig to(const std::string& interface, std::uint16_t vlanId = 0) {
 
 class Sv : public test::ProcessBusTest {
  protected:
-  GooseResult<void> publish(SvPublisher& publisher, const SvPublishConfig& config) {
+  GooseResult<void> publish(SvPublishing& publisher, const SvPublishConfig& config) {
     return test::runAwaitable(publisher.publishApdu(kPdu, config));
   }
   // Its thread must come into being inside the network that SetUp() makes.
@@ -74,15 +74,15 @@ TEST_F(Sv, PublisherKeepsOneHandleAndCountsWhatWasSent) {
   }
   const auto frames = wire->sent();
   ASSERT_EQ(frames.size(), 5U);
-  EXPECT_EQ(parseSvFrame(frames[1].octets)->srcMac, test::kBusMac);
-  EXPECT_EQ(parseSvFrame(frames[2].octets)->srcMac, test::kOtherMac);
+  EXPECT_EQ(EthernetFrame::parse(frames[1].octets, kEtherTypeSv)->srcMac, test::kBusMac);
+  EXPECT_EQ(EthernetFrame::parse(frames[2].octets, kEtherTypeSv)->srcMac, test::kOtherMac);
   EXPECT_EQ(frames[2].priority, 4);
   test::runAwaitable(publisher->stop());
   EXPECT_EQ(wire->open, 0);
 }
 
 TEST_F(Sv, FramesComeBackAsTheyWereSentTaggedOrNot) {
-  auto publisher = std::make_shared<SvPublisher>(pool->get_executor());
+  auto publisher = makeSvPublisher(pool->get_executor());
   auto receiver = std::make_shared<SvReceiver>(pool->get_executor(), CaptureMode::lowLatency);
   auto stream = test::runAwaitable(receiver->start(kIed, {}));
   ASSERT_TRUE(stream);
@@ -109,9 +109,10 @@ TEST_F(Sv, FramesComeBackAsTheyWereSentTaggedOrNot) {
 TEST(SvFrameDecoder, OverwritesARecycledRecordAndRefusesOtherFrames) {
   SvCapturedFrame record{Bytes(99), "old", "old", 7, timeNow()};
   const MacAddress mac{1, 2, 3, 4, 5, 0xAB};
-  ASSERT_TRUE(SvFrameDecoder::decode(buildSvFrame(mac, mac, 0, 0, kPdu), {}, record));
+  ASSERT_TRUE(
+      SvFrameDecoder::decode(EthernetFrame::build(mac, mac, 0, 0, kPdu, kEtherTypeSv), {}, record));
   EXPECT_EQ(record, (SvCapturedFrame{kPdu, "01:02:03:04:05:AB", "01:02:03:04:05:AB", {}, {}}));
-  Bytes truncated = buildSvFrame(mac, mac, 100, 5, {});
+  Bytes truncated = EthernetFrame::build(mac, mac, 100, 5, {}, kEtherTypeSv);
   EXPECT_TRUE(SvFrameDecoder::decode(truncated, {}, record));
   truncated.pop_back();
   EXPECT_FALSE(SvFrameDecoder::decode(truncated, {}, record));

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "goosestack/goose_pdu.h"
-#include "goosestack/punctual_thread.h"
+#include "goosestack/real_time_thread.h"
 #include "tools/tarnlink_ied/feeder_bay.h"
 #include "tools/tarnlink_ied/send_tally.h"
 #include "tools/tarnlink_ied/simulation.h"
@@ -73,7 +73,7 @@ std::vector<std::string> changes(std::chrono::milliseconds interval, ScriptedCue
   });
   std::vector<Publication> publications;
   for (auto& block : feederBay("eth1")) publications.push_back({std::move(block), publisher});
-  PunctualThread thread;
+  RealTimeThread thread;
   Simulation simulation(std::move(publications), thread.executor(), [](std::string_view) {});
   simulation.run(interval, cues);
   return seen;
@@ -126,10 +126,10 @@ TEST(FeederBay, DatasetsSurviveTheWireAndChangeWithEachState) {
     SCOPED_TRACE(block.config().goCBRef);
     std::vector<GooseDataValue> previous;
     for (int state = 0; state < 30; ++state) {
-      GoosePduFields fields;
+      GoosePdu pdu;
       const auto values = block.nextState(timeFromUnixSeconds(1'700'000'000.0)).values;
-      fields.values = values;
-      const auto octets = GoosePdu::encode(fields);
+      pdu.allData = values;
+      const auto octets = GoosePdu::encode(pdu);
       ASSERT_TRUE(octets);
       EXPECT_EQ(GoosePdu::parse(*octets)->allData, values);
       EXPECT_NE(values, previous);

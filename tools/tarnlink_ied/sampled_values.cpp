@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "ber/ber_writer.h"
-#include "goosestack/sv_frame.h"
+#include "goosestack/ethernet_frame.h"
 
 namespace tarnlink {
 namespace {
@@ -106,7 +106,8 @@ SampledValues::SampledValues(const SvStreamConfig& config, const goosestack::Mac
   appendBigEndian(payload, kSvHeaderLength + apdu.size(), 2);
   appendBigEndian(payload, 0, 4);
   payload.insert(payload.end(), apdu.begin(), apdu.end());
-  frame_ = goosestack::buildSvFrame(config.dstMac, source, 0, 0, payload);
+  frame_ = goosestack::EthernetFrame::build(config.dstMac, source, 0, 0, payload,
+                                            goosestack::kEtherTypeSv);
   frame_.insert(frame_.begin() + kTagAt, kPriorityTag.begin(), kPriorityTag.end());
   // The ASDU is the frame's end.
   smpCntOffset_ = frame_.size() - (asdu.size() - smpCntAt);

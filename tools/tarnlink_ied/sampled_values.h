@@ -12,7 +12,7 @@
 namespace tarnlink {
 
 struct SvStreamConfig {
-  std::uint16_t appId = 0x4000;  ///< The first that IEC 61850-9-2, annex A has for SV.
+  std::uint16_t appId = 0x4000;  ///< The first that IEC 61850-9-2 has for SV.
   std::string svId = "BAY1MU01";
   std::uint32_t confRev = 1;
   std::uint8_t smpSynch = 0;  ///< Not synchronised: the sample counter starts at any time.

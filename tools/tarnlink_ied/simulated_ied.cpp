@@ -6,8 +6,8 @@
 #include <utility>
 #include <vector>
 
-#include "goosestack/goose_publisher.h"
-#include "goosestack/punctual_thread.h"
+#include "goosestack/real_time_thread.h"
+#include "stack/goose_publisher.h"
 #include "tools/tarnlink_ied/feeder_bay.h"
 #include "tools/tarnlink_ied/goose_listener.h"
 #include "tools/tarnlink_ied/send_tally.h"
@@ -42,7 +42,7 @@ class Journal {
 };
 
 std::vector<Publication> publications(
-    const std::string& interface, goosestack::PunctualThread& thread,
+    const std::string& interface, goosestack::RealTimeThread& thread,
     const std::shared_ptr<goosestack::SendHandleSource>& handles) {
   std::vector<Publication> all;
   for (auto& block : feederBay(interface)) {
@@ -87,7 +87,7 @@ IedResult<void> simulateIed(const std::string& interface, const SimulationOption
   Journal journal(out);
   SendTally tally(options.count, [&cues] { cues.end(); });
   const auto handles = countedSendHandles(goosestack::systemSendHandles(), tally);
-  goosestack::PunctualThread thread;
+  goosestack::RealTimeThread thread;
   std::unique_ptr<GooseListener> listener;
   if (options.listens) {
     auto started =

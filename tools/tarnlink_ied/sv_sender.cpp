@@ -4,7 +4,7 @@
 #include <ctime>
 #include <utility>
 
-#include "goosestack/punctual_thread.h"
+#include "goosestack/real_time_thread.h"
 
 namespace tarnlink {
 namespace {
@@ -44,7 +44,7 @@ SvSender::~SvSender() {
 }
 
 void SvSender::run() {
-  goosestack::askForPunctuality();
+  goosestack::askForRealTime();
   const SampleClock clock(std::chrono::steady_clock::now(), values_.rate());
   for (std::uint64_t number = 0; !isEnding_; ++number) {
     number = clock.next(number, std::chrono::steady_clock::now());

@@ -1,4 +1,4 @@
-// The payload of a GOOSE frame (IEC 61850-8-1, annex A): an 8-octet header, then the goosePdu
+// The payload of a GOOSE frame (IEC 61850-8-1): an 8-octet header, then the goosePdu
 // element (tag 0x61) in BER. Decoding is lenient about optional fields, order and unknown tags, and
 // strict about the eight mandatory fields; encoding writes all twelve fields in standard order.
 //
@@ -15,12 +15,9 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <span>
 #include <string>
-#include <string_view>
 #include <vector>
 
-#include "ber/ber_writer.h"
 #include "goosestack/bytes.h"
 #include "goosestack/goose_data_value.h"
 #include "goosestack/goose_error.h"
@@ -38,23 +35,7 @@ struct GoosePduHeader {
   bool operator==(const GoosePduHeader&) const = default;
 };
 
-/// What is to be encoded. The texts and values are borrowed for the length of the call.
-struct GoosePduFields {
-  GoosePduHeader header;  ///< Only its `appId` is used.
-  std::string_view goCBRef;
-  std::uint32_t timeAllowedToLive = 0;  ///< Milliseconds.
-  std::string_view datSet;
-  std::string_view goId;
-  std::uint32_t stNum = 0;
-  std::uint32_t sqNum = 0;
-  bool simulation = false;
-  std::uint32_t confRev = 0;
-  bool ndsCom = false;
-  std::span<const GooseDataValue> values;  ///< `unknown` ones are left out and not counted.
-  TimePoint timestamp{};
-};
-
-/// A decoded payload.
+/// A payload, decoded or to be encoded.
 struct GoosePdu {
   /// A structure or array inside this many others decodes without its members: a frame of nothing
   /// but nested elements must not exhaust the stack.
@@ -93,14 +74,15 @@ struct GoosePdu {
   /// frames allocates nothing. After a failure `pdu` is as it was.
   static GooseResult<void> parseInto(ByteView rawPayload, GoosePdu& pdu);
 
-  /// The complete payload, header included. Fails with sendFailed, sizes in the text, when an
-  /// element exceeds kMaxBerValueLength or the PDU element kMaxElementSize.
-  static GooseResult<Bytes> encode(const GoosePduFields& fields);
+  /// The complete payload, header included. Of `header` only the `appId` is used; `unknown` values
+  /// are left out, and numDatSetEntries is the number of the others. Fails with sendFailed, sizes
+  /// in the text, when an element exceeds 65535 octets or the PDU element kMaxElementSize.
+  static GooseResult<Bytes> encode(const GoosePdu& pdu);
 
   /// The last four octets, big-endian; no octets give 0.
   static std::uint32_t parseUInt32(ByteView octets);
 
-  /// UtcTime (IEC 61850-8-1, 8.1.3.6): 4 octets of seconds since 1970, 3 of fraction in 2^-24 s;
+  /// UtcTime (IEC 61850-8-1): 4 octets of seconds since 1970, 3 of fraction in 2^-24 s;
   /// the time quality behind them is ignored. Fewer than 7 octets give kDistantPast.
   static TimePoint parseUTCTime(ByteView octets);
 
@@ -111,15 +93,12 @@ struct GoosePdu {
   /// count of unused bits exceeds 8 takes no bits from its last octet.
   static GooseDataValue parseDataValue(std::uint8_t tag, ByteView value);
 
-  /// Big-endian without leading zero octets, but with one where the top bit would be set.
-  static BerIntegerOctets encodeUInt32(std::uint32_t value) { return BerIntegerOctets(value); }
-
   /// Time quality 0x0A: no flags, 10 bits of accuracy. Times that the 32-bit seconds cannot hold,
   /// NaN included, give seconds 0 and fraction 0.
   static std::array<std::uint8_t, 8> encodeUTCTime(TimePoint time);
 
   /// Appends the value's element; `unknown` appends nothing. Fails with sendFailed, and nothing is
-  /// appended, when the value, or one inside it, exceeds kMaxBerValueLength.
+  /// appended, when the value, or one inside it, exceeds 65535 octets.
   [[nodiscard]] static GooseResult<void> encodeDataValue(const GooseDataValue& value, Bytes& out);
 };
 

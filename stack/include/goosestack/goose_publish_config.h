@@ -11,7 +11,7 @@
 
 namespace goosestack {
 
-/// The sending schedule after a state change (IEC 61850-8-1, 18.1: retransmission at growing
+/// The sending schedule after a state change (IEC 61850-8-1: retransmission at growing
 /// intervals, then a steady heartbeat). All times in milliseconds.
 struct RetransmissionProfile {
   std::vector<int> intervals;  ///< Between consecutive retransmissions.

@@ -1,5 +1,4 @@
-// Sends Sampled Values payloads that its caller has encoded (IEC 61850-9-2): one frame a call, no
-// timing and no numbering.
+// Sends Sampled Values payloads (IEC 61850-9-2).
 #pragma once
 
 #include <atomic>
@@ -13,18 +12,13 @@
 
 namespace goosestack {
 
-/// An actor on its own strand of the executor given, which it may block for the milliseconds that
-/// opening a handle takes: not that of a GoosePublisher. Callers may be on any executor. Make it
-/// with std::make_shared.
+/// An actor on its own strand of the executor given. Make it with std::make_shared.
 class SvPublisher final : public SvPublishing, public std::enable_shared_from_this<SvPublisher> {
  public:
-  explicit SvPublisher(const boost::asio::any_io_executor& executor,
-                       std::shared_ptr<SendHandleSource> handles = systemSendHandles());
+  SvPublisher(const boost::asio::any_io_executor& executor,
+              std::shared_ptr<SendHandleSource> handles);
 
-  /// Fails with pcapOpenFailed, sendFailed or notRunning. After a failed send the handle stays
-  /// open, unless its interface has gone.
   boost::asio::awaitable<GooseResult<void>> publishApdu(Bytes pdu, SvPublishConfig config) override;
-  /// Closes the handle; the next call opens one again.
   boost::asio::awaitable<void> stop() override;
 
   /// Frames sent since construction. Any thread.

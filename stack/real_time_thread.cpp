@@ -1,20 +1,20 @@
-#include "goosestack/punctual_thread.h"
+#include "goosestack/real_time_thread.h"
 
 #include <future>
 
 namespace goosestack {
 
-PunctualThread::PunctualThread() : work_(context_.get_executor()) {
+RealTimeThread::RealTimeThread() : work_(context_.get_executor()) {
   std::promise<bool> started;
   auto granted = started.get_future();
   thread_ = std::thread([this, &started] {
-    started.set_value(askForPunctuality());
+    started.set_value(askForRealTime());
     context_.run();
   });
   isRealTime_ = granted.get();
 }
 
-PunctualThread::~PunctualThread() {
+RealTimeThread::~RealTimeThread() {
   context_.stop();
   thread_.join();
 }

@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <ctime>
 
-#include "goosestack/punctual_thread.h"
+#include "goosestack/real_time_thread.h"
 
 namespace goosestack {
 namespace {
@@ -20,7 +20,7 @@ constexpr std::chrono::microseconds kWatch{120};
 
 }  // namespace
 
-bool askForPunctuality() {
+bool askForRealTime() {
   (void)::prctl(PR_SET_TIMERSLACK, kTimerSlack, 0UL, 0UL, 0UL);
   // Takes CAP_SYS_NICE or an RLIMIT_RTPRIO of at least that priority.
   sched_param parameters{};

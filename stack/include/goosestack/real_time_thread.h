@@ -12,12 +12,12 @@ namespace goosestack {
 /// Runs one executor on one thread, which asks the system for real-time scheduling and goes on
 /// without it where that is not granted. Destroying it drops what is still queued and joins the
 /// thread; it lives longer than all who use its executor.
-class PunctualThread {
+class RealTimeThread {
  public:
-  PunctualThread();
-  ~PunctualThread();
-  PunctualThread(const PunctualThread&) = delete;
-  PunctualThread& operator=(const PunctualThread&) = delete;
+  RealTimeThread();
+  ~RealTimeThread();
+  RealTimeThread(const RealTimeThread&) = delete;
+  RealTimeThread& operator=(const RealTimeThread&) = delete;
 
   boost::asio::any_io_executor executor() { return context_.get_executor(); }
   bool isRealTime() const { return isRealTime_; }
@@ -31,7 +31,7 @@ class PunctualThread {
 
 /// Gives the calling thread the finest timers of the system and, where it may have it, real-time
 /// scheduling. Says whether it got the latter.
-bool askForPunctuality();
+bool askForRealTime();
 
 /// Blocks the calling thread until `deadline`; returns at once when that has passed. Sleeps, but
 /// watches the clock for the last moments: waking takes the system tens of microseconds.
