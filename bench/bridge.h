@@ -5,7 +5,6 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "bench/readers.h"
 #include "tests/support/daemon.h"
@@ -15,9 +14,9 @@ namespace tarnlink::bench {
 /// Listens from construction on. Throws std::runtime_error.
 class Bridge {
  public:
-  Bridge(const std::string& interface, std::uint16_t port,
-         const std::vector<std::string>& options = {"--low-latency"})
-      : port_(port), daemon_(arguments(interface, port, options)) {
+  Bridge(const std::string& interface, std::uint16_t port)
+      : port_(port),
+        daemon_({"--low-latency", "--interface", interface, "--port", std::to_string(port)}) {
     if (!daemon_.waitForLog("Listening on port")) throw std::runtime_error("no bridge");
     int exitCode = 0;
     const auto code =
@@ -37,11 +36,6 @@ class Bridge {
   pid_t pid() const { return daemon_.pid(); }
 
  private:
-  static std::vector<std::string> arguments(const std::string& interface, std::uint16_t port,
-                                            std::vector<std::string> all) {
-    all.insert(all.end(), {"--interface", interface, "--port", std::to_string(port)});
-    return all;
-  }
   std::uint16_t port_;
   test::Daemon daemon_;
   std::string auth_;

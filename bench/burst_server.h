@@ -23,15 +23,6 @@ inline constexpr std::size_t kBurst = 64;
 /// What all servers send: kBurst frames of one size, encoded once.
 using Frames = std::vector<SharedTextFrame>;
 
-/// Processor time of a thread that still runs.
-inline std::chrono::nanoseconds cpuTimeOf(std::thread& thread) {
-  clockid_t clock{};
-  if (pthread_getcpuclockid(thread.native_handle(), &clock) != 0) {
-    throw std::runtime_error("no clock of the server's thread");
-  }
-  return timeOf(clock);
-}
-
 class BurstServer {
  public:
   virtual ~BurstServer() = default;
@@ -39,16 +30,26 @@ class BurstServer {
   /// Sends the first `frames` frames, kBurst at most, to every client. Returns at once. From one
   /// thread, which is not the server's.
   virtual void feed(std::size_t frames) = 0;
+
   /// Processor time of the server's thread.
-  virtual std::chrono::nanoseconds cpuTime() = 0;
+  std::chrono::nanoseconds cpuTime() {
+    clockid_t clock{};
+    if (pthread_getcpuclockid(thread_.native_handle(), &clock) != 0) {
+      throw std::runtime_error("no clock of the server's thread");
+    }
+    return timeOf(clock);
+  }
+
+ protected:
+  std::thread thread_;  ///< To be joined by the server's destructor.
 };
 
-/// Connected over loopback on that port. Throw std::runtime_error or std::system_error.
-std::unique_ptr<BurstServer> makeTransportServer(std::uint16_t port, const Frames& frames);
-std::unique_ptr<BurstServer> makeEpollServer(std::uint16_t port, const Frames& frames);
-std::unique_ptr<BurstServer> makePlainBeastServer(std::uint16_t port, const Frames& frames);
-
-/// The plain Beast server on the calling thread, for ever; says "Listening".
-void runIdleBeastServer(std::uint16_t port);
+/// Listens over loopback on that port, for so many clients. Throws std::runtime_error or
+/// std::system_error.
+using MakeServer = std::unique_ptr<BurstServer>(std::uint16_t port, const Frames& frames,
+                                                std::size_t clients);
+MakeServer makeTransportServer;
+MakeServer makeBareServer;
+MakeServer makePlainBeastServer;
 
 }  // namespace tarnlink::bench

@@ -1,22 +1,16 @@
 // What the bridge costs a machine that it merely runs on: start, memory and wake-ups, beside
 // a server on the same library that does nothing.
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "bench/bridge.h"
 #include "bench/process_status.h"
@@ -28,8 +22,6 @@
 namespace tarnlink::bench {
 using namespace goosestack;
 namespace {
-
-using Argv = std::vector<std::string>;
 
 constexpr int kStarts = 15;  // Of each, in turn.
 constexpr std::chrono::milliseconds kSettling{200};
@@ -44,59 +36,47 @@ constexpr const char* kPeer = "do-nothing server";
 /// "Listening", to the destructor.
 class Server {
  public:
-  explicit Server(Argv argv) {
-    std::vector<char*> words;
-    for (auto& word : argv) words.push_back(word.data());
-    words.push_back(nullptr);
-    std::array<int, 2> ends{};
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    if (::pipe2(ends.data(), O_CLOEXEC) != 0) throw std::runtime_error("pipe2 failed");
-    posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
-    if (::posix_spawn(&pid_, words[0], &actions, nullptr, words.data(), environ) != 0) {
-      throw std::runtime_error("cannot start " + argv[0]);
-    }
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(ends[1]);
-    output_ = ::fdopen(ends[0], "r");
+  explicit Server(const std::string& command)
+      : output_(::popen(("echo $$; exec " + command).c_str(), "re")) {
     std::array<char, 1024> line{};
+    pid_ = std::atoi(std::fgets(line.data(), line.size(), output_));
+    const auto begin = std::chrono::steady_clock::now();
     while (std::strstr(line.data(), "Listening") == nullptr) {
       if (std::fgets(line.data(), line.size(), output_) == nullptr) {
-        throw std::runtime_error(argv[0] + " does not listen");
+        throw std::runtime_error("does not listen: " + command);
       }
     }
+    startTime_ = std::chrono::steady_clock::now() - begin;
   }
   ~Server() {
     ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-    std::fclose(output_);
+    ::pclose(output_);
   }
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
   pid_t pid() const { return pid_; }
+  double startTime() const { return startTime_.count(); }  ///< Milliseconds.
 
  private:
+  std::FILE* output_;
   pid_t pid_ = 0;
-  std::FILE* output_ = nullptr;
+  std::chrono::duration<double, std::milli> startTime_{};
 };
 
 struct Start {
   Figures time;    // Milliseconds until it listens.
   Figures memory;  // Mebibytes.
 
-  void measure(const Argv& argv) {
-    const auto begin = std::chrono::steady_clock::now();
-    const Server server(argv);
-    const std::chrono::duration<double, std::milli> taken =
-        std::chrono::steady_clock::now() - begin;
+  void measure(const std::string& command) {
+    const Server server(command);
     std::this_thread::sleep_for(kSettling);
-    time.push_back(taken.count());
+    time.push_back(server.startTime());
     memory.push_back(residentMebibytes(server.pid()));
   }
 };
 
-void measureIdle(const Argv& bridge, const Argv& peer) {
+void measureIdle(const std::string& bridge, const std::string& peer) {
   Start ours;
   Start theirs;
   for (int i = 0; i <= kStarts; ++i) {
@@ -137,26 +117,18 @@ void measureUnderLoad() {
           "after the first 512", {begun}, atMost(1.1));
 }
 
+}  // namespace
+
 void run() {
   test::NetworkNamespace::enter();
   test::NetworkNamespace::addVethPair(kBus, kIed);
   std::string folder = "/tmp/tarnlink-bench-XXXXXX";
   if (::mkdtemp(folder.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-  measureIdle({TARNLINKD, "--no-advertise", "--low-latency", "--interface", kBus, "--port",
-               std::to_string(kPort), "--preferences", folder + "/preferences.json"},
-              {IDLE_BEAST_SERVER, std::to_string(kPort + 1)});
+  measureIdle(TARNLINKD " --no-advertise --low-latency --interface " + std::string(kBus) +
+                  " --port " + std::to_string(kPort) + " --preferences " + folder + "/preferences",
+              IDLE_BEAST_SERVER " " + std::to_string(kPort + 1));
   std::filesystem::remove_all(folder);
   measureUnderLoad();
 }
 
-}  // namespace
 }  // namespace tarnlink::bench
-
-int main() {
-  try {
-    tarnlink::bench::run();
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "footprint_bench: %s\n", error.what());
-    return 1;
-  }
-}

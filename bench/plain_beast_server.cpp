@@ -2,15 +2,16 @@
 // of shared messages and one async_write under way, one message each. It runs on one thread, so
 // that it needs no strand and no post for a message. Without frames it is the server that does
 // nothing.
-#include <atomic>
 #include <boost/asio/buffer.hpp>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/detached.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/asio/use_awaitable.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/websocket.hpp>
-#include <cstdio>
 #include <deque>
 #include <string>
 #include <utility>
@@ -35,10 +36,12 @@ class Session : public std::enable_shared_from_this<Session> {
     websocket_.text(true);
   }
 
-  void start() {
-    websocket_.async_accept([self = shared_from_this()](const error_code& error) {
-      if (!error) self->read();
-    });
+  static asio::awaitable<void> serve(std::shared_ptr<Session> self) {
+    co_await self->websocket_.async_accept(asio::use_awaitable);
+    while (true) {
+      co_await self->websocket_.async_read(self->buffer_, asio::use_awaitable);
+      self->buffer_.clear();
+    }
   }
 
   void send(const Message& message) {
@@ -47,15 +50,6 @@ class Session : public std::enable_shared_from_this<Session> {
   }
 
  private:
-  void read() {
-    websocket_.async_read(buffer_,
-                          [self = shared_from_this()](const error_code& error, std::size_t) {
-                            if (error) return;
-                            self->buffer_.clear();
-                            self->read();
-                          });
-  }
-
   void write() {
     websocket_.async_write(asio::buffer(*queue_.front()),
                            [self = shared_from_this()](const error_code& error, std::size_t) {
@@ -77,17 +71,13 @@ class PlainBeastServer final : public BurstServer {
     for (const auto& frame : frames) {
       messages_.push_back(std::make_shared<const std::string>(frame->text()));
     }
-    accept();
+    asio::co_spawn(io_, accept(), asio::detached);
+    thread_ = std::thread([this] { io_.run(); });
   }
   ~PlainBeastServer() override {
     io_.stop();
-    if (thread_.joinable()) thread_.join();
+    thread_.join();
   }
-
-  void start() {
-    thread_ = std::thread([this] { run(); });
-  }
-  void run() { io_.run(); }
 
   void feed(std::size_t frames) override {
     asio::post(io_, [this, frames] {
@@ -96,40 +86,28 @@ class PlainBeastServer final : public BurstServer {
       }
     });
   }
-  std::chrono::nanoseconds cpuTime() override { return cpuTimeOf(thread_); }
 
  private:
-  void accept() {
-    acceptor_.async_accept([this](const error_code& error, tcp::socket socket) {
-      if (error) return;
-      error_code ignored;
-      socket.set_option(tcp::no_delay(true), ignored);
+  asio::awaitable<void> accept() {
+    while (true) {
+      auto socket = co_await acceptor_.async_accept(asio::use_awaitable);
+      socket.set_option(tcp::no_delay(true));
       sessions_.push_back(std::make_shared<Session>(std::move(socket)));
-      sessions_.back()->start();
-      accept();
-    });
+      asio::co_spawn(io_, Session::serve(sessions_.back()), asio::detached);
+    }
   }
 
   asio::io_context io_{1};
   tcp::acceptor acceptor_;
   std::vector<Message> messages_;
   std::vector<std::shared_ptr<Session>> sessions_;
-  std::thread thread_;
 };
 
 }  // namespace
 
-std::unique_ptr<BurstServer> makePlainBeastServer(std::uint16_t port, const Frames& frames) {
-  auto server = std::make_unique<PlainBeastServer>(port, frames);
-  server->start();
-  return server;
-}
-
-void runIdleBeastServer(std::uint16_t port) {
-  PlainBeastServer server(port, {});
-  std::puts("Listening");
-  std::fflush(stdout);
-  server.run();
+std::unique_ptr<BurstServer> makePlainBeastServer(std::uint16_t port, const Frames& frames,
+                                                  std::size_t) {
+  return std::make_unique<PlainBeastServer>(port, frames);
 }
 
 }  // namespace tarnlink::bench

@@ -24,16 +24,12 @@ inline double residentMebibytes(pid_t pid) {
   return statusNumber("/proc/" + std::to_string(pid), "VmRSS") / 1024;
 }
 
-/// How often a thread has gone to sleep so far, and so has been woken.
-inline double sleepsOf(const std::filesystem::path& task) {
-  return statusNumber(task, "voluntary_ctxt_switches");
-}
-/// The same of all threads of a process.
+/// How often threads of the process have gone to sleep so far, and so have been woken.
 inline double sleepsOf(pid_t pid) {
   double all = 0;
   for (const auto& task :
        std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
-    all += sleepsOf(task.path());
+    all += statusNumber(task.path(), "voluntary_ctxt_switches");
   }
   return all;
 }

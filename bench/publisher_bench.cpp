@@ -1,5 +1,5 @@
-// How punctual the publisher's retransmissions are, beside a bare clock_nanosleep loop that sends
-// the same frame with the same call under the same scheduling policy.
+// How well the publisher keeps the times of its retransmissions, beside a bare clock_nanosleep loop
+// that sends the same frame with the same call under the same scheduling policy.
 //
 // Both send over a veth pair in a private network namespace, in alternating rounds; the kernel
 // stamps each frame as it arrives on the peer end. A frame's error is that stamp, minus the clock
@@ -9,11 +9,8 @@
 //
 // Measured twice: with the machine at rest, and beside a bridge that floods a client with the
 // frames of another wire.
-#include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <ctime>
-#include <exception>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -22,6 +19,7 @@
 #include "bench/bridge.h"
 #include "bench/report.h"
 #include "bench/sample_traffic.h"
+#include "bench/stopwatch.h"
 #include "bench/wire.h"
 #include "goosestack/real_time_thread.h"
 #include "stack/goose_publisher.h"
@@ -52,68 +50,51 @@ nanoseconds wallClock() {
   return std::chrono::system_clock::now().time_since_epoch();
 }
 
-/// Passes frames on and notes when the latest one was handed over with nothing before it.
-class NotingHandle final : public SendHandle {
- public:
-  NotingHandle(std::unique_ptr<SendHandle> handle, nanoseconds& firstHandedOver)
-      : handle_(std::move(handle)), firstHandedOver_(firstHandedOver) {}
-  SendOutcome sendPacket(ByteView frame) override {
-    if (firstHandedOver_ == nanoseconds::zero()) firstHandedOver_ = wallClock();
-    return handle_->sendPacket(frame);
-  }
-  SendOutcome inject(ByteView frame) override { return handle_->inject(frame); }
-  bool isOn(const std::string& interface) const override { return handle_->isOn(interface); }
-  void setPriority(std::uint8_t priority) override { handle_->setPriority(priority); }
-
- private:
-  std::unique_ptr<SendHandle> handle_;
-  nanoseconds& firstHandedOver_;
-};
-
+/// Handles of the system that note when the state-change frame is handed over.
 class NotingHandles final : public SendHandleSource {
  public:
   GooseResult<std::unique_ptr<SendHandle>> openSendHandle(const std::string& interface) override {
     auto handle = system_->openSendHandle(interface);
     if (!handle) return handle.error();
-    return std::make_unique<NotingHandle>(std::move(*handle), firstHandedOver);
+    return std::make_unique<Handle>(std::move(*handle), handedOver);
   }
   std::optional<MacAddress> macAddressBytes(const std::string& interface) override {
     return system_->macAddressBytes(interface);
   }
 
   /// Set to zero before a round; read after it, when the sending thread waits.
-  nanoseconds firstHandedOver{};
+  nanoseconds handedOver{};
 
  private:
+  struct Handle final : SendHandle {
+    Handle(std::unique_ptr<SendHandle> handle, nanoseconds& time)
+        : system(std::move(handle)), handedOver(time) {}
+    SendOutcome sendPacket(ByteView frame) override {
+      if (handedOver == nanoseconds::zero()) handedOver = wallClock();
+      return system->sendPacket(frame);
+    }
+    SendOutcome inject(ByteView frame) override { return system->inject(frame); }
+    bool isOn(const std::string& interface) const override { return system->isOn(interface); }
+    void setPriority(std::uint8_t priority) override { system->setPriority(priority); }
+    std::unique_ptr<SendHandle> system;
+    nanoseconds& handedOver;
+  };
   std::shared_ptr<SendHandleSource> system_ = systemSendHandles();
 };
 
 GoosePublishConfig publication() {
-  RetransmissionProfile profile = RetransmissionProfile::fast();
-  profile.intervals.resize(kRetransmissions);
-  profile.heartbeatInterval = 0;
-  std::vector<GooseDataValue> values(16, GooseDataValue::floatingPoint(50.0F));
-  return {0x3001,
-          "IED1LD0/LLN0$GO$gcb1",
-          "IED1LD0/LLN0$ds1",
-          "gcb1",
-          1,
-          0,
-          4,
-          false,
-          false,
-          {0x01, 0x0C, 0xCD, 0x01, 0x00, 0x01},
-          std::nullopt,
-          profile,
-          values,
-          kBus,
-          2000,
-          false,
-          false,
-          0,
-          0,
-          false,
-          false};
+  GoosePublishConfig config{};
+  config.appId = 0x3001;
+  config.goCBRef = "IED1LD0/LLN0$GO$gcb1";
+  config.dataSetRef = "IED1LD0/LLN0$ds1";
+  config.dstMac = {0x01, 0x0C, 0xCD, 0x01, 0x00, 0x01};
+  config.retransmissionProfile = RetransmissionProfile::fast();
+  config.retransmissionProfile.intervals.resize(kRetransmissions);
+  config.retransmissionProfile.heartbeatInterval = 0;
+  config.values.assign(16, GooseDataValue::floatingPoint(50.0F));
+  config.interface = kBus;
+  config.timeAllowedToLive = 2000;
+  return config;
 }
 
 std::vector<nanoseconds> offsetsOf(const RetransmissionProfile& profile) {
@@ -124,88 +105,42 @@ std::vector<nanoseconds> offsetsOf(const RetransmissionProfile& profile) {
   return offsets;
 }
 
-/// One sender under test: its errors in microseconds.
-struct Series {
-  std::shared_ptr<NotingHandles> handles = std::make_shared<NotingHandles>();
-  Figures errors{};
-};
-
-void bareLoop(SendHandle& handle, ByteView frame, const std::vector<nanoseconds>& offsets) {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  handle.sendPacket(frame);
-  const nanoseconds start = std::chrono::seconds(now.tv_sec) + nanoseconds(now.tv_nsec);
-  for (std::size_t i = 1; i < offsets.size(); ++i) {
-    const auto deadline = (start + offsets[i]).count();
+/// Sends the frame at these times by the clock; gives when it handed over the first one.
+nanoseconds bareLoop(SendHandle& handle, ByteView frame, const std::vector<nanoseconds>& offsets) {
+  const nanoseconds handedOver = wallClock();
+  const nanoseconds start = timeOf(CLOCK_MONOTONIC);
+  for (const nanoseconds offset : offsets) {
+    const auto deadline = (start + offset).count();
     const timespec until{deadline / 1'000'000'000, deadline % 1'000'000'000};
     clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr);
     handle.sendPacket(frame);
   }
+  return handedOver;
 }
-
-void collect(Series& series, const std::vector<test::RecordedFrame>& frames,
-             const std::vector<nanoseconds>& offsets) {
-  if (frames.size() != offsets.size()) throw std::runtime_error("frames were lost or added");
-  for (std::size_t i = 1; i < frames.size(); ++i) {
-    const auto error = frames[i].time - series.handles->firstHandedOver - offsets[i];
-    series.errors.push_back(static_cast<double>(error.count()) / 1e3);
-  }
-}
-
-/// Frames on a wire of their own, through a bridge, to a client that reads all of them.
-class WireLoad {
- public:
-  WireLoad() {
-    thread_ = std::thread([this] {
-      const Bytes frame = eightValueFrame();
-      while (!isStopping_) {
-        paced(100, kLoadSpacing, [&](std::size_t) { wire_.send(frame, kLoad); });
-      }
-    });
-  }
-  ~WireLoad() {
-    isStopping_ = true;
-    thread_.join();
-  }
-  WireLoad(const WireLoad&) = delete;
-  WireLoad& operator=(const WireLoad&) = delete;
-
-  std::uint64_t delivered() { return client_.fewest(); }
-
- private:
-  WireSender wire_{kLoadedIed};
-  Bridge bridge_{kLoadedBus, kPort};
-  Readers client_ = bridge_.subscribe(1);
-  std::atomic<bool> isStopping_{false};
-  std::thread thread_;
-};
 
 /// Two senders that take turns on one wire.
 class Contest {
  public:
   Contest()
       : publisher_(std::make_shared<GoosePublisher>(
-            thread_.executor(), [](std::string_view) {}, published_.handles)),
-        handle_(bare_.handles->openSendHandle(kBus).value()) {
+            thread_.executor(), [](std::string_view) {}, handles_)),
+        bareHandle_(systemSendHandles()->openSendHandle(kBus).value()) {
     publish();  // Brings the frame, opens the handles, warms the caches; does not count.
     sendBare();
   }
   ~Contest() { test::runAwaitable(publisher_->stop()); }
-  Contest(const Contest&) = delete;
-  Contest& operator=(const Contest&) = delete;
 
   void run(const std::string& circumstances) {
-    published_.errors.clear();
-    bare_.errors.clear();
+    published_.clear();
+    bare_.clear();
     for (int round = 0; round < kRounds; ++round) {
       // Neither always runs in the other's wake.
       round % 2 == 0 ? publish() : sendBare();
       round % 2 == 0 ? sendBare() : publish();
     }
     const auto print = [&](const char* what, double share, Target target) {
-      compare("retransmission's error " + circumstances + what, "%.1f us",
-              {quantile(published_.errors, share)}, "clock_nanosleep",
-              {quantile(bare_.errors, share)}, target);
+      compare("error of a retransmission " + circumstances + what, "%.1f us",
+              {quantile(published_, share)}, "clock_nanosleep", {quantile(bare_, share)}, target);
     };
     print(", p50", 0.5, atMost(1.3));
     print(", p99", 0.99, atMost(1));
@@ -214,34 +149,44 @@ class Contest {
 
  private:
   void publish() {
-    published_.handles->firstHandedOver = {};
+    handles_->handedOver = {};
     test::runAwaitable(publisher_->publishStateChange(config_)).value();
     // Like the bare loop, it has the machine to itself until the last frame has left.
     std::this_thread::sleep_for(offsets_.back() + kSettling);
-    collect(published_, recorder_.frames(offsets_.size()), offsets_);
-    frame_ = recorder_.frames(0).back().octets;
-    recorder_.clear();
+    collect(published_, handles_->handedOver);
   }
   void sendBare() {
-    bare_.handles->firstHandedOver = {};
+    nanoseconds handedOver{};
     std::thread([&] {
       askForRealTime();
-      bareLoop(*handle_, frame_, offsets_);
+      handedOver = bareLoop(*bareHandle_, frame_, offsets_);
     }).join();
-    collect(bare_, recorder_.frames(offsets_.size()), offsets_);
+    collect(bare_, handedOver);
+  }
+  void collect(Figures& errors, nanoseconds handedOver) {
+    const auto& frames = recorder_.frames(offsets_.size());
+    if (frames.size() != offsets_.size()) throw std::runtime_error("frames were lost or added");
+    for (std::size_t i = 1; i < frames.size(); ++i) {
+      const auto error = frames[i].time - handedOver - offsets_[i];
+      errors.push_back(static_cast<double>(error.count()) / 1e3);
+    }
+    frame_ = frames.back().octets;
     recorder_.clear();
   }
 
   test::FrameRecorder recorder_{kIed, "ether proto 0x88b8"};
   GoosePublishConfig config_ = publication();
   std::vector<nanoseconds> offsets_ = offsetsOf(config_.retransmissionProfile);
-  Series published_;
-  Series bare_;
+  Figures published_;  // Errors in microseconds.
+  Figures bare_;
   RealTimeThread thread_;
+  std::shared_ptr<NotingHandles> handles_ = std::make_shared<NotingHandles>();
   std::shared_ptr<GoosePublisher> publisher_;
-  std::unique_ptr<SendHandle> handle_;
+  std::unique_ptr<SendHandle> bareHandle_;
   Bytes frame_;
 };
+
+}  // namespace
 
 void run() {
   test::NetworkNamespace::enter();
@@ -249,23 +194,21 @@ void run() {
   test::NetworkNamespace::addVethPair(kLoadedBus, kLoadedIed);
   Contest contest;
   contest.run("at rest");
-  WireLoad load;
-  const auto before = load.delivered();
-  const auto begin = std::chrono::steady_clock::now();
+
+  const Bridge bridge(kLoadedBus, kPort);
+  Readers client = bridge.subscribe(1);
+  const std::jthread load([](const std::stop_token& stop) {
+    WireSender wire(kLoadedIed);
+    const Bytes frame = eightValueFrame();
+    while (!stop.stop_requested()) {
+      paced(100, kLoadSpacing, [&](std::size_t) { wire.send(frame, kLoad); });
+    }
+  });
+  const auto begin = timeOf(CLOCK_MONOTONIC);
   contest.run("under load");
-  const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
+  const std::chrono::duration<double> time = timeOf(CLOCK_MONOTONIC) - begin;
   report("the load: messages delivered", "%.0f/s",
-         static_cast<double>(load.delivered() - before) / time.count());
+         static_cast<double>(client.fewest()) / time.count());
 }
 
-}  // namespace
 }  // namespace tarnlink::bench
-
-int main() {
-  try {
-    tarnlink::bench::run();
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "publisher_bench: %s\n", error.what());
-    return 1;
-  }
-}

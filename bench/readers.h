@@ -15,7 +15,7 @@ namespace tarnlink::bench {
 
 /// Connected from construction to destruction. Text frames with less than kSmallestCounted octets
 /// (answers to commands, status events) do not count. One thread; throws std::runtime_error and
-/// std::system_error, also for a connection that the server has closed.
+/// std::system_error. A connection that the server closes ends the program.
 class Readers {
  public:
   using Clock = std::chrono::steady_clock;
@@ -31,9 +31,8 @@ class Readers {
   Readers(const Readers&) = delete;
   Readers& operator=(const Readers&) = delete;
 
-  /// Returns when every client has got `frames` in all; none may have got more than `most`.
-  void waitFor(std::uint64_t frames, std::uint64_t most);
-  void waitFor(std::uint64_t frames) { waitFor(frames, frames); }
+  /// Returns when every client has got `frames` in all.
+  void waitFor(std::uint64_t frames);
   /// Frames that the slowest client has got.
   std::uint64_t fewest() const { return fewest_; }
 
@@ -73,8 +72,6 @@ class Readers {
   std::mutex lock_;
   std::condition_variable told_;
   std::uint64_t wanted_ = 0;
-  std::uint64_t most_ = 0;
-  std::string error_;
   std::vector<Clock::time_point> arrivals_;
   std::thread thread_;
 };

@@ -3,11 +3,14 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <limits>
 #include <string>
 #include <vector>
 
 namespace tarnlink::bench {
+
+/// Measures and prints all rows of the bench. What it throws is said on standard error, and ends
+/// the program with exit code 1.
+void run();
 
 /// Pairs of runs, ours and the other's in turn, at least: the machine's noise hits both alike.
 inline constexpr int kPairs = 5;
@@ -39,31 +42,28 @@ inline std::string text(const char* format, double value) {
   return buffer;
 }
 
-/// What a ratio or a figure is held to.
+/// What a ratio or a figure is held to; as made, to nothing.
 struct Target {
-  double least = -std::numeric_limits<double>::infinity();
-  double most = std::numeric_limits<double>::infinity();
+  char sign = 0;
+  double bound = 0;
 };
-constexpr Target atLeast(double least) {
-  return {.least = least};
+constexpr Target atLeast(double bound) {
+  return {'>', bound};
 }
-constexpr Target atMost(double most) {
-  return {.most = most};
+constexpr Target atMost(double bound) {
+  return {'<', bound};
 }
 
-/// Tab-separated on standard output; everything else that a bench says goes to standard error.
+/// On standard output, as bench/run heads the columns; everything else that a bench says goes to
+/// standard error.
 inline void printRow(const std::string& what, const std::string& ours, const std::string& beside,
                      const std::string& ratio, double judged, Target target, const char* format) {
-  constexpr Target kNone;
-  const bool isMet = judged >= target.least && judged <= target.most;
-  const std::string bound = target.most < kNone.most     ? "<= " + text(format, target.most)
-                            : target.least > kNone.least ? ">= " + text(format, target.least)
-                                                         : "";
-  std::printf("%s\t%s\t%s\t%s\t%s\t%s\n", what.c_str(), ours.c_str(), beside.c_str(), ratio.c_str(),
-              bound.c_str(),
-              bound.empty() ? ""
-              : isMet       ? "met"
-                            : "MISSED");
+  const bool isMet = target.sign == '<' ? judged <= target.bound : judged >= target.bound;
+  const std::string verdict = target.sign == 0 ? ""
+                                               : target.sign + ("= " + text(format, target.bound)) +
+                                                     (isMet ? " met" : " MISSED");
+  std::printf("%-50s %10s  %-38s %6s  %s\n", what.c_str(), ours.c_str(), beside.c_str(),
+              ratio.c_str(), verdict.c_str());
   std::fflush(stdout);
 }
 

@@ -1,16 +1,20 @@
-// Frames into one end of a veth pair, at a pace of the bench's, and out of the other.
+// Frames into one end of a veth pair, at a pace of the bench's.
 #pragma once
 
+#include <linux/if_packet.h>
+#include <net/if.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <algorithm>
-#include <atomic>
+#include <array>
+#include <cerrno>
 #include <chrono>
-#include <cstdint>
-#include <functional>
 #include <string>
+#include <system_error>
 #include <thread>
 
 #include "goosestack/bytes.h"
-#include "stack/pcap_access.h"
 
 namespace tarnlink::bench {
 
@@ -23,16 +27,38 @@ class WireSender {
  public:
   static constexpr unsigned kMostAtOnce = 64;
 
-  explicit WireSender(const std::string& interface);
-  ~WireSender();
+  explicit WireSender(const std::string& interface) {
+    sockaddr_ll address{};
+    address.sll_family = AF_PACKET;
+    address.sll_ifindex = static_cast<int>(::if_nametoindex(interface.c_str()));
+    const int yes = 1;
+    check(::bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address));
+    check(::setsockopt(socket_, SOL_PACKET, PACKET_QDISC_BYPASS, &yes, sizeof yes));
+  }
+  ~WireSender() { ::close(socket_); }
   WireSender(const WireSender&) = delete;
   WireSender& operator=(const WireSender&) = delete;
 
   /// The same frame so many times, kMostAtOnce at most, with one system call.
-  void send(goosestack::ByteView frame, unsigned count = 1);
+  void send(goosestack::ByteView frame, unsigned count = 1) {
+    iovec piece{const_cast<std::uint8_t*>(frame.data()), frame.size()};
+    std::array<mmsghdr, kMostAtOnce> batch;
+    for (unsigned i = 0; i < count; ++i) {
+      batch.at(i) = {};
+      batch.at(i).msg_hdr.msg_iov = &piece;
+      batch.at(i).msg_hdr.msg_iovlen = 1;
+    }
+    while (count > 0) {
+      count -= static_cast<unsigned>(check(::sendmmsg(socket_, batch.data(), count, 0)));
+    }
+  }
 
  private:
-  int socket_;
+  static int check(int result) {
+    if (result < 0) throw std::system_error(errno, std::generic_category(), "packet socket");
+    return result;
+  }
+  const int socket_ = check(::socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
 };
 
 /// Calls `step` with 0, 1, ... evenly spread. Late ones follow at once, but after a stall of the
@@ -48,21 +74,5 @@ void paced(std::size_t count, std::chrono::nanoseconds spacing, Step step) {
     due = std::max(due, Clock::now() - kStall) + spacing;
   }
 }
-
-/// pcap_dispatch on a thread of its own, with the bridge's options; `take` is its callback. Throws
-/// when the interface cannot be opened.
-class CaptureThread {
- public:
-  CaptureThread(const std::string& interface, std::function<void(goosestack::ByteView)> take);
-  ~CaptureThread();
-  CaptureThread(const CaptureThread&) = delete;
-  CaptureThread& operator=(const CaptureThread&) = delete;
-
- private:
-  std::function<void(goosestack::ByteView)> take_;
-  goosestack::PcapHandle handle_;
-  std::atomic<bool> isStopping_{false};
-  std::thread thread_;
-};
 
 }  // namespace tarnlink::bench
