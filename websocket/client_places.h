@@ -24,9 +24,9 @@ class ClientPlaces {
   explicit ClientPlaces(std::size_t limit);
 
   /// A place for a stranger. Where all are taken, the oldest connection that is not admitted loses
-  /// its own, one that waits for its turn last. Strangers of one peer have a quarter of all places
-  /// between them, and there the oldest makes room, too, but none that waits. Null when nobody has
-  /// to make room.
+  /// its own, one that waits in the queue to be admitted last. Strangers of one peer have a quarter
+  /// of all places between them, and there the oldest makes room, too, but none that waits. Null
+  /// when nobody has to make room.
   std::shared_ptr<Place> take(const std::string& peer);
 
  private:

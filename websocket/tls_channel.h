@@ -22,7 +22,8 @@ class TlsChannel {
  public:
   using Wait = boost::asio::ip::tcp::socket::wait_type;
 
-  /// The socket stays its owner's, and open as long as the channel is used.
+  /// The socket stays its owner's, and open as long as the channel is used. The program must ignore
+  /// SIGPIPE, which OpenSSL raises by writing where the peer has gone.
   TlsChannel(std::shared_ptr<const TlsContext> context, int socket);
   ~TlsChannel();
   TlsChannel(const TlsChannel&) = delete;
@@ -41,16 +42,17 @@ class TlsChannel {
   std::size_t committed() const { return record_.size(); }
 
   /// Sends close_notify. False when that would block.
-  bool sayGoodbye();
+  bool sendCloseNotify();
 
   Wait readWaitsFor() const { return readWaitsFor_; }
   Wait writeWaitsFor() const { return writeWaitsFor_; }
 
  private:
+  template <class Operation>
+  std::size_t attempt(Operation operation, Wait& waitsFor, boost::system::error_code& error);
   boost::system::error_code errorOf(int result, Wait& waitsFor);
 
   const std::shared_ptr<const TlsContext> context_;
-  int socket_;
   ssl_st* const ssl_;  // null when there was no memory; then everything fails
   std::string record_;
   Wait readWaitsFor_ = Wait::wait_read;

@@ -96,7 +96,7 @@ using TransportState =
 /// What a connection's owner knows about its peer.
 enum class Standing {
   stranger,  ///< As accepted. Messages are short, and time to be admitted is limited.
-  waiting,   ///< An attempt to be admitted waits for its turn: that time does not count.
+  waiting,   ///< An attempt to be admitted waits in a queue: that time does not count.
   admitted,
 };
 
@@ -140,8 +140,8 @@ class WebSocketConnection {
   virtual void setStanding(Standing standing) = 0;
 
   /// For answers. Queues a frame and returns at once; before Ready, frames wait for the end of the
-  /// handshake. All frames queued in one turn of the executor leave with one gathered write. Frames
-  /// for a connection that is closing or gone are dropped.
+  /// handshake. All frames queued until the executor comes to writing leave with one gathered
+  /// write. Frames for a connection that is closing or gone are dropped.
   virtual void send(SharedTextFrame frame) = 0;
 
   /// For events. Queues frames in their order, as send() does, but pays for the queue once for all

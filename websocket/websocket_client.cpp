@@ -3,6 +3,7 @@
 #include <boost/asio/connect.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/beast/core/buffers_to_string.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/websocket/stream.hpp>
 #include <optional>
@@ -53,78 +54,14 @@ error_code make_error_code(WebSocketClientError error) {
   return {static_cast<int>(error), category};
 }
 
-class WebSocketClient::Impl {
- public:
-  error_code connect(const std::string& host, std::uint16_t port, Clock::time_point deadline) {
-    tcp::resolver resolver(context_);
-    tcp::resolver::results_type endpoints;
-    const auto service = std::to_string(port);
-    auto error = await(deadline, [&](auto handler) {
-      resolver.async_resolve(host, service, [&endpoints, handler](error_code e, auto found) {
-        endpoints = found;
-        handler(e);
-      });
-    });
-    if (error) return error;
-    error = await(deadline, [&](auto handler) {
-      asio::async_connect(socket(), endpoints,
-                          [handler](error_code e, const tcp::endpoint&) { handler(e); });
-    });
-    if (error) return error;
-    socket().set_option(tcp::no_delay(true), error);
-    websocket::response_type response;
-    error = await(deadline, [&](auto handler) {
-      websocket_.async_handshake(response, hostField(host, port), "/", handler);
-    });
-    if (error != websocket::error::upgrade_declined) return error;
-    return response.result() == boost::beast::http::status::service_unavailable
-               ? WebSocketClientError::full
-               : WebSocketClientError::declined;
-  }
-
-  error_code sendText(std::string_view text, Clock::time_point deadline) {
-    websocket_.text(true);
-    return translated(await(deadline, [&](auto handler) {
-      websocket_.async_write(asio::buffer(text),
-                             [handler](error_code e, std::size_t) { handler(e); });
-    }));
-  }
-
-  boost::system::result<WebSocketMessage> receive(Clock::time_point deadline) {
-    if (!reading_) {
-      reading_ = true;
-      readResult_.reset();
-      websocket_.async_read(incoming_, [this](error_code e, std::size_t) { readResult_ = e; });
-    }
-    if (!runUntil(deadline, readResult_)) return error_code(WebSocketClientError::timedOut);
-    reading_ = false;
-    if (*readResult_) return translated(*readResult_);
-    WebSocketMessage message;
-    message.isText = websocket_.got_text();
-    message.data.assign(static_cast<const char*>(incoming_.data().data()), incoming_.size());
-    incoming_.clear();
-    return message;
-  }
-
-  error_code close(std::uint16_t code, Clock::time_point deadline) {
-    const websocket::close_reason reason(static_cast<websocket::close_code>(code));
-    auto error = await(deadline, [&](auto handler) { websocket_.async_close(reason, handler); });
-    error_code ignored;
-    socket().close(ignored);
-    return translated(error);
-  }
-
-  std::uint16_t closeCode() const { return closeCode_; }
-  int descriptor() { return socket().native_handle(); }
-
- private:
-  tcp::socket& socket() { return websocket_.next_layer(); }
+struct WebSocketClient::Impl {
+  tcp::socket& socket() { return websocket.next_layer(); }
 
   // Begins one operation and waits for it. An operation that is late is aborted.
   template <class Begin>
   error_code await(Clock::time_point deadline, Begin begin) {
     const auto result = std::make_shared<std::optional<error_code>>();
-    begin([result](error_code error) { *result = error; });
+    begin([result](error_code error, const auto&...) { *result = error; });
     if (runUntil(deadline, *result)) return **result;
     error_code ignored;
     socket().close(ignored);
@@ -132,25 +69,52 @@ class WebSocketClient::Impl {
   }
 
   bool runUntil(Clock::time_point deadline, const std::optional<error_code>& result) {
-    context_.restart();
-    while (!result && context_.run_one_until(deadline) > 0) {
+    context.restart();
+    while (!result && context.run_one_until(deadline) > 0) {
     }
     return result.has_value();
   }
 
   error_code translated(error_code error) {
     if (error != websocket::error::closed && error != asio::error::eof) return error;
-    if (error == websocket::error::closed) closeCode_ = websocket_.reason().code;
+    if (error == websocket::error::closed) closeCode = websocket.reason().code;
     return WebSocketClientError::closed;
   }
 
-  asio::io_context context_{1};
-  websocket::stream<tcp::socket, false> websocket_{context_};
-  boost::beast::flat_buffer incoming_;
-  bool reading_ = false;
-  std::optional<error_code> readResult_;
-  std::uint16_t closeCode_ = 0;
+  error_code connect(const std::string& host, std::uint16_t port, Clock::time_point deadline);
+
+  asio::io_context context{1};
+  websocket::stream<tcp::socket, false> websocket{context};
+  boost::beast::flat_buffer incoming;
+  bool isReading = false;
+  std::optional<error_code> readResult;
+  std::uint16_t closeCode = 0;
 };
+
+error_code WebSocketClient::Impl::connect(const std::string& host, std::uint16_t port,
+                                          Clock::time_point deadline) {
+  tcp::resolver resolver(context);
+  tcp::resolver::results_type endpoints;
+  auto error = await(deadline, [&](auto handler) {
+    resolver.async_resolve(host, std::to_string(port),
+                           [&endpoints, handler](error_code e, auto found) {
+                             endpoints = found;
+                             handler(e);
+                           });
+  });
+  if (error) return error;
+  error = await(deadline, [&](auto handler) { asio::async_connect(socket(), endpoints, handler); });
+  if (error) return error;
+  socket().set_option(tcp::no_delay(true), error);
+  websocket::response_type response;
+  error = await(deadline, [&](auto handler) {
+    websocket.async_handshake(response, hostField(host, port), "/", handler);
+  });
+  if (error != websocket::error::upgrade_declined) return error;
+  return response.result() == boost::beast::http::status::service_unavailable
+             ? WebSocketClientError::full
+             : WebSocketClientError::declined;
+}
 
 WebSocketClient::WebSocketClient(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 WebSocketClient::WebSocketClient(WebSocketClient&&) noexcept = default;
@@ -166,25 +130,49 @@ boost::system::result<WebSocketClient> WebSocketClient::connect(const std::strin
 }
 
 boost::system::result<void> WebSocketClient::sendText(std::string_view text, Milliseconds timeout) {
-  if (const auto error = impl_->sendText(text, Clock::now() + timeout)) return error;
+  auto& websocket = impl_->websocket;
+  websocket.text(true);
+  const auto error = impl_->translated(impl_->await(Clock::now() + timeout, [&](auto handler) {
+    websocket.async_write(asio::buffer(text), handler);
+  }));
+  if (error) return error;
   return {};
 }
 
 boost::system::result<WebSocketMessage> WebSocketClient::receive(Milliseconds timeout) {
-  return impl_->receive(Clock::now() + timeout);
+  auto& self = *impl_;
+  if (!std::exchange(self.isReading, true)) {
+    self.readResult.reset();
+    self.websocket.async_read(self.incoming,
+                              [&self](error_code e, std::size_t) { self.readResult = e; });
+  }
+  if (!self.runUntil(Clock::now() + timeout, self.readResult)) {
+    return error_code(WebSocketClientError::timedOut);
+  }
+  self.isReading = false;
+  if (*self.readResult) return self.translated(*self.readResult);
+  WebSocketMessage message{self.websocket.got_text(),
+                           boost::beast::buffers_to_string(self.incoming.data())};
+  self.incoming.clear();
+  return message;
 }
 
 boost::system::result<void> WebSocketClient::close(std::uint16_t code, Milliseconds timeout) {
-  if (const auto error = impl_->close(code, Clock::now() + timeout)) return error;
+  const websocket::close_reason reason(static_cast<websocket::close_code>(code));
+  const auto error = impl_->await(
+      Clock::now() + timeout, [&](auto handler) { impl_->websocket.async_close(reason, handler); });
+  error_code ignored;
+  impl_->socket().close(ignored);
+  if (error) return impl_->translated(error);
   return {};
 }
 
 std::uint16_t WebSocketClient::closeCode() const {
-  return impl_->closeCode();
+  return impl_->closeCode;
 }
 
 int WebSocketClient::descriptor() const {
-  return impl_->descriptor();
+  return impl_->socket().native_handle();
 }
 
 }  // namespace tarnlink

@@ -48,7 +48,8 @@ class WebSocketClient {
   /// by a later call. Pings are answered during calls only.
   boost::system::result<WebSocketMessage> receive(Milliseconds timeout = kDefaultTimeout);
 
-  /// Says goodbye with the code and waits for the peer's answer; the socket is closed in any case.
+  /// Sends a close frame with the code and waits for the peer's answer; the socket is closed in any
+  /// case.
   boost::system::result<void> close(std::uint16_t code = 1000,
                                     Milliseconds timeout = Milliseconds(1'000));
 
@@ -64,7 +65,7 @@ class WebSocketClient {
   ~WebSocketClient();
 
  private:
-  class Impl;
+  struct Impl;
   explicit WebSocketClient(std::unique_ptr<Impl> impl);
   std::unique_ptr<Impl> impl_;
 };

@@ -13,8 +13,8 @@
 #include <utility>
 
 #include "websocket/client_places.h"
+#include "websocket/session.h"
 #include "websocket/websocket.h"
-#include "websocket/websocket_beast.h"
 
 namespace tarnlink {
 namespace {
@@ -43,14 +43,12 @@ bool meansNoIpv6(const error_code& error) {
          error == errc_t::address_not_available;
 }
 
-/// Lives as long as its coroutines; everything runs on its strand.
-class Listening : public std::enable_shared_from_this<Listening> {
+/// Lives as long as its coroutines. The port's members may be called on any thread, all else runs
+/// on its strand.
+class Listener final : public WebSocketListener, public std::enable_shared_from_this<Listener> {
  public:
-  using StateHandler = WebSocketListener::StateHandler;
-  using ConnectionHandler = WebSocketListener::ConnectionHandler;
-
-  Listening(const asio::any_io_executor& executor, std::uint16_t port,
-            const WebSocketLimits& limits, std::shared_ptr<const WebSocketAccess> access)
+  Listener(const asio::any_io_executor& executor, std::uint16_t port, const WebSocketLimits& limits,
+           std::shared_ptr<const WebSocketAccess> access)
       : executor_(executor),
         strand_(asio::make_strand(executor)),
         port_(port),
@@ -58,19 +56,31 @@ class Listening : public std::enable_shared_from_this<Listening> {
         access_(std::move(access)),
         clients_(access_->maxClients) {}
 
-  const asio::any_io_executor& strand() const { return strand_; }
+  void start(StateHandler onState, ConnectionHandler onConnection) override {
+    asio::post(strand_, [self = shared_from_this(), onState = std::move(onState),
+                         onConnection = std::move(onConnection)]() mutable {
+      self->begin(std::move(onState), std::move(onConnection));
+    });
+  }
 
-  void start(StateHandler onState, ConnectionHandler onConnection) {
+  void cancel() override {
+    asio::post(strand_, [self = shared_from_this()] { self->end(TransportCancelled{}); });
+  }
+
+  /// The owner is gone.
+  void abandon() {
+    asio::post(strand_, [self = shared_from_this()] {
+      self->forgetHandlers();
+      self->end(TransportCancelled{});
+    });
+  }
+
+ private:
+  void begin(StateHandler onState, ConnectionHandler onConnection) {
     onState_ = std::move(onState);
     onConnection_ = std::move(onConnection);
-    if (ended_) {
-      report(TransportCancelled{});
-      return;
-    }
-    if (const auto error = listen()) {
-      end(TransportFailed{error});
-      return;
-    }
+    if (ended_) return report(TransportCancelled{});
+    if (const auto error = listen()) return end(TransportFailed{error});
     for (auto& acceptor : acceptors_) {
       asio::co_spawn(strand_, accept(shared_from_this(), acceptor), asio::detached);
     }
@@ -89,14 +99,11 @@ class Listening : public std::enable_shared_from_this<Listening> {
     onConnection_ = nullptr;
   }
 
- private:
   error_code listen() {
-    if (!access_->addresses.empty()) {
-      for (const auto& address : access_->addresses) {
-        if (const auto error = listenOn(tcp::endpoint(address, port_))) return error;
-      }
-      return {};
+    for (const auto& address : access_->addresses) {
+      if (const auto error = listenOn(tcp::endpoint(address, port_))) return error;
     }
+    if (!access_->addresses.empty()) return {};
     const auto error6 = listenOn(tcp::endpoint(tcp::v6(), port_));
     if (error6 && !meansNoIpv6(error6)) return error6;
     return listenOn(tcp::endpoint(tcp::v4(), port_));
@@ -117,14 +124,14 @@ class Listening : public std::enable_shared_from_this<Listening> {
     return error;
   }
 
-  static asio::awaitable<void> accept(std::shared_ptr<Listening> self, tcp::acceptor& acceptor) {
+  static asio::awaitable<void> accept(std::shared_ptr<Listener> self, tcp::acceptor& acceptor) {
     asio::steady_timer pause(self->strand_);
     while (!self->ended_) {
       const asio::any_io_executor connectionStrand = asio::make_strand(self->executor_);
       auto [error, socket] = co_await acceptor.async_accept(connectionStrand, kWait);
       if (self->ended_) co_return;
       if (!error) {
-        self->hand(std::move(socket));
+        self->admit(std::move(socket));
       } else if (isFatalToAcceptor(error)) {
         self->end(TransportFailed{error});
       } else if (error != asio::error::connection_aborted) {
@@ -135,7 +142,7 @@ class Listening : public std::enable_shared_from_this<Listening> {
     }
   }
 
-  void hand(tcp::socket socket) {
+  void admit(tcp::socket socket) {
     error_code ignored;  // a peer that has gone already is noticed by the first read
     socket.set_option(tcp::no_delay(true), ignored);
     if (!onConnection_) return;
@@ -150,14 +157,13 @@ class Listening : public std::enable_shared_from_this<Listening> {
       admission.refusal = refusals_;
     }
     const auto handler = onConnection_;  // may drop the listener, and with it the handler
-    handler(makeWebSocketConnection(std::move(socket), limits_, std::move(admission)));
+    handler(makeSession(std::move(socket), limits_, std::move(admission)));
   }
 
   void report(const TransportState& state) {
-    if (!onState_) return;
     const auto handler = onState_;
     if (ended_) forgetHandlers();
-    handler(state);
+    if (handler) handler(state);
   }
 
   const asio::any_io_executor executor_;
@@ -173,40 +179,10 @@ class Listening : public std::enable_shared_from_this<Listening> {
   bool ended_ = false;
 };
 
-/// The owner's end of the listening.
-class Listener final : public WebSocketListener {
+class TcpTransport final : public WebSocketTransport {
  public:
-  explicit Listener(std::shared_ptr<Listening> listening) : listening_(std::move(listening)) {}
-  Listener(const Listener&) = delete;
-  Listener& operator=(const Listener&) = delete;
-
-  ~Listener() override {
-    asio::post(listening_->strand(), [listening = listening_] {
-      listening->forgetHandlers();
-      listening->end(TransportCancelled{});
-    });
-  }
-
-  void start(StateHandler onState, ConnectionHandler onConnection) override {
-    asio::post(listening_->strand(), [listening = listening_, onState = std::move(onState),
-                                      onConnection = std::move(onConnection)]() mutable {
-      listening->start(std::move(onState), std::move(onConnection));
-    });
-  }
-
-  void cancel() override {
-    asio::post(listening_->strand(),
-               [listening = listening_] { listening->end(TransportCancelled{}); });
-  }
-
- private:
-  const std::shared_ptr<Listening> listening_;
-};
-
-class BeastTransport final : public WebSocketTransport {
- public:
-  BeastTransport(asio::any_io_executor executor, const WebSocketLimits& limits,
-                 WebSocketAccess access)
+  TcpTransport(asio::any_io_executor executor, const WebSocketLimits& limits,
+               WebSocketAccess access)
       : executor_(std::move(executor)),
         limits_(limits),
         access_(std::make_shared<const WebSocketAccess>(std::move(access))) {}
@@ -215,9 +191,12 @@ class BeastTransport final : public WebSocketTransport {
 
   boost::system::result<std::shared_ptr<WebSocketListener>> makeListener(
       std::uint16_t port) override {
-    std::shared_ptr<WebSocketListener> listener =
-        std::make_shared<Listener>(std::make_shared<Listening>(executor_, port, limits_, access_));
-    return listener;
+    auto listener = std::make_shared<Listener>(executor_, port, limits_, access_);
+    WebSocketListener* const owned = listener.get();
+    return std::shared_ptr<WebSocketListener>(owned,
+                                              [listener = std::move(listener)](auto*) mutable {
+                                                std::exchange(listener, nullptr)->abandon();
+                                              });
   }
 
  private:
@@ -231,7 +210,7 @@ class BeastTransport final : public WebSocketTransport {
 std::unique_ptr<WebSocketTransport> makeWebSocketTransport(asio::any_io_executor executor,
                                                            WebSocketLimits limits,
                                                            WebSocketAccess access) {
-  return std::make_unique<BeastTransport>(std::move(executor), limits, std::move(access));
+  return std::make_unique<TcpTransport>(std::move(executor), limits, std::move(access));
 }
 
 }  // namespace tarnlink

@@ -9,6 +9,7 @@
 #include <array>
 #include <boost/asio.hpp>
 #include <condition_variable>
+#include <csignal>
 #include <functional>
 #include <future>
 #include <memory>
@@ -29,6 +30,9 @@ using boost::system::error_code;
 using namespace std::chrono_literals;
 
 constexpr auto kPatience = 5s;
+
+// As programs that use the transport do: OpenSSL writes to peers that have gone.
+inline const auto kSigPipe = std::signal(SIGPIPE, SIG_IGN);
 
 inline std::uint16_t freePort() {
   asio::io_context context;

@@ -10,7 +10,7 @@
 #include <filesystem>
 
 #include "tests/websocket/websocket_fixtures.h"
-#include "websocket/gathered_stream.h"
+#include "websocket/connection_stream.h"
 #include "websocket/websocket_client.h"
 
 namespace tarnlink::test {
@@ -276,7 +276,13 @@ TEST(WebSocketTransport, AnAnswerOntoAClosedSocketFails) {
   tcp::acceptor acceptor(io, {boost::asio::ip::address_v4::loopback(), 0});
   tcp::socket peer(io);
   peer.connect(acceptor.local_endpoint());
-  GatheredStream stream(acceptor.accept(), 1 << 20);
+  struct Ignoring final : ConnectionStream::Owner {
+    void onWriteFailed(const error_code&) override {}
+    void onCloseQueued() override {}
+    void onAnswersSent() override {}
+    std::shared_ptr<void> keepAlive() override { return nullptr; }
+  } owner;
+  ConnectionStream stream(acceptor.accept(), 1 << 20, nullptr, owner);
   stream.open();
   stream.close(false);
   std::optional<boost::system::error_code> end;

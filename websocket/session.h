@@ -1,12 +1,12 @@
-// The server's end of one WebSocket connection on Boost.Beast, which is compiled behind this
-// header.
+// The server's end of one WebSocket connection.
 #pragma once
 
 #include <memory>
 #include <string>
 
 #include "websocket/client_places.h"
-#include "websocket/gathered_stream.h"
+#include "websocket/connection_stream.h"
+#include "websocket/upgrade_rules.h"
 #include "websocket/websocket.h"
 
 namespace tarnlink {
@@ -25,8 +25,8 @@ struct Admission {
 
 /// Takes over an accepted socket, whose executor becomes the connection's strand. Dropping the
 /// result ends the connection as cancel() does, without a report.
-std::shared_ptr<WebSocketConnection> makeWebSocketConnection(GatheredStream::Socket socket,
-                                                             const WebSocketLimits& limits,
-                                                             Admission admission);
+std::shared_ptr<WebSocketConnection> makeSession(ConnectionStream::Socket socket,
+                                                 const WebSocketLimits& limits,
+                                                 Admission admission);
 
 }  // namespace tarnlink
