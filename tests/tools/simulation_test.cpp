@@ -105,8 +105,10 @@ TEST(OperatorCues, LinesInPiecesSignalsAndTheDeadlineAreAllHeard) {
   const auto type = [&](std::string_view text) {
     ASSERT_EQ(::write(input[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
   };
-  OperatorCues cues;
-  type("trip\nnonsense\ncha");
+  type("trip\n");
+  EXPECT_EQ(OperatorCues(false).waitUntil(CueSource::Clock::now()), Cue::due) << "input left alone";
+  OperatorCues cues(true);
+  type("nonsense\ncha");
   EXPECT_EQ(cues.waitUntil(std::nullopt), Cue::trip);
   EXPECT_EQ(cues.waitUntil(cues.now() + 1ms), Cue::due);
   type("nge\n");
@@ -121,13 +123,20 @@ TEST(OperatorCues, LinesInPiecesSignalsAndTheDeadlineAreAllHeard) {
   EXPECT_EQ(cues.waitUntil(std::nullopt), Cue::end);
 }
 
+// A replay as fast as possible is never early.
+TEST(OperatorCues, ASignalEndsAProgramThatIsAlwaysLate) {
+  OperatorCues cues(false);
+  ::raise(SIGTERM);
+  EXPECT_EQ(cues.waitUntil(cues.now() - 1s), Cue::end);
+}
+
 TEST(FeederBay, DatasetsSurviveTheWireAndChangeWithEachState) {
   for (auto& block : feederBay("eth1")) {
-    SCOPED_TRACE(block.config().goCBRef);
+    SCOPED_TRACE(block.config.goCBRef);
     std::vector<GooseDataValue> previous;
-    for (int state = 0; state < 30; ++state) {
+    for (std::uint32_t state = 0; state < 30; ++state) {
       GoosePdu pdu;
-      const auto values = block.nextState(timeFromUnixSeconds(1'700'000'000.0)).values;
+      const auto values = block.dataset(state, timeFromUnixSeconds(1'700'000'000.0));
       pdu.allData = values;
       const auto octets = GoosePdu::encode(pdu);
       ASSERT_TRUE(octets);

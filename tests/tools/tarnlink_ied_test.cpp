@@ -26,7 +26,7 @@ using ::testing::HasSubstr;
 constexpr MacAddress kSource = {0x02, 0, 0, 0, 0, 1};
 
 /// A replay against a clock that jumps to whatever is waited for.
-class Playback final : Pacer, FrameSink {
+class Playback final : CueSource, FrameSink {
  public:
   IedResult<void> play(const ReplayOptions& options) {
     return replay(options, *this, *this, report);
@@ -37,9 +37,9 @@ class Playback final : Pacer, FrameSink {
 
  private:
   Clock::time_point now() const override { return now_; }
-  bool waitUntil(Clock::time_point deadline) override {
-    now_ = std::max(now_, deadline);
-    return waitsLeft_-- > 0;
+  Cue waitUntil(std::optional<Clock::time_point> deadline) override {
+    now_ = std::max(now_, *deadline);
+    return waitsLeft_-- > 0 ? Cue::due : Cue::end;
   }
   IedResult<SinkOutcome> send(ByteView frame) override {
     if (frame.size() > kEthernetHeader + kMtu) return SinkOutcome::tooLong;

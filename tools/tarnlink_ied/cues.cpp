@@ -29,17 +29,16 @@ timespec timespecOf(std::chrono::nanoseconds duration) {
 
 }  // namespace
 
-OperatorCues::OperatorCues() {
+OperatorCues::OperatorCues(bool hasOperator) : isWatchingInput_(hasOperator) {
   if (::pipe2(wakeUp_.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
     throw std::system_error(errno, std::generic_category(), "pipe2");
   }
   sigset_t signals;
   sigemptyset(&signals);
-  struct sigaction action {};
-  action.sa_handler = onSignal;
   for (const int number : {SIGINT, SIGTERM, SIGUSR1}) {
+    if (number == SIGUSR1 && !hasOperator) continue;
     sigaddset(&signals, number);
-    ::sigaction(number, &action, nullptr);
+    std::signal(number, onSignal);
   }
   // They come in during the wait alone: none is missed between looking and waiting.
   ::pthread_sigmask(SIG_BLOCK, &signals, &maskOutside_);
@@ -59,14 +58,14 @@ void OperatorCues::end() {
 Cue OperatorCues::waitUntil(std::optional<Clock::time_point> deadline) {
   while (true) {
     if (const auto cue = takePending()) return *cue;
-    if (deadline && now() >= *deadline) return Cue::due;
     std::array<pollfd, 2> sources{
         {{wakeUp_[0], POLLIN, 0}, {isWatchingInput_ ? STDIN_FILENO : -1, POLLIN, 0}}};
     timespec left{};
     if (deadline) left = timespecOf(std::max(*deadline - now(), Clock::duration::zero()));
     const int ready =
         ::ppoll(sources.data(), sources.size(), deadline ? &left : nullptr, &maskOutside_);
-    if (ready <= 0) continue;
+    if (ready == 0) return Cue::due;
+    if (ready < 0) continue;  // A signal.
     if (sources[0].revents != 0) isEndWanted = 1;
     if (sources[1].revents != 0) readLines();
   }

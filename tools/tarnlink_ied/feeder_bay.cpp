@@ -42,16 +42,16 @@ Values breaker(std::uint32_t state, goosestack::TimePoint changedAt) {
 
 /// Load that swings around 400 A with a period of 24 states.
 float current(std::uint32_t state, float phaseShift) {
-  constexpr float kTurn = 6.2831853F;
-  return 400.0F + 25.0F * std::sin(static_cast<float>(state % 24) / 24.0F * kTurn + phaseShift);
+  constexpr float kCircle = 6.2831853F;
+  return 400.0F + 25.0F * std::sin(static_cast<float>(state % 24) / 24.0F * kCircle + phaseShift);
 }
 
 /// Every type of value that a dataset can hold and a receiver understands.
 Values measurements(std::uint32_t state, goosestack::TimePoint changedAt) {
-  constexpr float kThirdOfTurn = 2.0943951F;
+  constexpr float kThirdOfCircle = 2.0943951F;
   const auto phase = [&](std::uint32_t number) {
     return Value::structure(
-        {Value::floatingPoint(current(state, -kThirdOfTurn * static_cast<float>(number))),
+        {Value::floatingPoint(current(state, -kThirdOfCircle * static_cast<float>(number))),
          goodQuality()});
   };
   const auto tap = static_cast<std::int32_t>(state % 11) - 5;
@@ -99,11 +99,9 @@ std::vector<ControlBlock> feederBay(const std::string& interface) {
   auto trip = blockConfig(1, "Trip", interface);
   trip.vlanId = kTripVlan;
   trip.vlanTagged = true;
-  std::vector<ControlBlock> blocks;
-  blocks.emplace_back(std::move(trip), breaker);
-  blocks.emplace_back(blockConfig(2, "Measurement", interface), measurements);
-  blocks.emplace_back(blockConfig(3, "Interlocking", interface), interlocking);
-  return blocks;
+  return {{std::move(trip), breaker},
+          {blockConfig(2, "Measurement", interface), measurements},
+          {blockConfig(3, "Interlocking", interface), interlocking}};
 }
 
 }  // namespace tarnlink

@@ -10,18 +10,18 @@ namespace {
 using namespace tarnlink;
 
 IedResult<void> play(const std::string& interface, const ReplayOptions& recording) {
-  SignalPacer pacer;
+  OperatorCues cues(false);
   auto sink = InterfaceSink::open(interface);
   if (!sink) return sink.error();
   std::cout << "Replaying " << recording.path << " on " << interface << std::endl;
   SendReport report;
-  auto result = replay(recording, *sink, pacer, report);
+  auto result = replay(recording, *sink, cues, report);
   std::cout << report.text() << std::endl;
   return result;
 }
 
 IedResult<void> play(const std::string& interface, const SimulationOptions& options) {
-  OperatorCues cues;
+  OperatorCues cues(true);
   return simulateIed(interface, options, cues, std::cout);
 }
 
@@ -29,10 +29,7 @@ IedResult<void> play(const std::string& interface, const SimulationOptions& opti
 
 int main(int argc, char** argv) {
   const auto parsed = parseIedOptions(argc, argv);
-  if (const auto* end = std::get_if<CommandLineEnd>(&parsed)) {
-    (end->exitCode == kExitDone ? std::cout : std::cerr) << end->text << std::flush;
-    return end->exitCode;
-  }
+  if (const auto* end = std::get_if<CommandLineEnd>(&parsed)) return end->show();
   const auto& options = std::get<IedOptions>(parsed);
   const auto result = std::visit(
       [&options](const auto& mode) { return play(options.interface, mode); }, options.mode);

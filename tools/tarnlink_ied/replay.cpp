@@ -1,101 +1,97 @@
 #include "tools/tarnlink_ied/replay.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstddef>
-#include <utility>
 
+#include "tools/common/command_line.h"
 #include "tools/tarnlink_ied/capture_file.h"
 
 namespace tarnlink {
 namespace {
 
+using std::chrono::nanoseconds;
+
 constexpr std::size_t kEthernetHeaderLength = 14;  // Octets, untagged.
+// A capture may be of several days; a longer silence is a damaged time stamp and waits this long.
+constexpr std::chrono::hours kLongestGap{30 * 24};
+// Between the last frame of a recording and the first one of its next round, before the speed.
+constexpr std::chrono::seconds kRoundGap{1};
+
+/// When each frame of a recording is due, counted from the first one. A plain value.
+class ReplaySchedule {
+ public:
+  /// `speed` divides all gaps; 0 leaves none.
+  explicit ReplaySchedule(double speed) : speed_(speed) {}
+
+  /// The offset of the frame recorded at `time`.
+  nanoseconds nextOffset(nanoseconds time) {
+    if (previous_) {
+      recorded_ += std::clamp<nanoseconds>(time - *previous_, nanoseconds(0), kLongestGap);
+    }
+    previous_ = std::max(time, previous_.value_or(time));
+    if (speed_ == 0) return nanoseconds(0);
+    return nanoseconds(static_cast<std::int64_t>(static_cast<double>(recorded_.count()) / speed_));
+  }
+  /// The recording starts anew.
+  void startNextRound() {
+    previous_.reset();
+    recorded_ += kRoundGap;
+  }
+
+ private:
+  double speed_;
+  nanoseconds recorded_{0};  ///< Gaps of the recording so far.
+  std::optional<nanoseconds> previous_;
+};
 
 void appendCount(std::string& text, std::uint64_t number, const char* reason) {
   if (number == 0) return;
-  text += text.empty() ? "" : ", ";
+  text += text.empty() ? "; skipped " : ", ";
   text += std::to_string(number) + " " + reason;
 }
 
-/// One pass over the file; false when no further one is wanted.
-IedResult<bool> playOnce(CaptureFile file, const ReplayOptions& options, ReplaySchedule& schedule,
-                         Pacer::Clock::time_point start, FrameSink& sink, Pacer& pacer,
-                         SendReport& report) {
-  while (true) {
-    const auto frame = file.next();
-    if (!frame) return frame.error();
-    if (!*frame) return options.loop;
-    if (!pacer.waitUntil(start + schedule.nextOffset((*frame)->time))) return false;
-    if (!(*frame)->isWhole || (*frame)->octets.size() < kEthernetHeaderLength) {
-      ++report.incomplete;
-      continue;
-    }
-    const auto outcome = sink.send((*frame)->octets);
-    if (!outcome) return outcome.error();
-    report.count(*outcome);
-    if (options.count && report.sent >= *options.count) return false;
-  }
-}
-
 }  // namespace
-
-std::chrono::nanoseconds ReplaySchedule::nextOffset(std::chrono::nanoseconds time) {
-  if (previous_) {
-    recorded_ += std::clamp<std::chrono::nanoseconds>(time - *previous_,
-                                                      std::chrono::nanoseconds(0), kLongestGap);
-  }
-  previous_ = std::max(time, previous_.value_or(time));
-  if (speed_ == 0) return std::chrono::nanoseconds(0);
-  return std::chrono::nanoseconds(
-      static_cast<std::int64_t>(static_cast<double>(recorded_.count()) / speed_));
-}
-
-void ReplaySchedule::startNextRound() {
-  previous_.reset();
-  recorded_ += kRoundGap;
-}
-
-void SendReport::count(SinkOutcome outcome) {
-  switch (outcome) {
-    case SinkOutcome::sent:
-      ++sent;
-      break;
-    case SinkOutcome::tooLong:
-      ++tooLong;
-      break;
-    case SinkOutcome::linkDown:
-      ++linkDown;
-      break;
-  }
-}
 
 std::string SendReport::text() const {
   std::string skipped;
   appendCount(skipped, tooLong, "too long for the link");
   appendCount(skipped, incomplete, "not whole in the capture");
   appendCount(skipped, linkDown, "while the link was down");
-  return "Sent " + std::to_string(sent) + (sent == 1 ? " frame" : " frames") +
-         (skipped.empty() ? "" : "; skipped " + skipped);
+  return "Sent " + framesText(sent) + skipped;
 }
 
-IedResult<void> replay(const ReplayOptions& options, FrameSink& sink, Pacer& pacer,
+IedResult<void> replay(const ReplayOptions& options, FrameSink& sink, CueSource& cues,
                        SendReport& report) {
   ReplaySchedule schedule(options.speed);
-  const auto start = pacer.now();
-  for (bool goesOn = true; goesOn;) {
+  const auto start = cues.now();
+  while (true) {
     auto file = CaptureFile::open(options.path);
     if (!file) return file.error();
-    const auto sentBefore = report.sent + report.linkDown;
-    const auto more = playOnce(std::move(*file), options, schedule, start, sink, pacer, report);
-    if (!more) return more.error();
-    goesOn = *more;
+    const auto tried = report.sent + report.linkDown;
+    while (true) {
+      const auto frame = file->next();
+      if (!frame) return frame.error();
+      if (!*frame) break;
+      if (cues.waitUntil(start + schedule.nextOffset((*frame)->time)) == Cue::end) return {};
+      if (!(*frame)->isWhole || (*frame)->octets.size() < kEthernetHeaderLength) {
+        ++report.incomplete;
+        continue;
+      }
+      const auto outcome = sink.send((*frame)->octets);
+      if (!outcome) return outcome.error();
+      ++(*outcome == SinkOutcome::sent      ? report.sent
+         : *outcome == SinkOutcome::tooLong ? report.tooLong
+                                            : report.linkDown);
+      if (options.count && report.sent >= *options.count) return {};
+    }
+    if (!options.loop) return {};
     // Going round without anything to send would only burn the processor.
-    if (goesOn && report.sent + report.linkDown == sentBefore) {
+    if (report.sent + report.linkDown == tried) {
       return IedError{options.path + " holds no frame that can be sent"};
     }
     schedule.startNextRound();
   }
-  return {};
 }
 
 }  // namespace tarnlink

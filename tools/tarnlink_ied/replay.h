@@ -1,39 +1,14 @@
 // Playing a recorded capture onto the wire, with the spacing it was recorded with.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
 
+#include "tools/tarnlink_ied/cues.h"
 #include "tools/tarnlink_ied/frame_sink.h"
-#include "tools/tarnlink_ied/pacer.h"
 
 namespace tarnlink {
-
-/// When each frame of a recording is due, counted from the first one. A plain value. Every due
-/// time is reckoned from the start, so late frames do not delay the later ones.
-class ReplaySchedule {
- public:
-  /// A capture may be of several days; a longer silence is a damaged time stamp and waits this
-  /// long.
-  static constexpr std::chrono::hours kLongestGap{30 * 24};
-  /// Between the last frame of a recording and the first one of its next round, before `speed`.
-  static constexpr std::chrono::seconds kRoundGap{1};
-
-  /// `speed` divides all gaps; 0 leaves none.
-  explicit ReplaySchedule(double speed) : speed_(speed) {}
-
-  /// The offset of the frame recorded at `time`. Frames recorded out of order have no gap.
-  std::chrono::nanoseconds nextOffset(std::chrono::nanoseconds time);
-  /// The recording starts anew.
-  void startNextRound();
-
- private:
-  double speed_;
-  std::chrono::nanoseconds recorded_{0};  ///< Gaps of the recording so far.
-  std::optional<std::chrono::nanoseconds> previous_;
-};
 
 struct ReplayOptions {
   std::string path;
@@ -51,14 +26,15 @@ struct SendReport {
 
   bool operator==(const SendReport&) const = default;
 
-  void count(SinkOutcome outcome);
   /// "Sent 12 frames", with what was skipped and why.
   std::string text() const;
 };
 
-/// Returns at the end of the file, after `count` frames, or when `pacer` says so. Fails when the
-/// file cannot be read or holds nothing to send, or the interface is lost.
-IedResult<void> replay(const ReplayOptions& options, FrameSink& sink, Pacer& pacer,
+/// Returns at the end of the file, after `count` frames, or at Cue::end; no other cue may come.
+/// Each frame is due so long after the first one as the recording says: late frames do not delay
+/// the later ones. Frames recorded out of order have no gap. Fails when the file cannot be read or
+/// holds nothing to send, or the interface is lost.
+IedResult<void> replay(const ReplayOptions& options, FrameSink& sink, CueSource& cues,
                        SendReport& report);
 
 }  // namespace tarnlink

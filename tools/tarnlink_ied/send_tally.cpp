@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "tools/common/command_line.h"
+
 namespace tarnlink {
 namespace {
 
@@ -75,7 +77,7 @@ void SendTally::interfaceGone() {
 }
 
 std::string SendTally::text() const {
-  std::string text = "Sent " + std::to_string(sent_) + (sent_ == 1 ? " frame" : " frames");
+  std::string text = "Sent " + framesText(sent_);
   if (failed_ > 0) text += "; " + std::to_string(failed_) + " could not be sent";
   return text;
 }

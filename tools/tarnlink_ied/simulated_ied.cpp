@@ -70,8 +70,8 @@ std::string announcement(const std::string& interface, const SimulationOptions& 
                          std::size_t controlBlocks) {
   std::string text;
   if (controlBlocks > 0) text += "Publishing " + std::to_string(controlBlocks) + " control blocks";
-  if (options.svRate) {
-    text += (text.empty() ? "Sending " : ", sending ") + std::to_string(*options.svRate) +
+  if (options.sendsSv) {
+    text += (text.empty() ? "Sending " : ", sending ") + std::to_string(options.svRate) +
             " Sampled Values a second";
   }
   if (options.listens) text += text.empty() ? "Listening" : ", listening";
@@ -103,8 +103,8 @@ IedResult<void> simulateIed(const std::string& interface, const SimulationOption
   if (options.sendsGoose) blocks = publications(interface, thread, handles);
   journal.line(announcement(interface, options, blocks.size()));
   std::unique_ptr<SvSender> stream;
-  if (options.svRate) {
-    auto started = startStream(interface, *options.svRate, *handles);
+  if (options.sendsSv) {
+    auto started = startStream(interface, options.svRate, *handles);
     if (!started) return started.error();
     stream = std::move(*started);
   }
@@ -112,7 +112,7 @@ IedResult<void> simulateIed(const std::string& interface, const SimulationOption
     Simulation simulation(std::move(blocks), thread.executor(), [&](std::string_view line) {
       if (!tally.isOver()) journal.line(line);
     });
-    simulation.run(options.interval, cues);
+    simulation.run(std::chrono::milliseconds(options.interval), cues);
   }
   stream.reset();
   listener.reset();

@@ -61,7 +61,8 @@ void Simulation::changeNext() {
 }
 
 void Simulation::changeState(Publication& publication) {
-  const auto& config = publication.block.nextState(goosestack::timeNow());
+  auto& [config, dataset] = publication.block;
+  config.values = dataset(publication.states++, goosestack::timeNow());
   auto work = publication.publisher->publishStateChange(config);
   const auto published =
       boost::asio::co_spawn(executor_, std::move(work), boost::asio::use_future).get();

@@ -9,15 +9,15 @@
 #include <vector>
 
 #include "goosestack/publishing.h"
-#include "tools/tarnlink_ied/control_block.h"
 #include "tools/tarnlink_ied/cues.h"
-#include "tools/tarnlink_ied/frame_sink.h"
+#include "tools/tarnlink_ied/feeder_bay.h"
 
 namespace tarnlink {
 
 struct Publication {
   ControlBlock block;
   std::shared_ptr<goosestack::GoosePublishing> publisher;
+  std::uint32_t states = 0;  ///< Published so far.
 };
 
 /// One thread; blocks it while a publisher works.
