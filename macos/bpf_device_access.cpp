@@ -72,12 +72,6 @@ error_code replaceFile(const fs::path& path, std::string_view text) {
 
 }  // namespace
 
-BpfDeviceAccess::BpfDeviceAccess(std::unique_ptr<ProcessRunner> runner, fs::path temporaryFolder,
-                                 std::string devicePrefix)
-    : runner_(std::move(runner)),
-      temporaryFolder_(std::move(temporaryFolder)),
-      devicePrefix_(std::move(devicePrefix)) {}
-
 bool BpfDeviceAccess::isGranted() {
   for (int i = 0; i < kDevices; ++i) {
     if (::access((devicePrefix_ + std::to_string(i)).c_str(), R_OK) == 0) return true;
@@ -96,10 +90,6 @@ AdminResult BpfDeviceAccess::install() {
   std::error_code ignored;
   fs::remove(draft, ignored);
   return {};
-}
-
-void BpfDeviceAccess::cancel() {
-  runner_->cancel();
 }
 
 }  // namespace tarnlink

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "app/host/capture_access.h"
 
@@ -15,7 +16,10 @@ class BpfDeviceAccess final : public CaptureAccess {
   /// `temporaryFolder`: where the daemon's property list waits to be copied. `devicePrefix`: path
   /// of the devices without their number.
   BpfDeviceAccess(std::unique_ptr<ProcessRunner> runner, std::filesystem::path temporaryFolder,
-                  std::string devicePrefix = "/dev/bpf");
+                  std::string devicePrefix = "/dev/bpf")
+      : runner_(std::move(runner)),
+        temporaryFolder_(std::move(temporaryFolder)),
+        devicePrefix_(std::move(devicePrefix)) {}
 
   /// True when one of the devices is readable. An unreadable device ends the search: those after it
   /// have the same owner.
@@ -26,7 +30,7 @@ class BpfDeviceAccess final : public CaptureAccess {
   /// behind in the temporary folder.
   AdminResult install() override;
 
-  void cancel() override;
+  void cancel() override { runner_->cancel(); }
 
  private:
   std::unique_ptr<ProcessRunner> runner_;

@@ -42,22 +42,16 @@ AvahiThread::AvahiThread(std::function<void(AvahiLoop&)> work)
   thread_ = std::thread(std::move(task));
 }
 
-AvahiThread::~AvahiThread() {
-  stop(std::chrono::milliseconds(0));
+void AvahiThread::waitUntil(std::chrono::steady_clock::time_point deadline) const {
+  ended_.wait_until(deadline);
 }
 
-bool AvahiThread::waitUntil(std::chrono::steady_clock::time_point deadline) const {
-  return ended_.wait_until(deadline) == std::future_status::ready;
-}
-
-void AvahiThread::stop(std::chrono::milliseconds patience) {
-  if (!thread_.joinable()) return;
+bool AvahiThread::stop(std::chrono::milliseconds patience) {
+  if (!thread_.joinable()) return false;
   loop_->askToStop();
-  if (waitUntil(std::chrono::steady_clock::now() + patience)) {
-    thread_.join();
-  } else {
-    thread_.detach();
-  }
+  const bool hasEnded = ended_.wait_for(patience) == std::future_status::ready;
+  hasEnded ? thread_.join() : thread_.detach();
+  return hasEnded;
 }
 
 DnsSdError avahiError(int code) {

@@ -51,15 +51,16 @@ class AvahiThread {
   /// Starts the work. It owns whatever it uses, or shares it. Throws std::system_error where the
   /// process is out of threads or descriptors.
   explicit AvahiThread(std::function<void(AvahiLoop&)> work);
-  ~AvahiThread();
+  ~AvahiThread() { stop(std::chrono::milliseconds(0)); }
   AvahiThread(const AvahiThread&) = delete;
   AvahiThread& operator=(const AvahiThread&) = delete;
 
-  /// Whether the work has ended by then.
-  bool waitUntil(std::chrono::steady_clock::time_point deadline) const;
+  /// Until the work has ended, at most until then.
+  void waitUntil(std::chrono::steady_clock::time_point deadline) const;
 
-  /// Asks the work to end, and waits for it up to `patience`.
-  void stop(std::chrono::milliseconds patience);
+  /// Asks the work to end, and waits for it up to `patience`; whether it has ended. Only the first
+  /// call does something.
+  bool stop(std::chrono::milliseconds patience);
 
  private:
   std::shared_ptr<AvahiLoop> loop_;

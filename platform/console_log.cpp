@@ -20,23 +20,14 @@ constexpr unsigned char kDelete = 0x7F;
 constexpr unsigned char kC1Lead = 0xC2;  // UTF-8 lead octet of U+0080 to U+00BF.
 
 void appendEscape(std::string& out, unsigned char octet) {
+  constexpr std::string_view kNamed = "\n\r\t";
   constexpr std::string_view kDigits = "0123456789ABCDEF";
-  switch (octet) {
-    case '\n':
-      out += "\\n";
-      return;
-    case '\r':
-      out += "\\r";
-      return;
-    case '\t':
-      out += "\\t";
-      return;
-    default:
-      break;
+  out += '\\';
+  if (const auto at = kNamed.find(static_cast<char>(octet)); at != kNamed.npos) {
+    out += "nrt"[at];
+  } else {
+    out.append({'x', kDigits[octet >> 4], kDigits[octet & 0x0F]});
   }
-  out += "\\x";
-  out += kDigits[octet >> 4];
-  out += kDigits[octet & 0x0F];
 }
 
 // Lines that wait for the reader of standard output; those beyond are lost, counted and reported.

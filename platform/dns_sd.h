@@ -8,7 +8,6 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace tarnlink {
@@ -19,45 +18,27 @@ struct DnsSdError {
   std::string text;
 };
 
-/// One instance of a service type, without a TXT record's attributes.
-struct DnsSdService {
-  std::string name;  ///< For people: valid UTF-8, not empty, without U+0000.
-  std::string type;  ///< Such as "_http._tcp.".
-  std::int32_t port = 0;
-};
-
-/// Is told how a publication fares, on the publication's own thread, never after
-/// DnsSdPublication::stop(), which it must not call.
-class DnsSdPublicationDelegate {
- public:
-  virtual ~DnsSdPublicationDelegate() = default;
-
-  /// The service is announced, under the name that it carries here.
-  virtual void netServiceDidPublish(const DnsSdService& service) = 0;
-
-  /// The service is not announced, or not any longer.
-  virtual void netService(const DnsSdService& service, const DnsSdError& didNotPublish) = 0;
-};
-
-/// A service that is, or is about to be, announced; destroying it stops it.
+/// A service that is, or is about to be, announced. Destroying it withdraws the announcement:
+/// normally that is done when the call returns, after a few milliseconds; with a service that does
+/// not answer it returns all the same, within a fraction of a second. For one thread.
 class DnsSdPublication {
  public:
   virtual ~DnsSdPublication() = default;
-
-  /// Withdraws the announcement. Normally that is done when the call returns, after a few
-  /// milliseconds; with a service that does not answer it returns all the same, within a fraction
-  /// of a second. Idempotent; for one thread.
-  virtual void stop() = 0;
 };
 
-/// Starts announcing a service and returns at once. A name longer than the 63 octets of a DNS label
-/// is cut; one that is taken on the network is replaced by a variant. Failures are final, with one
-/// exception: while the DNS-SD service does not run, which is reported once, it is waited for, and
-/// the running announcement is made again, under the name it had. `name` is asked once, on the
-/// publication's thread, so that it may take its time; `delegate` outlives the publication.
-std::unique_ptr<DnsSdPublication> publishDnsSdService(std::function<std::string()> name,
-                                                      std::string type, std::int32_t port,
-                                                      DnsSdPublicationDelegate& delegate);
+/// The name that the service is announced under, or why it is not, or not any longer.
+using DnsSdOutcome = boost::system::result<std::string, DnsSdError>;
+
+/// Starts announcing a service without a TXT record's attributes and returns at once. The name is
+/// for people: valid UTF-8, not empty, without U+0000; one longer than the 63 octets of a DNS label
+/// is cut, and one that is taken on the network is replaced by a variant. `type` is such as
+/// "_http._tcp.". Failures are final, with one exception: while the DNS-SD service does not run,
+/// which is reported once, it is waited for, and the running announcement is made again, under the
+/// name it had. `name` is asked once, on the publication's own thread, so that it may take its
+/// time; `report` is called there, never once the publication is gone, and must not destroy it.
+std::unique_ptr<DnsSdPublication> publishDnsSdService(
+    std::function<std::string()> name, std::string type, std::uint16_t port,
+    std::function<void(const DnsSdOutcome&)> report);
 
 /// An instance that was found on the network. All texts are whatever the network says.
 struct DnsSdInstance {

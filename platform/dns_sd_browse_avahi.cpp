@@ -2,13 +2,11 @@
 #include <avahi-client/lookup.h>
 #include <avahi-common/address.h>
 #include <avahi-common/error.h>
-#include <avahi-common/timeval.h>
 #include <net/if.h>
 
 #include <algorithm>
 #include <array>
 #include <map>
-#include <mutex>
 #include <system_error>
 #include <tuple>
 #include <utility>
@@ -19,7 +17,7 @@
 namespace tarnlink {
 namespace {
 
-// How much later than asked an answer may come from a thread that is not stuck.
+// How long a thread that is not stuck may take to answer when its time is up.
 constexpr std::chrono::milliseconds kSlack{200};
 // Against a network that announces without end.
 constexpr std::size_t kMaxInstances = 1000;
@@ -58,16 +56,12 @@ class Browser {
  public:
   Browser(AvahiLoop& loop, const std::string& onlyName) : loop_(loop), onlyName_(onlyName) {}
 
-  Found run(const std::string& type, std::chrono::milliseconds wait) {
+  /// Returns when all is found, and with what is found when asked to stop.
+  Found run(const std::string& type) {
     int error = AVAHI_OK;
     const AvahiClientHandle client(
         ::avahi_client_new(loop_.api(), AvahiClientFlags{}, &Browser::onClient, this, &error));
     if (!client) return avahiError(error);
-    timeval end{};
-    ::avahi_elapse_time(&end, static_cast<unsigned>(wait.count()), 0);
-    AvahiTimeout* timeout = loop_.api()->timeout_new(
-        loop_.api(), &end,
-        [](AvahiTimeout*, void* context) { static_cast<Browser*>(context)->loop_.quit(); }, this);
     if (::avahi_service_browser_new(client.get(), AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, type.c_str(),
                                     "local", AvahiLookupFlags{}, &Browser::onBrowser,
                                     this) == nullptr) {
@@ -75,7 +69,6 @@ class Browser {
     } else {
       loop_.run();
     }
-    loop_.api()->timeout_free(timeout);
     if (error_ != AVAHI_OK) return avahiError(error_);
     return merged();
   }
@@ -176,16 +169,14 @@ class Browser {
 
 Found browseDnsSd(const std::string& type, std::chrono::milliseconds wait,
                   const std::string& onlyName) {
-  const auto deadline = std::chrono::steady_clock::now() + wait + kSlack;
+  const auto deadline = std::chrono::steady_clock::now() + wait;
   // Shared: the thread may have to be left behind.
   const auto answer = std::make_shared<Found>(avahiError(AVAHI_ERR_TIMEOUT));
   try {
-    AvahiThread thread([answer, type, wait, onlyName](AvahiLoop& loop) {
-      *answer = Browser(loop, onlyName).run(type, wait);
-    });
-    const bool hasEnded = thread.waitUntil(deadline);
-    thread.stop(std::chrono::milliseconds(0));
-    if (hasEnded) return *answer;
+    AvahiThread thread(
+        [answer, type, onlyName](AvahiLoop& loop) { *answer = Browser(loop, onlyName).run(type); });
+    thread.waitUntil(deadline);
+    if (thread.stop(kSlack)) return *answer;
   } catch (const std::system_error& error) {
     return DnsSdError{error.code().value(), error.what()};
   }

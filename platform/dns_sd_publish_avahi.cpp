@@ -6,7 +6,6 @@
 #include <avahi-common/error.h>
 #include <avahi-common/malloc.h>
 
-#include <limits>
 #include <mutex>
 #include <optional>
 #include <system_error>
@@ -36,38 +35,38 @@ std::string cutToLabel(std::string name) {
 /// Passes outcomes on until it is told to be silent; safe from any thread.
 class Reporter {
  public:
-  explicit Reporter(DnsSdPublicationDelegate& delegate) : delegate_(&delegate) {}
+  explicit Reporter(std::function<void(const DnsSdOutcome&)> report) : report_(std::move(report)) {}
 
-  void published(const DnsSdService& service) {
+  void pass(const DnsSdOutcome& outcome) {
     const std::lock_guard hold(mutex_);
+    const auto name = outcome ? std::optional(*outcome) : std::nullopt;
     // A daemon whose addresses change makes its announcements anew: that is no news.
-    if (delegate_ == nullptr || reportedName_ == service.name) return;
-    reportedName_ = service.name;
-    delegate_->netServiceDidPublish(service);
-  }
-
-  void failed(const DnsSdService& service, const DnsSdError& error) {
-    const std::lock_guard hold(mutex_);
-    reportedName_.reset();
-    if (delegate_ != nullptr) delegate_->netService(service, error);
+    const bool isNews = !name || name != announced_;
+    announced_ = name;
+    if (isNews && report_) report_(outcome);
   }
 
   void silence() {
     const std::lock_guard hold(mutex_);
-    delegate_ = nullptr;
+    report_ = nullptr;
   }
 
  private:
   std::mutex mutex_;
-  DnsSdPublicationDelegate* delegate_;
-  std::optional<std::string> reportedName_;
+  std::function<void(const DnsSdOutcome&)> report_;
+  std::optional<std::string> announced_;
 };
 
 /// Lives on its thread's stack.
 class Announcement {
  public:
-  Announcement(AvahiLoop& loop, DnsSdService service, Reporter& reporter)
-      : loop_(loop), service_(std::move(service)), reporter_(reporter) {}
+  Announcement(AvahiLoop& loop, std::string name, std::string type, std::uint16_t port,
+               Reporter& reporter)
+      : loop_(loop),
+        name_(std::move(name)),
+        type_(std::move(type)),
+        port_(port),
+        reporter_(reporter) {}
 
   void run() {
     do {
@@ -99,7 +98,7 @@ class Announcement {
         if (group_ != nullptr) ::avahi_entry_group_reset(group_);
         return;
       case AVAHI_CLIENT_CONNECTING:
-        return reporter_.failed(service_, avahiError(AVAHI_ERR_NO_DAEMON));
+        return reporter_.pass(avahiError(AVAHI_ERR_NO_DAEMON));
       case AVAHI_CLIENT_FAILURE:
         // A client that has lost the daemon stays useless; a new one waits for the next daemon.
         isDisconnected_ = ::avahi_client_errno(client) == AVAHI_ERR_DISCONNECTED;
@@ -112,7 +111,7 @@ class Announcement {
   void handle(AvahiEntryGroup* group, AvahiEntryGroupState state) {
     switch (state) {
       case AVAHI_ENTRY_GROUP_ESTABLISHED:
-        return reporter_.published(service_);
+        return reporter_.pass(name_);
       case AVAHI_ENTRY_GROUP_COLLISION:
         takeOtherName();
         ::avahi_entry_group_reset(group);
@@ -141,28 +140,26 @@ class Announcement {
   }
 
   int add() {
-    if (service_.port < 1 || service_.port > std::numeric_limits<std::uint16_t>::max()) {
-      return AVAHI_ERR_INVALID_PORT;
-    }
-    return ::avahi_entry_group_add_service_strlst(
-        group_, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, AvahiPublishFlags{}, service_.name.c_str(),
-        service_.type.c_str(), "local", nullptr, static_cast<std::uint16_t>(service_.port),
-        nullptr);
+    return ::avahi_entry_group_add_service_strlst(group_, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC,
+                                                  AvahiPublishFlags{}, name_.c_str(), type_.c_str(),
+                                                  "local", nullptr, port_, nullptr);
   }
 
   void takeOtherName() {
-    char* other = ::avahi_alternative_service_name(service_.name.c_str());
-    service_.name = other;
+    char* other = ::avahi_alternative_service_name(name_.c_str());
+    name_ = other;
     ::avahi_free(other);
   }
 
   void fail(int error) {
-    reporter_.failed(service_, avahiError(error));
+    reporter_.pass(avahiError(error));
     loop_.quit();
   }
 
   AvahiLoop& loop_;
-  DnsSdService service_;
+  std::string name_;
+  const std::string type_;
+  const std::uint16_t port_;
   Reporter& reporter_;
   AvahiEntryGroup* group_ = nullptr;  // Goes with the client.
   bool isDisconnected_ = false;
@@ -170,23 +167,15 @@ class Announcement {
 
 class AvahiPublication final : public DnsSdPublication {
  public:
-  AvahiPublication(std::function<std::string()> name, std::string type, std::int32_t port,
-                   DnsSdPublicationDelegate& delegate)
-      : reporter_(std::make_shared<Reporter>(delegate)) {
-    DnsSdService service{.name = {}, .type = std::move(type), .port = port};
+  AvahiPublication(std::shared_ptr<Reporter> reporter, std::function<void(AvahiLoop&)> work)
+      : reporter_(std::move(reporter)) {
     try {
-      thread_.emplace(
-          [reporter = reporter_, name = std::move(name), service](AvahiLoop& loop) mutable {
-            service.name = cutToLabel(name());
-            Announcement(loop, std::move(service), *reporter).run();
-          });
+      thread_.emplace(std::move(work));
     } catch (const std::system_error& error) {
-      reporter_->failed(service, {error.code().value(), error.what()});
+      reporter_->pass(DnsSdError{error.code().value(), error.what()});
     }
   }
-  ~AvahiPublication() override { stop(); }
-
-  void stop() override {
+  ~AvahiPublication() override {
     reporter_->silence();
     if (thread_) thread_->stop(kStopPatience);
   }
@@ -198,10 +187,14 @@ class AvahiPublication final : public DnsSdPublication {
 
 }  // namespace
 
-std::unique_ptr<DnsSdPublication> publishDnsSdService(std::function<std::string()> name,
-                                                      std::string type, std::int32_t port,
-                                                      DnsSdPublicationDelegate& delegate) {
-  return std::make_unique<AvahiPublication>(std::move(name), std::move(type), port, delegate);
+std::unique_ptr<DnsSdPublication> publishDnsSdService(
+    std::function<std::string()> name, std::string type, std::uint16_t port,
+    std::function<void(const DnsSdOutcome&)> report) {
+  const auto reporter = std::make_shared<Reporter>(std::move(report));
+  return std::make_unique<AvahiPublication>(
+      reporter, [reporter, name = std::move(name), type = std::move(type), port](AvahiLoop& loop) {
+        Announcement(loop, cutToLabel(name()), type, port, *reporter).run();
+      });
 }
 
 }  // namespace tarnlink

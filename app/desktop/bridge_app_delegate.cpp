@@ -11,12 +11,4 @@ void BridgeAppDelegate::applicationDidFinishLaunching() {
   statusBarController_->start();
 }
 
-void BridgeAppDelegate::applicationShouldHandleReopen() {
-  if (statusBarController_) statusBarController_->showWindow();
-}
-
-void BridgeAppDelegate::applicationWillTerminate() {
-  ports_.bridge.stop();
-}
-
 }  // namespace tarnlink

@@ -17,10 +17,12 @@ class BridgeAppDelegate {
   void applicationDidFinishLaunching();
 
   /// The program was started again: shows its window, unless an alert is what it shows yet.
-  void applicationShouldHandleReopen();
+  void applicationShouldHandleReopen() {
+    if (statusBarController_) statusBarController_->showWindow();
+  }
 
   /// Ends the bridge in order, within a few seconds.
-  void applicationWillTerminate();
+  void applicationWillTerminate() { ports_.bridge.stop(); }
 
  private:
   StatusBarPorts ports_;

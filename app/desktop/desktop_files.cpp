@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "app/host/pairing_code_output.h"
 #include "platform/preference_store.h"
-#include "server/pairing_code.h"
 
 namespace tarnlink {
 namespace fs = std::filesystem;
@@ -34,10 +34,7 @@ fs::path bridgeForThisUser(const CapabilityAccessFiles& files, const fs::path& o
 
 fs::path usablePreferenceFile(const goosestack::LogSink& log) {
   auto file = defaultPreferenceFile();
-  const auto code = pairingCode(*makePreferenceStore(file, log));
-  if (makePreferenceStore(file, [](std::string_view) {})->read(kPairingCodeKey) == code) {
-    return file;
-  }
+  if (storedPairingCode(file, log)) return file;
   std::string folder = (fs::temp_directory_path() / "tarnlink.XXXXXX").string();
   if (::mkdtemp(folder.data()) == nullptr) return file;
   auto own = fs::path(folder) / "preferences.json";

@@ -17,23 +17,12 @@
 #include "app/desktop/message_alerts.h"
 #include "app/desktop/single_instance.h"
 #include "app/desktop/termination.h"
-#include "goosestack/interface_discovery.h"
+#include "app/host/named_interfaces.h"
 #include "platform/console_log.h"
-#include "platform/interface_names.h"
 
 namespace tarnlink {
 namespace fs = std::filesystem;
 namespace {
-
-class SystemNames final : public goosestack::InterfaceNameSource {
- public:
-  std::map<std::string, std::string> displayNames() override { return interfaceDisplayNames(); }
-};
-
-std::vector<goosestack::NetworkInterfaceInfo> listInterfaces() {
-  SystemNames names;
-  return goosestack::InterfaceDiscovery::listEthernetInterfaces(&names);
-}
 
 // A session without a language, such as "C", gets the texts as they were written first.
 Language sessionLanguage() {
@@ -61,8 +50,8 @@ int runDesktop(const QApplication& application, const DesktopOptions& options) {
   BackgroundAccess installing(access);
   MessageAlerts alerts;
   BpfPermissionHelper permission(installing, alerts, texts);
-  BridgeAppDelegate delegate(
-      {bridge, *preferences, permission, texts, options.bridge.port, listInterfaces, logToConsole});
+  BridgeAppDelegate delegate({bridge, *preferences, permission, texts, options.bridge.port,
+                              listNamedInterfaces, logToConsole});
   if (!becomeOnlyInstance([&delegate] { delegate.applicationShouldHandleReopen(); })) {
     logToConsole("[KorvelTarnlink] Runs already in this session: that one shows its window");
     return 0;

@@ -5,31 +5,19 @@
 namespace tarnlink {
 namespace {
 
-MenuItem text(std::string title, MenuAction action = MenuAction::none) {
-  MenuItem item;
-  item.title = std::move(title);
-  item.action = action;
-  return item;
-}
-
 MenuItem text(std::string_view title, MenuAction action = MenuAction::none) {
-  return text(std::string(title), action);
-}
-
-MenuItem separator() {
-  MenuItem item;
-  item.isSeparator = true;
-  return item;
+  return {.title = std::string(title), .action = action};
 }
 
 MenuItem interfaceItem(const goosestack::NetworkInterfaceInfo& interface,
                        const std::string& active) {
-  auto item = text("  " + interface.name, MenuAction::selectInterface);
-  if (!interface.displayName.empty()) item.title += " — " + interface.displayName;
-  if (!interface.isUp) item.title += "  (down)";
-  item.represented = interface.name;
-  item.isChecked = interface.name == active;
-  return item;
+  auto title = "  " + interface.name;
+  if (!interface.displayName.empty()) title += " — " + interface.displayName;
+  if (!interface.isUp) title += "  (down)";
+  return {.title = std::move(title),
+          .action = MenuAction::selectInterface,
+          .represented = interface.name,
+          .isChecked = interface.name == active};
 }
 
 std::string phaseTitle(const MenuState& state, const UserTexts& texts) {
@@ -47,23 +35,22 @@ std::string phaseTitle(const MenuState& state, const UserTexts& texts) {
 }  // namespace
 
 MenuModel buildMenu(const MenuState& state, const UserTexts& texts) {
-  MenuModel menu;
-  menu.push_back(text("Korvel 61850 Tarnlink " + state.appVersion));
-  menu.push_back(separator());
-  menu.push_back(text(phaseTitle(state, texts)));
-  menu.push_back(
-      text(std::string(texts.pairingCode) + state.pairingCode + std::string(texts.copyHint),
-           MenuAction::copyPairingCode));
-  menu.push_back(separator());
-  menu.push_back(text(texts.interfaces));
+  const MenuItem separator{.title = {}, .isSeparator = true};
+  const auto code = std::string(texts.pairingCode) + state.pairingCode;
+  MenuModel menu{text("Korvel 61850 Tarnlink " + state.appVersion),
+                 separator,
+                 text(phaseTitle(state, texts)),
+                 text(code + std::string(texts.copyHint), MenuAction::copyPairingCode),
+                 separator,
+                 text(texts.interfaces)};
   for (const auto& interface : state.interfaces) {
     menu.push_back(interfaceItem(interface, state.activeInterface));
   }
   if (state.interfaces.empty()) menu.push_back(text(texts.noInterfaces));
-  menu.push_back(separator());
+  menu.push_back(separator);
   menu.push_back(state.canCapture ? text(texts.accessActive)
                                   : text(texts.accessMissing, MenuAction::installBpfAccess));
-  menu.push_back(separator());
+  menu.push_back(separator);
   menu.push_back(text(texts.quit, MenuAction::quit));
   return menu;
 }

@@ -34,7 +34,7 @@ enum class MenuAction { none, copyPairingCode, selectInterface, installBpfAccess
 struct MenuItem {
   std::string title;
   MenuAction action = MenuAction::none;
-  std::string represented;  ///< The interface's name, of items that choose one.
+  std::string represented = {};  ///< The interface's name, of items that choose one.
   bool isChecked = false;
   bool isSeparator = false;
 

@@ -32,14 +32,13 @@ StatusBarController::StatusBarController(StatusBarPorts ports)
       menu_([this](const MenuItem& item) { choose(item); }),
       icon_(menu_, ports_.log),
       window_([this](const MenuItem& item) { choose(item); }, [this] { return !icon_.isShown(); }) {
-  updateIcon();
-  buildMenu();
+  showBridge();
   icon_.lookForStatusBar();
   connect(&timer_, &QTimer::timeout, this, [this] { refresh(); });
   timer_.start(kRefreshPeriod);
   QTimer::singleShot(kStatusBarTime, this, [this] {
     icon_.lookForStatusBar();
-    if (!icon_.isShown()) showWindow();
+    if (!icon_.isShown()) window_.present();
   });
 }
 
@@ -49,22 +48,14 @@ StatusBarController::~StatusBarController() {
 
 void StatusBarController::start() {
   wasGranted_ = ports_.permission.canReadBpf();
-  ports_.bridge.start([this](const BridgeState&) { bridgeChanged(); });
+  ports_.bridge.start([this](const BridgeState&) { showBridge(); });
 }
 
-void StatusBarController::showWindow() {
-  window_.present();
-}
-
-void StatusBarController::bridgeChanged() {
-  updateIcon();
-  buildMenu();
-}
-
-void StatusBarController::updateIcon() {
+void StatusBarController::showBridge() {
   const auto& state = ports_.bridge.state();
   icon_.setImage(antennaIcon(state.phase == BridgePhase::running));
   icon_.setToolTip(toolTipFor(state.failure));
+  buildMenu();
 }
 
 void StatusBarController::buildMenu() {
@@ -110,7 +101,7 @@ void StatusBarController::choose(const MenuItem& item) {
     case MenuAction::copyPairingCode:
       return copyPairingCode();
     case MenuAction::selectInterface:
-      return selectInterface(item.represented);
+      return ports_.bridge.setActiveInterface(item.represented);
     case MenuAction::installBpfAccess:
       return installBpfAccess();
     case MenuAction::quit:
@@ -131,10 +122,6 @@ void StatusBarController::installBpfAccess() {
   isInstalling_ = false;
   followAccess();
   buildMenu();
-}
-
-void StatusBarController::selectInterface(const std::string& name) {
-  ports_.bridge.setActiveInterface(name);
 }
 
 }  // namespace tarnlink

@@ -43,18 +43,16 @@ class StatusBarController final : public QObject {
   void start();
 
   /// Opens the window, or brings it before the others.
-  void showWindow();
+  void showWindow() { window_.present(); }
 
  private:
-  void bridgeChanged();
-  void updateIcon();
+  void showBridge();
   void buildMenu();
   void refresh();
   void followAccess();
   void choose(const MenuItem& item);
   void copyPairingCode();
   void installBpfAccess();
-  void selectInterface(const std::string& name);
 
   StatusBarPorts ports_;
   bool wasGranted_ = false;  ///< Capture access, when the bridge was last started for it.

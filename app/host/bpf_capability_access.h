@@ -32,8 +32,10 @@ class BpfCapabilityAccess final : public CaptureAccess {
   /// Fails as runProgramAsAdmin() does.
   AdminResult install() override;
 
-  void cancel() override;
-  std::optional<CapabilityGrant> grant() const override;
+  void cancel() override { runner_->cancel(); }
+  std::optional<CapabilityGrant> grant() const override {
+    return CapabilityGrant{files_.bridge.string(), files_.helper.string()};
+  }
 
  private:
   std::unique_ptr<ProcessRunner> runner_;

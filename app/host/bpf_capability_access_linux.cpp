@@ -48,12 +48,4 @@ AdminResult BpfCapabilityAccess::install() {
   return runProgramAsAdmin(*runner_, files_.pkexec.string(), files_.helper.string());
 }
 
-void BpfCapabilityAccess::cancel() {
-  runner_->cancel();
-}
-
-std::optional<CapabilityGrant> BpfCapabilityAccess::grant() const {
-  return CapabilityGrant{files_.bridge.string(), files_.helper.string()};
-}
-
 }  // namespace tarnlink

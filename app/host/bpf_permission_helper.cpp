@@ -1,23 +1,8 @@
 #include "app/host/bpf_permission_helper.h"
 
-#include "stack/utf8.h"
+#include "app/host/tool_text.h"
 
 namespace tarnlink {
-namespace {
-
-// What tools write is meant for a terminal.
-std::string readable(std::string_view text) {
-  if (!goosestack::isValidUtf8({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()})) {
-    return "unknown error";
-  }
-  constexpr const char* kSpace = " \t\r\n\v\f";
-  const auto first = text.find_first_not_of(kSpace);
-  if (first == std::string_view::npos) return {};
-  return std::string(text.substr(first, text.find_last_not_of(kSpace) - first + 1));
-}
-
-}  // namespace
-
 bool BpfPermissionHelper::ensureAccess() {
   if (access_.isGranted()) return true;
   if (!alerts_.confirm(texts_.needTitle, question(), texts_.install, texts_.later)) return false;
@@ -48,7 +33,7 @@ std::string BpfPermissionHelper::wordsFor(const AdminError& error) const {
   if (error.code == kAdminUnavailable && grant && !texts_.noAdministrator.empty()) {
     return filled(texts_.noAdministrator, "helper", grant->helper);
   }
-  return readable(error.text);
+  return readableText(error.text, "unknown error");
 }
 
 }  // namespace tarnlink

@@ -3,10 +3,10 @@
 
 #include <cstdint>
 #include <memory>
+#include <utility>
 
 #include "goosestack/log_sink.h"
 #include "platform/dns_sd.h"
-#include "protocol/bridge_service.h"
 #include "server/service_advertiser.h"
 
 namespace tarnlink {
@@ -16,16 +16,14 @@ namespace tarnlink {
 /// "[BridgeAdvertiser] Published NAME on port N" with the name that the network agreed to, or
 /// "[BridgeAdvertiser] Failed to publish: {code: N, text: TEXT}" with the system's code and text.
 /// start() and stop() are for one thread.
-class BridgeAdvertiser final : public ServiceAdvertiser, public DnsSdPublicationDelegate {
+class BridgeAdvertiser final : public ServiceAdvertiser {
  public:
   /// Nothing is published yet.
-  BridgeAdvertiser(std::int32_t port, goosestack::LogSink log);
+  BridgeAdvertiser(std::int32_t port, goosestack::LogSink log)
+      : port_(port), log_(std::move(log)) {}
 
   void start() override;
-  void stop() override;
-
-  void netServiceDidPublish(const DnsSdService& service) override;
-  void netService(const DnsSdService& service, const DnsSdError& didNotPublish) override;
+  void stop() override { netService_.reset(); }
 
  private:
   std::int32_t port_;

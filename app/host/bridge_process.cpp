@@ -21,16 +21,15 @@
 #include <utility>
 
 #include "app/host/bridge_advertiser.h"
+#include "app/host/named_interfaces.h"
 #include "app/host/pairing_code_output.h"
 #include "app/host/vlan_interface_helper.h"
 #include "goosestack/goose_receiver.h"
-#include "goosestack/interface_discovery.h"
 #include "goosestack/publishing.h"
 #include "goosestack/real_time_thread.h"
 #include "goosestack/sv_receiver.h"
 #include "platform/console_log.h"
 #include "platform/free_memory.h"
-#include "platform/interface_names.h"
 #include "platform/preference_store.h"
 #include "platform/process_capabilities.h"
 #include "platform/service_notify.h"
@@ -54,17 +53,10 @@ constexpr std::size_t kLongestToken = 256;
 // kernel drops frames. Some 30,000 messages of ten values. Octets.
 constexpr std::size_t kCaptureQueue = 32 << 20;
 
-class SystemNames final : public goosestack::InterfaceNameSource {
- public:
-  std::map<std::string, std::string> displayNames() override {
-    return interfaceDisplayNames(kInterfaceNamesLimit);
-  }
-};
-
 std::vector<goosestack::NetworkInterfaceInfo> listInterfaces(BridgePorts::Names names) {
-  SystemNames source;
-  return goosestack::InterfaceDiscovery::listEthernetInterfaces(
-      names == BridgePorts::Names::display ? &source : nullptr);
+  return names == BridgePorts::Names::display
+             ? listNamedInterfaces()
+             : goosestack::InterfaceDiscovery::listEthernetInterfaces(nullptr);
 }
 
 std::unique_ptr<ServiceAdvertiser> makeAdvertiser(std::int32_t port) {
@@ -81,10 +73,45 @@ std::string readOwnerToken() {
   return octet == '\n' && line.size() >= kShortestToken ? line : std::string();
 }
 
+// The owner's token and the TLS key; why not, where they cannot be had.
+std::string readSecrets(DaemonOptions& options) {
+  if (options.readsOwnerToken) {
+    options.ownerToken = readOwnerToken();
+    if (options.ownerToken.empty()) {
+      return "no token of " + std::to_string(kShortestToken) +
+             " characters or more on standard input";
+    }
+  }
+  if (!options.tlsCertificate.empty()) {
+    const auto tls = TlsContext::load(options.tlsCertificate, options.tlsKey);
+    if (!tls) return tls.error();
+    options.access.tls = *tls;
+  }
+  return {};
+}
+
 std::string ownPath() {
   std::error_code unreadable;
   const auto path = std::filesystem::read_symlink("/proc/self/exe", unreadable);
   return unreadable ? "/usr/bin/tarnlinkd" : path.string();
+}
+
+// The bridge serves all the same.
+void tellWhatIsMissing(const DaemonOptions& options) {
+  if (!hasCaptureCapability()) {
+    logToConsole(
+        "[KorvelTarnlink] No CAP_NET_RAW: capturing and publishing will end in \"permission "
+        "denied\". Ways to give it: the packaged service, sudo, or sudo setcap cap_net_raw=ep " +
+        ownPath());
+  }
+  if (!storedPairingCode(options.preferences, logToConsole)) {
+    logToConsole("[KorvelTarnlink] Nobody can pair: make " + options.preferences.string() +
+                 " a file that this user can write, or name another with --preferences");
+  }
+  if (!options.interface.empty() && ::if_nametoindex(options.interface.c_str()) == 0) {
+    logToConsole("[KorvelTarnlink] No interface " + options.interface +
+                 " at present; 'ip -brief link' lists those there are");
+  }
 }
 
 /// Owns everything that lives while the bridge serves.
@@ -148,26 +175,29 @@ class BridgeProcess {
   asio::awaitable<void> serve() {
     const auto started = co_await server_->start(port_);
     if (isStopping_) co_return;
-    if (started) {
-      const auto listening = "Listening on port " + std::to_string(port_);
-      logToConsole("[KorvelTarnlink] " + listening);
-      notifyServiceReady(listening);
-    } else {
-      logToConsole("[KorvelTarnlink] Start failed: " + started.error().description());
-      if (started.error().isAddressInUse()) {
-        const auto port = std::to_string(port_);
-        logToConsole("[KorvelTarnlink] Another program, perhaps another bridge, listens on port " +
-                     port + ": find it with 'ss -ltnp sport = :" + port +
-                     "' and end it, or choose another port with --port");
-      }
-      if (isBound_ && !started.error().isAddressInUse()) {
-        logToConsole(
-            "[KorvelTarnlink] --bind takes addresses of this computer, which "
-            "'ip -brief address' lists");
-      }
+    if (!started) {
+      tellWhyNot(started.error());
       exitCode_ = kExitStartFailed;
       signals_.cancel();
       io_.stop();
+      co_return;
+    }
+    const auto listening = "Listening on port " + std::to_string(port_);
+    logToConsole("[KorvelTarnlink] " + listening);
+    notifyServiceReady(listening);
+  }
+
+  void tellWhyNot(const BridgeError& error) const {
+    logToConsole("[KorvelTarnlink] Start failed: " + error.description());
+    if (error.isAddressInUse()) {
+      const auto port = std::to_string(port_);
+      logToConsole("[KorvelTarnlink] Another program, perhaps another bridge, listens on port " +
+                   port + ": find it with 'ss -ltnp sport = :" + port +
+                   "' and end it, or choose another port with --port");
+    } else if (isBound_) {
+      logToConsole(
+          "[KorvelTarnlink] --bind takes addresses of this computer, which 'ip -brief address' "
+          "lists");
     }
   }
 
@@ -218,37 +248,11 @@ int runBridgeProcess(DaemonOptions options) {
     logToConsole("[KorvelTarnlink] Privileges could not be given up: " + reduced.error().message());
   }
   if (options.showPairingCode) return printPairingCode(options);
-  if (options.readsOwnerToken) {
-    options.ownerToken = readOwnerToken();
-    if (options.ownerToken.empty()) {
-      logToConsole("[KorvelTarnlink] Start failed: no token of " + std::to_string(kShortestToken) +
-                   " characters or more on standard input");
-      return kExitStartFailed;
-    }
+  if (const auto refusal = readSecrets(options); !refusal.empty()) {
+    logToConsole("[KorvelTarnlink] Start failed: " + refusal);
+    return kExitStartFailed;
   }
-  if (!options.tlsCertificate.empty()) {
-    const auto tls = TlsContext::load(options.tlsCertificate, options.tlsKey);
-    if (!tls) {
-      logToConsole("[KorvelTarnlink] Start failed: " + tls.error());
-      return kExitStartFailed;
-    }
-    options.access.tls = *tls;
-  }
-  if (!hasCaptureCapability()) {
-    logToConsole(
-        "[KorvelTarnlink] No CAP_NET_RAW: capturing and publishing will end in \"permission "
-        "denied\". "
-        "Ways to give it: the packaged service, sudo, or sudo setcap cap_net_raw=ep " +
-        ownPath());
-  }
-  if (!storedPairingCode(options.preferences, logToConsole)) {
-    logToConsole("[KorvelTarnlink] Nobody can pair: make " + options.preferences.string() +
-                 " a file that this user can write, or name another with --preferences");
-  }
-  if (!options.interface.empty() && ::if_nametoindex(options.interface.c_str()) == 0) {
-    logToConsole("[KorvelTarnlink] No interface " + options.interface +
-                 " at present; 'ip -brief link' lists those there are");
-  }
+  tellWhatIsMissing(options);
   return BridgeProcess(options).run();
 }
 

@@ -1,10 +1,12 @@
 #include "app/host/vlan_interface_helper.h"
 
 #include <chrono>
+#include <iomanip>
+#include <sstream>
 #include <utility>
 
+#include "app/host/tool_text.h"
 #include "goosestack/interface_name.h"
-#include "stack/utf8.h"
 
 namespace tarnlink {
 namespace {
@@ -15,22 +17,6 @@ constexpr const char* kUnreadable = "unknown";
 // IEEE 802.1Q, table 9-2: 0 is no VLAN, 4095 is reserved.
 constexpr std::uint16_t kFirstVlan = 1;
 constexpr std::uint16_t kLastVlan = 4094;
-
-std::string quoted(std::string_view text) {
-  std::string out = "\"";
-  for (const char c : text) {
-    if (c == '\\' || c == '"') out += '\\';
-    out += c;
-  }
-  return out + '"';
-}
-
-std::string trimmed(std::string_view text) {
-  constexpr const char* kSpace = " \t\r\n";
-  const auto first = text.find_first_not_of(kSpace);
-  if (first == std::string_view::npos) return {};
-  return std::string(text.substr(first, text.find_last_not_of(kSpace) - first + 1));
-}
 
 std::string nameOf(std::uint16_t vid) {
   return "vlan" + std::to_string(vid);
@@ -64,18 +50,11 @@ VlanInterfaceHelper::VlanInterfaceHelper(std::unique_ptr<ProcessRunner> runner,
                                          const VlanDialect& dialect, const AdminPrompt& prompt)
     : runner_(std::move(runner)), dialect_(dialect), prompt_(prompt) {}
 
-bool VlanInterfaceHelper::isValidInterfaceName(std::string_view name) {
-  return goosestack::isValidInterfaceName(name);
-}
-
-void VlanInterfaceHelper::cancel() {
-  runner_->cancel();
-}
-
 VlanResult<std::string> VlanInterfaceHelper::ensureVlanInterface(const std::string& parent,
                                                                  std::uint16_t vid) {
   if (!goosestack::isValidInterfaceName(parent)) {
-    return VlanError{kCodeInvalidName, "Ungültiger Interface-Name: " + quoted(parent)};
+    const auto quoted = (std::ostringstream() << std::quoted(parent)).str();
+    return VlanError{kCodeInvalidName, "Ungültiger Interface-Name: " + quoted};
   }
   const std::string name = nameOf(vid);
   if (vid < kFirstVlan || vid > kLastVlan) return notCreated(name, "VLAN-IDs sind 1 bis 4094");
@@ -133,9 +112,7 @@ AdminResult VlanInterfaceHelper::runAsAdmin(const std::string& name,
   auto done = tarnlink::runAsAdmin(*runner_, prompt_, commandLine);
   if (done) return {};
   AdminError error = done.error();
-  const auto* octets = reinterpret_cast<const std::uint8_t*>(error.text.data());
-  error.text =
-      goosestack::isValidUtf8({octets, error.text.size()}) ? trimmed(error.text) : kUnreadable;
+  error.text = readableText(error.text, kUnreadable);
   if (prompt_.asksSomebody) refusals_.note(name, error, std::chrono::steady_clock::now());
   return error;
 }

@@ -4,7 +4,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
 
 #include "app/host/prompt_refusals.h"
 #include "app/host/vlan_dialect.h"
@@ -29,11 +28,8 @@ class VlanInterfaceHelper final : public VlanSetup {
   /// Throws std::system_error where the process is out of descriptors.
   static std::unique_ptr<VlanSetup> forThisSystem();
 
-  /// The rule for names that come from outside; see goosestack/interface_name.h.
-  static bool isValidInterfaceName(std::string_view name);
-
   /// Fails with code
-  ///   2  the parent's name breaks the name rule; nothing has been run;
+  ///   2  the parent's name breaks the rule of goosestack/interface_name.h; nothing has been run;
   ///   1  the link cannot be: no such id, no such parent, or another link has its name and is not
   ///      ours to remove; or it is not there after all;
   ///   kAdminCancelled, kAdminUnanswered, kAdminUnavailable  see platform/admin_command.h; also
@@ -43,7 +39,7 @@ class VlanInterfaceHelper final : public VlanSetup {
                                               std::uint16_t vid) override;
   std::optional<std::string> readyVlanInterface(const std::string& parent,
                                                 std::uint16_t vid) override;
-  void cancel() override;
+  void cancel() override { runner_->cancel(); }
 
  private:
   VlanResult<bool> exists(const std::string& name);

@@ -56,66 +56,33 @@ struct ScriptedAccess final : CaptureAccess {
   bool isGranted() override { return std::exchange(granted, grantedLater); }
   AdminResult install() override { return result; }
   void cancel() override {}
-  bool granted = false, grantedLater = false;
   std::optional<CapabilityGrant> grant() const override { return fileGrant; }
+  bool granted = false, grantedLater = false;
   AdminResult result;
   std::optional<CapabilityGrant> fileGrant;
 };
 
 TEST(BpfPermissionHelper, TheUserIsToldHowItWent) {
-  const Texts question = {
-      "Tarnlink braucht Netzwerk-Berechtigung",
-      "Für den Empfang von GOOSE-Nachrichten auf Layer 2 muss die Bridge auf /dev/bpf* zugreifen. "
-      "macOS erlaubt das nur mit Admin-Rechten.\n\nDie Bridge installiert dafür einen kleinen "
-      "System-Service (gleicher Ansatz wie Wireshark's ChmodBPF), der beim Systemstart die "
-      "Berechtigung automatisch setzt. Dieser Schritt ist nur einmal nötig.",
-      "Installieren…", "Später"};
-  const std::string failed = "Installation fehlgeschlagen";
+  const auto& texts = userTexts(Language::german);
+  const auto failed = [&](const std::string& words) {
+    return Texts{std::string(texts.failedTitle), "Fehler: " + words};
+  };
+  const auto words = [](std::string_view title, std::string_view message) {
+    return Texts{std::string(title), std::string(message)};
+  };
   const struct {
     const char* situation;
-    bool before, agrees;
+    bool agrees;
     AdminResult installed;
-    bool after, expected;
+    bool after;
     Texts answer;
   } cases[] = {
-      {"later", false, false, {}, true, false, {}},
-      {"cancelled",
-       false,
-       true,
-       AdminError{-128, "Benutzer hat abgebrochen"},
-       false,
-       false,
-       {failed, "Fehler: Benutzer hat abgebrochen"}},
-      {"tool's text",
-       false,
-       true,
-       AdminError{1, "\n boom \r\n"},
-       false,
-       false,
-       {failed, "Fehler: boom"}},
-      {"no text",
-       false,
-       true,
-       AdminError{1, "\xFF"},
-       false,
-       false,
-       {failed, "Fehler: unknown error"}},
-      {"incomplete",
-       false,
-       true,
-       {},
-       false,
-       false,
-       {"Installation unvollständig",
-        "Der Service wurde installiert, aber /dev/bpf* ist noch nicht zugänglich. Bitte Bridge neu "
-        "starten."}},
-      {"done",
-       false,
-       true,
-       {},
-       true,
-       true,
-       {"Installation erfolgreich", "Die Bridge kann jetzt GOOSE-Nachrichten empfangen."}},
+      {"later", false, {}, true, {}},
+      {"cancelled", true, AdminError{-128, "any"}, true, failed("Benutzer hat abgebrochen")},
+      {"tool's text", true, AdminError{1, "\n boom \r\n"}, false, failed("boom")},
+      {"no text", true, AdminError{1, "\xFF"}, false, failed("unknown error")},
+      {"incomplete", true, {}, false, words(texts.incompleteTitle, texts.incompleteMessage)},
+      {"done", true, {}, true, words(texts.doneTitle, texts.doneMessage)},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.situation);
@@ -124,8 +91,10 @@ TEST(BpfPermissionHelper, TheUserIsToldHowItWent) {
     ScriptedAccess access;
     access.grantedLater = c.after;
     access.result = c.installed;
-    EXPECT_EQ(BpfPermissionHelper(access, alerts).ensureAccess(), c.expected);
-    Texts expected = question;
+    EXPECT_EQ(BpfPermissionHelper(access, alerts).ensureAccess(),
+              c.agrees && c.installed && c.after);
+    Texts expected = words(texts.needTitle, texts.needMessage);
+    for (const char* button : {"Installieren…", "Später"}) expected.emplace_back(button);
     expected.insert(expected.end(), c.answer.begin(), c.answer.end());
     EXPECT_EQ(alerts.shown, expected);
   }
@@ -137,24 +106,21 @@ TEST(BpfPermissionHelper, TheUserIsToldHowItWent) {
 }
 
 TEST(BpfPermissionHelper, WhereAFileGetsACapabilityTheQuestionSaysWhichAndHowToTakeItBack) {
-  for (const auto language : {Language::german, Language::english}) {
+  const std::pair<Language, std::string> cases[] = {
+      {Language::german, "Fehler: Keine Administratorrechte"},
+      {Language::english, "Error: No administrator rights. Please run by hand: sudo /opt/helper"}};
+  for (const auto& [language, answer] : cases) {
     AnsweredAlerts alerts;
     ScriptedAccess access;
     access.fileGrant = CapabilityGrant{"/opt/bridge", "/opt/helper"};
     access.result = AdminError{kAdminUnavailable, "Keine Administratorrechte"};
-    const auto& texts = userTexts(language);
-    EXPECT_FALSE(BpfPermissionHelper(access, alerts, texts).ensureAccess());
+    EXPECT_FALSE(BpfPermissionHelper(access, alerts, userTexts(language)).ensureAccess());
     ASSERT_EQ(alerts.shown.size(), 6U);
-    const auto& question = alerts.shown[1];
-    EXPECT_TRUE(question.starts_with(std::string(texts.needMessage) + "\n\n"));
-    for (const char* part : {"/opt/bridge", "CAP_NET_RAW", "sudo /opt/helper --remove"}) {
-      EXPECT_NE(question.find(part), std::string::npos) << part;
+    for (const char* part : {"\n\n", "/opt/bridge", "CAP_NET_RAW", "sudo /opt/helper --remove"}) {
+      EXPECT_NE(alerts.shown[1].find(part), std::string::npos) << part;
     }
-    EXPECT_EQ(question.find('{'), std::string::npos);
-    const bool isGerman = language == Language::german;
-    EXPECT_EQ(alerts.shown[5], isGerman ? "Fehler: Keine Administratorrechte"
-                                        : "Error: No administrator rights. Please run by hand: "
-                                          "sudo /opt/helper");
+    EXPECT_EQ(alerts.shown[1].find('{'), std::string::npos);
+    EXPECT_EQ(alerts.shown[5], answer);
   }
 }
 

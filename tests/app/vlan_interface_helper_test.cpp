@@ -51,8 +51,6 @@ std::string linkText(const std::string& parent, int vid, const std::string& rest
          "}]\n" + others + "\n";
 }
 
-namespace linux_tool {
-
 const std::string kCreateLine =
     "/sbin/ip link add link eth0 name vlan100 type vlan id 100 egress-qos-map 0:0 1:1 2:2 3:3 4:4 "
     "5:5 6:6 7:7 && { /sbin/ip link set dev vlan100 alias tarnlink; "
@@ -188,8 +186,6 @@ TEST(VlanInterfaceHelper, OnlyALinkThatLacksNothingIsReady) {
     EXPECT_EQ(helper.readyVlanInterface("eth0", 100).has_value(), isReady) << text;
   }
 }
-
-}  // namespace linux_tool
 
 TEST(VlanDialect, OnlyUnusedLinksOfOurOwnMayBeRemoved) {
   const auto rest = [](const std::string& more) { return R"("ifalias":"tarnlink",)" + more; };
