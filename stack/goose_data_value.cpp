@@ -7,66 +7,33 @@
 namespace goosestack {
 namespace {
 
-FlutterDict entry(const char* type, FlutterValue value) {
-  FlutterDict dict;
-  dict.emplace("type", FlutterValue{std::string(type)});
-  dict.emplace("value", std::move(value));
-  return dict;
-}
+// By Kind.
+constexpr const char* kTypeNames[] = {"boolean", "bitString", "int32",       "uint32",
+                                      "float32", "float64",   "octetString", "visibleString",
+                                      "utcTime", "structure", "array",       "octetString"};
 
-template <class Sequence>
-FlutterValue listOf(const Sequence& sequence, auto render) {
-  FlutterList list;
-  list.reserve(sequence.size());
-  for (const auto& item : sequence) list.push_back(FlutterValue{render(item)});
-  return FlutterValue{std::move(list)};
-}
-
-FlutterValue octetList(const Bytes& octets) {
-  return listOf(octets, [](std::uint8_t octet) { return std::int64_t{octet}; });
-}
-
-FlutterValue memberList(const std::vector<GooseDataValue>& members) {
-  return listOf(members, [](const GooseDataValue& member) { return member.toFlutterDict(); });
-}
-
-struct Renderer {
-  FlutterDict operator()(bool value) const { return entry("boolean", FlutterValue{value}); }
-  FlutterDict operator()(const GooseDataValue::BitString& bits) const {
+template <class T>
+FlutterValue render(const T& held) {
+  if constexpr (std::is_constructible_v<decltype(FlutterValue::value), std::in_place_type_t<T>>) {
+    return {held};
+  } else if constexpr (std::is_integral_v<T>) {
+    return {std::int64_t{held}};
+  } else if constexpr (std::is_same_v<T, float>) {
+    return {static_cast<double>(held)};
+  } else if constexpr (std::is_same_v<T, TimePoint>) {
+    return {unixSeconds(held)};
+  } else if constexpr (std::is_same_v<T, GooseDataValue::Unknown>) {
+    return render(held.data);
+  } else {
     FlutterList list;
-    list.reserve(bits.size());
-    for (std::size_t i = 0; i < bits.size(); ++i) list.push_back(FlutterValue{bits[i]});
-    return entry("bitString", FlutterValue{std::move(list)});
+    if constexpr (requires { held.members; }) {
+      for (const auto& member : held.members) list.push_back({member.toFlutterDict()});
+    } else {
+      for (std::size_t i = 0; i < held.size(); ++i) list.push_back(render(held[i]));
+    }
+    return {std::move(list)};
   }
-  FlutterDict operator()(std::int32_t value) const {
-    return entry("int32", FlutterValue{std::int64_t{value}});
-  }
-  FlutterDict operator()(std::uint32_t value) const {
-    return entry("uint32", FlutterValue{std::int64_t{value}});
-  }
-  FlutterDict operator()(float value) const {
-    return entry("float32", FlutterValue{static_cast<double>(value)});
-  }
-  FlutterDict operator()(double value) const { return entry("float64", FlutterValue{value}); }
-  FlutterDict operator()(const Bytes& octets) const {
-    return entry("octetString", octetList(octets));
-  }
-  FlutterDict operator()(const std::string& text) const {
-    return entry("visibleString", FlutterValue{text});
-  }
-  FlutterDict operator()(TimePoint time) const {
-    return entry("utcTime", FlutterValue{unixSeconds(time)});
-  }
-  FlutterDict operator()(const GooseDataValue::Structure& structure) const {
-    return entry("structure", memberList(structure.members));
-  }
-  FlutterDict operator()(const GooseDataValue::Array& array) const {
-    return entry("array", memberList(array.members));
-  }
-  FlutterDict operator()(const GooseDataValue::Unknown& unknown) const {
-    return entry("octetString", octetList(unknown.data));
-  }
-};
+}
 
 // Kind mirrors the order of the payload's alternatives; kind() relies on it.
 using Kind = GooseDataValue::Kind;
@@ -77,6 +44,7 @@ static_assert(kHolds<Kind::bitString, GooseDataValue::BitString> &&
               kHolds<Kind::integer, std::int32_t>);
 static_assert(kHolds<Kind::realDouble, double> && kHolds<Kind::utcTime, TimePoint>);
 static_assert(kHolds<Kind::unknown, GooseDataValue::Unknown>);
+static_assert(std::size(kTypeNames) == std::variant_size_v<GooseDataValue::Payload>);
 
 std::size_t storageOf(const std::vector<GooseDataValue>& members) {
   std::size_t octets = heapOctets(members);
@@ -119,7 +87,8 @@ bool GooseDataValue::operator==(const GooseDataValue& other) const {
 }
 
 FlutterDict GooseDataValue::toFlutterDict() const {
-  return std::visit(Renderer{}, payload);
+  return {{"type", {std::string(kTypeNames[payload.index()])}},
+          {"value", std::visit([](const auto& held) { return render(held); }, payload)}};
 }
 
 }  // namespace goosestack

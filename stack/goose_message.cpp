@@ -18,35 +18,26 @@ std::size_t GooseMessage::footprint() const {
 }
 
 FlutterDict GooseMessage::toFlutterDict() const {
-  FlutterDict dict;
-  const auto add = [&dict](const char* key, auto value) {
-    dict.emplace(key, FlutterValue{std::move(value)});
-  };
-  const auto addNumber = [&add](const char* key, std::uint32_t number) {
-    add(key, std::int64_t{number});
-  };
-  addNumber("appId", appId);
-  add("goCBRef", goCBRef);
-  add("dataSet", dataSet);
-  add("goId", goId);
-  add("timestamp", unixSeconds(timestamp));
-  addNumber("stNum", stNum);
-  addNumber("sqNum", sqNum);
-  add("simulation", simulation);
-  add("needsCommission", needsCommission);
-  addNumber("confRev", confRev);
-  addNumber("timeAllowedToLive", timeAllowedToLive);
-  addNumber("numEntries", numEntries);
+  const auto number = [](std::uint32_t value) { return FlutterValue{std::int64_t{value}}; };
   FlutterList renderedValues;
-  renderedValues.reserve(values.size());
-  for (const GooseDataValue& value : values) {
-    renderedValues.push_back(FlutterValue{value.toFlutterDict()});
-  }
-  add("values", std::move(renderedValues));
-  if (srcMac) add("srcMac", *srcMac);
-  if (dstMac) add("dstMac", *dstMac);
-  if (vlanId) addNumber("vlanId", *vlanId);
-  add("receivedAt", unixSeconds(receivedAt));
+  for (const GooseDataValue& value : values) renderedValues.push_back({value.toFlutterDict()});
+  FlutterDict dict{{"appId", number(appId)},
+                   {"goCBRef", {goCBRef}},
+                   {"dataSet", {dataSet}},
+                   {"goId", {goId}},
+                   {"timestamp", {unixSeconds(timestamp)}},
+                   {"stNum", number(stNum)},
+                   {"sqNum", number(sqNum)},
+                   {"simulation", {simulation}},
+                   {"needsCommission", {needsCommission}},
+                   {"confRev", number(confRev)},
+                   {"timeAllowedToLive", number(timeAllowedToLive)},
+                   {"numEntries", number(numEntries)},
+                   {"values", {std::move(renderedValues)}},
+                   {"receivedAt", {unixSeconds(receivedAt)}}};
+  if (srcMac) dict["srcMac"] = {*srcMac};
+  if (dstMac) dict["dstMac"] = {*dstMac};
+  if (vlanId) dict["vlanId"] = number(*vlanId);
   return dict;
 }
 

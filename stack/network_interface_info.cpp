@@ -3,13 +3,11 @@
 namespace goosestack {
 
 FlutterDict NetworkInterfaceInfo::toFlutterDict() const {
-  FlutterDict dict;
-  dict.emplace("name", FlutterValue{name});
-  dict.emplace("displayName", FlutterValue{displayName});
-  dict.emplace("isUp", FlutterValue{isUp});
-  dict.emplace("macAddress", FlutterValue{macAddress});
-  dict.emplace("supportsMulticast", FlutterValue{supportsMulticast});
-  return dict;
+  return {{"name", {name}},
+          {"displayName", {displayName}},
+          {"isUp", {isUp}},
+          {"macAddress", {macAddress}},
+          {"supportsMulticast", {supportsMulticast}}};
 }
 
 }  // namespace goosestack

@@ -8,55 +8,46 @@ namespace tarnlink::test {
 using namespace goosestack;
 namespace {
 
-constexpr const char* kAddresses = "010CCD010001 02AABBCCDDEE ";
+constexpr MacAddress kDestination{0x01, 0x0C, 0xCD, 0x01, 0x00, 0x01};
+constexpr MacAddress kSource{0x02, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE};
 
-Bytes frameOf(const char* rest) {
-  return hexBytes(std::string(kAddresses) + rest);
-}
-Bytes copyOf(ByteView octets) {
-  return {octets.begin(), octets.end()};
+Bytes frameOf(const std::string& rest) {
+  return hexBytes("010CCD010001 02AABBCCDDEE " + rest);
 }
 
-using Vlan = std::optional<std::uint16_t>;
-using Priority = std::optional<std::uint8_t>;
-
-TEST(EthernetFrame, Envelopes) {
-  struct Case {
+TEST(EthernetFrame, Parsed) {
+  const struct {
     const char* frame;  // Behind the addresses.
-    Vlan vlanId;
-    Priority vlanPriority;
+    std::uint16_t etherType;
+    std::optional<std::uint16_t> vlanId;
+    std::optional<std::uint8_t> vlanPriority;
     const char* payload;
+  } cases[] = {
+      {"88B8", kEtherTypeGoose, {}, {}, ""},
+      {"88BA 4000 0010", kEtherTypeSv, {}, {}, "4000 0010"},
+      {"8100 A064 88B8 0001", kEtherTypeGoose, 100, 5, "0001"},
+      {"8100 B064 88BA 0001", kEtherTypeSv, 100, 5, "0001"},
+      {"8100 E000 88B8", kEtherTypeGoose, 0, 7, ""},
   };
-  const Case cases[] = {
-      {"88B8", {}, {}, ""},
-      {"88B8 0001 0000", {}, {}, "0001 0000"},
-      {"8100 A064 88B8 0001", Vlan(100), Priority(5), "0001"},
-      {"8100 B064 88B8 0001", Vlan(100), Priority(5), "0001"},
-      {"8100 E000 88B8", Vlan(0), Priority(7), ""},
-  };
-  for (const auto& [frame, vlanId, vlanPriority, payload] : cases) {
-    SCOPED_TRACE(frame);
-    const Bytes octets = frameOf(frame);
-    const auto parsed = EthernetFrame::parse(octets);
+  for (const auto& [text, etherType, vlanId, vlanPriority, payload] : cases) {
+    SCOPED_TRACE(text);
+    const Bytes frame = frameOf(text);
+    const auto parsed = EthernetFrame::parse(frame, etherType);
     ASSERT_TRUE(parsed);
-    EXPECT_EQ(formatMac(parsed->dstMac), "01:0C:CD:01:00:01");
-    EXPECT_EQ(formatMac(parsed->srcMac), "02:AA:BB:CC:DD:EE");
+    EXPECT_EQ(parsed->dstMac, kDestination);
+    EXPECT_EQ(parsed->srcMac, kSource);
     EXPECT_EQ(parsed->vlanId, vlanId);
     EXPECT_EQ(parsed->vlanPriority, vlanPriority);
-    EXPECT_EQ(parsed->etherType, kEtherTypeGoose);
-    EXPECT_EQ(copyOf(parsed->payload), hexBytes(payload));
+    EXPECT_EQ(parsed->etherType, etherType);
+    EXPECT_EQ(Bytes(parsed->payload.begin(), parsed->payload.end()), hexBytes(payload));
   }
 }
 
-TEST(EthernetFrame, OtherFramesAreNothing) {
-  for (const char* frame : {"", "88", "0800 0000", "88BA 0001", "8100", "8100 A064 88",
-                            "8100 A064 88BA 0001", "8100 A064 8100 A064 88B8 0001"}) {
+TEST(EthernetFrame, OtherFramesAndEveryTruncatedHeaderAreNothing) {
+  for (const char* frame :
+       {"0800 0000", "88BA 0001", "8100 A064 88BA 0001", "8100 A064 8100 A064 88B8 0001"}) {
     EXPECT_FALSE(EthernetFrame::parse(frameOf(frame))) << frame;
   }
-  EXPECT_FALSE(EthernetFrame::parse({}));
-}
-
-TEST(EthernetFrame, EveryPrefixOfAHeaderIsNothing) {
   // Prefixes of a larger buffer: an octet read beyond the end would be the expected one.
   for (const char* header : {"88B8", "8100 A064 88B8"}) {
     const Bytes frame = frameOf(header);
@@ -66,27 +57,23 @@ TEST(EthernetFrame, EveryPrefixOfAHeaderIsNothing) {
   }
 }
 
-TEST(EthernetFrame, BuiltTags) {
-  struct Case {
+TEST(EthernetFrame, Built) {
+  const struct {
     std::uint16_t vlanId;
     std::uint8_t vlanPriority;
+    std::uint16_t etherType;
     const char* expected;  // Behind the addresses.
+  } cases[] = {
+      {100, 4, kEtherTypeGoose, "8100 8064 88B8 0001"},
+      {0, 4, kEtherTypeSv, "88BA 0001"},
+      {100, 9, kEtherTypeGoose, "8100 2064 88B8 0001"},
+      {0xFABC, 255, kEtherTypeGoose, "8100 EABC 88B8 0001"},
   };
-  const Case cases[] = {
-      {100, 4, "8100 8064 88B8 0001"},      {0, 4, "88B8 0001"},
-      {100, 9, "8100 2064 88B8 0001"},      {0xFFFF, 0, "8100 0FFF 88B8 0001"},
-      {0x0ABC, 255, "8100 EABC 88B8 0001"},
-  };
-  const MacAddress dstMac{0x01, 0x0C, 0xCD, 0x01, 0x00, 0x01};
-  const MacAddress srcMac{0x02, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE};
-  const Bytes payload = hexBytes("0001");
-  for (const auto& [vlanId, vlanPriority, expected] : cases) {
-    SCOPED_TRACE(expected);
-    EXPECT_EQ(EthernetFrame::build(dstMac, srcMac, vlanId, vlanPriority, payload),
+  for (const auto& [vlanId, vlanPriority, etherType, expected] : cases) {
+    EXPECT_EQ(EthernetFrame::build(kDestination, kSource, vlanId, vlanPriority, hexBytes("0001"),
+                                   etherType),
               frameOf(expected));
   }
-  EXPECT_EQ(EthernetFrame::build(dstMac, srcMac, 0, 4, payload, kEtherTypeSv),
-            frameOf("88BA 0001"));
 }
 
 TEST(MacAddress, TextReplacesWhateverWasThere) {

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
+
 #include "ber/ber_writer.h"
 #include "tests/stack/allocation_count.h"
 #include "tests/support/hex_bytes.h"
@@ -12,17 +14,17 @@ namespace {
 
 using Value = GooseDataValue;
 
-/// A whole payload around the content of the PDU element, both in hexadecimal.
-Bytes payloadOf(const std::string& content) {
-  const Bytes octets = hexBytes(content);
+/// A payload around the content of the PDU element.
+Bytes payloadOf(const Bytes& content) {
   Bytes payload = hexBytes("0003 1234 0001 0002");
-  EXPECT_TRUE(appendBerTLV(payload, 0x61, octets));
+  EXPECT_TRUE(appendBerTLV(payload, 0x61, content));
   return payload;
 }
 
 constexpr const char* kMandatory =
     "80 01 41  81 02 07 D0  82 01 42  84 08 66 47 0E 62 20 00 00 0A  85 01 05  86 01 06  88 01 01 "
     " 8A 01 02 ";
+const TimePoint kTime = timeFromUnixSeconds(1715932770.125);
 
 std::string refusalOf(const Bytes& payload) {
   GoosePdu before;
@@ -38,51 +40,42 @@ std::string refusalOf(const Bytes& payload) {
 TEST(GoosePdu, Refusals) {
   const std::string wrongTag = "Expected GOOSE PDU tag 0x61, got ";
   const std::string missing = "Missing mandatory GOOSE fields: ";
-  struct Case {
-    Bytes payload;
-    std::string text;
-  };
-  const Case cases[] = {
-      {{}, "Too short for GOOSE header"},
+  const auto payload = [](const char* content) { return payloadOf(hexBytes(content)); };
+  const std::pair<Bytes, std::string> cases[] = {
       {hexBytes("0003 0008 0000 00"), "Too short for GOOSE header"},
       {hexBytes("0003 0008 0000 0000"), wrongTag + "empty"},
-      {hexBytes("0003 0008 0000 0000 62 00"), wrongTag + "62"},
       {hexBytes("0003 0008 0000 0000 05 00"), wrongTag + "5"},
       {hexBytes("0003 0008 0000 0000 AB"), wrongTag + "ab"},
       {hexBytes("0003 0008 0000 0000 61 02 80"), wrongTag + "61"},
-      {payloadOf("80 01 41 81 01 01 82 00 85 01 01 86 01 01 88 01 01"),
-       missing + "t, numDatSetEntries"},
       // The malformed element hides those behind it.
-      {payloadOf("80 01 41 81 01 01 82 00 84 80 85 01 01 86 01 01 88 01 01 8A 01 01"),
+      {payload("80 01 41 81 01 01 82 00 84 80 85 01 01 86 01 01 88 01 01 8A 01 01"),
        missing + "t, stNum, sqNum, confRev, numDatSetEntries"},
-      {payloadOf(""), missing + "gocbRef, timeAllowedToLive, datSet, t, stNum, sqNum, confRev, "
-                                "numDatSetEntries"},
+      {payload(""), missing + "gocbRef, timeAllowedToLive, datSet, t, stNum, sqNum, confRev, "
+                              "numDatSetEntries"},
   };
-  for (const auto& [payload, text] : cases) EXPECT_EQ(refusalOf(payload), text);
+  for (const auto& [octets, text] : cases) EXPECT_EQ(refusalOf(octets), text);
 }
 
 TEST(GoosePdu, MandatoryFieldsAloneAreEnough) {
-  Bytes payload = payloadOf(kMandatory);
+  Bytes payload = payloadOf(hexBytes(kMandatory));
   payload.resize(payload.size() + 20, 0xEE);  // Padding.
-  const auto pdu = GoosePdu::parse(payload);
-  ASSERT_TRUE(pdu);
   GoosePdu expected;
   expected.header = {3, 0x1234, 1, 2};
   expected.goCBRef = "A";
   expected.timeAllowedToLive = 2000;
   expected.datSet = "B";
-  expected.timestamp = timeFromUnixSeconds(1715932770.125);
+  expected.timestamp = kTime;
   expected.stNum = 5;
   expected.sqNum = 6;
   expected.confRev = 1;
   expected.numDatSetEntries = 2;
-  EXPECT_EQ(*pdu, expected);
+  EXPECT_EQ(GoosePdu::parse(payload).value(), expected);
 }
 
 TEST(GoosePdu, LastFieldButFirstDatasetCounts) {
-  const auto pdu = GoosePdu::parse(payloadOf(
+  const auto pdu = GoosePdu::parse(payloadOf(hexBytes(
       "AB 03 85 01 07  AB 03 85 01 08  80 01 43  83 02 C3 28  87 02 00 FF  89 01 01  99 01 00 " +
-      std::string(kMandatory) + "85 01 09  80 01 44"));
+      std::string(kMandatory) + "85 01 09  80 01 44")));
   ASSERT_TRUE(pdu);
   EXPECT_EQ(pdu->goCBRef, "D");
   EXPECT_EQ(pdu->stNum, 9U);
@@ -92,66 +85,144 @@ TEST(GoosePdu, LastFieldButFirstDatasetCounts) {
   EXPECT_EQ(pdu->allData, std::vector{Value::integer(7)});
 }
 
+/// With something of everything.
+GoosePdu richPdu(std::vector<Value> values) {
+  GoosePdu pdu;
+  pdu.header = {0x0102, 0xFFFF, 0xFFFF, 0xFFFF};  // Of these the APPID alone is sent.
+  pdu.goCBRef = "G";
+  pdu.timeAllowedToLive = 128;
+  pdu.datSet = "D";
+  pdu.goId = "I";
+  pdu.stNum = 4294967295;
+  pdu.confRev = 256;
+  pdu.ndsCom = true;
+  pdu.numDatSetEntries = 77;  // Nor is this.
+  pdu.allData = std::move(values);
+  pdu.timestamp = kTime;
+  return pdu;
+}
+
+TEST(GoosePdu, EncodedPayload) {
+  const std::vector values{Value::boolean(true), Value::unknown(0x8C, {1}),
+                           Value::unsignedInteger(5)};
+  EXPECT_EQ(GoosePdu::encode(richPdu(values)).value(),
+            hexBytes("0102 0040 0000 0000 61 36  80 01 47  81 02 00 80  82 01 44  83 01 49"
+                     " 84 08 66 47 0E 62 20 00 00 0A  85 05 00 FF FF FF FF  86 01 00  87 01 00"
+                     " 88 02 01 00  89 01 FF  8A 01 02  AB 06 83 01 FF 86 01 05"));
+}
+
+enum Direction { kBoth, kRead, kWritten };
 struct DataCase {
   const char* octets;
-  Value expected;
+  Value value;
+  Direction direction = kBoth;
 };
 
 std::vector<DataCase> dataCases() {
   return {
-      {"83 00", Value::boolean(false)},
-      {"83 02 00 01", Value::boolean(false)},
-      {"83 01 02", Value::boolean(true)},
-      {"84 00", Value::bitString({})},
-      {"84 01 03", Value::bitString({})},
+      {"83 01 00", Value::boolean(false)},
+      {"83 01 FF", Value::boolean(true)},
+      {"83 00", Value::boolean(false), kRead},
+      {"83 02 00 01", Value::boolean(false), kRead},
+      {"84 01 00", Value::bitString({})},
       {"84 02 04 A0", Value::bitString({true, false, true, false})},
-      {"84 02 08 FF", Value::bitString({})},
-      {"84 03 FF 80 FF", Value::bitString({true, false, false, false, false, false, false, false})},
-      {"84 03 07 00 FF",
-       Value::bitString({false, false, false, false, false, false, false, false, true})},
-      {"85 00", Value::integer(0)},
+      {"84 02 00 FF", Value::bitString(Value::BitString(8, true))},
+      {"84 03 07 FF 80", Value::bitString(Value::BitString(9, true))},
+      {"84 00", Value::bitString({}), kRead},
+      {"84 02 08 FF", Value::bitString({}), kRead},
+      {"84 03 FF 80 FF", Value::bitString({true, false, false, false, false, false, false, false}),
+       kRead},
       {"85 01 FF", Value::integer(-1)},
       {"85 02 00 80", Value::integer(128)},
       {"85 02 FF 7F", Value::integer(-129)},
-      {"85 05 00 80 00 00 01", Value::integer(-2147483647)},
-      {"86 00", Value::unsignedInteger(0)},
+      {"85 04 80 00 00 00", Value::integer(std::numeric_limits<std::int32_t>::min())},
+      {"85 00", Value::integer(0), kRead},
+      {"85 05 00 80 00 00 01", Value::integer(-2147483647), kRead},
+      {"86 01 7F", Value::unsignedInteger(127)},
+      {"86 02 00 80", Value::unsignedInteger(128)},
       {"86 05 00 FF FF FF FF", Value::unsignedInteger(4294967295)},
-      {"86 06 01 02 00 00 00 05", Value::unsignedInteger(5)},
-      {"87 05 08 3F C0 00 00", Value::floatingPoint(1.5F)},
-      {"87 05 77 BF C0 00 00", Value::floatingPoint(-1.5F)},
-      {"87 09 0B 3F F8 00 00 00 00 00 00", Value::floatingPoint(0.0F)},
-      {"87 04 3F C0 00 00", Value::floatingPoint(0.0F)},
-      {"88 09 0B 3F F8 00 00 00 00 00 00",
-       Value::unknown(0x88, hexBytes("0B 3F F8 00 00 00 00 00 00"))},
-      {"89 03 00 FF 10", Value::octetString({0, 255, 16})},
+      {"86 00", Value::unsignedInteger(0), kRead},
+      {"86 06 01 02 00 00 00 05", Value::unsignedInteger(5), kRead},
+      {"87 05 08 BF C0 00 00", Value::floatingPoint(-1.5F)},
+      {"87 05 77 3F C0 00 00", Value::floatingPoint(1.5F), kRead},
+      {"87 04 3F C0 00 00", Value::floatingPoint(0.0F), kRead},
+      {"87 06 3F C0 00 00 00 00", Value::floatingPoint(0.0F), kRead},
+      {"88 09 0B 3F F8 00 00 00 00 00 00", Value::realDouble(1.5), kWritten},
+      {"88 02 0B 3F", Value::unknown(0x88, {0x0B, 0x3F}), kRead},
+      {"89 02 00 FF", Value::octetString({0, 255})},
       {"8A 02 C3 A4", Value::visibleString("ä")},
-      {"8A 02 C3 28", Value::visibleString("")},
-      {"91 07 00 00 00 01 80 00 00", Value::utcTime(timeFromUnixSeconds(1.5))},
-      {"91 06 00 00 00 01 80 00", Value::utcTime(kDistantPast)},
-      {"A1 05 83 01 FF 85 00", Value::array({Value::boolean(true), Value::integer(0)})},
-      {"A2 07 83 01 FF A2 02 86 00",
+      {"8A 02 C3 28", Value::visibleString(""), kRead},
+      {"91 08 00 00 00 01 80 00 00 0A", Value::utcTime(timeFromUnixSeconds(1.5))},
+      {"91 07 00 00 00 01 80 00 00", Value::utcTime(timeFromUnixSeconds(1.5)), kRead},
+      {"91 06 00 00 00 01 80 00", Value::utcTime(kDistantPast), kRead},
+      {"A1 06 83 01 FF 85 01 00", Value::array({Value::boolean(true), Value::integer(0)})},
+      {"A2 08 83 01 FF A2 03 86 01 00",
        Value::structure({Value::boolean(true), Value::structure({Value::unsignedInteger(0)})})},
-      {"A2 05 83 01 FF 85 05", Value::structure({Value::boolean(true)})},
-      {"8C 02 01 02", Value::unknown(0x8C, {1, 2})},
+      {"A2 05 83 01 FF 85 05", Value::structure({Value::boolean(true)}), kRead},
+      {"A2 02 A1 00", Value::structure({Value::unknown(1, {}), Value::array({})}), kWritten},
+      {"8C 02 01 02", Value::unknown(0x8C, {1, 2}), kRead},
+      {"", Value::unknown(0x8C, {1}), kWritten},
   };
 }
 
 TEST(GoosePdu, DataValues) {
-  for (const auto& [octets, expected] : dataCases()) {
+  for (const auto& [octets, value, direction] : dataCases()) {
     SCOPED_TRACE(octets);
-    EXPECT_EQ(GoosePdu::parseDataValues(hexBytes(octets)), std::vector{expected});
+    if (direction != kWritten) {
+      EXPECT_EQ(GoosePdu::parseDataValues(hexBytes(octets)), std::vector{value});
+    }
+    if (direction == kRead) continue;
+    Bytes out = hexBytes("EE");
+    EXPECT_TRUE(GoosePdu::encodeDataValue(value, out));
+    EXPECT_EQ(out, hexBytes(std::string("EE") + octets));
   }
+}
+
+TEST(GoosePdu, TimesThatDoNotFitAreWrittenAsZero) {
+  const std::pair<double, const char*> cases[] = {
+      {4294967294.75, "FF FF FF FE C0 00 00 0A"},
+      {4294967295.0, "FF FF FF FF 00 00 00 0A"},
+      {4294967295.5, "00 00 00 00 00 00 00 0A"},
+      {-0.5, "00 00 00 00 00 00 00 0A"},
+      {std::numeric_limits<double>::infinity(), "00 00 00 00 00 00 00 0A"},
+      {std::numeric_limits<double>::quiet_NaN(), "00 00 00 00 00 00 00 0A"},
+  };
+  for (const auto& [seconds, expected] : cases) {
+    const auto octets = GoosePdu::encodeUTCTime(timeFromUnixSeconds(seconds));
+    EXPECT_EQ(Bytes(octets.begin(), octets.end()), hexBytes(expected)) << seconds;
+  }
+}
+
+TEST(GoosePdu, WhatIsTooLargeIsRefusedWithBothSizes) {
+  const auto refusal = [](Value value) {
+    GoosePdu pdu;
+    pdu.allData = {std::move(value)};
+    const auto payload = GoosePdu::encode(pdu);
+    if (payload) return "accepted " + std::to_string(payload->size());
+    EXPECT_EQ(payload.error().which(), GooseError::Case::sendFailed);
+    return payload.error().description();
+  };
+  // Everything around the octets takes 49, the header 8.
+  EXPECT_EQ(refusal(Value::octetString(Bytes(65527 - 49))), "accepted 65535");
+  EXPECT_EQ(refusal(Value::octetString(Bytes(65527 - 48))),
+            "GOOSE PDU of 65528 octets exceeds the limit of 65527");
+  const auto tooLarge = Value::structure({Value::octetString(Bytes(70000)), Value::array({})});
+  EXPECT_EQ(refusal(tooLarge), "GOOSE element of 70000 octets exceeds the limit of 65535");
+  const Value half = Value::octetString(Bytes(33000));
+  EXPECT_EQ(refusal(Value::array({half, half})),
+            "GOOSE element of 66008 octets exceeds the limit of 65535");
+
+  Bytes out = hexBytes("EE");
+  EXPECT_FALSE(GoosePdu::encodeDataValue(tooLarge, out));
+  EXPECT_EQ(out, hexBytes("EE"));
 }
 
 TEST(GoosePdu, ReusedPduKeepsNothingOfTheFrameBefore) {
   std::vector<Bytes> payloads;
-  for (const auto& [octets, expected] : dataCases()) {
-    const Bytes value = hexBytes(octets);
+  for (const auto& [octets, value, direction] : dataCases()) {
     Bytes content = hexBytes(kMandatory);
-    ASSERT_TRUE(appendBerTLV(content, 0xAB, value));
-    Bytes payload = hexBytes("0003 0000 0000 0000");
-    ASSERT_TRUE(appendBerTLV(payload, 0x61, content));
-    payloads.push_back(std::move(payload));
+    ASSERT_TRUE(appendBerTLV(content, 0xAB, hexBytes(octets)));
+    payloads.push_back(payloadOf(content));
   }
   GoosePdu reused;
   for (const Bytes& before : payloads) {
@@ -163,62 +234,38 @@ TEST(GoosePdu, ReusedPduKeepsNothingOfTheFrameBefore) {
   }
 }
 
-GoosePdu fieldsOf(const std::vector<Value>& values) {
-  GoosePdu fields;
-  fields.header.appId = 0x3FFF;
-  fields.goCBRef = "IED1LD0/LLN0$GO$gcb01";
-  fields.timeAllowedToLive = 2000;
-  fields.datSet = "IED1LD0/LLN0$dataset";
-  fields.goId = "Trip";
-  fields.stNum = 1;
-  fields.sqNum = 4294967295;
-  fields.simulation = true;
-  fields.confRev = 128;
-  fields.allData = values;
-  fields.timestamp = timeFromUnixSeconds(1715932770.125);
-  return fields;
-}
-
 TEST(GoosePdu, EveryTruncatedPrefixIsRefused) {
-  const std::vector<Value> values{Value::structure({Value::integer(300), Value::boolean(true)})};
-  const Bytes payload = *GoosePdu::encode(fieldsOf(values));
+  const Bytes payload =
+      *GoosePdu::encode(richPdu({Value::structure({Value::integer(300), Value::boolean(true)})}));
   for (std::size_t length = 0; length < payload.size(); ++length) {
-    EXPECT_NE(refusalOf({payload.begin(), payload.begin() + static_cast<std::ptrdiff_t>(length)}),
-              "accepted")
-        << length;
+    const ByteView prefix = ByteView(payload).first(length);
+    EXPECT_NE(refusalOf({prefix.begin(), prefix.end()}), "accepted") << length;
   }
 }
 
 TEST(GoosePdu, ContentBelowTheDeepestLevelIsDropped) {
   // Every level is a structure that fills the one around it, down to an integer.
   Bytes nested = hexBytes("85 01 07");
-  int levels = 0;
-  for (; nested.size() < 60000; ++levels) {
-    Bytes outer;
-    ASSERT_TRUE(appendBerTLV(outer, 0xA2, nested));
-    nested = std::move(outer);
+  while (nested.size() < 60000) {
+    const Bytes inner = std::exchange(nested, {});
+    ASSERT_TRUE(appendBerTLV(nested, 0xA2, inner));
   }
   const std::vector<Value> values = GoosePdu::parseDataValues(nested);
   int depth = 0;
-  const std::vector<Value>* members = &values;
-  while (!members->empty()) {
-    ASSERT_EQ(members->size(), 1U);
+  for (const auto* members = &values; !members->empty(); ++depth) {
     members = &std::get<Value::Structure>(members->front().payload).members;
-    ++depth;
   }
-  EXPECT_GT(levels, 10000);
   EXPECT_EQ(depth, GoosePdu::kMaxDataNesting + 1);
 }
 
 TEST(GoosePdu, StructuresBeyondTheirNumberDecodeWithoutMembers) {
-  const Bytes filled = hexBytes("A2 02 83 00");
-  constexpr std::size_t kBeyond = 10;
   Bytes dataset = hexBytes("A2 00");  // Costs nothing, and does not count.
-  for (std::size_t i = 0; i < GoosePdu::kMaxFilledStructures + kBeyond; ++i) {
+  for (std::size_t i = 0; i < GoosePdu::kMaxFilledStructures + 10; ++i) {
+    const Bytes filled = hexBytes("A2 02 83 00");
     dataset.insert(dataset.end(), filled.begin(), filled.end());
   }
   const std::vector<Value> values = GoosePdu::parseDataValues(dataset);
-  EXPECT_EQ(values.size(), 1 + GoosePdu::kMaxFilledStructures + kBeyond);
+  EXPECT_EQ(values.size(), 1 + GoosePdu::kMaxFilledStructures + 10);
   for (std::size_t i = 1; i < values.size(); ++i) {
     const auto& members = std::get<Value::Structure>(values[i].payload).members;
     ASSERT_EQ(members.size(), i <= GoosePdu::kMaxFilledStructures ? 1U : 0U) << i;
@@ -226,14 +273,14 @@ TEST(GoosePdu, StructuresBeyondTheirNumberDecodeWithoutMembers) {
 }
 
 TEST(GoosePdu, StreamOfLikeFramesAllocatesNothing) {
-  const std::string longText(40, 'x');
-  const std::vector<Value> values{
-      Value::boolean(true),           Value::bitString({true, false, true}),
-      Value::floatingPoint(1.0F),     Value::octetString({1, 2, 3}),
-      Value::visibleString(longText), Value::utcTime(timeFromUnixSeconds(1)),
-      Value::realDouble(1.0),         Value::structure({Value::integer(5), Value::array({})}),
-  };
-  const Bytes payload = *GoosePdu::encode(fieldsOf(values));
+  const Bytes payload = *GoosePdu::encode(richPdu({
+      Value::boolean(true),
+      Value::bitString({true, false, true}),
+      Value::octetString({1, 2, 3}),
+      Value::visibleString(std::string(40, 'x')),
+      Value::realDouble(1.0),
+      Value::structure({Value::integer(5), Value::array({})}),
+  }));
   GoosePdu pdu;
   ASSERT_TRUE(GoosePdu::parseInto(payload, pdu));
   const std::size_t before = allocationCount();

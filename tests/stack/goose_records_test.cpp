@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <limits>
-
 #include "goosestack/goose_message.h"
 #include "goosestack/network_interface_info.h"
 #include "stack/goose_message_builder.h"
@@ -10,92 +8,117 @@ namespace tarnlink::test {
 using namespace goosestack;
 namespace {
 
-GooseMessage messageReceivedAt(double seconds, std::uint32_t timeAllowedToLive) {
+using Value = GooseDataValue;
+
+TEST(GooseMessage, StaleOnlyWhenOlderThanAllowed) {
+  const struct {
+    double receivedAt;
+    std::uint32_t timeAllowedToLive;
+    bool isStale;
+  } cases[] = {{1000, 1500, false}, {1000, 1499, true}, {2000, 0, false}, {-1e10, ~0U, true}};
+  for (const auto& [receivedAt, timeAllowedToLive, isStale] : cases) {
+    GooseMessage message;
+    message.receivedAt = timeFromUnixSeconds(receivedAt);
+    message.timeAllowedToLive = timeAllowedToLive;
+    EXPECT_EQ(message.isStale(timeFromUnixSeconds(1001.5)), isStale) << receivedAt;
+  }
+}
+
+/// Each of its fields has a value of its own.
+GooseMessage distinctMessage() {
   GooseMessage message;
-  message.receivedAt = timeFromUnixSeconds(seconds);
-  message.timeAllowedToLive = timeAllowedToLive;
+  message.appId = 0xFFFF;
+  message.goCBRef = "ref";
+  message.dataSet = "set";
+  message.goId = "id";
+  message.timestamp = timeFromUnixSeconds(10.5);
+  message.stNum = 4294967295;
+  message.sqNum = 2;
+  message.simulation = true;
+  message.confRev = 3;
+  message.timeAllowedToLive = 4;
+  message.numEntries = 9;
+  message.values = {Value::boolean(true)};
+  message.receivedAt = timeFromUnixSeconds(11.5);
   return message;
 }
 
-TEST(GooseMessage, StaleOnlyWhenOlderThanAllowed) {
-  const TimePoint now = timeFromUnixSeconds(1001.5);
-  EXPECT_FALSE(messageReceivedAt(1000.0, 2000).isStale(now));
-  EXPECT_FALSE(messageReceivedAt(1000.0, 1500).isStale(now));
-  EXPECT_TRUE(messageReceivedAt(1000.0, 1499).isStale(now));
-  EXPECT_FALSE(messageReceivedAt(2000.0, 0).isStale(now));
-  EXPECT_TRUE(messageReceivedAt(-1e10, std::numeric_limits<std::uint32_t>::max()).isStale(now));
+/// Maps as {key:value ...}, with texts in quotes and six decimals of what is no whole number.
+std::string textOf(const FlutterValue& any) {
+  return std::visit(
+      [](const auto& held) {
+        using T = std::decay_t<decltype(held)>;
+        std::string text;
+        if constexpr (std::is_same_v<T, bool>) {
+          text = held ? "true" : "false";
+        } else if constexpr (std::is_same_v<T, std::string>) {
+          text = "'" + held + "'";
+        } else if constexpr (std::is_same_v<T, FlutterDict>) {
+          for (const auto& [key, value] : held) text += " " + key + ":" + textOf(value);
+          text = "{" + text + " }";
+        } else if constexpr (std::is_same_v<T, FlutterList>) {
+          for (const auto& value : held) text += " " + textOf(value);
+          text = "[" + text + " ]";
+        } else {
+          text = std::to_string(held);
+        }
+        return text;
+      },
+      any.value);
 }
 
-TEST(GooseMessage, MapHasNoKeysForWhatIsAbsent) {
-  GooseMessage message = messageReceivedAt(1000.5, 2000);
-  message.appId = 0xFFFF;
-  message.stNum = std::numeric_limits<std::uint32_t>::max();
-  message.values = {GooseDataValue::boolean(true)};
-  FlutterDict dict = message.toFlutterDict();
-  EXPECT_EQ(dict.size(), 14U);
-  EXPECT_FALSE(dict.contains("vlanId"));
-  EXPECT_FALSE(dict.contains("srcMac"));
-  EXPECT_EQ(dict.at("appId"), FlutterValue{std::int64_t{65535}});
-  EXPECT_EQ(dict.at("stNum"), FlutterValue{std::int64_t{4294967295}});
-  EXPECT_EQ(dict.at("receivedAt"), FlutterValue{1000.5});
-  EXPECT_EQ(dict.at("simulation"), FlutterValue{false});
-  const FlutterDict value{{"type", {std::string("boolean")}}, {"value", {true}}};
-  EXPECT_EQ(dict.at("values"), FlutterValue{FlutterList{{value}}});
-
+TEST(Maps, HaveNoKeysForWhatIsAbsent) {
+  GooseMessage message = distinctMessage();
+  const std::string text =
+      " goCBRef:'ref' goId:'id' needsCommission:false numEntries:9 receivedAt:11.500000"
+      " simulation:true sqNum:2";
+  EXPECT_EQ(textOf({message.toFlutterDict()}),
+            "{ appId:65535 confRev:3 dataSet:'set'" + text +
+                " stNum:4294967295 timeAllowedToLive:4 timestamp:10.500000"
+                " values:[ { type:'boolean' value:true } ] }");
   message.vlanId = 0;
-  message.srcMac = "02:AA:BB:CC:DD:EE";
-  dict = message.toFlutterDict();
-  EXPECT_EQ(dict.size(), 16U);
-  EXPECT_EQ(dict.at("vlanId"), FlutterValue{std::int64_t{0}});
+  message.srcMac = "02:AA";
+  message.dstMac = "01:0C";
+  EXPECT_EQ(textOf({message.toFlutterDict()}),
+            "{ appId:65535 confRev:3 dataSet:'set' dstMac:'01:0C'" + text +
+                " srcMac:'02:AA' stNum:4294967295 timeAllowedToLive:4 timestamp:10.500000"
+                " values:[ { type:'boolean' value:true } ] vlanId:0 }");
+  const NetworkInterfaceInfo info{"eth0", "Ethernet", true, "02:00", false};
+  EXPECT_EQ(textOf({info.toFlutterDict()}),
+            "{ displayName:'Ethernet' isUp:true macAddress:'02:00' name:'eth0'"
+            " supportsMulticast:false }");
 }
 
-TEST(GooseDataValue, MapNamesTypeAndPayload) {
-  using Value = GooseDataValue;
-  const FlutterList octets{{std::int64_t{0}}, {std::int64_t{255}}};
-  const FlutterDict member{{"type", {std::string("int32")}}, {"value", {std::int64_t{-1}}}};
-  struct Case {
-    Value value;
-    std::string type;
-    FlutterValue payload;
+TEST(Maps, NameTypeAndPayloadOfAValue) {
+  const std::pair<Value, const char*> cases[] = {
+      {Value::bitString({true, false}), "'bitString' value:[ true false ]"},
+      {Value::unsignedInteger(4294967295), "'uint32' value:4294967295"},
+      {Value::floatingPoint(1.5F), "'float32' value:1.500000"},
+      {Value::realDouble(2.5), "'float64' value:2.500000"},
+      {Value::octetString({0, 255}), "'octetString' value:[ 0 255 ]"},
+      {Value::visibleString("x"), "'visibleString' value:'x'"},
+      {Value::utcTime(timeFromUnixSeconds(1.25)), "'utcTime' value:1.250000"},
+      {Value::structure({Value::integer(-1)}), "'structure' value:[ { type:'int32' value:-1 } ]"},
+      {Value::array({Value::integer(-1)}), "'array' value:[ { type:'int32' value:-1 } ]"},
+      {Value::unknown(0x8C, {0, 255}), "'octetString' value:[ 0 255 ]"},
   };
-  const Case cases[] = {
-      {Value::bitString({true, false}), "bitString", {FlutterList{{true}, {false}}}},
-      {Value::integer(-5), "int32", {std::int64_t{-5}}},
-      {Value::unsignedInteger(4294967295), "uint32", {std::int64_t{4294967295}}},
-      {Value::floatingPoint(1.5F), "float32", {1.5}},
-      {Value::realDouble(2.5), "float64", {2.5}},
-      {Value::octetString({0, 255}), "octetString", {octets}},
-      {Value::visibleString("x"), "visibleString", {std::string("x")}},
-      {Value::utcTime(timeFromUnixSeconds(1.25)), "utcTime", {1.25}},
-      {Value::structure({Value::integer(-1)}), "structure", {FlutterList{{member}}}},
-      {Value::array({Value::integer(-1)}), "array", {FlutterList{{member}}}},
-      {Value::unknown(0x8C, {0, 255}), "octetString", {octets}},
-  };
-  for (const auto& [value, type, payload] : cases) {
-    SCOPED_TRACE(type);
-    const FlutterDict expected{{"type", {type}}, {"value", payload}};
-    EXPECT_EQ(value.toFlutterDict(), expected);
+  for (const auto& [value, expected] : cases) {
+    EXPECT_EQ(textOf({value.toFlutterDict()}), "{ type:" + std::string(expected) + " }");
   }
 }
 
 TEST(GooseMessage, FootprintCountsAllStorageHoweverDeep) {
-  using Value = GooseDataValue;
   constexpr std::size_t kSize = 10'000;  // Octets.
   const Bytes octets(kSize);
-  GooseMessage texts;
-  texts.goCBRef = texts.dataSet = texts.goId = std::string(kSize / 3 + 1, 'x');
-  std::vector messages{texts};
+  std::vector<GooseMessage> messages(2);
+  messages[0].goCBRef = messages[0].dataSet = messages[0].goId = std::string(kSize / 3 + 1, 'x');
+  messages[1].values.reserve(kSize / sizeof(Value) + 1);  // What waits for reuse counts.
   for (const Value& value :
        {Value::bitString(BitString(8 * kSize, true)), Value::octetString(octets),
         Value::visibleString(std::string(kSize, 'x')), Value::unknown(0x88, octets),
         Value::array(std::vector<Value>(kSize / sizeof(Value) + 1))}) {
-    GooseMessage message;
-    message.values = {Value::boolean(true), Value::structure({Value::array({value})})};
-    messages.push_back(message);
+    messages.emplace_back().values = {Value::structure({Value::array({value})})};
   }
-  GooseMessage kept;  // What waits for reuse counts.
-  kept.values.reserve(kSize / sizeof(Value) + 1);
-  messages.push_back(std::move(kept));
   for (const auto& message : messages) {
     SCOPED_TRACE(&message - messages.data());
     EXPECT_GE(message.footprint(), sizeof message + kSize);
@@ -103,57 +126,29 @@ TEST(GooseMessage, FootprintCountsAllStorageHoweverDeep) {
   }
 }
 
-TEST(NetworkInterfaceInfo, MapHasAllFields) {
-  const NetworkInterfaceInfo info{"eth0", "Ethernet", true, "02:00:00:00:00:01", false};
-  const FlutterDict expected{{"name", {std::string("eth0")}},
-                             {"displayName", {std::string("Ethernet")}},
-                             {"isUp", {true}},
-                             {"macAddress", {std::string("02:00:00:00:00:01")}},
-                             {"supportsMulticast", {false}}};
-  EXPECT_EQ(info.toFlutterDict(), expected);
-}
-
 TEST(GooseMessageBuilder, RecycledMessageKeepsNothingOfItsEarlierLife) {
-  GoosePdu pdu;
-  pdu.header.appId = 7;
-  pdu.goCBRef = "ref";
-  pdu.datSet = "set";
-  pdu.goId = "id";
-  pdu.timestamp = timeFromUnixSeconds(10);
-  pdu.stNum = 1;
-  pdu.sqNum = 2;
-  pdu.simulation = true;
-  pdu.confRev = 3;
-  pdu.numDatSetEntries = 9;
-  pdu.timeAllowedToLive = 4;
-  pdu.allData = {GooseDataValue::integer(5)};
-  ParsedEthernetFrame frame;
-  frame.srcMac = {0x02, 0, 0, 0, 0, 0x0A};
-  frame.dstMac = {0x01, 0x0C, 0xCD, 0x01, 0, 0};
-
+  GooseMessage expected = distinctMessage();
+  expected.srcMac = "02:00:00:00:00:0A";
+  expected.dstMac = "01:0C:CD:01:00:00";
+  GoosePdu pdu{.header = {expected.appId, 0, 0, 0},
+               .goCBRef = expected.goCBRef,
+               .timeAllowedToLive = expected.timeAllowedToLive,
+               .datSet = expected.dataSet,
+               .goId = expected.goId,
+               .timestamp = expected.timestamp,
+               .stNum = expected.stNum,
+               .sqNum = expected.sqNum,
+               .simulation = true,
+               .confRev = expected.confRev,
+               .numDatSetEntries = expected.numEntries,
+               .allData = expected.values};
+  const ParsedEthernetFrame frame{{0x01, 0x0C, 0xCD, 1, 0, 0}, {2, 0, 0, 0, 0, 10}, {}, {}, 0, {}};
   GooseMessage message;
   message.goCBRef = "stale";
   message.values.resize(8);
   message.vlanId = 5;
   message.needsCommission = true;
-  buildGooseMessage(frame, pdu, timeFromUnixSeconds(11), message);
-
-  GooseMessage expected;
-  expected.appId = 7;
-  expected.goCBRef = "ref";
-  expected.dataSet = "set";
-  expected.goId = "id";
-  expected.timestamp = timeFromUnixSeconds(10);
-  expected.stNum = 1;
-  expected.sqNum = 2;
-  expected.simulation = true;
-  expected.confRev = 3;
-  expected.timeAllowedToLive = 4;
-  expected.numEntries = 9;
-  expected.values = {GooseDataValue::integer(5)};
-  expected.srcMac = "02:00:00:00:00:0A";
-  expected.dstMac = "01:0C:CD:01:00:00";
-  expected.receivedAt = timeFromUnixSeconds(11);
+  buildGooseMessage(frame, pdu, expected.receivedAt, message);
   EXPECT_EQ(message, expected);
 }
 
