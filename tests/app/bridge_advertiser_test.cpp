@@ -5,9 +5,9 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 
-#include <condition_variable>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/host_name.h"
@@ -25,8 +25,6 @@ using test::DistantDnsSdHost;
 using test::DnsSdHost;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Not;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kPort = 8765;
@@ -39,19 +37,19 @@ class Log {
     return [this](std::string_view line) {
       const std::lock_guard hold(mutex_);
       lines_.emplace_back(line);
-      changed_.notify_all();
     };
   }
   /// The lines so far, once there are `count`, or after some seconds.
   std::vector<std::string> lines(std::size_t count) {
-    std::unique_lock hold(mutex_);
-    changed_.wait_for(hold, seconds(10), [&] { return lines_.size() >= count; });
+    for (int i = 0; i < 1000; ++i) {
+      if (const std::lock_guard hold(mutex_); lines_.size() >= count) return lines_;
+      std::this_thread::sleep_for(milliseconds(10));
+    }
     return lines_;
   }
 
  private:
   std::mutex mutex_;
-  std::condition_variable changed_;
   std::vector<std::string> lines_;
 };
 
@@ -95,8 +93,15 @@ TEST_F(Announcement, IsSeenFromAnotherComputerUntilItIsWithdrawn) {
   const auto giveUp = Clock::now() + seconds(5);
   while (!there_->browse().empty() && Clock::now() < giveUp) {
   }
-  EXPECT_THAT(there_->browse(), IsEmpty());
+  EXPECT_EQ(there_->browse(), "");
   EXPECT_EQ(log_.lines(1).size(), 1U);
+
+  std::string wide;
+  for (int i = 0; i < 40; ++i) wide += "ü";
+  const auto publication = publishDnsSdService(
+      [&] { return wide; }, kBridgeServiceType, kPort,
+      [&](const DnsSdOutcome& outcome) { log_.sink()(outcome ? *outcome : ""); });
+  EXPECT_EQ(log_.lines(2).back(), wide.substr(0, 62)) << "cut between characters";
 }
 
 TEST_F(Announcement, ATakenNameIsReplacedByAVariant) {
@@ -148,16 +153,6 @@ TEST_F(Announcement, ADaemonThatHangsHoldsNobodyUp) {
   ::kill(here_.daemonPid(), SIGKILL);
 }
 
-TEST_F(Announcement, LongNamesAreCutBetweenCharacters) {
-  connect();
-  std::string wide;
-  for (int i = 0; i < 40; ++i) wide += "ü";
-  const auto publication = publishDnsSdService(
-      [&] { return wide; }, kBridgeServiceType, kPort,
-      [&](const DnsSdOutcome& outcome) { log_.sink()(outcome ? *outcome : outcome.error().text); });
-  EXPECT_THAT(log_.lines(1), ElementsAre(wide.substr(0, 62)));
-}
-
 TEST_F(Announcement, IsFoundOnTheNetworkByName) {
   connect();
   const auto one = here_.run({"avahi-publish", "-s", "Büro 1", "_tarnlink._tcp", "8765"});
@@ -165,15 +160,15 @@ TEST_F(Announcement, IsFoundOnTheNetworkByName) {
   ASSERT_TRUE(one->waitForOutput("Established") && two->waitForOutput("Established"));
   const auto found = browseDnsSd(kBridgeServiceType, seconds(5));
   ASSERT_TRUE(found && found->size() == 2);
-  const auto& all = *found;
-  EXPECT_EQ(all[0].name, "Büro 1");
-  EXPECT_EQ(all[1].name, "Büro 2");
-  EXPECT_EQ(all[1].host, "there.local");
-  EXPECT_EQ(all[1].port, 9000);
-  ASSERT_GE(all[1].addresses.size(), 1U);
-  EXPECT_EQ(all[1].addresses[0], "10.77.0.2");
-  for (std::size_t i = 1; i < all[1].addresses.size(); ++i) {
-    EXPECT_THAT(all[1].addresses[i], ::testing::MatchesRegex("fe80::.*%lan0"));
+  EXPECT_EQ(found->front().name, "Büro 1");
+  const auto& there = found->back();
+  EXPECT_EQ(there.name, "Büro 2");
+  EXPECT_EQ(there.host, "there.local");
+  EXPECT_EQ(there.port, 9000);
+  ASSERT_GE(there.addresses.size(), 1U);
+  EXPECT_EQ(there.addresses[0], "10.77.0.2");
+  for (std::size_t i = 1; i < there.addresses.size(); ++i) {
+    EXPECT_THAT(there.addresses[i], ::testing::MatchesRegex("fe80::.*%lan0"));
   }
   const auto begin = Clock::now();
   const auto onlyOne = browseDnsSd(kBridgeServiceType, seconds(5), "Büro 2");

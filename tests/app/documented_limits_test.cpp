@@ -27,49 +27,36 @@ std::string page(const std::string& name) {
   return text;
 }
 
-std::string mebibytes(std::size_t octets) {
-  return std::to_string(octets >> 20) + " MiB";
-}
-std::string grouped(int number) {
-  return std::to_string(number / 1000) + "," + std::to_string(number % 1000);
-}
-template <class Unit>
-std::string count(std::chrono::milliseconds duration) {
-  return std::to_string(std::chrono::duration_cast<Unit>(duration).count());
-}
-
 TEST(DocumentedLimits, AreThoseOfTheCode) {
-  using std::chrono::minutes, std::chrono::seconds;
-  const WebSocketLimits transport;
-  const std::pair<const char*, std::string> cases[] = {
-      {"docs/protocol.md", "| incoming message | " + mebibytes(transport.incomingMessage)},
-      {"docs/protocol.md",
-       "succeeded | " + std::to_string(transport.strangerMessage >> 10) + " KiB | close code 1009"},
-      {"docs/protocol.md",
-       "for their turn | " + count<seconds>(transport.strangerTime) + " s | the TCP"},
-      {"docs/protocol.md",
-       "unsent answers for one client | " + std::to_string(transport.unsentAnswers >> 10) + " KiB"},
-      {"docs/protocol.md", "| JSON nesting | " + std::to_string(kMaxJsonNesting) + " levels"},
-      {"docs/protocol.md",
-       "| upgrade not finished | " + count<seconds>(transport.handshake) + " s"},
-      {"docs/protocol.md",
-       "| memory of unsent messages for one client | " + mebibytes(transport.sendQueue)},
-      {"docs/protocol.md",
-       "| silence of a client | " + count<minutes>(transport.idle) + " minutes, with a ping"},
-      {"docs/protocol.md", "inside " + std::to_string(GoosePdu::kMaxDataNesting) + " others"},
-      {"docs/protocol.md", "after the " + grouped(GoosePdu::kMaxFilledStructures) + "th"},
-      {"docs/protocol.md",
-       "or a text of " + std::to_string(BridgeRequest::kMaxRequestId) + " octets at most"},
-      {"docs/protocol.md", std::to_string(kMaxInterfaceNameLength) + " characters at most"},
-      {"docs/protocol.md", "For " + count<seconds>(PromptRefusals::kHolds) + " s after a refusal"},
-      {"docs/protocol.md", "after " + std::to_string(PromptRefusals::kMost) + " refusals"},
-      {"docs/security.md", "more than " + std::to_string(AuthGate::kMaxWaiting) + " attempts wait"},
-      {"docs/architecture.md", "costs " + mebibytes(transport.sendQueue) + " at most"},
-      {"docs/architecture.md", std::to_string(CaptureLoop::kBurstLimit) + " records at most"},
-      {"packaging/man/tarnlinkd.8",
-       "more than " + std::to_string(AuthGate::kMaxWaiting) + " attempts wait"},
+  constexpr WebSocketLimits transport;
+  const auto seconds = [](std::chrono::milliseconds time) { return time.count() / 1000; };
+  // Each is the text before the figure, the figure, and the text behind it.
+  const struct {
+    const char *name, *before;
+    long long figure;
+    const char* behind;
+  } cases[] = {
+      {"docs/protocol.md", "| incoming message | ", transport.incomingMessage >> 20, " MiB"},
+      {"docs/protocol.md", "succeeded | ", transport.strangerMessage >> 10, " KiB | close code"},
+      {"docs/protocol.md", "for their turn | ", seconds(transport.strangerTime), " s | the TCP"},
+      {"docs/protocol.md", "answers for one client | ", transport.unsentAnswers >> 10, " KiB"},
+      {"docs/protocol.md", "| JSON nesting | ", kMaxJsonNesting, " levels"},
+      {"docs/protocol.md", "| upgrade not finished | ", seconds(transport.handshake), " s"},
+      {"docs/protocol.md", "messages for one client | ", transport.sendQueue >> 20, " MiB"},
+      {"docs/protocol.md", "| silence of a client | ", seconds(transport.idle) / 60, " minutes"},
+      {"docs/protocol.md", "inside ", GoosePdu::kMaxDataNesting, " others"},
+      {"docs/protocol.md", "after the 4,", GoosePdu::kMaxFilledStructures - 4000, "th"},
+      {"docs/protocol.md", "or a text of ", BridgeRequest::kMaxRequestId, " octets at most"},
+      {"docs/protocol.md", "", kMaxInterfaceNameLength, " characters at most"},
+      {"docs/protocol.md", "For ", PromptRefusals::kHolds.count(), " s after a refusal"},
+      {"docs/protocol.md", "after ", PromptRefusals::kMost, " refusals"},
+      {"docs/security.md", "more than ", AuthGate::kMaxWaiting, " attempts wait"},
+      {"docs/architecture.md", "costs ", transport.sendQueue >> 20, " MiB at most"},
+      {"docs/architecture.md", "", CaptureLoop::kBurstLimit, " records at most"},
+      {"packaging/man/tarnlinkd.8", "more than ", AuthGate::kMaxWaiting, " attempts wait"},
   };
-  for (const auto& [name, text] : cases) {
+  for (const auto& [name, before, figure, behind] : cases) {
+    const auto text = before + std::to_string(figure) + behind;
     EXPECT_NE(page(name).find(text), std::string::npos) << name << ": " << text;
   }
 }

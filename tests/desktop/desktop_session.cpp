@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <QDeadlineTimer>
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -20,20 +21,10 @@ using namespace std::chrono_literals;
 constexpr auto kLimit = 10s;
 
 // As Debian's, but for every user: the status bar and the program need not be of the same.
-std::string busConfig(const fs::path& socket) {
-  return R"(<busconfig>
-  <type>session</type>
-  <listen>unix:path=)" +
-         socket.string() + R"(</listen>
-  <policy context="default">
-    <allow user="*"/>
-    <allow own="*"/>
-    <allow send_destination="*"/>
-    <allow receive_sender="*"/>
-  </policy>
-</busconfig>
-)";
-}
+constexpr const char* kBusConfig =
+    R"(<busconfig><type>session</type><policy context="default">
+<allow user="*"/><allow own="*"/><allow send_destination="*"/><allow receive_sender="*"/></policy>
+</busconfig>)";
 
 SessionProgram::SessionProgram(const std::vector<std::string>& argv) {
   QStringList arguments;
@@ -50,26 +41,25 @@ SessionProgram::~SessionProgram() {
 
 std::string SessionProgram::await(const std::string& text) {
   QDeadlineTimer deadline(kLimit);
-  while (true) {
+  do {
     while (process_.canReadLine()) {
       lines_.push_back(process_.readLine().chopped(1).toStdString());
       if (lines_.back().find(text) != std::string::npos) return lines_.back();
     }
-    if (!process_.waitForReadyRead(static_cast<int>(deadline.remainingTime()))) return {};
-  }
+  } while (process_.waitForReadyRead(static_cast<int>(deadline.remainingTime())));
+  return {};
 }
 
-std::string SessionProgram::awaitEnd() {
-  if (process_.state() != QProcess::NotRunning && !process_.waitForFinished(10'000)) return {};
+int SessionProgram::awaitEnd() {
+  if (process_.state() != QProcess::NotRunning && !process_.waitForFinished(10'000)) return -1;
   while (process_.canReadLine()) lines_.push_back(process_.readLine().chopped(1).toStdString());
-  return (process_.exitStatus() == QProcess::NormalExit ? "exit code " : "signal ") +
-         std::to_string(process_.exitCode());
+  return process_.exitStatus() == QProcess::NormalExit ? process_.exitCode() : -1;
 }
 
-int SessionProgram::count(const std::string& text) {
-  int found = 0;
-  for (const auto& line : lines_) found += line.find(text) != std::string::npos ? 1 : 0;
-  return found;
+int SessionProgram::count(const std::string& text) const {
+  return static_cast<int>(std::count_if(lines_.begin(), lines_.end(), [&](const auto& line) {
+    return line.find(text) != std::string::npos;
+  }));
 }
 
 DesktopSession::DesktopSession(Bus bus)
@@ -83,25 +73,27 @@ DesktopSession::DesktopSession(Bus bus)
   ::setenv("LC_ALL", "C.UTF-8", 1);
   ::unsetenv("WAYLAND_DISPLAY");
 
-  programs_.push_back(std::make_unique<SessionProgram>(
-      std::vector<std::string>{"/usr/bin/Xvfb", "-displayfd", "1", "-ac", "-nolisten", "tcp",
-                               "-screen", "0", "800x600x24"}));
-  const auto display = programs_.back()->await("");
-  if (display.empty()) throw std::runtime_error("Xvfb does not start");
+  const auto display = start(
+      {"/usr/bin/Xvfb", "-displayfd", "1", "-ac", "-nolisten", "tcp", "-screen", "0", "800x600x24"},
+      "");
   ::setenv("DISPLAY", (":" + display).c_str(), 1);
-
   ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent", 1);
   if (bus == Bus::session) {
     const auto config = folder_ / "bus.conf";
-    std::ofstream(config) << busConfig(folder_ / "bus");
-    programs_.push_back(std::make_unique<SessionProgram>(
-        std::vector<std::string>{"/usr/bin/dbus-daemon", "--config-file=" + config.string(),
-                                 "--nofork", "--nopidfile", "--print-address=1"}));
-    ::setenv("DBUS_SESSION_BUS_ADDRESS", programs_.back()->await("unix:").c_str(), 1);
+    std::ofstream(config) << kBusConfig;
+    const auto address = start({"/usr/bin/dbus-daemon", "--config-file=" + config.string(),
+                                "--nofork", "--nopidfile", "--print-address=1"},
+                               "unix:");
+    ::setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
   }
-  programs_.push_back(std::make_unique<SessionProgram>(
-      std::vector<std::string>{"/usr/bin/openbox", "--startup", "echo ready"}));
-  if (programs_.back()->await("ready").empty()) throw std::runtime_error("openbox does not start");
+  start({"/usr/bin/openbox", "--startup", "echo ready"}, "ready");
+}
+
+std::string DesktopSession::start(const std::vector<std::string>& argv, const std::string& says) {
+  programs_.push_back(std::make_unique<SessionProgram>(argv));
+  const auto line = programs_.back()->await(says);
+  if (line.empty()) throw std::runtime_error(argv[0] + " does not start");
+  return line;
 }
 
 DesktopSession::~DesktopSession() {

@@ -22,10 +22,10 @@ class SessionProgram {
 
   /// The next output line that holds the text; empty when none comes within ten seconds.
   std::string await(const std::string& text);
-  /// "exit code 0" and the like; empty when it does not end within ten seconds.
-  std::string awaitEnd();
+  /// The exit code; -1 after a signal, and when it does not end within ten seconds.
+  int awaitEnd();
   /// All lines so far that hold the text.
-  int count(const std::string& text);
+  int count(const std::string& text) const;
   void terminate() { process_.terminate(); }
 
  private:
@@ -50,6 +50,8 @@ class DesktopSession {
   static std::string run(const std::string& command);
 
  private:
+  std::string start(const std::vector<std::string>& argv, const std::string& says);
+
   std::filesystem::path folder_;
   std::vector<std::unique_ptr<SessionProgram>> programs_;
 };

@@ -1,8 +1,9 @@
 #include "tests/desktop/status_bar_host.h"
 
+#include <QCoreApplication>
+#include <QDBusArgument>
+#include <QDBusInterface>
 #include <chrono>
-#include <cstddef>
-#include <cstring>
 #include <stdexcept>
 #include <thread>
 
@@ -10,61 +11,22 @@ namespace tarnlink::test {
 namespace {
 
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
 
 constexpr auto kLimit = 10s;
-constexpr const char* kMenuInterface = "com.canonical.dbusmenu";
+const QString kWatcher = QStringLiteral("org.kde.StatusNotifierWatcher");
 
-int check(int result, const char* what) {
-  if (result < 0) throw std::runtime_error(std::string(what) + ": " + std::strerror(-result));
-  return result;
-}
-
-bool isType(sd_bus_message* message, const char* signature) {
-  return sd_bus_message_verify_type(message, 'v', signature) > 0;
-}
-
-// One property of an item, as a variant.
-void readProperty(sd_bus_message* message, ShownItem& item) {
-  const char* key = nullptr;
-  check(sd_bus_message_read(message, "s", &key), "property");
-  const std::string name = key;
-  int number = 0;
-  const char* text = nullptr;
-  if (name == "label" && isType(message, "s")) {
-    check(sd_bus_message_read(message, "v", "s", &text), "label");
-    item.label = text;
-  } else if (name == "enabled" && isType(message, "b")) {
-    check(sd_bus_message_read(message, "v", "b", &number), "enabled");
-    item.isEnabled = number != 0;
-  } else if (name == "toggle-state" && isType(message, "i")) {
-    check(sd_bus_message_read(message, "v", "i", &number), "toggle-state");
-    item.isChecked = number == 1;
-  } else {
-    check(sd_bus_message_skip(message, "v"), "property");
-  }
-}
-
-// (ia{sv}av); the children, which are the items, at the top alone.
-ShownItem readNode(sd_bus_message* message, std::vector<ShownItem>* children) {
-  ShownItem item;
-  check(sd_bus_message_enter_container(message, 'r', "ia{sv}av"), "node");
-  check(sd_bus_message_read(message, "i", &item.id), "id");
-  check(sd_bus_message_enter_container(message, 'a', "{sv}"), "properties");
-  while (check(sd_bus_message_enter_container(message, 'e', "sv"), "property") > 0) {
-    readProperty(message, item);
-    check(sd_bus_message_exit_container(message), "property");
-  }
-  check(sd_bus_message_exit_container(message), "properties");
-  check(sd_bus_message_enter_container(message, 'a', "v"), "children");
-  while (children != nullptr &&
-         check(sd_bus_message_enter_container(message, 'v', "(ia{sv}av)"), "child") > 0) {
-    children->push_back(readNode(message, nullptr));
-    check(sd_bus_message_exit_container(message), "child");
-  }
-  check(sd_bus_message_exit_container(message), "children");
-  check(sd_bus_message_exit_container(message), "node");
-  return item;
+// (ia{sv}av): the item and its children.
+QVariantList readNode(const QVariant& node, ShownItem& item) {
+  const auto argument = node.value<QDBusArgument>();
+  QVariantMap properties;
+  QVariantList children;
+  argument.beginStructure();
+  argument >> item.id >> properties >> children;
+  argument.endStructure();
+  item.label = properties.value(QStringLiteral("label")).toString().toStdString();
+  item.isEnabled = properties.value(QStringLiteral("enabled"), true).toBool();
+  item.isChecked = properties.value(QStringLiteral("toggle-state")).toInt() == 1;
+  return children;
 }
 
 }  // namespace
@@ -76,93 +38,67 @@ ShownItem ShownMenu::find(const std::string& text) const {
   return {};
 }
 
-const sd_bus_vtable StatusBarHost::kWatcher[] = {
-    SD_BUS_VTABLE_START(0),
-    SD_BUS_METHOD("RegisterStatusNotifierItem", "s", "", &StatusBarHost::registerItem, 0),
-    SD_BUS_METHOD("RegisterStatusNotifierHost", "s", "", &StatusBarHost::registerHost, 0),
-    SD_BUS_PROPERTY("IsStatusNotifierHostRegistered", "b", nullptr,
-                    offsetof(StatusBarHost, isHostRegistered_), 0),
-    SD_BUS_PROPERTY("ProtocolVersion", "i", nullptr, offsetof(StatusBarHost, protocolVersion_), 0),
-    SD_BUS_VTABLE_END,
-};
-
-StatusBarHost::StatusBarHost(Host host) : isHostRegistered_(host == Host::present ? 1 : 0) {
-  check(sd_bus_open_user(&bus_), "session bus");
-  check(sd_bus_add_object_vtable(bus_, nullptr, "/StatusNotifierWatcher",
-                                 "org.kde.StatusNotifierWatcher", kWatcher, this),
-        "watcher");
-  check(sd_bus_request_name(bus_, "org.kde.StatusNotifierWatcher", 0), "name");
-}
-
-StatusBarHost::~StatusBarHost() {
-  sd_bus_flush_close_unref(bus_);
-}
-
-int StatusBarHost::registerItem(sd_bus_message* message, void* self, sd_bus_error*) {
-  static_cast<StatusBarHost*>(self)->item_ = sd_bus_message_get_sender(message);
-  return sd_bus_reply_method_return(message, "");
-}
-
-int StatusBarHost::registerHost(sd_bus_message* message, void*, sd_bus_error*) {
-  return sd_bus_reply_method_return(message, "");
+StatusBarHost::StatusBarHost(bool hasHost)
+    : isHostRegistered(hasHost), bus_(QDBusConnection::sessionBus()) {
+  const auto all = QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllProperties;
+  if (!bus_.registerObject(QStringLiteral("/StatusNotifierWatcher"), this, all) ||
+      !bus_.registerService(kWatcher)) {
+    throw std::runtime_error("no session bus");
+  }
 }
 
 void StatusBarHost::serve() {
-  while (check(sd_bus_process(bus_, nullptr), "process") > 0) {
-  }
+  QCoreApplication::processEvents();
 }
 
 void StatusBarHost::awaitItem() {
-  const auto deadline = Clock::now() + kLimit;
-  while (item_.empty()) {
-    if (Clock::now() > deadline) throw std::runtime_error("no item registers");
-    serve();
-    if (item_.empty()) check(sd_bus_wait(bus_, 100'000), "wait");
+  const auto deadline = std::chrono::steady_clock::now() + kLimit;
+  while (item_.isEmpty()) {
+    if (std::chrono::steady_clock::now() > deadline) throw std::runtime_error("no item registers");
+    QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents | QEventLoop::AllEvents, 100);
   }
   serve();  // The answer goes out.
-  sd_bus_message* reply = nullptr;
-  check(sd_bus_get_property(bus_, item_.c_str(), "/StatusNotifierItem",
-                            "org.kde.StatusNotifierItem", "Menu", nullptr, &reply, "o"),
-        "menu path");
-  const char* path = nullptr;
-  check(sd_bus_message_read(reply, "o", &path), "menu path");
-  menuPath_ = path;
-  sd_bus_message_unref(reply);
+  const QDBusInterface item(item_, QStringLiteral("/StatusNotifierItem"),
+                            QStringLiteral("org.kde.StatusNotifierItem"), bus_);
+  menuPath_ = item.property("Menu").value<QDBusObjectPath>().path();
 }
 
-ShownMenu StatusBarHost::menu() {
-  sd_bus_message* reply = nullptr;
-  check(sd_bus_call_method(bus_, item_.c_str(), menuPath_.c_str(), kMenuInterface, "GetLayout",
-                           nullptr, &reply, "iias", 0, -1, 0),
-        "GetLayout");
-  ShownMenu menu;
-  check(sd_bus_message_skip(reply, "u"), "revision");
-  readNode(reply, &menu.items);
-  sd_bus_message_unref(reply);
-  return menu;
+QVariantList StatusBarHost::call(const char* method, const QVariantList& arguments) const {
+  auto question = QDBusMessage::createMethodCall(
+      item_, menuPath_, QStringLiteral("com.canonical.dbusmenu"), QLatin1String(method));
+  question.setArguments(arguments);
+  const auto answer = bus_.call(question, QDBus::Block, 10'000);
+  if (answer.type() != QDBusMessage::ReplyMessage) {
+    throw std::runtime_error(method + (": " + answer.errorMessage().toStdString()));
+  }
+  return answer.arguments();
 }
 
-ShownMenu StatusBarHost::awaitMenu(const std::string& text, bool isChecked) {
-  const auto deadline = Clock::now() + kLimit;
+ShownMenu StatusBarHost::menu() const {
+  ShownMenu shown;
+  ShownItem root;
+  for (const auto& child : readNode(call("GetLayout", {0, -1, QStringList()}).at(1), root)) {
+    readNode(child, shown.items.emplace_back());
+  }
+  return shown;
+}
+
+ShownMenu StatusBarHost::awaitMenu(const std::string& text, bool isChecked) const {
+  const auto deadline = std::chrono::steady_clock::now() + kLimit;
   while (true) {
     auto shown = menu();
     const auto item = shown.find(text);
     if (item.id != 0 && item.isChecked == isChecked) return shown;
-    if (Clock::now() > deadline) throw std::runtime_error("the menu does not show " + text);
+    if (std::chrono::steady_clock::now() > deadline) {
+      throw std::runtime_error("the menu does not show " + text);
+    }
     std::this_thread::sleep_for(50ms);
   }
 }
 
-void StatusBarHost::openMenu() {
-  check(sd_bus_call_method(bus_, item_.c_str(), menuPath_.c_str(), kMenuInterface, "AboutToShow",
-                           nullptr, nullptr, "i", 0),
-        "AboutToShow");
-}
-
-void StatusBarHost::sendEvent(std::int32_t item, const char* event) {
-  check(sd_bus_call_method(bus_, item_.c_str(), menuPath_.c_str(), kMenuInterface, "Event", nullptr,
-                           nullptr, "isvu", item, event, "i", 0, 0),
-        "Event");
+void StatusBarHost::sendEvent(int item, const char* event) const {
+  call("Event",
+       {item, QLatin1String(event), QVariant::fromValue(QDBusVariant(0)), QVariant::fromValue(0U)});
 }
 
 }  // namespace tarnlink::test

@@ -2,16 +2,18 @@
 // menus that items offer (com.canonical.dbusmenu).
 #pragma once
 
-#include <systemd/sd-bus.h>
-
-#include <cstdint>
+#include <QDBusConnection>
+#include <QDBusContext>
+#include <QDBusMessage>
+#include <QObject>
+#include <QVariantList>
 #include <string>
 #include <vector>
 
 namespace tarnlink::test {
 
 struct ShownItem {
-  std::int32_t id = 0;
+  int id = 0;
   std::string label;  ///< Empty for a separator.
   bool isEnabled = true;
   bool isChecked = false;
@@ -25,41 +27,41 @@ struct ShownMenu {
 };
 
 /// Waits up to ten seconds for whatever it is asked; throws std::runtime_error then.
-class StatusBarHost {
+class StatusBarHost final : public QObject, protected QDBusContext {
+  Q_OBJECT
+  Q_CLASSINFO("D-Bus Interface", "org.kde.StatusNotifierWatcher")
+  Q_PROPERTY(bool IsStatusNotifierHostRegistered MEMBER isHostRegistered)
+  Q_PROPERTY(int ProtocolVersion MEMBER protocolVersion)
+
  public:
-  /// Whether there is one that shows icons: a watcher may come first.
-  enum class Host { present, absent };
-
   /// Connects to the session bus and becomes the watcher.
-  explicit StatusBarHost(Host host = Host::present);
-  ~StatusBarHost();
-  StatusBarHost(const StatusBarHost&) = delete;
-  StatusBarHost& operator=(const StatusBarHost&) = delete;
+  explicit StatusBarHost(bool hasHost = true);
 
-  void registerHost() { isHostRegistered_ = 1; }
   /// Answers what has been asked.
-  void serve();
+  static void serve();
   /// Until an item has registered.
   void awaitItem();
-  ShownMenu menu();
+  ShownMenu menu() const;
   /// Until the menu has an item whose label holds the text and that carries a mark or not.
-  ShownMenu awaitMenu(const std::string& text, bool isChecked = false);
+  ShownMenu awaitMenu(const std::string& text, bool isChecked = false) const;
   /// Says that the menu is about to be shown.
-  void openMenu();
+  void openMenu() const { call("AboutToShow", {0}); }
   /// "clicked" for an item, "closed" for item 0, the menu.
-  void sendEvent(std::int32_t item, const char* event);
+  void sendEvent(int item, const char* event) const;
+
+  /// Whether there is one that shows icons: a watcher may come first.
+  bool isHostRegistered;
+  int protocolVersion = 0;
+
+ public Q_SLOTS:
+  void RegisterStatusNotifierItem(const QString&) { item_ = message().service(); }
 
  private:
-  static int registerItem(sd_bus_message* message, void* self, sd_bus_error* error);
-  static int registerHost(sd_bus_message* message, void* self, sd_bus_error* error);
-  static const sd_bus_vtable kWatcher[];
+  QVariantList call(const char* method, const QVariantList& arguments) const;
 
-  sd_bus* bus_ = nullptr;
-  std::string item_;
-  std::string menuPath_;
-  // Answers to the watcher's properties.
-  int isHostRegistered_;
-  std::int32_t protocolVersion_ = 0;
+  QDBusConnection bus_;
+  QString item_;
+  QString menuPath_;
 };
 
 }  // namespace tarnlink::test

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <string>
 #include <thread>
+#include <tuple>
 
 namespace tarnlink {
 namespace {
@@ -41,8 +42,7 @@ TEST(ChildProcess, EndsAndOutputsAreToldApart) {
     SCOPED_TRACE(c.situation);
     const auto outcome = runner->run(c.argv);
     ASSERT_TRUE(outcome) << outcome.error().message();
-    EXPECT_EQ(outcome->exitStatus, c.exitStatus);
-    EXPECT_EQ(outcome->signal, c.signal);
+    EXPECT_EQ(std::tie(outcome->exitStatus, outcome->signal), std::tie(c.exitStatus, c.signal));
     EXPECT_EQ(outcome->out, c.out);
     EXPECT_EQ(outcome->err, c.err);
     EXPECT_FALSE(outcome->isTruncated);
@@ -58,16 +58,14 @@ TEST(ChildProcess, NeitherSignalsNorDescriptorsAreInherited) {
   ::pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
   const int inheritable = ::open("/dev/null", O_RDONLY);
   const auto runner = makeProcessRunner();
-  const auto ignored = runner->run({"/bin/sh", "-c", "kill -PIPE $$"});
-  const auto masked = runner->run({"/bin/sh", "-c", "kill -TERM $$"});
-  const auto descriptor =
-      runner->run({"/usr/bin/test", "-e", "/proc/self/fd/" + std::to_string(inheritable)});
+  EXPECT_EQ(runner->run({"/bin/sh", "-c", "kill -PIPE $$"})->signal, SIGPIPE);
+  EXPECT_EQ(runner->run({"/bin/sh", "-c", "kill -TERM $$"})->signal, SIGTERM);
+  EXPECT_EQ(runner->run({"/usr/bin/test", "-e", "/proc/self/fd/" + std::to_string(inheritable)})
+                ->exitStatus,
+            1);
   ::close(inheritable);
   ::pthread_sigmask(SIG_UNBLOCK, &blocked, nullptr);
   std::signal(SIGPIPE, SIG_DFL);
-  EXPECT_EQ(ignored.value().signal, SIGPIPE);
-  EXPECT_EQ(masked.value().signal, SIGTERM);
-  EXPECT_EQ(descriptor.value().exitStatus, 1);
 }
 
 TEST(ChildProcess, OutputBeyondTheLimitIsDroppedAndDoesNotBlock) {
@@ -102,26 +100,23 @@ TEST(ChildProcess, ALimitEndsTheProgramAndNotTheRunner) {
 
 // A prompt that waits for a person would otherwise hold the program's end for ever.
 TEST(ChildProcess, CancellingEndsTheWholeGroup) {
-  const struct {
-    const char* line;
-    milliseconds limit;
-  } cases[] = {
+  const std::pair<const char*, milliseconds> cases[] = {
       {"(trap '' TERM; exec flock $0 sleep 60) & wait", milliseconds(400)},
       {"trap '' TERM; flock $0 sleep 60 & wait; wait", milliseconds(2000)},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.line);
+  for (const auto& [line, limit] : cases) {
+    SCOPED_TRACE(line);
     char path[] = "/tmp/child_process_test.XXXXXX";
     const int file = ::mkostemp(path, O_CLOEXEC);
     // The lock is taken as long as a member of the group lives.
     const auto waitUntilTaken = [file](bool taken) {
-      bool isTaken = !taken;
-      for (int i = 0; i < 500 && isTaken != taken; ++i) {
+      for (int i = 0; i < 500; ++i) {
         std::this_thread::sleep_for(milliseconds(10));
-        isTaken = ::flock(file, LOCK_EX | LOCK_NB) != 0;
-        if (!isTaken) ::flock(file, LOCK_UN);
+        const bool isFree = ::flock(file, LOCK_EX | LOCK_NB) == 0;
+        if (isFree) ::flock(file, LOCK_UN);
+        if (isFree != taken) return true;
       }
-      return isTaken == taken;
+      return false;
     };
     const auto runner = makeProcessRunner();
     Clock::time_point cancelled;
@@ -130,11 +125,11 @@ TEST(ChildProcess, CancellingEndsTheWholeGroup) {
       cancelled = Clock::now();
       runner->cancel();
     });
-    const auto outcome = runner->run({"/bin/sh", "-c", c.line, path});
+    const auto outcome = runner->run({"/bin/sh", "-c", line, path});
     const auto end = Clock::now();
     other.join();
     EXPECT_EQ(outcome.error(), boost::system::errc::operation_canceled);
-    EXPECT_LT(end - cancelled, c.limit);
+    EXPECT_LT(end - cancelled, limit);
     EXPECT_TRUE(waitUntilTaken(false));
     EXPECT_EQ(runner->run({"/bin/true"}).error(), boost::system::errc::operation_canceled);
     ::close(file);

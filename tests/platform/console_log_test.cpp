@@ -59,11 +59,9 @@ class PipedOutput {
     if (reader_ != nullptr) std::fclose(std::exchange(reader_, nullptr));
   }
   std::string readLine() {
-    char* line = nullptr;
-    std::size_t room = 0;
-    const auto size = ::getline(&line, &room, reader_);
-    std::string text(line, size > 0 ? static_cast<std::size_t>(size - 1) : 0);
-    std::free(line);
+    char line[kMaxLogLine + 1] = "";
+    std::string text = std::fgets(line, sizeof line, reader_) != nullptr ? line : "";
+    if (text.ends_with('\n')) text.pop_back();
     return text;
   }
 
@@ -73,18 +71,22 @@ class PipedOutput {
 };
 
 TEST(ConsoleLog, LinesOfSeveralThreadsNeverMixAndAClosedPipeEndsNothing) {
-  constexpr int kThreads = 4;
-  constexpr int kLines = 40;  // Together less than the queue holds.
+  constexpr int kLines = 160;  // Together less than the queue holds.
   const std::string padding(3000, '.');
   PipedOutput output;
   std::vector<std::thread> writers;
-  for (int t = 0; t < kThreads; ++t) {
+  for (int t = 0; t < 4; ++t) {
     writers.emplace_back([&padding, t] {
-      for (int i = 0; i < kLines; ++i) logToConsole(std::to_string(t * kLines + i) + padding);
+      for (int i = t; i < kLines; i += 4) logToConsole(std::to_string(i) + padding);
     });
   }
   std::set<std::string> lines;
-  for (int i = 0; i < kThreads * kLines; ++i) lines.insert(output.readLine());
+  std::set<std::string> expected;
+  for (int i = 0; i < kLines; ++i) {
+    lines.insert(output.readLine());
+    expected.insert(std::to_string(i) + padding);
+  }
+  EXPECT_EQ(lines, expected);
   for (auto& writer : writers) writer.join();
   // The second octet of "ä" would be one too many.
   logToConsole(std::string(kMaxLogLine - 5, '.') + "ä\nforged");
@@ -95,9 +97,6 @@ TEST(ConsoleLog, LinesOfSeveralThreadsNeverMixAndAClosedPipeEndsNothing) {
   EXPECT_EQ(output.readLine().size() + 1, kMaxLogLine);
   output.close();
   logToConsole("nobody reads this");
-  for (int i = 0; i < kThreads * kLines; ++i) {
-    EXPECT_TRUE(lines.contains(std::to_string(i) + padding)) << i;
-  }
 }
 
 // A terminal that is scrolled back, or a stopped pager: the bridge must go on, and publish on time.
@@ -131,21 +130,22 @@ TEST(ConsoleLog, AReaderThatStopsReadingHoldsUpNobodyAndHearsWhatItMissed) {
 
 TEST(ConsoleLog, TheEndOfTheProgramWritesWhatWaitsButNotForever) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const auto logMuchAndExit = [](int output) {
-    std::fflush(stdout);
-    ::dup2(output, STDOUT_FILENO);
-    for (int i = 0; i < 500; ++i) logToConsole(std::string(1000, '.'));
-    logToConsole("the last line");
-    std::exit(0);
-  };
-  EXPECT_EXIT(logMuchAndExit(STDERR_FILENO), ::testing::ExitedWithCode(0), "the last line");
   int nobodyReads[2];
   ASSERT_EQ(::pipe(nobodyReads), 0);
   const auto begin = std::chrono::steady_clock::now();
-  EXPECT_EXIT(logMuchAndExit(nobodyReads[1]), ::testing::ExitedWithCode(0), "");
+  const std::pair<int, const char*> cases[] = {{STDERR_FILENO, "the last line"},
+                                               {nobodyReads[1], ""}};
+  for (const auto& [output, text] : cases) {
+    const auto logMuchAndExit = [output = output] {
+      std::fflush(stdout);
+      ::dup2(output, STDOUT_FILENO);
+      for (int i = 0; i < 500; ++i) logToConsole(std::string(1000, '.'));
+      logToConsole("the last line");
+      std::exit(0);
+    };
+    EXPECT_EXIT(logMuchAndExit(), ::testing::ExitedWithCode(0), text);
+  }
   EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s);
-  ::close(nobodyReads[0]);
-  ::close(nobodyReads[1]);
 }
 
 }  // namespace
