@@ -22,7 +22,7 @@ constexpr auto kLimit = 10s;
 
 // As Debian's, but for every user: the status bar and the program need not be of the same.
 constexpr const char* kBusConfig =
-    R"(<busconfig><type>session</type><policy context="default">
+    R"(<busconfig><type>session</type><listen>unix:tmpdir=/tmp</listen><policy context="default">
 <allow user="*"/><allow own="*"/><allow send_destination="*"/><allow receive_sender="*"/></policy>
 </busconfig>)";
 
@@ -82,7 +82,8 @@ DesktopSession::DesktopSession(Bus bus)
     const auto config = folder_ / "bus.conf";
     std::ofstream(config) << kBusConfig;
     const auto address = start({"/usr/bin/dbus-daemon", "--config-file=" + config.string(),
-                                "--nofork", "--nopidfile", "--print-address=1"},
+                                "--address=unix:path=" + (folder_ / "bus").string(), "--nofork",
+                                "--nopidfile", "--print-address=1"},
                                "unix:");
     ::setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
   }
