@@ -3,6 +3,7 @@
 
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/asio/redirect_error.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <exception>
 #include <mutex>
@@ -31,6 +32,24 @@ std::string endOf(const ClientId& id, const boost::system::error_code& error,
                   std::string_view failure) {
   if (error == WebSocketError::peerClosed) return "Client disconnected: " + toText(id);
   return std::string(failure) + toText(id) + ": " + error.message();
+}
+
+Feed<goosestack::GooseMessage, GooseFilter>::Kind gooseKind(const BridgePorts& ports) {
+  return {.label = "[BridgeServer] ",
+          .startLine = "[BridgeServer] starting capture on interface=",
+          .followsInterface = true,
+          .encode = &BridgeEventEncoder::gooseMessage,
+          .makeSource = ports.makeGooseReceiver,
+          .recoveryPause = ports.recoveryPause};
+}
+
+Feed<goosestack::SvCapturedFrame, SvFilter>::Kind svKind(const BridgePorts& ports) {
+  return {.label = "[BridgeServer] SV: ",
+          .startLine = {},
+          .followsInterface = false,
+          .encode = &BridgeEventEncoder::svApdu,
+          .makeSource = ports.makeSvReceiver,
+          .recoveryPause = ports.recoveryPause};
 }
 
 // Keeps the actor alive while one of its member coroutines runs.
@@ -68,9 +87,11 @@ BridgeServer::BridgeServer(const asio::any_io_executor& executor, BridgePorts po
       ports_(std::move(ports)),
       tasks_(strand_, ports_.log),
       stopped_(strand_),
-      storeTurn_(strand_),
-      gooseCapture_(strand_, ports_.makeGooseReceiver),
-      svCapture_(strand_, ports_.makeSvReceiver) {
+      memoryPause_(strand_),
+      storeLock_(strand_),
+      gooseFeed_(*this, strand_, ports_.log, gooseKind(ports_)),
+      svFeed_(*this, strand_, ports_.log, svKind(ports_)),
+      publications_(ports_) {
   if (ports_.authDelay) {
     authQueue_ = std::make_shared<AuthQueue>(strand_, *ports_.authDelay, ports_.log);
   }
@@ -165,24 +186,14 @@ asio::awaitable<void> BridgeServer::stopOnStrand(std::shared_ptr<BridgeServer> s
   self->isStopping_ = true;
   self->stopped_.reset();
   if (self->authQueue_) self->authQueue_->withdrawAll();
-  if (const auto setup = std::exchange(self->vlanSetup_, nullptr)) setup->cancel();
-  for (auto* pause : self->pauses_) pause->cancel();
-  {
-    const auto turn = co_await self->gooseCapture_.turn();
-    co_await self->gooseCapture_.stop(CaptureControl<goosestack::GooseMessage>::Queued::drop);
-  }
-  if (const auto publisher = std::exchange(self->goosePublisher_, nullptr)) {
-    co_await publisher->stop();
-  }
-  {
-    const auto turn = co_await self->svCapture_.turn();
-    co_await self->svCapture_.stop(CaptureControl<goosestack::SvCapturedFrame>::Queued::drop);
-  }
-  if (const auto publisher = std::exchange(self->svPublisher_, nullptr)) co_await publisher->stop();
-  self->svSubscribers_.clear();
+  self->memoryPause_.cancel();
+  self->publications_.cancelLinks();
+  co_await self->gooseFeed_.stop();
+  co_await self->publications_.stopGoose();
+  co_await self->svFeed_.stop();
+  co_await self->publications_.stopSv();
   for (const auto& [id, connection] : self->connections_) connection->cancel();
   self->connections_.clear();
-  self->gooseSubscribers_.clear();
   if (self->listener_) self->listener_->cancel();
   self->listener_.reset();
   if (self->advertiser_) self->advertiser_->stop();
@@ -198,7 +209,9 @@ asio::awaitable<void> BridgeServer::stopOnStrand(std::shared_ptr<BridgeServer> s
 // Without clients nothing piles up: an idle bridge never wakes.
 asio::awaitable<void> BridgeServer::keepMemorySmall() {
   while (!connections_.empty() && !isStopping_) {
-    co_await pause(ports_.memoryPause);
+    boost::system::error_code cancelled;
+    memoryPause_.expires_after(ports_.memoryPause);
+    co_await memoryPause_.async_wait(asio::redirect_error(asio::use_awaitable, cancelled));
     ports_.returnFreeMemory();
   }
   keepsMemorySmall_ = false;
@@ -284,12 +297,8 @@ void BridgeServer::removeConnection(const ClientId& id) {
   authenticatedConnections_.erase(id);
   owners_.erase(id);
   if (authQueue_) authQueue_->withdraw(id);
-  if (gooseSubscribers_.erase(id) != 0 && gooseSubscribers_.empty()) {
-    spawn(stopCaptureIfNeeded());
-  }
-  if (svSubscribers_.erase(id) != 0 && svSubscribers_.empty()) {
-    spawn(stopSvCaptureIfNeeded());
-  }
+  gooseFeed_.remove(id);
+  svFeed_.remove(id);
 }
 
 // Member coroutines hold the actor only while somebody awaits them.
@@ -297,25 +306,11 @@ void BridgeServer::spawn(asio::awaitable<void> task) {
   tasks_.spawn(holding(shared_from_this(), std::move(task)));
 }
 
-asio::awaitable<goosestack::GooseResult<void>> BridgeServer::orFailure(
-    asio::awaitable<goosestack::GooseResult<void>> task) {
-  try {
-    co_return co_await std::move(task);
-  } catch (const std::exception& failure) {
-    co_return goosestack::GooseError::pcapOpenFailed(failure.what());
-  }
-}
-
 // Sending ------------------------------------------------------------------------------------
 
 void BridgeServer::sendText(std::string_view text, const ClientId& id) {
   const auto found = connections_.find(id);
   if (found != connections_.end()) found->second->send(TextFrame::copyOf(text));
-}
-
-SharedTextFrame BridgeServer::toFrame(JsonWriter writer) {
-  auto storage = writer.release();
-  return TextFrame::adopt(std::move(storage.octets), storage.size, storage.textLength);
 }
 
 bool BridgeServer::broadcast(std::string_view text, const std::optional<ClientId>& except) {
@@ -330,10 +325,10 @@ bool BridgeServer::broadcast(std::string_view text, const std::optional<ClientId
 
 std::string BridgeServer::statusEvent() const {
   BridgeStatus status;
-  status.isCapturing = gooseCapture_.isCapturing();
+  status.isCapturing = gooseFeed_.isCapturing();
   status.activeInterface = activeInterface_;
-  status.messagesReceived = messagesReceived_;
-  status.messagesPublished = messagesPublished_;
+  status.messagesReceived = gooseFeed_.received();
+  status.messagesPublished = publications_.goosePublished();
   return BridgeEventEncoder::bridgeStatus(status);
 }
 

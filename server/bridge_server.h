@@ -5,75 +5,31 @@
 #include <boost/asio/awaitable.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/strand.hpp>
-#include <chrono>
 #include <cstdint>
-#include <exception>
-#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <set>
-#include <span>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "goosestack/goose_message.h"
-#include "goosestack/log_sink.h"
-#include "goosestack/network_interface_info.h"
-#include "goosestack/publishing.h"
-#include "goosestack/record_source.h"
 #include "goosestack/sv_records.h"
-#include "platform/preference_store.h"
 #include "protocol/bridge_command.h"
-#include "protocol/json_writer.h"
 #include "server/auth_queue.h"
 #include "server/bridge_error.h"
-#include "server/capture_control.h"
+#include "server/bridge_ports.h"
 #include "server/client_id.h"
-#include "server/event_fan_out.h"
+#include "server/feed.h"
 #include "server/goose_filter.h"
+#include "server/publications.h"
 #include "server/reply.h"
 #include "server/service_advertiser.h"
+#include "server/sv_filter.h"
 #include "server/task_group.h"
-#include "server/vlan_setup.h"
 #include "websocket/websocket.h"
 
 namespace tarnlink {
-
-/// What the server needs of its surroundings. References outlive the server.
-struct BridgePorts {
-  WebSocketTransport& transport;
-  PreferenceStore& preferences;
-  goosestack::LogSink log;
-  std::function<std::shared_ptr<goosestack::RecordSource<goosestack::GooseMessage>>()>
-      makeGooseReceiver;
-  std::function<std::shared_ptr<goosestack::RecordSource<goosestack::SvCapturedFrame>>()>
-      makeSvReceiver;
-  std::function<std::shared_ptr<goosestack::GoosePublishing>()> makeGoosePublisher;
-  std::function<std::shared_ptr<goosestack::SvPublishing>()> makeSvPublisher;
-  std::function<std::shared_ptr<VlanSetup>()> makeVlanSetup;
-  /// One thread for work that waits for people or tools: VLAN set-up runs here.
-  boost::asio::any_io_executor hostExecutor;
-  /// Lists the machine's Ethernet interfaces. With display names it may block for a while.
-  enum class Names { fallback, display };
-  std::function<std::vector<goosestack::NetworkInterfaceInfo>(Names)> listInterfaces;
-  /// Where listInterfaces runs when it may block, and where preferences are read and written.
-  boost::asio::any_io_executor blockingExecutor;
-  AdvertiserFactory makeAdvertiser;  ///< Empty: the bridge is not announced.
-  /// Between two tries to open an interface whose capture has died.
-  std::chrono::milliseconds recoveryPause{5'000};
-  /// Nothing: wrong pairing codes meet neither delay nor lockout.
-  std::optional<AuthDelay> authDelay = std::nullopt;
-  /// Taken by `auth` like the pairing code, but at once: the program that started this one need not
-  /// queue behind guessers. Too long to be guessed. Its client is told each interface that the
-  /// bridge chooses by itself. Empty: there is none.
-  std::string ownerToken = {};
-  /// Gives back what piles up while clients are slow: called every memoryPause while any is
-  /// connected, and once after the last has left. Empty: never.
-  std::function<void()> returnFreeMemory = {};
-  std::chrono::milliseconds memoryPause{2'000};
-};
 
 inline constexpr std::uint16_t kDefaultBridgePort = 8765;
 inline constexpr std::string_view kActiveInterfaceKey = "activeInterface";
@@ -82,7 +38,7 @@ inline constexpr std::string_view kActiveInterfaceKey = "activeInterface";
 /// them awaits. Nobody outside touches its fields and nobody inside takes a lock. The public
 /// operations may be awaited from any executor. Make it with std::make_shared; stop it before
 /// dropping it.
-class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
+class BridgeServer final : public std::enable_shared_from_this<BridgeServer>, private FeedHost {
  public:
   /// Restores the active interface from the preferences, unless one is given for this run.
   BridgeServer(const boost::asio::any_io_executor& executor, BridgePorts ports,
@@ -105,11 +61,6 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
  private:
   using Strand = boost::asio::strand<boost::asio::any_io_executor>;
   using Connection = std::shared_ptr<WebSocketConnection>;
-  template <class Filter>
-  struct Subscriber {
-    Filter filter;
-    Connection connection;
-  };
   class StartWait;
 
   // Server core (bridge_server.cpp).
@@ -127,9 +78,7 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
   void removeConnection(const ClientId& id);
   void sendText(std::string_view text, const ClientId& id);
   bool broadcast(std::string_view text, const std::optional<ClientId>& except = std::nullopt);
-  static SharedTextFrame toFrame(JsonWriter writer);
   std::string statusEvent() const;
-  void broadcastStatus() { broadcast(statusEvent()); }
 
   // Commands (bridge_server_commands.cpp): one overload of handle() for each, and one place that
   // answers.
@@ -154,70 +103,14 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
   boost::asio::awaitable<Reply> handle(BridgeCommand::SetInterface command, ClientId id);
   boost::asio::awaitable<Reply> handle(BridgeCommand::GetInterfaces, ClientId id);
 
-  // GOOSE subscriptions (bridge_server_goose.cpp).
-  boost::asio::awaitable<Reply> handleSubscribeGoose(std::optional<std::string> appIdFilter,
-                                                     std::optional<std::string> goCBRef,
-                                                     ClientId client);
-  boost::asio::awaitable<Reply> handleUnsubscribeGoose(ClientId id);
   boost::asio::awaitable<void> setActiveInterfaceOnStrand(std::string name);
-  boost::asio::awaitable<goosestack::GooseResult<void>> startCaptureInternal();
-  boost::asio::awaitable<void> stopCaptureIfNeeded();
-  void dispatchGooseMessages(std::span<const goosestack::GooseMessage> messages);
-  void chooseInterface();
   void rememberActiveInterface(std::string name);
 
-  // GOOSE publishing (bridge_server_publishing.cpp).
-  boost::asio::awaitable<Reply> handlePublishGoose(goosestack::GoosePublishConfig config);
-  boost::asio::awaitable<Reply> handleUnpublishGoose(std::optional<std::string> goCBRef);
-  boost::asio::awaitable<VlanResult<void>> moveToVlanInterface(
-      goosestack::GoosePublishConfig& config);
-  std::string outgoingInterface(const std::string& requested) const;
-
-  // Sampled Values (bridge_server_sv.cpp).
-  boost::asio::awaitable<Reply> handleSubscribeSv(std::optional<std::int64_t> appIdFilter,
-                                                  ClientId client);
-  boost::asio::awaitable<goosestack::GooseResult<void>> startSvCapture();
-  boost::asio::awaitable<void> stopSvCaptureIfNeeded();
-  void forwardSvFrames(std::span<const goosestack::SvCapturedFrame> frames);
-  boost::asio::awaitable<Reply> handlePublishSvApdu(goosestack::Bytes pdu,
-                                                    goosestack::SvPublishConfig config);
-
-  // Captures that died or lost frames (bridge_server_recovery.cpp).
-  template <class Record>
-  struct CaptureRecovery {
-    std::string label;
-    CaptureControl<Record>& capture;
-    bool (BridgeServer::*hasSubscribers)() const;
-    boost::asio::awaitable<goosestack::GooseResult<void>> (BridgeServer::*start)();
-  };
-  template <class Record>
-  boost::asio::awaitable<void> recoverCapture(CaptureRecovery<Record> recovery, std::string reason);
-  boost::asio::awaitable<void> recoverGooseCapture(std::string reason);
-  boost::asio::awaitable<void> recoverSvCapture(std::string reason);
-  template <class Record>
-  boost::asio::awaitable<void> retryCapture(CaptureRecovery<Record> recovery);
-  boost::asio::awaitable<void> retryGooseCapture();
-  CaptureRecovery<goosestack::GooseMessage> gooseRecovery();
-  CaptureRecovery<goosestack::SvCapturedFrame> svRecovery();
-  boost::asio::awaitable<void> pause(std::chrono::milliseconds duration);
-  std::function<void(const goosestack::CaptureDrops&)> dropLog(const std::string& label,
-                                                               const std::string& interface) const;
-  bool hasGooseSubscribers() const { return !gooseSubscribers_.empty(); }
-  bool hasSvSubscribers() const { return !svSubscribers_.empty(); }
-  void spawn(boost::asio::awaitable<void> task);
-
-  // What is thrown where descriptors, threads or memory run out becomes an error like any other.
-  static boost::asio::awaitable<goosestack::GooseResult<void>> orFailure(
-      boost::asio::awaitable<goosestack::GooseResult<void>> task);
-  template <class Service>
-  static goosestack::GooseResult<void> ensureMade(
-      std::shared_ptr<Service>& service,
-      const std::function<std::shared_ptr<Service>()>& make) try {
-    if (!service) service = make();
-    return goosestack::GooseResult<void>();
-  } catch (const std::exception& failure) {
-    return goosestack::GooseError::pcapOpenFailed(failure.what());
-  }
+  // FeedHost.
+  const std::string& chooseInterface() override;
+  bool isStopping() const override { return isStopping_; }
+  void broadcastStatus() override { broadcast(statusEvent()); }
+  void spawn(boost::asio::awaitable<void> task) override;
 
   void log(std::string_view line) const { ports_.log(line); }
 
@@ -226,13 +119,12 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
   TaskGroup tasks_;
   bool isStopping_ = false;
   goosestack::AsyncEvent stopped_;
-  EventFanOut fanOut_;
-  std::set<boost::asio::steady_timer*> pauses_;  // Cancelled by stop().
 
   std::shared_ptr<WebSocketListener> listener_;
   std::uint16_t activePort_ = kDefaultBridgePort;
   std::map<ClientId, Connection> connections_;
   bool keepsMemorySmall_ = false;
+  boost::asio::steady_timer memoryPause_;
   std::set<ClientId> authenticatedConnections_;
   std::set<ClientId> owners_;             // Those of them that have sent the owner's token.
   std::shared_ptr<AuthQueue> authQueue_;  // Null: attempts need not wait.
@@ -240,20 +132,10 @@ class BridgeServer : public std::enable_shared_from_this<BridgeServer> {
   std::unique_ptr<ServiceAdvertiser> advertiser_;
 
   std::string activeInterface_;
-  goosestack::AsyncMutex storeTurn_;  // For storing it.
-  std::int64_t messagesReceived_ = 0;
-  std::int64_t messagesPublished_ = 0;
-  CaptureControl<goosestack::GooseMessage> gooseCapture_;
-  std::map<ClientId, Subscriber<GooseFilter>> gooseSubscribers_;
-  std::shared_ptr<goosestack::GoosePublishing> goosePublisher_;
-  std::shared_ptr<VlanSetup> vlanSetup_;  // From the first VLAN publication to stop().
-
-  std::int64_t svFramesForwarded_ = 0;
-  std::int64_t svFramesPublished_ = 0;
-  CaptureControl<goosestack::SvCapturedFrame> svCapture_;
-  std::string svInterface_;  // Where the capture belongs until its last subscriber leaves.
-  std::map<ClientId, Subscriber<std::optional<std::int64_t>>> svSubscribers_;
-  std::shared_ptr<goosestack::SvPublishing> svPublisher_;
+  goosestack::AsyncMutex storeLock_;  // For storing it.
+  Feed<goosestack::GooseMessage, GooseFilter> gooseFeed_;
+  Feed<goosestack::SvCapturedFrame, SvFilter> svFeed_;
+  Publications publications_;
 };
 
 }  // namespace tarnlink

@@ -30,6 +30,14 @@ bool isA(const BridgeRequest& request) {
   return request.command && std::holds_alternative<Payload>(request.command->payload);
 }
 
+// What the capture is tried on where discovery finds nothing.
+constexpr const char* kLastResortInterface = "en0";
+
+asio::awaitable<void> storeInterface(PreferenceStore& preferences, std::string name) {
+  preferences.write(kActiveInterfaceKey, name);
+  co_return;
+}
+
 asio::awaitable<std::string> readPairingCode(PreferenceStore& preferences) {
   co_return pairingCode(preferences);
 }
@@ -201,42 +209,119 @@ asio::awaitable<Reply> BridgeServer::handle(BridgeCommand::Ping command, ClientI
   co_return BridgeEventEncoder::pong(command.timestamp);
 }
 
+// Captured traffic -----------------------------------------------------------------------------
+
 asio::awaitable<Reply> BridgeServer::handle(BridgeCommand::SubscribeGoose command, ClientId id) {
+  using Subscribed = decltype(gooseFeed_)::Subscribed;
   log("[BridgeServer] ← subscribe_goose appId=" + orStar(command.appIdFilter) +
       " goCBRef=" + orStar(command.goCBRefFilter));
-  co_return co_await handleSubscribeGoose(std::move(command.appIdFilter),
-                                          std::move(command.goCBRefFilter), id);
+  GooseFilter filter{std::move(command.appIdFilter), std::move(command.goCBRefFilter)};
+  const auto done = co_await gooseFeed_.subscribe(id, std::move(filter), connections_.at(id));
+  if (!done) {
+    const std::string description = done.error().description();
+    log("[BridgeServer] ✗ capture start failed: " + description);
+    co_return CommandError::because(description, ErrorCode::captureFailed,
+                                    "Start capture failed: ");
+  }
+  if (*done == Subscribed::gone) co_return std::string();
+  if (*done == Subscribed::joined) {
+    log("[BridgeServer] already capturing on " + activeInterface_ + " — new subscriber joined");
+  } else {
+    log("[BridgeServer] ✓ capture started");
+  }
+  if (*done == Subscribed::revived) broadcast(statusEvent(), id);
+  co_return statusEvent();
 }
 
 asio::awaitable<Reply> BridgeServer::handle(BridgeCommand::UnsubscribeGoose, ClientId id) {
   log("[BridgeServer] ← unsubscribe_goose");
-  co_return co_await handleUnsubscribeGoose(id);
-}
-
-asio::awaitable<Reply> BridgeServer::handle(BridgeCommand::PublishGoose command, ClientId) {
-  log("[BridgeServer] ← publish_goose appId=" + std::to_string(command.config.appId));
-  co_return co_await handlePublishGoose(std::move(command.config));
-}
-
-asio::awaitable<Reply> BridgeServer::handle(BridgeCommand::UnpublishGoose command, ClientId) {
-  log("[BridgeServer] ← unpublish_goose goCBRef=" + orStar(command.goCBRef));
-  co_return co_await handleUnpublishGoose(std::move(command.goCBRef));
+  co_await gooseFeed_.unsubscribe(id);
+  broadcastStatus();
+  co_return std::string();
 }
 
 asio::awaitable<Reply> BridgeServer::handle(BridgeCommand::SubscribeSv command, ClientId id) {
+  using Subscribed = decltype(svFeed_)::Subscribed;
   log("[BridgeServer] ← subscribe_sv appId=" + orStar(command.appIdFilter));
-  co_return co_await handleSubscribeSv(command.appIdFilter, id);
+  const auto done =
+      co_await svFeed_.subscribe(id, SvFilter{command.appIdFilter}, connections_.at(id));
+  if (!done) {
+    const std::string description = done.error().description();
+    log("[BridgeServer] SV: capture start failed: " + description);
+    co_return CommandError::because(description, ErrorCode::svCaptureFailed, "SV capture failed: ");
+  }
+  if (*done == Subscribed::gone) co_return std::string();
+  if (*done == Subscribed::joined) {
+    log("[BridgeServer] SV: client " + toText(id) + " joined existing capture");
+  } else {
+    log("[BridgeServer] SV: capture started on " + svFeed_.interface());
+  }
+  if (*done == Subscribed::revived) broadcastStatus();
+  co_return std::string();
 }
 
 asio::awaitable<Reply> BridgeServer::handle(BridgeCommand::UnsubscribeSv, ClientId id) {
   log("[BridgeServer] ← unsubscribe_sv");
-  svSubscribers_.erase(id);
-  if (svSubscribers_.empty()) co_await stopSvCaptureIfNeeded();
+  co_await svFeed_.unsubscribe(id);
   co_return std::string();
 }
 
+// Publishing -----------------------------------------------------------------------------------
+
+asio::awaitable<Reply> BridgeServer::handle(BridgeCommand::PublishGoose command, ClientId) {
+  log("[BridgeServer] ← publish_goose appId=" + std::to_string(command.config.appId));
+  const auto done =
+      co_await publications_.publishGoose(std::move(command.config), activeInterface_);
+  if (!done) co_return done.error();
+  if (isStopping_) co_return std::string();
+  co_return statusEvent();
+}
+
+asio::awaitable<Reply> BridgeServer::handle(BridgeCommand::UnpublishGoose command, ClientId) {
+  log("[BridgeServer] ← unpublish_goose goCBRef=" + orStar(command.goCBRef));
+  co_await publications_.unpublishGoose(std::move(command.goCBRef));
+  co_return statusEvent();
+}
+
 asio::awaitable<Reply> BridgeServer::handle(BridgeCommand::PublishSvApdu command, ClientId) {
-  co_return co_await handlePublishSvApdu(std::move(command.pdu), std::move(command.config));
+  const auto done = co_await publications_.publishSv(std::move(command.pdu),
+                                                     std::move(command.config), activeInterface_);
+  if (!done) co_return done.error();
+  co_return std::string();
+}
+
+// The active interface -------------------------------------------------------------------------
+
+const std::string& BridgeServer::chooseInterface() {
+  if (!activeInterface_.empty()) return activeInterface_;
+  const auto listed = ports_.listInterfaces(BridgePorts::Names::fallback);
+  rememberActiveInterface(listed.empty() ? kLastResortInterface : listed.front().name);
+  // Else nobody would learn of it but the client whose command needs an interface.
+  for (const auto& owner : owners_) sendText(statusEvent(), owner);
+  return activeInterface_;
+}
+
+asio::awaitable<void> BridgeServer::setActiveInterface(std::string name) {
+  auto onStrand = [](std::shared_ptr<BridgeServer> self,
+                     std::string wanted) -> asio::awaitable<void> {
+    co_await self->setActiveInterfaceOnStrand(std::move(wanted));
+  };
+  co_await asio::co_spawn(strand_, onStrand(shared_from_this(), std::move(name)),
+                          asio::use_awaitable);
+}
+
+asio::awaitable<void> BridgeServer::setActiveInterfaceOnStrand(std::string name) {
+  rememberActiveInterface(name);
+  {
+    // Whoever comes last stores the choice that counts, whichever that is.
+    const auto lock = co_await storeLock_.lock();
+    co_await asio::co_spawn(ports_.blockingExecutor,
+                            storeInterface(ports_.preferences, activeInterface_),
+                            asio::use_awaitable);
+  }
+  log("[BridgeServer] active interface set to " + shortened(name));
+  co_await gooseFeed_.move();
+  broadcastStatus();
 }
 
 asio::awaitable<Reply> BridgeServer::handle(BridgeCommand::SetInterface command, ClientId) {
