@@ -16,9 +16,10 @@
 #include "bench/slow_frames.h"
 #include "bench/stopwatch.h"
 #include "bench/straight_line_codec.h"
-#include "goosestack/goose_receiver.h"
+#include "goosestack/goose_message.h"
 #include "protocol/bridge_command.h"
 #include "protocol/bridge_event_encoder.h"
+#include "stack/goose_frame_decoder.h"
 #include "tests/stack/allocation_count.h"
 #include "websocket/text_frame.h"
 

@@ -99,7 +99,7 @@ void addFrames(const Corpus& corpus) {
     corpus.add("ber_reader", name, ByteView(payload).subspan(8));
     // Every second one tagged.
     vlanId = vlanId == 0 ? 100 : 0;
-    corpus.add("road", name, EthernetFrame::build(kDestination, kSource, vlanId, 4, payload));
+    corpus.add("data_path", name, EthernetFrame::build(kDestination, kSource, vlanId, 4, payload));
     if (name == "boolean" || name == "integer") {
       corpus.add("ethernet_frame", name,
                  EthernetFrame::build(kDestination, kSource, vlanId, 4, payload));
@@ -109,7 +109,7 @@ void addFrames(const Corpus& corpus) {
   for (const std::uint16_t id : {0, 1, 4095}) {
     const Bytes frame = EthernetFrame::build(kDestination, kSource, id, 7, samples, kEtherTypeSv);
     const std::string name = "sv_vlan_" + std::to_string(id);
-    for (const char* target : {"ethernet_frame", "road"}) {
+    for (const char* target : {"ethernet_frame", "data_path"}) {
       corpus.add(target, name, frame);
     }
   }

@@ -7,23 +7,23 @@
 #include <thread>
 #include <utility>
 
-#include "stack/wake_pace.h"
+#include "stack/coalescing.h"
 
 namespace goosestack {
 namespace {
 
 void onPacket(u_char* user, const pcap_pkthdr* header, const u_char* packet) {
   if (user == nullptr || header == nullptr || packet == nullptr) return;
-  const auto& handlers = *reinterpret_cast<const CaptureLoop::Handlers*>(user);
   const auto sinceEpoch =
       std::chrono::seconds(header->ts.tv_sec) + std::chrono::microseconds(header->ts.tv_usec);
-  handlers.onFrame(ByteView(packet, header->caplen), TimePoint(sinceEpoch));
+  reinterpret_cast<CaptureSink*>(user)->takeFrame(ByteView(packet, header->caplen),
+                                                  TimePoint(sinceEpoch));
 }
 
 }  // namespace
 
-CaptureLoop::CaptureLoop(PcapHandle handle, Handlers handlers)
-    : handle_(std::move(handle)), handlers_(std::move(handlers)), thread_([this] { run(); }) {}
+CaptureLoop::CaptureLoop(PcapHandle handle, std::unique_ptr<CaptureSink> sink)
+    : handle_(std::move(handle)), sink_(std::move(sink)), thread_([this] { run(); }) {}
 
 CaptureLoop::~CaptureLoop() {
   breakLoop();
@@ -32,24 +32,27 @@ CaptureLoop::~CaptureLoop() {
 
 void CaptureLoop::breakLoop() {
   isStopping_ = true;
-  pcap_breakloop(handle_.get());
+  const std::lock_guard hold(lock_);
+  if (handle_) pcap_breakloop(handle_.get());
 }
 
 void CaptureLoop::run() {
-  auto* user = reinterpret_cast<u_char*>(&handlers_);
+  auto* user = reinterpret_cast<u_char*>(sink_.get());
   int result = 0;
-  WakePace pace;
+  bool hasRoom = true;
+  Coalescing coalescing;
   while (!isStopping_ && result >= 0) {
-    if (!handlers_.hasRoom()) {
+    if (!hasRoom) {
       std::this_thread::sleep_for(kRoomPause);
       tellDropsWhenDue(Clock::now());
+      hasRoom = sink_->hasRoom();
       continue;
     }
     result = pcap_dispatch(handle_.get(), kBurstLimit, onPacket, user);
-    handlers_.onBurstEnd();
+    hasRoom = sink_->endBurst();
     const auto now = Clock::now();
     tellDropsWhenDue(now);
-    const auto pause = pace.pauseAfter(std::max(result, 0), now);
+    const auto pause = coalescing.pauseAfter(std::max(result, 0), now);
     const bool isMoreAtHand = result >= kBurstLimit;
     if (!isMoreAtHand && pause > pause.zero()) std::this_thread::sleep_for(pause);
   }
@@ -57,7 +60,10 @@ void CaptureLoop::run() {
   std::optional<std::string> death;
   if (hasDied) death = pcap_geterr(handle_.get());  // Before another call can replace the text.
   tellDrops(Clock::now(), true);
-  handlers_.onEnd(std::move(death));
+  if (death) sink_->tellDeath(*std::move(death));
+  PcapHandle closing;
+  const std::lock_guard hold(lock_);
+  closing.swap(handle_);
 }
 
 void CaptureLoop::tellDropsWhenDue(Clock::time_point now) {
@@ -72,7 +78,7 @@ void CaptureLoop::tellDrops(Clock::time_point now, bool isLast) {
     fresh = counters.ps_drop - static_cast<std::uint32_t>(drops_);  // libpcap's count wraps.
   }
   drops_ += fresh;
-  if (fresh > 0 || (isLast && drops_ > 0)) handlers_.onDrops({fresh, drops_, isLast});
+  if (fresh > 0 || (isLast && drops_ > 0)) sink_->tellDrops({fresh, drops_, isLast});
 }
 
 }  // namespace goosestack

@@ -4,7 +4,8 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <functional>
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -16,25 +17,29 @@
 
 namespace goosestack {
 
-/// Owns its handle and its thread. Handlers run on that thread and must not throw.
+/// Where a capture's frames go. Called on the capture thread alone; must not throw.
+class CaptureSink {
+ public:
+  virtual ~CaptureSink() = default;
+  /// One frame: its captured octets, borrowed until this returns, and its capture time.
+  virtual void takeFrame(ByteView frame, TimePoint receivedAt) = 0;
+  /// Nothing more is at hand right now, or kBurstLimit frames have been handed out. Whether there
+  /// is room for more.
+  virtual bool endBurst() = 0;
+  /// Asked while there was no room. Meanwhile frames collect in the kernel's buffer.
+  virtual bool hasRoom() = 0;
+  /// The kernel has dropped frames. Told with the frames after them or while there is no room, at
+  /// most once in kDropPause, and at the end; a link that falls silent is not asked again before
+  /// the end.
+  virtual void tellDrops(const CaptureDrops& drops) = 0;
+  /// After the last frame, when the capture has died (its interface is gone, for example), with
+  /// libpcap's text.
+  virtual void tellDeath(std::string reason) = 0;
+};
+
+/// Owns the thread, and the handle until that ends.
 class CaptureLoop {
  public:
-  struct Handlers {
-    /// Asked before each read. While it says no, frames collect in the kernel's buffer.
-    std::function<bool()> hasRoom;
-    /// One frame: its captured octets, borrowed until the handler returns, and its capture time.
-    std::function<void(ByteView frame, TimePoint receivedAt)> onFrame;
-    /// Nothing more is at hand right now, or kBurstLimit frames have been handed out.
-    std::function<void()> onBurstEnd;
-    /// The kernel has dropped frames. Told with the frames after them or while there is no room, at
-    /// most once in kDropPause, and at the end; a link that falls silent is not asked again before
-    /// the end.
-    std::function<void(const CaptureDrops& drops)> onDrops;
-    /// The thread is about to end, after the last frame: with libpcap's text when the capture has
-    /// died (its interface is gone, for example), without one when the loop was broken.
-    std::function<void(std::optional<std::string> death)> onEnd;
-  };
-
   /// Bounds how long the first frame of a burst waits for the last, and how long a link that is
   /// never quiet keeps the loop from looking at the drops.
   static constexpr int kBurstLimit = 64;
@@ -44,14 +49,14 @@ class CaptureLoop {
   /// meanwhile, so that nothing is lost by asking late.
   static constexpr std::chrono::milliseconds kRoomPause{1};
 
-  /// Starts the thread.
-  CaptureLoop(PcapHandle handle, Handlers handlers);
-  /// Breaks the loop, joins the thread, closes the handle.
+  /// Starts the thread. Throws std::system_error when there is none.
+  CaptureLoop(PcapHandle handle, std::unique_ptr<CaptureSink> sink);
+  /// Breaks the loop and joins the thread: some milliseconds at most, on a silent link too.
   ~CaptureLoop();
   CaptureLoop(const CaptureLoop&) = delete;
   CaptureLoop& operator=(const CaptureLoop&) = delete;
 
-  /// Makes the current or next pcap_dispatch return. Does not wait. Any thread.
+  /// Makes the thread end and close the handle, soon. Does not wait. Any thread.
   void breakLoop();
 
  private:
@@ -61,8 +66,9 @@ class CaptureLoop {
   void tellDropsWhenDue(Clock::time_point now);
   void tellDrops(Clock::time_point now, bool isLast);
 
+  std::mutex lock_;  // Of the handle against being closed; the thread itself needs none to use it.
   PcapHandle handle_;
-  Handlers handlers_;
+  const std::unique_ptr<CaptureSink> sink_;
   std::atomic<bool> isStopping_{false};
   Clock::time_point dropsAsked_ = Clock::now();
   std::uint64_t drops_ = 0;

@@ -1,15 +1,13 @@
 #include "goosestack/goose_receiver.h"
 
-#include "goosestack/ethernet_frame.h"
-#include "stack/goose_message_builder.h"
+#include "stack/capture_receiver.h"
+#include "stack/goose_frame_decoder.h"
 
 namespace goosestack {
 
-bool GooseFrameDecoder::decode(ByteView frame, TimePoint receivedAt, GooseMessage& message) {
-  const auto envelope = EthernetFrame::parse(frame);
-  if (!envelope || !GoosePdu::parseInto(envelope->payload, pdu_)) return false;
-  buildGooseMessage(*envelope, pdu_, receivedAt, message);
-  return true;
+std::shared_ptr<GooseReceiver> makeGooseReceiver(const boost::asio::any_io_executor& executor,
+                                                 CaptureMode mode, std::size_t queueLimit) {
+  return std::make_shared<CaptureReceiver<GooseFrameDecoder>>(executor, mode, queueLimit);
 }
 
 }  // namespace goosestack

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "goosestack/capture_mode.h"
 #include "goosestack/goose_error.h"
 
 struct pcap;
@@ -23,14 +24,6 @@ inline constexpr int kSnapshotLength = 65536;
 inline constexpr int kReadTimeout = 100;
 /// Kernel buffer of a low-latency capture: about 7,900 full frames. Octets.
 inline constexpr int kLowLatencyBuffer = 16 << 20;
-
-enum class CaptureMode {
-  /// libpcap's own defaults: frames come in bursts, at most kReadTimeout late.
-  standard,
-  /// Each frame at once (immediate mode), with a large buffer of small slots: the slots hold the
-  /// link's largest frame.
-  lowLatency,
-};
 
 /// A handle for sending raw frames. Fails with pcapOpenFailed and libpcap's text.
 GooseResult<PcapHandle> openSendPcap(const std::string& interface);

@@ -1,18 +1,13 @@
 #include "goosestack/sv_receiver.h"
 
-#include "goosestack/ethernet_frame.h"
+#include "stack/capture_receiver.h"
+#include "stack/sv_frame_decoder.h"
 
 namespace goosestack {
 
-bool SvFrameDecoder::decode(ByteView frame, TimePoint receivedAt, SvCapturedFrame& captured) {
-  const auto parsed = EthernetFrame::parse(frame, kEtherTypeSv);
-  if (!parsed) return false;
-  captured.pdu.assign(parsed->payload.begin(), parsed->payload.end());
-  formatMacInto(parsed->dstMac, captured.dstMac);
-  formatMacInto(parsed->srcMac, captured.srcMac);
-  captured.vlanId = parsed->vlanId;
-  captured.receivedAt = receivedAt;
-  return true;
+std::shared_ptr<SvReceiver> makeSvReceiver(const boost::asio::any_io_executor& executor,
+                                           CaptureMode mode, std::size_t queueLimit) {
+  return std::make_shared<CaptureReceiver<SvFrameDecoder>>(executor, mode, queueLimit);
 }
 
 }  // namespace goosestack

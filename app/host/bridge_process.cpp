@@ -149,13 +149,11 @@ class BridgeProcess {
         .log = logToConsole,
         .makeGooseReceiver =
             [this, mode] {
-              return std::make_shared<goosestack::GooseReceiver>(blocking_.executor(), mode,
-                                                                 kCaptureQueue);
+              return goosestack::makeGooseReceiver(blocking_.executor(), mode, kCaptureQueue);
             },
         .makeSvReceiver =
             [this, mode] {
-              return std::make_shared<goosestack::SvReceiver>(blocking_.executor(), mode,
-                                                              kCaptureQueue);
+              return goosestack::makeSvReceiver(blocking_.executor(), mode, kCaptureQueue);
             },
         .makeGoosePublisher =
             [this] { return goosestack::makeGoosePublisher(realTime_.executor(), logToConsole); },

@@ -17,7 +17,8 @@
 #include <thread>
 
 #include "goosestack/ethernet_frame.h"
-#include "stack/pcap_access.h"
+#include "goosestack/goose_pdu.h"
+#include "stack/capture_receiver.h"
 #include "stack/send_handle.h"
 #include "tests/support/network_namespace.h"
 
@@ -77,7 +78,7 @@ class GooseReceiverTest : public ProcessBusTest, public ::testing::WithParamInte
     }
   }
   std::shared_ptr<GooseReceiver> makeReceiver() {
-    return std::make_shared<GooseReceiver>(pool->executor(), GetParam());
+    return makeGooseReceiver(pool->executor(), GetParam());
   }
 
   void SetUp() override {
@@ -127,7 +128,8 @@ struct AnyFrame {
 };
 
 TEST_P(GooseReceiverTest, TheKernelKeepsOtherFramesBack) {
-  const auto receiver = std::make_shared<CaptureReceiver<AnyFrame>>(pool->executor(), GetParam());
+  const auto receiver = std::make_shared<CaptureReceiver<AnyFrame>>(pool->executor(), GetParam(),
+                                                                    GooseReceiver::kUnbounded);
   auto stream = await(receiver->start(kBus, {}));
   ASSERT_TRUE(stream);
   const Bytes plain = gooseFrame(1);
@@ -231,7 +233,7 @@ TEST_P(GooseReceiverTest, MissingPrivilegeIsToldApart) {
   __user_cap_data_struct none[2]{};
   ASSERT_EQ(::syscall(SYS_capset, &header, none), 0);
   asio::thread_pool weak{1};
-  const auto receiver = std::make_shared<GooseReceiver>(weak.executor(), GetParam());
+  const auto receiver = makeGooseReceiver(weak.executor(), GetParam());
   auto result = asio::co_spawn(weak, receiver->start(kBus, {}), asio::use_future);
   ASSERT_EQ(result.wait_for(kPatience), std::future_status::ready);
   const auto started = result.get();

@@ -7,6 +7,7 @@
 
 #include "goosestack/ethernet_frame.h"
 #include "goosestack/sv_receiver.h"
+#include "stack/sv_frame_decoder.h"
 #include "tests/stack/publishing_fixtures.h"
 #include "tests/support/network_namespace.h"
 #include "tests/support/run_awaitable.h"
@@ -83,7 +84,7 @@ TEST_F(Sv, PublisherKeepsOneHandleAndCountsWhatWasSent) {
 
 TEST_F(Sv, FramesComeBackAsTheyWereSentTaggedOrNot) {
   auto publisher = makeSvPublisher(pool->get_executor());
-  auto receiver = std::make_shared<SvReceiver>(pool->get_executor(), CaptureMode::lowLatency);
+  auto receiver = makeSvReceiver(pool->get_executor(), CaptureMode::lowLatency);
   auto stream = test::runAwaitable(receiver->start(kIed, {}));
   ASSERT_TRUE(stream);
   ASSERT_TRUE(publish(*publisher, to(kBus)));

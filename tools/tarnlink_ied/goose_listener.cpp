@@ -37,8 +37,8 @@ boost::asio::awaitable<void> showAll(Stream stream, std::optional<std::string> o
 }  // namespace
 
 GooseListener::GooseListener()
-    : receiver_(std::make_shared<goosestack::GooseReceiver>(thread_.get_executor(),
-                                                            goosestack::CaptureMode::lowLatency)) {}
+    : receiver_(goosestack::makeGooseReceiver(thread_.get_executor(),
+                                              goosestack::CaptureMode::lowLatency)) {}
 
 GooseListener::~GooseListener() {
   boost::asio::co_spawn(thread_, receiver_->stop(), boost::asio::use_future).get();

@@ -4,12 +4,12 @@
 #include "goosestack/goose_pdu.h"
 
 int main() {
-  tarnlink::GoosePduFields fields;
+  goosestack::GoosePduFields fields;
   fields.goCBRef = "IED1/LLN0$GO$g1";
   fields.stNum = 7;
-  const auto payload = tarnlink::GoosePdu::encode(fields);
+  const auto payload = goosestack::GoosePdu::encode(fields);
   if (!payload) return 1;
-  const auto pdu = tarnlink::GoosePdu::parse(*payload);
+  const auto pdu = goosestack::GoosePdu::parse(*payload);
   if (!pdu) return 1;
   std::printf("%s stNum %u\n", pdu->goCBRef.c_str(), pdu->stNum);
   return pdu->goCBRef == fields.goCBRef && pdu->stNum == fields.stNum ? 0 : 1;

@@ -1,25 +1,25 @@
 // Captures GOOSE frames (EtherType 0x88B8, plain or VLAN-tagged) as a stream of decoded messages.
 #pragma once
 
+#include <boost/asio/any_io_executor.hpp>
+#include <cstddef>
+#include <memory>
+
+#include "goosestack/capture_mode.h"
 #include "goosestack/goose_message.h"
-#include "goosestack/goose_pdu.h"
-#include "stack/capture_receiver.h"
+#include "goosestack/record_source.h"
 
 namespace goosestack {
 
-class GooseFrameDecoder {
- public:
-  using Record = GooseMessage;
-  static constexpr const char* kEtherTypeHex = "0x88b8";
-
-  /// False for frames that are no well-formed GOOSE.
-  bool decode(ByteView frame, TimePoint receivedAt, GooseMessage& message);
-
- private:
-  GoosePdu pdu_;  // Its storage and that of recycled messages change places.
-};
-
 /// Undecodable frames vanish without ending the stream. Keeps no counters and logs nothing.
-using GooseReceiver = CaptureReceiver<GooseFrameDecoder>;
+using GooseReceiver = RecordSource<GooseMessage>;
+
+/// Opens and closes captures on the executor, some milliseconds each; give it one that may block so
+/// long. `queueLimit` bounds the records that wait in the stream (octets of memory). From there on
+/// the capture reads nothing until half has been consumed, and the kernel drops what it has no room
+/// for. Without a limit a slow consumer costs memory, never frames.
+std::shared_ptr<GooseReceiver> makeGooseReceiver(
+    const boost::asio::any_io_executor& executor, CaptureMode mode = CaptureMode::standard,
+    std::size_t queueLimit = GooseReceiver::kUnbounded);
 
 }  // namespace goosestack

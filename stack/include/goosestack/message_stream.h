@@ -21,8 +21,9 @@
 
 namespace goosestack {
 
-/// The buffer that both ends share: bursts, each of them a consumer's turn. Takes whatever comes,
-/// and tells the producer when it is full. Thread-safe; locks and wake-ups are paid once a burst.
+/// The buffer that both ends share: bursts, each of them what a consumer takes at a time. Takes
+/// whatever comes, and tells the producer when it is full. Thread-safe; locks and wake-ups are paid
+/// once a burst.
 template <class Record>
 class StreamState {
  public:
@@ -40,11 +41,12 @@ class StreamState {
   void onTermination(std::function<void()> handler) { termination_ = std::move(handler); }
 
   /// Producer: hands over a burst and leaves `batch` empty. Records of an ended stream are dropped.
-  void yield(Batch& batch) {
+  /// False when the stream is full.
+  bool yield(Batch& batch) {
     const std::lock_guard hold(lock_);
     if (ended_) {
       batch.clear();
-      return;
+      return true;
     }
     queuedOctets_ += batch.octets();
     if (queuedOctets_ > limit_) isFull_ = true;
@@ -56,6 +58,7 @@ class StreamState {
     }
     queued_.back().takeAll(batch);
     wake();
+    return !isFull_;
   }
 
   /// Producer: whether it should yield nothing more for now. True from the limit on until half of
@@ -174,7 +177,7 @@ class MessageStream {
     if (!state_) co_return false;
     bool ended = false;
     if (state_->take(batch, ended)) {
-      co_await boost::asio::post(boost::asio::use_awaitable);  // Others have their turn between.
+      co_await boost::asio::post(boost::asio::use_awaitable);  // Lets others run between.
       co_return true;
     }
     typename StreamState<Record>::Wait wait(*state_, co_await boost::asio::this_coro::executor);

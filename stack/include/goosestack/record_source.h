@@ -11,19 +11,22 @@
 
 namespace goosestack {
 
-/// One capture. Safe to call from any coroutine; calls are served one at a time. Stop it before
-/// dropping it.
+/// One capture. Safe to call from any coroutine, one call at a time; it lives until the call has
+/// returned. Stop it before dropping it.
 template <class Record>
 class RecordSource {
  public:
+  static constexpr std::size_t kUnbounded = StreamState<Record>::kUnbounded;
+
   virtual ~RecordSource() = default;
 
-  /// What befalls a capture. Called from any thread; each may be empty.
+  /// What happens to a capture. Called from any thread; each may be empty.
   struct Events {
     /// Once, when a capture ends although nobody stopped it, with libpcap's text; the stream stays
     /// open until stop().
     std::function<void(std::string reason)> onDeath;
-    /// The kernel had no room for frames: as CaptureLoop tells it.
+    /// The kernel had no room for frames: told at most once a second, and at the
+    /// end.
     std::function<void(const CaptureDrops& drops)> onDrops;
   };
 

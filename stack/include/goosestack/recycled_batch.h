@@ -15,7 +15,7 @@ namespace goosestack {
 template <class Record>
 class RecycledBatch {
  public:
-  /// What one turn of a consumer is to deal with: it bounds how long others wait for theirs.
+  /// What a consumer is to deal with at a time: it bounds how long others wait.
   static constexpr std::size_t kFullRecords = 64;
   static constexpr std::size_t kFullOctets = 256 << 10;
   /// A consumed record that holds more is freed instead of kept: twice a GOOSE message of 400

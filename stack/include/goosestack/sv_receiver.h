@@ -2,21 +2,25 @@
 // records.
 #pragma once
 
+#include <boost/asio/any_io_executor.hpp>
+#include <cstddef>
+#include <memory>
+
+#include "goosestack/capture_mode.h"
+#include "goosestack/record_source.h"
 #include "goosestack/sv_records.h"
-#include "stack/capture_receiver.h"
 
 namespace goosestack {
 
-class SvFrameDecoder {
- public:
-  using Record = SvCapturedFrame;
-  static constexpr const char* kEtherTypeHex = "0x88ba";
-
-  /// False for frames that are truncated or no SV.
-  static bool decode(ByteView frame, TimePoint receivedAt, SvCapturedFrame& captured);
-};
-
 /// Other frames vanish without ending the stream. Keeps no counters and logs nothing.
-using SvReceiver = CaptureReceiver<SvFrameDecoder>;
+using SvReceiver = RecordSource<SvCapturedFrame>;
+
+/// Opens and closes captures on the executor, some milliseconds each; give it one that may block so
+/// long. `queueLimit` bounds the records that wait in the stream (octets of memory). From there on
+/// the capture reads nothing until half has been consumed, and the kernel drops what it has no room
+/// for. Without a limit a slow consumer costs memory, never frames.
+std::shared_ptr<SvReceiver> makeSvReceiver(const boost::asio::any_io_executor& executor,
+                                           CaptureMode mode = CaptureMode::standard,
+                                           std::size_t queueLimit = SvReceiver::kUnbounded);
 
 }  // namespace goosestack

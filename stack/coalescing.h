@@ -10,7 +10,7 @@ namespace goosestack {
 /// than one each kSpacing collect, once kAtOnce more of them have come than such a flow brings: a
 /// single burst, and each message of a slower flow, go on at once. A leaky bucket in the form of
 /// ITU-T I.371's generic cell rate algorithm. A plain value that is given the time.
-class WakePace {
+class Coalescing {
  public:
   using Clock = std::chrono::steady_clock;
 

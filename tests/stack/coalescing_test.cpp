@@ -1,4 +1,4 @@
-#include "stack/wake_pace.h"
+#include "stack/coalescing.h"
 
 #include <gtest/gtest.h>
 
@@ -15,7 +15,7 @@ constexpr microseconds kSecond{1'000'000};
 
 // Messages at a given rate for a second, dealt with in no time; those that come during a pause are
 // found together at its end.
-TEST(WakePace, OnlyASteadyQuickFlowCollects) {
+TEST(Coalescing, OnlyASteadyQuickFlowCollects) {
   const struct {
     const char* flow;
     microseconds spacing;
@@ -24,20 +24,20 @@ TEST(WakePace, OnlyASteadyQuickFlowCollects) {
     bool collects;
   } flows[] = {
       {"one each millisecond", microseconds(1'000), 1, 1'000, false},
-      {"as fast as it may be", WakePace::kSpacing, 1, 2'000, false},
-      {"bursts of several devices", microseconds(20'000), WakePace::kAtOnce, 50, false},
+      {"as fast as it may be", Coalescing::kSpacing, 1, 2'000, false},
+      {"bursts of several devices", microseconds(20'000), Coalescing::kAtOnce, 50, false},
       {"somewhat too fast", microseconds(300), 1, 1'100, true},
       {"a flood", microseconds(50), 1, 1'100, true},
       {"Sampled Values of four merging units", microseconds(250), 4, 1'100, true},
   };
   for (const auto& flow : flows) {
     SCOPED_TRACE(flow.flow);
-    WakePace pace;
-    WakePace::Clock::time_point now{};
+    Coalescing pace;
+    Coalescing::Clock::time_point now{};
     auto next = now;
     int wakes = 0;
     int pauses = 0;
-    while (now < WakePace::Clock::time_point{} + kSecond) {
+    while (now < Coalescing::Clock::time_point{} + kSecond) {
       int messages = 0;
       for (now = std::max(now, next); next <= now; next += flow.spacing) messages += flow.together;
       ++wakes;
@@ -50,12 +50,12 @@ TEST(WakePace, OnlyASteadyQuickFlowCollects) {
   }
 }
 
-TEST(WakePace, AFloodIsForgottenSoonAfterItsEnd) {
-  WakePace pace;
-  WakePace::Clock::time_point now{};
-  while (now < WakePace::Clock::time_point{} + kSecond) now += pace.pauseAfter(1000, now);
+TEST(Coalescing, AFloodIsForgottenSoonAfterItsEnd) {
+  Coalescing pace;
+  Coalescing::Clock::time_point now{};
+  while (now < Coalescing::Clock::time_point{} + kSecond) now += pace.pauseAfter(1000, now);
   EXPECT_GT(pace.pauseAfter(1, now).count(), 0);
-  now += WakePace::kSpacing * (WakePace::kAtOnce + 1);
+  now += Coalescing::kSpacing * (Coalescing::kAtOnce + 1);
   EXPECT_EQ(pace.pauseAfter(1, now).count(), 0);
 }
 

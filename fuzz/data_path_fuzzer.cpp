@@ -1,16 +1,17 @@
-// The road of a captured frame, from its octets to the text of the event: GOOSE and Sampled Values.
+// The data path of a captured frame, from its octets to the text of the event: GOOSE and Sampled
+// Values.
 #include <algorithm>
 #include <cmath>
 #include <string>
 
 #include "fuzz/require.h"
 #include "goosestack/ethernet_frame.h"
-#include "goosestack/goose_receiver.h"
-#include "goosestack/sv_receiver.h"
 #include "protocol/base64.h"
 #include "protocol/bridge_event_encoder.h"
 #include "protocol/json_value.h"
 #include "protocol/json_value_codec.h"
+#include "stack/goose_frame_decoder.h"
+#include "stack/sv_frame_decoder.h"
 
 namespace tarnlink::fuzz {
 using namespace goosestack;

@@ -1,0 +1,24 @@
+// From a captured frame to a GOOSE message.
+#pragma once
+
+#include "goosestack/bytes.h"
+#include "goosestack/goose_message.h"
+#include "goosestack/goose_pdu.h"
+#include "goosestack/time_point.h"
+
+namespace goosestack {
+
+/// As CaptureReceiver has it.
+class GooseFrameDecoder {
+ public:
+  using Record = GooseMessage;
+  static constexpr const char* kEtherTypeHex = "0x88b8";
+
+  /// False for frames that are no well-formed GOOSE.
+  bool decode(ByteView frame, TimePoint receivedAt, GooseMessage& message);
+
+ private:
+  GoosePdu pdu_;  // Its storage and that of recycled messages change places.
+};
+
+}  // namespace goosestack
