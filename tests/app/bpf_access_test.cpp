@@ -1,43 +1,28 @@
 // Capture access: what the user is told, what is installed, and whether it then counts as given.
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/capability.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <vector>
 
 #include "app/host/bpf_capability_access.h"
 #include "app/host/bpf_permission_helper.h"
-#include "tests/support/scripted_process_runner.h"
+#include "tests/support/scratch_folder.h"
 
 namespace tarnlink {
 namespace {
 
 namespace fs = std::filesystem;
-using test::outcome;
-using test::ScriptedProcessRunner;
+using test::ScratchFolder;
+using test::writeFile;
 using Texts = std::vector<std::string>;
-
-/// A folder that goes with its object.
-struct ScratchFolder {
-  ScratchFolder() { fs::create_directories(path); }
-  ~ScratchFolder() { fs::remove_all(path); }
-  ScratchFolder(const ScratchFolder&) = delete;
-  ScratchFolder& operator=(const ScratchFolder&) = delete;
-
-  const fs::path path = fs::path(::testing::TempDir()) / ("bpf." + std::to_string(::getpid()));
-};
-
-std::string contentOf(const fs::path& file) {
-  std::ifstream stream(file);
-  return {std::istreambuf_iterator<char>(stream), {}};
-}
 
 struct AnsweredAlerts final : UserAlerts {
   bool confirm(std::string_view title, std::string_view message, std::string_view accept,
@@ -147,11 +132,9 @@ bool setFileCapability(const fs::path& file, const char* text) {
 
 TEST(BpfCapabilityAccess, TheProgramFileMustGiveItToThisUser) {
   const ScratchFolder folder;
-  fs::permissions(folder.path, fs::perms(0755));
-  const auto bridge = folder.path / "tarnlinkd";
+  const auto bridge = folder / "tarnlinkd";
   EXPECT_FALSE(BpfCapabilityAccess(nullptr, {bridge, {}}).isGranted());
-  std::ofstream(bridge) << "";
-  fs::permissions(bridge, fs::perms(0755));
+  writeFile(bridge, "", fs::perms(0755));
   if (!setFileCapability(bridge, "=")) GTEST_SKIP() << "file capabilities need root";
 
   EXPECT_FALSE(isGrantedTo(65534, bridge));
@@ -161,19 +144,26 @@ TEST(BpfCapabilityAccess, TheProgramFileMustGiveItToThisUser) {
   EXPECT_TRUE(isGrantedTo(65534, bridge));
   EXPECT_FALSE(isGrantedTo(65534, bridge, [] { ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0); }));
   EXPECT_FALSE(isGrantedTo(65534, bridge, [] { ::cap_drop_bound(CAP_NET_RAW); }));
+  EXPECT_FALSE(isGrantedTo(65534, bridge, [path = folder.path().c_str()] {
+    if (::unshare(CLONE_NEWNS) != 0 ||
+        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount(path, path, nullptr, MS_BIND, nullptr) != 0 ||
+        ::mount(nullptr, path, nullptr, MS_REMOUNT | MS_BIND | MS_NOSUID, nullptr) != 0) {
+      ::_exit(2);
+    }
+  })) << "on a file system without set-user-id";
   fs::permissions(bridge, fs::perms(0750));
   EXPECT_FALSE(isGrantedTo(65534, bridge)) << "not executable by this user";
 }
 
 TEST(BpfCapabilityAccess, TheHelperGivesItToTheUserWhoAskedAloneAndTakesItBack) {
   const ScratchFolder folder;
-  fs::permissions(folder.path, fs::perms(0755));
-  const auto bridge = folder.path / "tarnlinkd";
-  const auto helper = folder.path / "tarnlink-capture-access";
+  const auto bridge = folder / "tarnlinkd";
+  const auto helper = folder / "tarnlink-capture-access";
   fs::copy_file(TARNLINK_CAPTURE_ACCESS, helper);
   const auto run = [&](const std::string& caller, const std::string& arguments = "") {
     return std::system(("env -u PKEXEC_UID -u SUDO_UID " + caller + " " + helper.string() +
-                        arguments + " 2>>" + (folder.path / "said").string())
+                        arguments + " 2>>" + (folder / "said").string())
                            .c_str());
   };
   const auto isOpenToAll = [&] {
@@ -181,15 +171,14 @@ TEST(BpfCapabilityAccess, TheHelperGivesItToTheUserWhoAskedAloneAndTakesItBack) 
   };
   if (::geteuid() != 0) GTEST_SKIP() << "needs root";
   EXPECT_NE(run("PKEXEC_UID=65534"), 0) << "no bridge beside it";
-  std::ofstream(bridge) << "";
-  fs::permissions(bridge, fs::perms(0755));
+  writeFile(bridge, "", fs::perms(0755));
   EXPECT_NE(run("PKEXEC_UID=65534", " /etc/passwd"), 0);
   if (!setFileCapability(bridge, "=")) GTEST_SKIP() << "no file capabilities here";
   for (const char* nobody : {"", "SUDO_UID=0", "SUDO_UID=x"}) {
     EXPECT_NE(run(nobody), 0) << nobody;
     EXPECT_TRUE(isOpenToAll()) << "else it would lock everybody out";
   }
-  EXPECT_NE(contentOf(folder.path / "said").find("Run it as that user: sudo " + helper.string()),
+  EXPECT_NE(test::contentOf(folder / "said").find("Run it as that user: sudo " + helper.string()),
             std::string::npos);
 
   ASSERT_EQ(run("SUDO_UID=65534"), 0);

@@ -7,12 +7,12 @@
 #include <QCoreApplication>
 #include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <nlohmann/json.hpp>
 
 #include "platform/process_capabilities.h"
 #include "tests/support/network_namespace.h"
+#include "tests/support/scratch_folder.h"
 
 namespace tarnlink {
 namespace {
@@ -30,22 +30,10 @@ class BridgeSupervision : public ::testing::Test {
     test::NetworkNamespace::addVethPair("bus0", "ied0");
     test::NetworkNamespace::addVethPair("bus-1", "ied1");
   }
-  BridgeSupervision() {
-    fs::create_directories(folder_);
-    preferences_ = makePreferenceStore(folder_ / "preferences.json", [](std::string_view) {});
-  }
-  ~BridgeSupervision() override {
-    supervisor_.reset();
-    fs::remove_all(folder_);
-  }
-
   fs::path script(const std::string& text) {
-    const auto file = folder_ / "tarnlinkd";
-    std::ofstream(file) << "#!/bin/sh\n" << text;
-    fs::permissions(file, fs::perms(0755));
-    return file;
+    test::writeFile(folder_ / "tarnlinkd", "#!/bin/sh\n" + text, fs::perms(0755));
+    return folder_ / "tarnlinkd";
   }
-
   void supervise(const fs::path& program) {
     program_ = program;
     log_.clear();
@@ -85,18 +73,13 @@ class BridgeSupervision : public ::testing::Test {
       return line.find(text) != std::string::npos;
     }));
   }
-  void kill() {
-    const std::string mine = "pgrep -P " + std::to_string(::getpid()) + " tarnlinkd";
-    FILE* pipe = ::popen(mine.c_str(), "r");
-    int child = 0;
-    ASSERT_EQ(std::fscanf(pipe, "%d", &child), 1);
-    ::pclose(pipe);
-    ::kill(child, SIGKILL);
+  static void kill() {
+    std::system(("kill -KILL $(pgrep -P " + std::to_string(::getpid()) + " tarnlinkd)").c_str());
   }
 
-  const fs::path folder_ =
-      fs::path(::testing::TempDir()) / ("supervisor." + std::to_string(::getpid()));
-  std::unique_ptr<PreferenceStore> preferences_;
+  const test::ScratchFolder folder_;
+  const std::unique_ptr<PreferenceStore> preferences_ =
+      makePreferenceStore(folder_ / "preferences.json", [](std::string_view) {});
   Texts log_;
   fs::path program_;
   std::unique_ptr<BridgeSupervisor> supervisor_;

@@ -48,11 +48,6 @@ TEST(MenuModel, ShowsTheBridgeAsItIs) {
         "Network interface:", "  eth0 — Ethernet -> select eth0", "-",
         "⚠ Set up BPF access… -> install", "-", "Quit -> quit"},
        Language::english},
-      {"active interface unplugged",
-       {"dev", BridgePhase::running, 8765, "654321", {office}, "bus0", true},
-       {"Korvel 61850 Tarnlink dev", "-", "● Läuft  ·  Port 8765",
-        "Pairing-Code: 654321  (klicken zum Kopieren) -> copy", "-", "Netzwerk-Interface:",
-        "  eth0 — Ethernet -> select eth0", "-", "✓ BPF-Zugriff aktiv", "-", "Beenden -> quit"}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.situation);

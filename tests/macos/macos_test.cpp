@@ -1,14 +1,11 @@
 // What Linux programs do not link: the commands that macOS's tools get, and how their answers are
 // read.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
 #include <future>
-#include <iterator>
 #include <thread>
 
 #include "app/host/vlan_interface_helper.h"
@@ -18,13 +15,13 @@
 #include "macos/link_layer_address.h"
 #include "macos/osascript_prompt.h"
 #include "tests/server/bridge_harness.h"
+#include "tests/support/scratch_folder.h"
 #include "tests/support/scripted_process_runner.h"
 
 namespace tarnlink {
 namespace {
 
 namespace fs = std::filesystem;
-using namespace std::chrono_literals;
 using test::outcome;
 using test::ScriptedProcessRunner;
 using Script = std::vector<test::ScriptedCommand>;
@@ -103,45 +100,39 @@ constexpr const char* kPropertyList =
 </dict>
 </plist>)";
 
-class BpfDevices : public ::testing::Test {
- protected:
-  BpfDevices() { fs::create_directories(folder_); }
-  ~BpfDevices() override { fs::remove_all(folder_); }
-
-  const fs::path folder_ = fs::path(::testing::TempDir()) / ("bpf." + std::to_string(::getpid()));
-};
-
-TEST_F(BpfDevices, TheFirstThatIsThereDecides) {
+TEST(BpfDevices, TheFirstThatIsThereDecides) {
+  const test::ScratchFolder folder;
   const auto isGranted = [&] {
-    return BpfDeviceAccess(nullptr, folder_, (folder_ / "bpf").string()).isGranted();
+    return BpfDeviceAccess(nullptr, folder.path(), (folder / "bpf").string()).isGranted();
   };
   EXPECT_FALSE(isGranted());
-  std::ofstream(folder_ / "bpf256") << "";
+  test::writeFile(folder / "bpf256", "");
   EXPECT_FALSE(isGranted());
-  std::ofstream(folder_ / "bpf255") << "";
+  test::writeFile(folder / "bpf255", "");
   EXPECT_TRUE(isGranted());
   // Unreadable for root too: a link to itself.
-  fs::create_symlink("bpf0", folder_ / "bpf0");
+  fs::create_symlink("bpf0", folder / "bpf0");
   EXPECT_FALSE(isGranted());
 }
 
-TEST_F(BpfDevices, OnlyASuccessfulInstallationTakesItsFileAway) {
-  const auto draft = folder_ / "com.korvel.tarnlink.chmodbpf.plist";
+TEST(BpfDevices, OnlyASuccessfulInstallationTakesItsFileAway) {
+  const test::ScratchFolder folder;
+  const auto draft = folder / "com.korvel.tarnlink.chmodbpf.plist";
   const std::string daemon = "'/Library/LaunchDaemons/com.korvel.tarnlink.chmodbpf.plist'";
   const auto argv = prompt("cp '" + draft.string() + "' " + daemon + " && chown root:wheel " +
                            daemon + " && chmod 644 " + daemon + " && launchctl load " + daemon +
                            " 2>/dev/null; chgrp admin /dev/bpf* 2>/dev/null; chmod g+rw /dev/bpf*");
   const auto install = [&](const ProcessOutcome& answer) {
-    return BpfDeviceAccess(std::make_unique<ScriptedProcessRunner>(Script{{argv, answer}}), folder_)
+    return BpfDeviceAccess(std::make_unique<ScriptedProcessRunner>(Script{{argv, answer}}),
+                           folder.path())
         .install();
   };
-  BpfDeviceAccess nowhere(nullptr, folder_ / "absent");
+  BpfDeviceAccess nowhere(nullptr, folder / "absent");
   EXPECT_EQ(nowhere.install().error(), (AdminError{ENOENT, "No such file or directory"}));
   EXPECT_EQ(install(outcome(1, "", "User canceled. (-128)\n")).error().code, kAdminCancelled);
-  std::ifstream file(draft);
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), kPropertyList);
+  EXPECT_EQ(test::contentOf(draft), kPropertyList);
   EXPECT_TRUE(install(kOk));
-  EXPECT_TRUE(fs::is_empty(folder_));
+  EXPECT_TRUE(fs::is_empty(folder.path()));
 }
 
 TEST(LinkLayerAddress, HoldsItsMacBehindTheName) {

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <optional>
 #include <string_view>
+#include <tuple>
 
 #include "tests/support/bus_service.h"
 #include "tests/support/dns_sd_host.h"
@@ -21,34 +22,30 @@ using Names = std::map<std::string, std::string>;
 // A loaded machine may be slow to wake the caller.
 constexpr auto kLimitWithSlack = kInterfaceNamesLimit + std::chrono::milliseconds(150);
 
-void fillConnection(sd_bus_message* reply, const char* id, bool vpn, const char* device) {
-  ::sd_bus_message_append(reply, "a{sv}", 5, "State", "u", 2U, "Id", "s", id, "Vpn", "b", vpn,
-                          "Ip4Config", "o", "/", "Devices", "ao", 1, device);
-}
-void fillDevice(sd_bus_message* reply, const char* name, const char* ipName) {
-  ::sd_bus_message_append(reply, "a{sv}", 4, "StateReason", "(uu)", 100U, 0U, "Interface", "s",
-                          name, "LldpNeighbors", "aa{sv}", 0, "IpInterface", "s", ipName);
-}
-
 /// Two Ethernet connections, a VPN over the first, a second one on its device, and a modem.
 void answer(sd_bus_message* call) {
   const std::string_view path = ::sd_bus_message_get_path(call);
-  sd_bus_message* reply = nullptr;
-  ::sd_bus_message_new_method_return(call, &reply);
+  const auto active = [call](const char* id, bool vpn, const char* device) {
+    ::sd_bus_reply_method_return(call, "a{sv}", 5, "State", "u", 2U, "Id", "s", id, "Vpn", "b", vpn,
+                                 "Ip4Config", "o", "/", "Devices", "ao", 1, device);
+  };
+  const auto device = [call](const char* name, const char* ipName) {
+    ::sd_bus_reply_method_return(call, "a{sv}", 4, "StateReason", "(uu)", 100U, 0U, "Interface",
+                                 "s", name, "LldpNeighbors", "aa{sv}", 0, "IpInterface", "s",
+                                 ipName);
+  };
   if (path == "/org/freedesktop/NetworkManager") {
-    ::sd_bus_message_append(reply, "a{sv}", 2, "Version", "s", "1.42.4", "ActiveConnections", "ao",
-                            5, "/vpn", "/one", "/again", "/modem", "/two");
+    ::sd_bus_reply_method_return(call, "a{sv}", 2, "Version", "s", "1.42.4", "ActiveConnections",
+                                 "ao", 5, "/vpn", "/one", "/again", "/modem", "/two");
   }
-  if (path == "/vpn") fillConnection(reply, "Head office", true, "/device/one");
-  if (path == "/one") fillConnection(reply, "Station bus", false, "/device/one");
-  if (path == "/again") fillConnection(reply, "Second on it", false, "/device/one");
-  if (path == "/modem") fillConnection(reply, "Mobile", false, "/device/modem");
-  if (path == "/two") fillConnection(reply, "Process bus", false, "/device/two");
-  if (path == "/device/one") fillDevice(reply, "test1", "test1");
-  if (path == "/device/two") fillDevice(reply, "test2", "");
-  if (path == "/device/modem") fillDevice(reply, "modem7", "modem7ip");
-  ::sd_bus_send(nullptr, reply, nullptr);
-  ::sd_bus_message_unref(reply);
+  if (path == "/vpn") active("Head office", true, "/device/one");
+  if (path == "/one") active("Station bus", false, "/device/one");
+  if (path == "/again") active("Second on it", false, "/device/one");
+  if (path == "/modem") active("Mobile", false, "/device/modem");
+  if (path == "/two") active("Process bus", false, "/device/two");
+  if (path == "/device/one") device("test1", "test1");
+  if (path == "/device/two") device("test2", "");
+  if (path == "/device/modem") device("modem7", "modem7ip");
 }
 
 // The names of the stand-in's interfaces; how long they took is checked against `within`.
@@ -64,13 +61,12 @@ Names connectionNames(std::chrono::milliseconds within) {
 
 TEST(InterfaceNames, AreThoseOfTheConnectionsWhoseDevicesAnswerInTime) {
   const Names ethernet{{"test1", "Station bus"}, {"test2", "Process bus"}};
-  Names all = ethernet;
-  all.insert({{"modem7", "Mobile"}, {"modem7ip", "Mobile"}});
-  const struct {
-    std::optional<std::string> silentPath;  // "*": all of them. Absent: there is no manager.
-    std::chrono::milliseconds within;
-    Names names;
-  } cases[] = {
+  const Names all{{"test1", "Station bus"},
+                  {"test2", "Process bus"},
+                  {"modem7", "Mobile"},
+                  {"modem7ip", "Mobile"}};
+  // The path that is silent, "*" for all of them; absent: there is no manager.
+  const std::tuple<std::optional<std::string>, std::chrono::milliseconds, Names> cases[] = {
       {"", kInterfaceNamesLimit, all},
       {"/device/modem", kLimitWithSlack, ethernet},
       {"*", kLimitWithSlack, {}},

@@ -8,40 +8,26 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <thread>
+#include <tuple>
 #include <vector>
+
+#include "tests/support/scratch_folder.h"
 
 namespace tarnlink {
 namespace {
 
 namespace fs = std::filesystem;
+using test::contentOf;
+using test::writeFile;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
 class PreferenceFile : public ::testing::Test {
  protected:
-  PreferenceFile() {
-    std::string pattern = fs::temp_directory_path() / "preferences-XXXXXX";
-    directory_ = ::mkdtemp(pattern.data());
-    file_ = directory_ / "tarnlink" / "preferences.json";
-  }
-  ~PreferenceFile() override { fs::remove_all(directory_); }
-
   std::unique_ptr<PreferenceStore> open() {
     return makePreferenceStore(file_, [this](std::string_view line) { log_.emplace_back(line); });
-  }
-  void put(std::string_view octets) {
-    fs::create_directories(file_.parent_path());
-    std::ofstream(file_, std::ios::binary) << octets;
-  }
-  static std::string octetsOf(const fs::path& path) {
-    std::ostringstream octets;
-    octets << std::ifstream(path, std::ios::binary).rdbuf();
-    return octets.str();
   }
   static std::string readOrStore(PreferenceStore& store, const std::string& made) {
     return store.readOrStore(
@@ -57,7 +43,8 @@ class PreferenceFile : public ::testing::Test {
     ::setrlimit(resource, &before);
   }
 
-  fs::path directory_, file_;
+  const test::ScratchFolder folder_;
+  const fs::path file_ = folder_ / "tarnlink/preferences.json";
   std::vector<std::string> log_;
 };
 
@@ -69,19 +56,19 @@ TEST_F(PreferenceFile, IsMadePrivateAndReadAnewAtEachUse) {
   EXPECT_EQ(fs::status(file_).permissions(), fs::perms(0600));
   EXPECT_EQ(fs::status(file_.parent_path()).permissions(), fs::perms(0700));
   EXPECT_THAT(log_, IsEmpty());
-  put(R"({"pairingCode": "222222"})");
+  writeFile(file_, R"({"pairingCode": "222222"})");
   EXPECT_EQ(store->read("pairingCode"), "222222");
-  put(R"({"pairingCode": 333333})");
+  writeFile(file_, R"({"pairingCode": 333333})");
   EXPECT_EQ(store->read("pairingCode"), std::nullopt);
   fs::remove(file_);
   EXPECT_EQ(store->read("pairingCode"), std::nullopt);
 }
 
 TEST_F(PreferenceFile, KeepsForeignMembersInPlace) {
-  put(R"({"z": [1, {"b": null}], "pairingCode": 5, "a": 18446744073709551615, "f": 0.1,
+  writeFile(file_, R"({"z": [1, {"b": null}], "pairingCode": 5, "a": 18446744073709551615, "f": 0.1,
           "text": "\u00e4\n"})");
   open()->write("pairingCode", "123456");
-  std::string compact = octetsOf(file_);
+  std::string compact = contentOf(file_);
   std::erase_if(compact, [](char c) { return c == ' ' || c == '\n'; });
   EXPECT_EQ(compact,
             R"({"z":[1,{"b":null}],"pairingCode":"123456","a":18446744073709551615,"f":0.1,)"
@@ -100,15 +87,15 @@ TEST_F(PreferenceFile, DamagedOctetsAreKeptBesideItAndNeverReplaceOlderOnes) {
   int n = 0;
   for (const auto& octets : damaged) {
     SCOPED_TRACE(octets.substr(0, 40));
-    put(octets);
+    writeFile(file_, octets);
     EXPECT_EQ(store->read("pairingCode"), std::nullopt);
-    EXPECT_EQ(octetsOf(file_), octets) << "reading must not touch the file";
+    EXPECT_EQ(contentOf(file_), octets) << "reading must not touch the file";
     log_.clear();
     EXPECT_EQ(readOrStore(*store, "654321"), "654321");
     EXPECT_EQ(open()->read("pairingCode"), "654321");
     const std::string kept = file_.string() + ".damaged-" + std::to_string(++n);
-    EXPECT_TRUE(fs::exists(kept));
-    EXPECT_EQ(octetsOf(kept), octets);
+    ASSERT_TRUE(fs::exists(kept));
+    EXPECT_EQ(contentOf(kept), octets);
     EXPECT_THAT(log_, ElementsAre(HasSubstr(kept)));
   }
 }
@@ -116,25 +103,21 @@ TEST_F(PreferenceFile, DamagedOctetsAreKeptBesideItAndNeverReplaceOlderOnes) {
 TEST_F(PreferenceFile, ATextThatCannotBeStoredLivesInThisProcess) {
   const auto store = open();
   int lock = -1;
-  const struct {
-    const char* situation;
-    std::function<void()> cause;
-    std::string text;
-  } cases[] = {
-      {"a file in the directory's place", [&] { std::ofstream(file_.parent_path()); }, "1"},
-      {"a directory in the lock's place", [&] { fs::create_directories(file_.string() + ".lock"); },
-       "2"},
+  const auto lockPath = file_.string() + ".lock";
+  const std::tuple<const char*, std::function<void()>, std::string> cases[] = {
+      {"a file in the directory's place", [&] { writeFile(file_.parent_path(), ""); }, "1"},
+      {"a directory in the lock's place", [&] { fs::create_directories(lockPath); }, "2"},
+      {"a directory in the file's place", [&] { fs::create_directories(file_); }, "3"},
       {"a FIFO in the file's place",
        [&] {
          fs::create_directories(file_.parent_path());
          ASSERT_EQ(::mkfifo(file_.c_str(), 0600), 0);
        },
        "0"},
-      {"a directory in the file's place", [&] { fs::create_directories(file_); }, "3"},
       {"a lock that is never given back",
        [&] {
-         fs::create_directories(file_.parent_path());
-         lock = ::open((file_.string() + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+         writeFile(lockPath, "");
+         lock = ::open(lockPath.c_str(), O_RDWR | O_CLOEXEC);
          ASSERT_EQ(::flock(lock, LOCK_EX), 0);
        },
        "4"},
@@ -152,18 +135,22 @@ TEST_F(PreferenceFile, ATextThatCannotBeStoredLivesInThisProcess) {
   }
   ::close(lock);
   store->write("pairingCode", "stored again");
-  put("{}");
+  writeFile(file_, "{}");
   EXPECT_EQ(store->read("pairingCode"), std::nullopt) << "the memory's text must be gone";
 }
 
-TEST_F(PreferenceFile, ClientsThatUseUpAllDescriptorsDoNotChangeTheCode) {
+TEST_F(PreferenceFile, NeitherAFullDiskNorUsedUpDescriptorsChangeWhatIsStored) {
   const auto store = open();
   store->write("pairingCode", "111111");
   withLimit(RLIMIT_NOFILE, 0, [&] {
     EXPECT_EQ(store->read("pairingCode"), "111111");
     EXPECT_EQ(readOrStore(*store, "999999"), "111111");
   });
+  std::signal(SIGXFSZ, SIG_IGN);
+  withLimit(RLIMIT_FSIZE, 8, [&] { store->write("pairingCode", "222222"); });
+  EXPECT_EQ(store->read("pairingCode"), "222222");
   EXPECT_EQ(open()->read("pairingCode"), "111111");
+  EXPECT_FALSE(fs::exists(file_.string() + ".tmp"));
 }
 
 TEST_F(PreferenceFile, ProgramsThatWriteAtOnceLoseNothingAndAgreeOnACode) {
@@ -183,16 +170,6 @@ TEST_F(PreferenceFile, ProgramsThatWriteAtOnceLoseNothingAndAgreeOnACode) {
     EXPECT_EQ(open()->read(std::to_string(i)), std::to_string(i) + "-4");
   }
   EXPECT_THAT(codes, ::testing::Each(open()->read("pairingCode").value()));
-}
-
-TEST_F(PreferenceFile, AFullDiskLeavesTheOldFileAndTheNewTextInMemory) {
-  open()->write("pairingCode", "111111");
-  const auto store = open();
-  std::signal(SIGXFSZ, SIG_IGN);
-  withLimit(RLIMIT_FSIZE, 8, [&] { store->write("pairingCode", "222222"); });
-  EXPECT_EQ(store->read("pairingCode"), "222222");
-  EXPECT_EQ(open()->read("pairingCode"), "111111");
-  EXPECT_FALSE(fs::exists(file_.string() + ".tmp"));
 }
 
 }  // namespace
