@@ -1,8 +1,7 @@
-"""A process bus of its own for load on the real tarnlinkd: private network, daemon, clients, traffic.
+"""What all load on the real tarnlinkd needs: bus, daemon, clients, traffic, rules. Standard library
+only."""
 
-Standard library only. The network is a namespace that the kernel removes with its last process.
-"""
-
+import argparse
 import base64
 import json
 import os
@@ -13,6 +12,7 @@ import struct
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 BUS, IED = "bus0", "ied0"  # The bridge's end of the cable and the other one.
@@ -24,28 +24,38 @@ UPGRADE = (b"GET / HTTP/1.1\r\nHost: localhost\r\nUpgrade: websocket\r\nConnecti
            b"Sec-WebSocket-Key: AAAAAAAAAAAAAAAAAAAAAA==\r\nSec-WebSocket-Version: 13\r\n\r\n")
 
 
-def enter_private_network():
-    """Starts this program anew in a network of its own, with the cable laid."""
+class Failed(Exception):
+    """A rule that does not hold."""
+
+
+def check(condition, text):
+    if not condition:
+        raise Failed(text)
+
+
+def mebibytes(octets):
+    return f"{octets / (1 << 20):.1f} MiB"
+
+
+def command_line(description, names=(), **options):
+    """What the program was called with: --daemon, options with their defaults, and some of the names.
+    From then on it runs on a bus of its own."""
+    parser = argparse.ArgumentParser(description=description,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    for name, default in {"daemon": "build/release/bin/tarnlinkd", **options}.items():
+        how = {"action": "store_true"} if default is False else {"type": type(default)}
+        parser.add_argument("--" + name.replace("_", "-"), default=default,
+                            help="default: %(default)s", **how)
+    if names:
+        parser.add_argument("names", nargs="*", metavar="NAME", help=", ".join(names))
+    called = parser.parse_args()
+    for name in names and called.names:
+        if name not in names:
+            parser.error(f"{name} is none of {', '.join(names)}")
     if "TARNLINK_PRIVATE_NETWORK" not in os.environ:
-        os.environ["TARNLINK_PRIVATE_NETWORK"] = "1"
-        ways = [["unshare", "--net"], ["unshare", "--user", "--map-root-user", "--net"]]
-        for way in ways[os.geteuid() != 0:]:
-            if subprocess.run([*way, "true"], stderr=subprocess.DEVNULL).returncode == 0:
-                os.execvp(way[0], [*way, "--", sys.executable, *sys.argv])
-        sys.exit("cannot make a private network: neither root nor allowed to make user namespaces")
-    ip("link set lo up")
-    lay_cable()
-
-
-def ip(arguments):
-    path = os.environ["PATH"] + ":/usr/sbin:/sbin"
-    subprocess.run(["ip", *arguments.split()], check=True, env={**os.environ, "PATH": path})
-
-
-def lay_cable():
-    ip(f"link add {BUS} type veth peer name {IED}")
-    ip(f"link set {BUS} up")
-    ip(f"link set {IED} up")
+        on_bus = pathlib.Path(__file__).parents[1] / "scripts" / "on_process_bus.sh"
+        os.execv(on_bus, [str(on_bus), sys.executable, *sys.argv])
+    return called
 
 
 class Daemon:
@@ -61,6 +71,7 @@ class Daemon:
         with open(self.log_file, "wb") as log:
             self.process = subprocess.Popen([*under, program, "--interface", BUS, "--no-advertise",
                                              *options, *preferences], stdout=log)
+        self.process_files = pathlib.Path(f"/proc/{self.process.pid}")
         self.await_log("[KorvelTarnlink] Listening on port")
 
     def log(self):
@@ -83,6 +94,23 @@ class Daemon:
             exit_code = None
         return exit_code, time.monotonic() - start
 
+    def memory(self, field="VmRSS"):
+        """Octets."""
+        status = (self.process_files / "status").read_text()
+        return next(int(line.split()[1]) << 10 for line in status.splitlines()
+                    if line.startswith(field))
+
+    def descriptors(self):
+        return len(list((self.process_files / "fd").iterdir()))
+
+    def threads(self):
+        return len(list((self.process_files / "task").iterdir()))
+
+    def processor_time(self):
+        """Seconds."""
+        times = (self.process_files / "stat").read_text().rsplit(")", 1)[1].split()
+        return (int(times[11]) + int(times[12])) / os.sysconf("SC_CLK_TCK")
+
     def __enter__(self):
         return self
 
@@ -93,12 +121,29 @@ class Daemon:
         shutil.rmtree(self.folder, ignore_errors=True)
 
 
+def masked(opcode, payload):
+    """A frame (RFC 6455, 5.2) under mask 0."""
+    size = len(payload)
+    head = bytes([0x80 | size]) if size < 126 else b"\xfe" + struct.pack(">H", size)
+    return bytes([0x80 | opcode]) + head + bytes(4) + payload
+
+
+def connect():
+    return socket.create_connection(("127.0.0.1", PORT), timeout=5)
+
+
+def reset(connection):
+    connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    connection.close()
+
+
 class Client:
     """One WebSocket connection (RFC 6455) and the events that come over it."""
 
     def __init__(self, code=None, limit=5.0, upgrading=None):
         """`upgrading`: a connection that has sent its request already."""
-        self.socket = upgrading or socket.create_connection(("127.0.0.1", PORT), timeout=limit)
+        self.socket = upgrading or connect()
+        self.socket.settimeout(limit)
         self.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self.buffer = b""
         if upgrading is None:
@@ -119,13 +164,8 @@ class Client:
             raise ConnectionError("closed by the bridge")
         self.buffer += octets
 
-    def _frame(self, opcode, payload):
-        size = len(payload)
-        head = bytes([0x80 | size]) if size < 126 else b"\xfe" + struct.pack(">H", size)
-        self.socket.sendall(bytes([0x80 | opcode]) + head + bytes(4) + payload)  # Mask 0.
-
     def say(self, command, **members):
-        self._frame(1, json.dumps({"cmd": command, **members}).encode())
+        self.socket.sendall(masked(1, json.dumps({"cmd": command, **members}).encode()))
 
     def events(self):
         """All events of which the frames have arrived; waits for the first octets."""
@@ -144,7 +184,7 @@ class Client:
             if opcode == 1:
                 found.append(json.loads(payload))
             elif opcode == 9:
-                self._frame(10, payload)
+                self.socket.sendall(masked(10, payload))
             elif opcode == 8:
                 raise ConnectionError("closed by the bridge")
         self.buffer = buffer[at:]
@@ -158,12 +198,44 @@ class Client:
                     return event
 
     def close(self):
-        self._frame(8, struct.pack(">H", 1000))
+        self.socket.sendall(masked(8, struct.pack(">H", 1000)))
         self.socket.close()
 
     def reset(self):
-        self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-        self.socket.close()
+        reset(self.socket)
+
+
+class Bystander:
+    """Somebody who wants to be served all the while, and measures for how long it had to wait."""
+
+    def __init__(self, limit=5.0):
+        """`limit`: seconds that a ping may take."""
+        self.client = Client(limit=limit + 1)
+        self.limit = limit
+        self.longest = 0.0
+        self.error = None
+        self.stop = threading.Event()
+        self.thread = threading.Thread(target=self._ping, daemon=True)
+        self.thread.start()
+
+    def _ping(self):
+        try:
+            while not self.stop.wait(0.02):
+                start = time.monotonic()
+                self.client.say("ping", timestamp=0)
+                self.client.await_event("pong")
+                self.longest = max(self.longest, time.monotonic() - start)
+        except OSError as error:
+            self.error = error
+
+    def end(self):
+        """How long the longest ping took."""
+        self.stop.set()
+        self.thread.join()
+        self.client.close()
+        check(self.error is None, f"the bystander's connection: {self.error}")
+        check(self.longest < self.limit, f"a ping took {self.longest:.1f} s")
+        return f"longest ping of a bystander {self.longest * 1000:.0f} ms"
 
 
 def publication(reference, **members):
@@ -173,31 +245,39 @@ def publication(reference, **members):
             "values": [{"type": "boolean", "value": True}], **members}
 
 
-def _element(tag, content):
-    assert len(content) < 128
-    return bytes([tag, len(content)]) + content
+def element(tag, content):
+    size = len(content)
+    head = bytes([tag, size]) if size < 128 else bytes([tag, 0x82]) + struct.pack(">H", size)
+    return head + content
+
+
+def frame(ether_type, payload):
+    destination = "010ccd010001" if ether_type == ETHERTYPE_GOOSE else "010ccd040001"
+    return bytes.fromhex(destination) + SOURCE + struct.pack(">H", ether_type) + payload
+
+
+def goose(app_id, reference, number, values):
+    """A GOOSE payload (IEC 61850-8-1) with that sequence number, of four octets; and how many octets
+    stand behind the number."""
+    before = (element(0x80, reference.encode()) + element(0x81, b"\x07\xd0") +
+              element(0x82, b"IED1LD0/LLN0$ds") + element(0x83, b"goose") +
+              element(0x84, bytes(8)) + element(0x85, b"\1"))
+    after = (element(0x87, b"\0") + element(0x88, b"\1") + element(0x89, b"\0") +
+             element(0x8A, b"\2") + element(0xAB, values))
+    pdu = element(0x61, before + element(0x86, struct.pack(">I", number)) + after)
+    return struct.pack(">HHI", app_id, len(pdu) + 8, 0) + pdu, len(after)
 
 
 class GooseStream:
-    """One control block's frames (IEC 61850-8-1): each has the next sequence number."""
+    """One control block's frames: each has the next sequence number."""
 
     FIRST = 1 << 24  # From here on all numbers take four octets, so that frames keep their length.
 
     def __init__(self, app_id, reference):
-        after = (_element(0x87, b"\0") + _element(0x88, b"\1") + _element(0x89, b"\0") +
-                 _element(0x8A, b"\2") + _element(0xAB, _element(0x83, b"\1") +
-                                                  _element(0x85, b"\x12\x34\x56\x78")))
-        before = (_element(0x80, reference.encode()) + _element(0x81, b"\x07\xd0") +
-                  _element(0x82, b"IED1LD0/LLN0$ds") + _element(0x83, b"goose") +
-                  _element(0x84, bytes(8)) + _element(0x85, b"\1"))
-        content = before + _element(0x86, bytes(4)) + after
-        assert len(content) < 256
-        pdu = bytes([0x61, 0x81, len(content)]) + content
-        header = struct.pack(">HHI", app_id, len(pdu) + 8, 0)
-        destination = bytes.fromhex("010ccd010001")
-        frame = destination + SOURCE + struct.pack(">H", ETHERTYPE_GOOSE) + header + pdu
-        self.frame = bytearray(frame)
-        self.at = len(frame) - len(after) - 4
+        values = element(0x83, b"\1") + element(0x85, b"\x12\x34\x56\x78")
+        payload, after = goose(app_id, reference, self.FIRST, values)
+        self.frame = bytearray(frame(ETHERTYPE_GOOSE, payload))
+        self.at = len(self.frame) - after - 4
         self.number = self.FIRST
 
     def next(self):
@@ -212,9 +292,7 @@ class SvStream:
     HEADER = struct.pack(">HHI", 0x4000, 100, 0)
 
     def __init__(self):
-        destination = bytes.fromhex("010ccd040001")
-        self.frame = bytearray(destination + SOURCE + struct.pack(">H", ETHERTYPE_SV) +
-                               self.HEADER + bytes(92))
+        self.frame = bytearray(frame(ETHERTYPE_SV, self.HEADER + bytes(92)))
         self.number = 0
 
     def next(self):
@@ -234,6 +312,4 @@ class Wire:
     def __init__(self):
         self.socket = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
         self.socket.bind((IED, 0))
-
-    def send(self, frame):
-        self.socket.send(frame)
+        self.send = self.socket.send

@@ -2,13 +2,11 @@
 """How fast pairing codes can be tried against the daemon, and what that makes of six digits.
 
 Tries wrong codes over some connections at once, on a private network, and at last lets a client in
-that knows the code, while the guesses go on. What stands behind -- goes to the daemon.
+that knows the code, while the guesses go on. --reconnect: a connection for each guess.
 """
 
-import argparse
 import multiprocessing
 import selectors
-import socket
 import sys
 import time
 
@@ -28,14 +26,13 @@ class Guesser:
         self.answers = self.sent = 0
         self.rest = b""
         self.out = bus.UPGRADE
-        self.socket = socket.create_connection(("127.0.0.1", bus.PORT))
+        self.socket = bus.connect()
         self.socket.setblocking(False)
         self.more()
 
     def more(self):
         for _ in range(1 if self.is_single else BATCH):
-            text = b'{"cmd":"auth","token":"%06d"}' % next(self.guesses)
-            self.out += bytes([0x81, 0x80 | len(text), 0, 0, 0, 0]) + text  # Mask 0.
+            self.out += bus.masked(1, b'{"cmd":"auth","token":"%06d"}' % next(self.guesses))
             self.sent += 1
 
     def write(self):
@@ -127,15 +124,8 @@ def duration(seconds):
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
-    parser.add_argument("--daemon", default="build/release/bin/tarnlinkd")
-    parser.add_argument("--connections", type=int, default=1)
-    parser.add_argument("--seconds", type=float, default=10)
-    parser.add_argument("--reconnect", action="store_true", help="a connection for each guess")
-    parser.add_argument("daemon_options", nargs="*", metavar="DAEMON-OPTION")
-    options = parser.parse_args()
-    bus.enter_private_network()
-    with bus.Daemon(options.daemon, options.daemon_options) as daemon:
+    options = bus.command_line(__doc__, connections=1, seconds=10.0, reconnect=False, auth_delay=False)
+    with bus.Daemon(options.daemon, ["--auth-delay"] * options.auth_delay) as daemon:
         watch = Watch(daemon.code, options.seconds)
         attack(daemon.code, options, watch)
     if watch.waited.value < 0:

@@ -1,10 +1,8 @@
 #!/usr/bin/env python3
 """Starts, serves and stops tarnlinkd under valgrind: no memory may be lost or used wrongly."""
 
-import argparse
 import pathlib
 import signal
-import socket
 import subprocess
 import sys
 import time
@@ -49,18 +47,15 @@ def serve(daemon):
     if not refusal["error"].startswith("Publish failed: nosuch0"):
         raise RuntimeError(f"another error than that of the missing interface: {refusal}")
     first.socket.sendall(b"\xff garbage")
-    with socket.create_connection(("127.0.0.1", bus.PORT)) as half:
+    with bus.connect() as half:
         half.sendall(bus.UPGRADE[:40])
         daemon.process.send_signal(signal.SIGTERM)
         return daemon.process.wait(PATIENCE)
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--daemon", default="build/release/bin/tarnlinkd")
-    options = parser.parse_args()
+    options = bus.command_line(__doc__)
     bus.START_LIMIT = PATIENCE
-    bus.enter_private_network()
     start = time.monotonic()
     with bus.Daemon(options.daemon, under=VALGRIND) as daemon:
         try:

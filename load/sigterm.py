@@ -5,7 +5,6 @@ Frames flow at full rate, clients connect, subscribe, publish, stop reading and 
 start and stop; then SIGTERM comes in the midst of it. A seed repeats the moments, not the machine.
 """
 
-import argparse
 import multiprocessing
 import random
 import sys
@@ -71,12 +70,7 @@ def end_one(program, seed):
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
-    parser.add_argument("--daemon", default="build/release/bin/tarnlinkd")
-    parser.add_argument("--moments", type=int, default=100)
-    parser.add_argument("--seed", type=int, default=1, help="of the first moment")
-    options = parser.parse_args()
-    bus.enter_private_network()
+    options = bus.command_line(__doc__, moments=100, seed=1)
     stop = multiprocessing.Event()
     traffic = multiprocessing.Process(target=flood, args=(stop,), daemon=True)
     traffic.start()

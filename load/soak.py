@@ -14,12 +14,8 @@ Fails unless
 - SIGTERM then ends the daemon with exit code 0.
 """
 
-import argparse
 import multiprocessing
-import os
-import pathlib
 import random
-import socket
 import statistics
 import sys
 import time
@@ -170,7 +166,7 @@ def stay_outside(chance, _):
         client.await_event("error")
         leave(chance, client)
     else:
-        half = socket.create_connection(("127.0.0.1", bus.PORT))
+        half = bus.connect()
         half.sendall(chance.choice([b"", b"GET / HTTP/1.1\r\nUpg", b"\0" * 100, b"GET /\r\n\r\n"]))
         time.sleep(chance.uniform(0, 0.1))
         half.close()
@@ -179,14 +175,11 @@ def stay_outside(chance, _):
 
 
 class Sample:
-    def __init__(self, pid):
-        process = pathlib.Path(f"/proc/{pid}")
-        status = dict(line.split(":", 1) for line in (process / "status").open())
-        self.rss = int(status["VmRSS"].split()[0])
-        self.threads = int(status["Threads"])
-        self.descriptors = len(list((process / "fd").iterdir()))
-        times = (process / "stat").read_text().rsplit(")", 1)[1].split()
-        self.cpu = (int(times[11]) + int(times[12])) / os.sysconf("SC_CLK_TCK")
+    def __init__(self, daemon):
+        self.rss = daemon.memory() >> 10  # KiB.
+        self.threads = daemon.threads()
+        self.descriptors = daemon.descriptors()
+        self.cpu = daemon.processor_time()
 
     def __str__(self):
         return f"{self.rss} KiB, {self.descriptors} descriptors, {self.threads} threads"
@@ -245,7 +238,7 @@ def soak(options, daemon):
             if not paused.acquire(timeout=PATIENCE) or not all(p.is_alive() for p in everyone):
                 raise RuntimeError("somebody ended early or hangs:\n" + daemon.log()[-2000:])
         time.sleep(SETTLE_TIME)
-        samples.append(Sample(daemon.process.pid))
+        samples.append(Sample(daemon))
         print(f"{time.monotonic() - start:6.0f} s: {samples[-1]}", flush=True)
         pause.clear()
 
@@ -256,7 +249,7 @@ def soak(options, daemon):
     duration = time.monotonic() - start
     counts = sent.get()
     end, taken, faults = verdict.get()
-    last = Sample(daemon.process.pid)
+    last = Sample(daemon)
     exit_code, took = daemon.stop(STOP_LIMIT)
     done = sum(count.value for count in actions)
     lines = daemon.log().count("\n")
@@ -267,15 +260,8 @@ def soak(options, daemon):
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
-    parser.add_argument("--daemon", default="build/release/bin/tarnlinkd")
-    parser.add_argument("--seconds", type=float, default=30)
-    parser.add_argument("--rate", type=int, default=5000, help="frames a second")
-    parser.add_argument("--interval", type=float, help="seconds between quiet points")
-    parser.add_argument("--seed", type=int, default=1)
-    options = parser.parse_args()
+    options = bus.command_line(__doc__, seconds=30.0, rate=5000, interval=0.0, seed=1)
     options.interval = options.interval or max(2, min(20, options.seconds / 20))
-    bus.enter_private_network()
     with bus.Daemon(options.daemon) as daemon:
         complaints = soak(options, daemon)
     for complaint in complaints:

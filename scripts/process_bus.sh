@@ -3,34 +3,13 @@
 # The cast of ./run: bridge, client and simulated IED, each a child that ends with this shell.
 
 bin=build/release/bin
-bus=bus0  # The bridge's end of the virtual bus; names the bridge accepts have letters and digits only.
+bus=bus0  # The ends of the cable of scripts/on_process_bus.sh.
 ied=ied0
 start_limit=10  # Seconds.
 
 work=''
 code=''  # The client's.
 declare -A children=()
-
-# Starts this program anew in a network of its own, which the kernel removes with its last process.
-enter_private_network() {
-  export TARNLINK_PRIVATE_NETWORK=1
-  if ((EUID == 0)) && unshare --net true 2>/dev/null; then
-    exec unshare --net -- "$@"
-  elif unshare --user --map-root-user --net true 2>/dev/null; then
-    exec unshare --user --map-root-user --net -- "$@"
-  fi
-  fail "cannot make a private network: neither root nor allowed to make user namespaces"
-}
-
-# Debian keeps ip in /sbin, which is not on the path of ordinary users.
-ip() { PATH=$PATH:/usr/sbin:/sbin command ip "$@"; }
-
-make_virtual_bus() {
-  ip link set lo up
-  ip link add "$bus" type veth peer name "$ied"
-  ip link set "$bus" up
-  ip link set "$ied" up
-}
 
 # start NAME COMMAND...: output goes to a log. A session of its own keeps the terminal's Ctrl-C for
 # the client, so that the bridge does not go first; the kernel ends the child if this shell is killed.
@@ -186,7 +165,6 @@ show_bridge_at_work() {
     say "messages on $interface; Ctrl-C ends"
     start_client
   else
-    make_virtual_bus
     start_bridge "$bus"
     say "messages on a virtual process bus; Ctrl-C ends"
     start_client
