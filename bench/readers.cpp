@@ -38,7 +38,7 @@ std::string maskedText(std::string_view text) {
 
 Readers::Readers(std::size_t count, std::uint16_t port, const std::vector<std::string>& commands,
                  const std::string& awaited)
-    : port_(port), epoll_(checked(::epoll_create1(EPOLL_CLOEXEC), "epoll_create1")) {
+    : epoll_(checked(::epoll_create1(EPOLL_CLOEXEC), "epoll_create1")) {
   for (std::size_t i = 0; i < count; ++i) connect(port, commands, awaited);
   for (Client& client : clients_) {
     epoll_event event{.events = EPOLLIN, .data = {.ptr = &client}};
@@ -136,8 +136,8 @@ void Readers::waitFor(std::uint64_t frames) {
   std::unique_lock hold(lock_);
   wanted_ = frames;
   if (told_.wait_for(hold, kPatience, [&] { return fewest_ >= frames; })) return;
-  throw std::runtime_error("of " + std::to_string(frames) + " frames a client of port " +
-                           std::to_string(port_) + " has got " + std::to_string(fewest_));
+  throw std::runtime_error("of " + std::to_string(frames) + " frames a client has got " +
+                           std::to_string(fewest_));
 }
 
 void Readers::noteArrivals(std::size_t frames) {

@@ -64,7 +64,6 @@ class Readers {
   void read();
   void tellCounts();
 
-  std::uint16_t port_;
   std::vector<Client> clients_;
   int epoll_ = -1;
   std::atomic<bool> isStopping_{false};

@@ -30,9 +30,6 @@ std::int32_t signedNumber(const Element& element) {
 }
 
 // Pieces of the text, each of which put() writes in its own way.
-struct Quoted {
-  const Element& element;
-};
 struct Mac {
   const std::uint8_t* octets;
 };
@@ -69,11 +66,10 @@ char* put(char* out, TwoDigits digits) {
   out[1] = static_cast<char>('0' + digits.value % 10);
   return out + 2;
 }
-char* put(char* out, Quoted text) {
+char* put(char* out, const Element& text) {
   *out++ = '"';
-  std::memcpy(out, text.element.content, text.element.length);
-  out += text.element.length;
-  return put(out, '"');
+  std::memcpy(out, text.content, text.length);
+  return put(out + text.length, '"');
 }
 char* put(char* out, Mac mac) {
   constexpr char kDigits[] = "0123456789ABCDEF";
@@ -128,7 +124,7 @@ char* putValue(char* out, const Element& value) {
       return putAll(out, R"({"runtimeType":"float32","value":)",
                     double{std::bit_cast<float>(bigEndian(value.content + 1, 4))}, '}');
     case kTagVisibleString:
-      return putAll(out, R"({"runtimeType":"visibleString","value":)", Quoted{value}, '}');
+      return putAll(out, R"({"runtimeType":"visibleString","value":)", value, '}');
     default:
       return putAll(out, R"({"runtimeType":"utcTime","value":)", timeOf(value), '}');
   }
@@ -156,8 +152,8 @@ bool decodeGoose(ByteView frame, StraightLineGoose& goose) {
 char* writeGooseEvent(const StraightLineGoose& goose, double receivedAt, char* out) {
   const auto& fields = goose.elements;
   out = putAll(out, R"({"event":"goose_message","message":{"appId":)",
-               bigEndian(goose.frame.data() + 14, 2), R"(,"goCBRef":)", Quoted{fields[kGocbRef]},
-               R"(,"dataSet":)", Quoted{fields[kDatSet]}, R"(,"timestamp":)", timeOf(fields[kTime]),
+               bigEndian(goose.frame.data() + 14, 2), R"(,"goCBRef":)", fields[kGocbRef],
+               R"(,"dataSet":)", fields[kDatSet], R"(,"timestamp":)", timeOf(fields[kTime]),
                R"(,"stNum":)", number(fields[kStNum]), R"(,"sqNum":)", number(fields[kSqNum]),
                R"(,"test":)", fields[kSimulation].content[0] != 0, R"(,"needsCommission":)",
                fields[kNdsCom].content[0] != 0, R"(,"confRev":)", number(fields[kConfRev]),

@@ -158,33 +158,31 @@ struct Flood {
 };
 
 /// What a user would run instead, with its output read, offered more than it takes. Thousands a
-/// second; none where it cannot run.
-Figures tsharkRates(WireSender& wire) {
-  constexpr int kFramesOfRound = 3'000;
-  constexpr std::chrono::microseconds kOffered{100};  // Between two frames.
-  std::atomic<bool> isDone{false};
-  std::thread sender([&] {
+/// second; nothing where it cannot run.
+double tsharkRate(WireSender& wire) {
+  constexpr int kTaken = 15'000;                     // Frames.
+  constexpr std::chrono::microseconds kOffered{40};  // Between two frames.
+  const std::jthread sender([&](const std::stop_token& stop) {
     const Bytes frame = eightValueFrame();
-    while (!isDone) paced(1'000, kOffered, [&](std::size_t) { wire.send(frame); });
+    while (!stop.stop_requested()) {
+      paced(1'000, kOffered, [&](std::size_t) { wire.send(frame); });
+    }
   });
-  Figures rates;
   const auto command = std::string("exec " TSHARK " -l -T ek -Q -f 'ether proto 0x88b8' -i ") +
-                       kBus + " -a duration:20 -c " + std::to_string(kPairs * kFramesOfRound + 1);
+                       kBus + " -a duration:20 -c " + std::to_string(kTaken);
   std::FILE* output = ::popen(command.c_str(), "r");
   std::array<char, 65536> line;
-  int packets = -1;  // The first one starts the clock.
+  int taken = 0;
   Clock::time_point begin;
+  Clock::time_point last;
   while (std::fgets(line.data(), line.size(), output) != nullptr) {
     if (std::strncmp(line.data(), "{\"timestamp\"", 12) != 0) continue;  // Its first line.
-    if (++packets % kFramesOfRound != 0) continue;
-    const auto now = Clock::now();
-    const std::chrono::duration<double, std::milli> taken = now - std::exchange(begin, now);
-    if (packets > 0) rates.push_back(kFramesOfRound / taken.count());
+    last = Clock::now();
+    if (taken++ == 0) begin = last;
   }
+  const std::chrono::duration<double, std::milli> time = last - begin;
   ::pclose(output);
-  isDone = true;
-  sender.join();
-  return rates;
+  return taken / time.count();
 }
 
 void measureFlood(WireSender& wire, Bridge& bridge) {
@@ -207,11 +205,11 @@ void measureFlood(WireSender& wire, Bridge& bridge) {
   compare("frames of a flood to one client", "%.0f k/s", ours.rate, "bare pcap_dispatch", bare.rate,
           atLeast(0.5));
   report("lost of them", "%.0f", ours.lost, atMost(0), text("bare pcap_dispatch %.0f", bare.lost));
-  if (const auto tshark = tsharkRates(wire); !tshark.empty()) {
-    compare("frames live, to one client", "%.1f k/s", ours.rate, "tshark -l -T ek", tshark,
-            atLeast(30));
+  if (const double tshark = tsharkRate(wire); tshark > 0) {
+    compare("frames live, to one client", "%.1f k/s", {median(ours.rate)}, "tshark -l -T ek",
+            {tshark}, atLeast(30));
   } else {
-    std::fprintf(stderr, "tshark does not capture here; its row is left out\n");
+    std::fputs("tshark does not capture here; its row is left out\n", stderr);
   }
 }
 
