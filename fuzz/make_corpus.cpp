@@ -91,6 +91,24 @@ std::vector<Dataset> datasets() {
   };
 }
 
+/// A Sampled Values payload of ASDUs with a sample of `octets` each.
+Bytes samplesOf(int asdus, std::size_t octets) {
+  Bytes sequence;
+  for (int i = 0; i < asdus; ++i) {
+    const Bytes fields{0x80, 0x02, 'M',  'U',  0x82, 0x02, 0x0F, static_cast<std::uint8_t>(i),
+                       0x83, 0x01, 0x01, 0x85, 0x01, 0x02, 0x86, 0x01,
+                       0x50};
+    Bytes asdu = fields;
+    (void)appendBerTLV(asdu, 0x87, Bytes(octets, 0x11));
+    (void)appendBerTLV(sequence, 0x30, asdu);
+  }
+  Bytes content{0x80, 0x01, static_cast<std::uint8_t>(asdus)};
+  (void)appendBerTLV(content, 0xA2, sequence);
+  Bytes payload{0x40, 0x01, 0x00, 0x60, 0x80, 0x00, 0x00, 0x00};
+  (void)appendBerTLV(payload, 0x60, content);
+  return payload;
+}
+
 void addFrames(const Corpus& corpus) {
   std::uint16_t vlanId = 0;
   for (const auto& [name, values] : datasets()) {
@@ -105,6 +123,9 @@ void addFrames(const Corpus& corpus) {
                  EthernetFrame::build(kDestination, kSource, vlanId, 4, payload));
     }
   }
+  corpus.add("sv_pdu", "one", samplesOf(1, 64));
+  corpus.add("sv_pdu", "three", samplesOf(3, 8));
+  corpus.add("sv_pdu", "none", samplesOf(0, 0));
   const Bytes samples(20, 0x60);
   for (const std::uint16_t id : {0, 1, 4095}) {
     const Bytes frame = EthernetFrame::build(kDestination, kSource, id, 7, samples, kEtherTypeSv);
