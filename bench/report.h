@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace tarnlink::bench {
@@ -62,8 +63,11 @@ inline void printRow(const std::string& what, const std::string& ours, const std
   const std::string verdict = target.sign == 0 ? ""
                                                : target.sign + ("= " + text(format, target.bound)) +
                                                      (isMet ? " met" : " MISSED");
-  std::printf("%-50s %10s  %-38s %6s  %s\n", what.c_str(), ours.c_str(), beside.c_str(),
-              ratio.c_str(), verdict.c_str());
+  char row[256];
+  std::snprintf(row, sizeof row, "%-50s %10s  %-38s %6s  %s", what.c_str(), ours.c_str(),
+                beside.c_str(), ratio.c_str(), verdict.c_str());
+  const std::string_view whole(row);
+  std::puts(std::string(whole.substr(0, whole.find_last_not_of(' ') + 1)).c_str());
   std::fflush(stdout);
 }
 
