@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <utility>
 
@@ -67,7 +68,7 @@ void DnsSdHost::startDaemon(const std::string& hostName) {
 std::unique_ptr<Program> DnsSdHost::run(std::vector<std::string> argv) const {
   argv.insert(argv.begin(), prefix_.begin(), prefix_.end());
   return std::make_unique<Program>(
-      std::move(argv), folder_ / ("output-" + std::to_string(runs_++)),
+      std::move(argv),
       std::map<std::string, std::string>{{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + busSocket()}});
 }
 
@@ -75,9 +76,9 @@ std::string DnsSdHost::browse() const {
   const auto client = run({"avahi-browse", "-rptk", "_tarnlink._tcp"});
   if (client->wait() != 0) throw std::runtime_error("avahi-browse: " + client->output());
   std::string resolved;
-  for (std::size_t at = 0; (at = client->output().find("\n=;", at)) != std::string::npos;) {
-    const auto end = client->output().find('\n', ++at);
-    resolved += client->output().substr(at, end - at) + '\n';
+  std::istringstream lines(client->output());
+  for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with("=;")) resolved += line + '\n';
   }
   return resolved;
 }

@@ -41,7 +41,6 @@ class DnsSdHost {
 
  private:
   std::filesystem::path folder_;
-  mutable int runs_ = 0;
   std::unique_ptr<Program> bus_;
   std::unique_ptr<Program> daemon_;
 };

@@ -4,35 +4,42 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <filesystem>
 #include <map>
 #include <string>
 #include <vector>
 
 namespace tarnlink::test {
 
-/// Goes with the object, and with the test in any case. What it writes goes to the file. One
-/// thread. Throws std::runtime_error.
+/// Ends with the object, by SIGTERM, and with the test in any case. One thread. Throws
+/// std::runtime_error.
 class Program {
  public:
-  Program(std::vector<std::string> argv, std::filesystem::path outputFile,
-          std::map<std::string, std::string> environment = {});
-  ~Program() { end(); }
+  static constexpr std::chrono::milliseconds kPatience{10'000};
+
+  enum class Errors { kept, passedOn };
+
+  /// What it writes is kept, on standard error too unless that is passed on.
+  explicit Program(std::vector<std::string> argv,
+                   const std::map<std::string, std::string>& environment = {},
+                   Errors errors = Errors::kept);
+  ~Program();
   Program(const Program&) = delete;
   Program& operator=(const Program&) = delete;
 
   pid_t pid() const { return pid_; }
+  /// All that it has written.
   std::string output() const;
-  bool waitForOutput(const std::string& text,
-                     std::chrono::milliseconds patience = std::chrono::seconds(10)) const;
-  /// Its exit status; -1 after a signal.
-  int wait();
+  /// Whether there is such a text before the time is up.
+  bool waitForOutput(const std::string& text, std::chrono::milliseconds patience = kPatience) const;
+  void signal(int number) const;
+  /// The exit code, 128 + the signal for a violent end, or -1 when the time is up.
+  int wait(std::chrono::milliseconds patience = 3 * kPatience);
   /// SIGTERM, then wait().
   int end();
 
  private:
-  std::filesystem::path outputFile_;
-  pid_t pid_ = 0;
+  int output_;  // A file in memory.
+  pid_t pid_ = -1;
 };
 
 }  // namespace tarnlink::test
