@@ -20,7 +20,7 @@ test_packages=(
 )
 
 # To test the desktop program on a display of its own.
-desktop_test_packages=(dbus-daemon openbox trayer xclip xdotool xvfb)
+desktop_test_packages=(dbus-daemon openbox trayer xdotool xvfb)
 
 # For the checks beyond the tests.
 ci_packages=(

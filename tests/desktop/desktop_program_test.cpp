@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <QCoreApplication>
+#include <QDBusConnection>
 #include <cstdlib>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -9,8 +11,8 @@
 
 #include "client/bridge_client.h"
 #include "tests/desktop/desktop_session.h"
-#include "tests/desktop/status_bar_host.h"
 #include "tests/support/network_namespace.h"
+#include "tests/support/scratch_folder.h"
 
 namespace tarnlink {
 namespace {
@@ -20,7 +22,6 @@ using namespace std::chrono_literals;
 using test::DesktopSession;
 using test::NetworkNamespace;
 using test::SessionProgram;
-using test::StatusBarHost;
 using Json = nlohmann::json;
 using Texts = std::vector<std::string>;
 
@@ -41,94 +42,68 @@ class DesktopProgram : public ::testing::Test {
   std::unique_ptr<SessionProgram> tarnlink_;
 };
 
-std::string codeIn(const test::ShownMenu& menu) {
-  return menu.find("Pairing-Code").label.substr(std::string("Pairing-Code: ").size(), 6);
+/// Says on the session bus whether there is a status bar, and hears of icons.
+class StatusBarWatcher final : public QObject {
+  Q_OBJECT
+  Q_CLASSINFO("D-Bus Interface", "org.kde.StatusNotifierWatcher")
+  Q_PROPERTY(bool IsStatusNotifierHostRegistered MEMBER hasHost)
+
+ public:
+  StatusBarWatcher() {
+    auto bus = QDBusConnection::sessionBus();
+    const auto all = QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllProperties;
+    EXPECT_TRUE(bus.registerObject(QStringLiteral("/StatusNotifierWatcher"), this, all));
+    EXPECT_TRUE(bus.registerService(QStringLiteral("org.kde.StatusNotifierWatcher")));
+  }
+  bool hasHost = false;
+  bool hasItem = false;
+
+ public Q_SLOTS:
+  void RegisterStatusNotifierItem(const QString&) { hasItem = true; }
+};
+
+/// Answers what the program asks meanwhile, until it holds, for fifteen seconds at most.
+bool await(const std::function<bool()>& holds) {
+  const auto deadline = std::chrono::steady_clock::now() + 15s;
+  while (!holds()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    QCoreApplication::processEvents();
+    std::this_thread::sleep_for(50ms);
+  }
+  return true;
 }
 
-BridgeClient pairedClient(const std::string& code) {
-  auto client = BridgeClient::connect({"127.0.0.1"}, kPort).value();
-  EXPECT_TRUE(Json::parse(client.authenticate(code).value().text)["ok"]);
-  return client;
+std::string windows(const char* search) {
+  return DesktopSession::run("xdotool search --onlyvisible " + std::string(search) + " 2>&1");
 }
 
-TEST_F(DesktopProgram, TheMenuInAStatusBarDrivesTheBridge) {
+TEST_F(DesktopProgram, AStatusBarThatStartsLaterGetsTheIcon) {
   start(DesktopSession::Bus::session);
-  StatusBarHost bar(false);
+  StatusBarWatcher watcher;
   launch();
-  for (int i = 0; i < 10; ++i) {
-    bar.serve();
-    std::this_thread::sleep_for(100ms);
-  }
+  const auto second = std::chrono::steady_clock::now() + 1s;
+  await([&] { return std::chrono::steady_clock::now() > second; });
   EXPECT_NE(tarnlink_->await("No status bar yet"), "") << "a watcher alone shows nothing";
-  bar.isHostRegistered = true;
-  bar.awaitItem();
-  auto menu = bar.awaitMenu("Läuft");
-  Texts shown;
-  for (const auto& item : menu.items) shown.push_back((item.isEnabled ? "" : "x") + item.label);
-  const auto code = codeIn(menu);
-  EXPECT_EQ(shown, (Texts{"xKorvel 61850 Tarnlink " TARNLINK_VERSION, "", "x● Läuft  ·  Port 8765",
-                          "Pairing-Code: " + code + "  (klicken zum Kopieren)", "",
-                          "xNetzwerk-Interface:", "  bus__0 — bus__0", "  ied0 — ied0", "",
-                          "x✓ BPF-Zugriff aktiv", "", "Beenden"}));
-
-  bar.sendEvent(menu.find("Pairing-Code").id, "clicked");
-  std::string copied;
-  for (int i = 0; i < 50 && copied != code; ++i) {
-    copied = DesktopSession::run("xclip -o -selection clipboard 2>&1");
-  }
-  EXPECT_EQ(copied, code);
-
-  auto client = pairedClient(code);
-  for (const char* situation : {"clicked", "clicked again"}) {
-    SCOPED_TRACE(situation);
-    bar.sendEvent(menu.find("ied0").id, "clicked");
-    EXPECT_EQ(Json::parse(client.await("bridge_status").value().text)["activeInterface"], "ied0");
-    menu = bar.awaitMenu("ied0", true);
-    EXPECT_FALSE(menu.find("bus__0").isChecked);
-  }
-
-  // An interface that goes is dropped with a refresh, but not under the user's hands.
-  bar.openMenu();
-  NetworkNamespace::removeLink("bus_0");
-  std::this_thread::sleep_for(6s);
-  EXPECT_NE(bar.menu().find("bus__0").id, 0);
-  bar.sendEvent(0, "closed");
-  menu = bar.awaitMenu("keine Interfaces gefunden");
-  std::this_thread::sleep_for(6s);
-  EXPECT_EQ(bar.menu().find("Beenden").id, menu.find("Beenden").id)
-      << "items of a menu that was drawn anew have other ids: an unchanged one is left alone";
-
-  bar.sendEvent(menu.find("Beenden").id, "clicked");
-  EXPECT_EQ(tarnlink_->awaitEnd(), 0);
+  watcher.hasHost = true;
+  EXPECT_TRUE(await([&] { return watcher.hasItem; }));
+  tarnlink_->terminate();
+  EXPECT_EQ(tarnlink_->awaitEnd(), 0) << "as at the end of a session";
   EXPECT_EQ(tarnlink_->count("[BridgeServer] Stopped"), 1);
 }
 
 TEST_F(DesktopProgram, WithoutAStatusBarAWindowShowsWhatTheMenuHas) {
   start(DesktopSession::Bus::session);
-  StatusBarHost bar(false);
-  const auto awaitWindow = [](bool isShown) {
-    std::string window;
-    for (int i = 0; i < 150; ++i) {
-      StatusBarHost::serve();
-      window = DesktopSession::run("xdotool search --onlyvisible --name 'Tarnlink' 2>&1");
-      if (window.empty() != isShown) break;
-      std::this_thread::sleep_for(100ms);
-    }
-    return window;
-  };
   const auto begin = std::chrono::steady_clock::now();
   launch({TARNLINK, "--language", "en"});
-  auto window = awaitWindow(true);
-  ASSERT_NE(window, "");
+  const auto isShown = [] { return !windows("--name Tarnlink").empty(); };
+  ASSERT_TRUE(await(isShown));
   EXPECT_GT(std::chrono::steady_clock::now() - begin, 9s) << "a status bar may still come";
+  const auto window = windows("--name Tarnlink");
   DesktopSession::run("xdotool windowfocus --sync " + window + " key alt+F4");
-  EXPECT_EQ(awaitWindow(false), "");
-
+  EXPECT_TRUE(await([&] { return !isShown(); }));
   SessionProgram second({TARNLINK});
-  window = awaitWindow(true);
-  EXPECT_NE(window, "") << "a second start shows the first";
+  EXPECT_TRUE(await(isShown)) << "a second start shows the first";
   EXPECT_EQ(second.awaitEnd(), 0);
-
   DesktopSession::run("xdotool windowfocus --sync " + window + " key ctrl+q");
   EXPECT_EQ(tarnlink_->awaitEnd(), 0);
   EXPECT_EQ(tarnlink_->count("No status bar"), 1);
@@ -143,13 +118,10 @@ TEST_F(DesktopProgram, ATrayOfTheOlderKindShowsTheMenu) {
   launch();
   EXPECT_NE(tarnlink_->await("No session bus"), "");
   EXPECT_EQ(tarnlink_->await(kListening), kListening);
-  const auto menus = [] {
-    return DesktopSession::run("xdotool search --onlyvisible --class tarnlink getwindowgeometry");
-  };
-  for (int i = 0; i < 50 && menus().find("Geometry: 3") == std::string::npos; ++i) {
-    DesktopSession::run("xdotool mousemove 12 12 click 1");
-    std::this_thread::sleep_for(200ms);
-  }
+  EXPECT_TRUE(await([] {
+    DesktopSession::run("xdotool mousemove 12 12 click 1 sleep 0.2");
+    return windows("--class tarnlink getwindowgeometry").find("Geometry: 3") != std::string::npos;
+  }));
   DesktopSession::run("xdotool key ctrl+q");
   EXPECT_EQ(tarnlink_->awaitEnd(), 0);
 }
@@ -160,18 +132,17 @@ class DesktopProgramWithoutAccess : public DesktopProgram {
   void SetUp() override {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root, to act for another user";
     start(DesktopSession::Bus::session);
-    bar_ = std::make_unique<StatusBarHost>();
     folder_ = session_->folder() / "programs";
     fs::create_directory(folder_);
     fs::permissions(session_->folder(), fs::perms(0777));
     for (const std::string file : {TARNLINK, TARNLINKD, TARNLINK_CAPTURE_ACCESS}) {
       fs::copy_file(file, folder_ / fs::path(file).filename());
     }
-    std::ofstream(folder_ / "pkexec") << "#!/bin/sh\ncd " << session_->folder().string()
-                                      << "\necho \"$@\" >asked\n"
-                                         "until [ -s answer ]; do sleep 0.05; done\n"
-                                         "exit $(cat answer)\n";
-    fs::permissions(folder_ / "pkexec", fs::perms(0755));
+    test::writeFile(folder_ / "pkexec",
+                    "#!/bin/sh\ncd " + session_->folder().string() +
+                        "\necho \"$@\" >asked\nuntil [ -s answer ]; do sleep 0.05; done\n"
+                        "exit $(cat answer)\n",
+                    fs::perms(0755));
     ::setenv("PATH", (folder_.string() + ":/usr/bin:/bin").c_str(), 1);
     auto argv = test::kAsNobody;
     argv.push_back((folder_ / "tarnlink").string());
@@ -181,13 +152,9 @@ class DesktopProgramWithoutAccess : public DesktopProgram {
   /// Agrees to the question, and does as the administrator what the prompt then asks for.
   void consent() {
     ASSERT_TRUE(DesktopSession::answerAlert("Return")) << "the question";
-    std::string asked;
-    for (int i = 0; i < 200 && asked.empty(); ++i) {
-      std::ifstream file(session_->folder() / "asked");
-      std::getline(file, asked);
-      std::this_thread::sleep_for(50ms);
-    }
-    ASSERT_EQ(asked, "--disable-internal-agent " + helper());
+    const auto asked = session_->folder() / "asked";
+    ASSERT_TRUE(await([&] { return !test::contentOf(asked).empty(); }));
+    ASSERT_EQ(test::contentOf(asked), "--disable-internal-agent " + helper() + "\n");
     ASSERT_EQ(std::system(("PKEXEC_UID=65534 " + helper()).c_str()), 0);
     std::ofstream(session_->folder() / "answer") << "0\n";
     ASSERT_TRUE(DesktopSession::answerAlert("Return")) << "what became of it";
@@ -195,26 +162,27 @@ class DesktopProgramWithoutAccess : public DesktopProgram {
 
   /// Whether a subscription starts a capture.
   bool captures() {
-    auto client = pairedClient(codeIn(bar_->awaitMenu("Läuft")));
+    const auto preferences = session_->folder() / "config/tarnlink/preferences.json";
+    const auto code = Json::parse(test::contentOf(preferences))["pairingCode"];
+    auto client = BridgeClient::connect({"127.0.0.1"}, kPort).value();
+    EXPECT_TRUE(Json::parse(client.authenticate(code.get<std::string>()).value().text)["ok"]);
     const auto answer = client.ask({{"cmd", "subscribe_goose"}}, "bridge_status");
     return Json::parse(answer.value().text).value("isCapturing", false);
   }
 
   std::string helper() const { return (folder_ / "tarnlink-capture-access").string(); }
 
-  std::unique_ptr<StatusBarHost> bar_;
   fs::path folder_;
 };
 
 TEST_F(DesktopProgramWithoutAccess, ConsentAtLaunchMakesTheBridgeCapture) {
   consent();
-  bar_->awaitItem();
-  EXPECT_FALSE(bar_->awaitMenu("✓ BPF-Zugriff aktiv").find("✓ BPF-Zugriff aktiv").isEnabled);
+  EXPECT_EQ(tarnlink_->await(kListening), kListening);
   EXPECT_TRUE(captures());
 }
 
 TEST_F(DesktopProgramWithoutAccess, AskedToEndDuringTheQuestionItStartsNothing) {
-  ASSERT_FALSE(DesktopSession::run("xdotool search --sync --onlyvisible --class tarnlink").empty());
+  ASSERT_FALSE(windows("--sync --class tarnlink").empty());
   tarnlink_->terminate();
   EXPECT_EQ(tarnlink_->awaitEnd(), 0);
   EXPECT_EQ(tarnlink_->count(""), 0) << "no bridge and no icon were tried";
@@ -222,14 +190,13 @@ TEST_F(DesktopProgramWithoutAccess, AskedToEndDuringTheQuestionItStartsNothing) 
 
 TEST_F(DesktopProgramWithoutAccess, TheRunningBridgeFollowsWhateverWayAccessComesAndGoes) {
   ASSERT_TRUE(DesktopSession::answerAlert("Escape"));
-  bar_->awaitItem();
+  EXPECT_EQ(tarnlink_->await(kListening), kListening);
   EXPECT_FALSE(captures());
-  bar_->sendEvent(bar_->menu().find("⚠ BPF-Zugriff einrichten…").id, "clicked");
-  consent();
-  bar_->awaitMenu("✓ BPF-Zugriff aktiv");
+  ASSERT_EQ(std::system(("SUDO_UID=65534 " + helper()).c_str()), 0);
+  EXPECT_EQ(tarnlink_->await(kListening), kListening);
   EXPECT_TRUE(captures());
   ASSERT_EQ(std::system((helper() + " --remove").c_str()), 0);
-  bar_->awaitMenu("⚠ BPF-Zugriff einrichten…");
+  EXPECT_EQ(tarnlink_->await(kListening), kListening);
   EXPECT_FALSE(captures());
   EXPECT_EQ(tarnlink_->count("died"), 0);
 }
@@ -260,3 +227,5 @@ TEST_F(DesktopProgram, WhatIsBrokenAroundItGetsOneLine) {
 
 }  // namespace
 }  // namespace tarnlink
+
+#include "desktop_program_test.moc"
