@@ -228,4 +228,4 @@ TEST_F(DesktopProgram, WhatIsBrokenAroundItGetsOneLine) {
 }  // namespace
 }  // namespace tarnlink
 
-#include "desktop_program_test.moc"
+#include <desktop_program_test.moc>
