@@ -19,13 +19,15 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using test::count;
 using test::DesktopSession;
 using test::NetworkNamespace;
-using test::SessionProgram;
+using test::Program;
 using Json = nlohmann::json;
 using Texts = std::vector<std::string>;
 
 constexpr std::uint16_t kPort = 8765;
+const std::map<std::string, std::string> kNoVariables;
 const std::string kListening = "[KorvelTarnlink] Listening on port 8765";
 
 class DesktopProgram : public ::testing::Test {
@@ -35,11 +37,11 @@ class DesktopProgram : public ::testing::Test {
     NetworkNamespace::addVethPair("bus_0", "ied0");
   }
   void launch(const Texts& argv = {TARNLINK}) {
-    tarnlink_ = std::make_unique<SessionProgram>(argv);
+    tarnlink_ = std::make_unique<Program>(argv, kNoVariables, Program::Errors::passedOn);
   }
 
   std::unique_ptr<DesktopSession> session_;
-  std::unique_ptr<SessionProgram> tarnlink_;
+  std::unique_ptr<Program> tarnlink_;
 };
 
 /// Says on the session bus whether there is a status bar, and hears of icons.
@@ -74,7 +76,7 @@ bool await(const std::function<bool()>& holds) {
 }
 
 std::string windows(const char* search) {
-  return DesktopSession::run("xdotool search --onlyvisible " + std::string(search) + " 2>&1");
+  return DesktopSession::shell("xdotool search --onlyvisible " + std::string(search) + " 2>&1");
 }
 
 TEST_F(DesktopProgram, AStatusBarThatStartsLaterGetsTheIcon) {
@@ -83,12 +85,11 @@ TEST_F(DesktopProgram, AStatusBarThatStartsLaterGetsTheIcon) {
   launch();
   const auto second = std::chrono::steady_clock::now() + 1s;
   await([&] { return std::chrono::steady_clock::now() > second; });
-  EXPECT_NE(tarnlink_->await("No status bar yet"), "") << "a watcher alone shows nothing";
+  EXPECT_TRUE(tarnlink_->waitForOutput("No status bar yet")) << "a watcher alone shows nothing";
   watcher.hasHost = true;
   EXPECT_TRUE(await([&] { return watcher.hasItem; }));
-  tarnlink_->terminate();
-  EXPECT_EQ(tarnlink_->awaitEnd(), 0) << "as at the end of a session";
-  EXPECT_EQ(tarnlink_->count("[BridgeServer] Stopped"), 1);
+  EXPECT_EQ(tarnlink_->end(), 0) << "as at the end of a session";
+  EXPECT_EQ(count(*tarnlink_, "[BridgeServer] Stopped"), 1);
 }
 
 TEST_F(DesktopProgram, WithoutAStatusBarAWindowShowsWhatTheMenuHas) {
@@ -99,31 +100,31 @@ TEST_F(DesktopProgram, WithoutAStatusBarAWindowShowsWhatTheMenuHas) {
   ASSERT_TRUE(await(isShown));
   EXPECT_GT(std::chrono::steady_clock::now() - begin, 9s) << "a status bar may still come";
   const auto window = windows("--name Tarnlink");
-  DesktopSession::run("xdotool windowfocus --sync " + window + " key alt+F4");
+  DesktopSession::shell("xdotool windowfocus --sync " + window + " key alt+F4");
   EXPECT_TRUE(await([&] { return !isShown(); }));
-  SessionProgram second({TARNLINK});
+  Program second({TARNLINK});
   EXPECT_TRUE(await(isShown)) << "a second start shows the first";
-  EXPECT_EQ(second.awaitEnd(), 0);
-  DesktopSession::run("xdotool windowfocus --sync " + window + " key ctrl+q");
-  EXPECT_EQ(tarnlink_->awaitEnd(), 0);
-  EXPECT_EQ(tarnlink_->count("No status bar"), 1);
-  EXPECT_EQ(tarnlink_->count(kListening), 1) << "closing the window ended nothing";
+  EXPECT_EQ(second.wait(), 0);
+  DesktopSession::shell("xdotool windowfocus --sync " + window + " key ctrl+q");
+  EXPECT_EQ(tarnlink_->wait(), 0);
+  EXPECT_EQ(count(*tarnlink_, "No status bar"), 1);
+  EXPECT_EQ(count(*tarnlink_, kListening), 1) << "closing the window ended nothing";
 }
 
 // XEmbed, without a session bus; Ctrl+Q works where the menu has the keyboard.
 TEST_F(DesktopProgram, ATrayOfTheOlderKindShowsTheMenu) {
   start(DesktopSession::Bus::none);
-  SessionProgram tray({"/usr/bin/trayer", "--edge", "top", "--align", "left", "--widthtype",
-                       "pixel", "--width", "40", "--height", "24"});
+  Program tray({"/usr/bin/trayer", "--edge", "top", "--align", "left", "--widthtype", "pixel",
+                "--width", "40", "--height", "24"});
   launch();
-  EXPECT_NE(tarnlink_->await("No session bus"), "");
-  EXPECT_EQ(tarnlink_->await(kListening), kListening);
+  EXPECT_TRUE(tarnlink_->waitForOutput("No session bus"));
+  EXPECT_TRUE(tarnlink_->waitForOutput(kListening));
   EXPECT_TRUE(await([] {
-    DesktopSession::run("xdotool mousemove 12 12 click 1 sleep 0.2");
+    DesktopSession::shell("xdotool mousemove 12 12 click 1 sleep 0.2");
     return windows("--class tarnlink getwindowgeometry").find("Geometry: 3") != std::string::npos;
   }));
-  DesktopSession::run("xdotool key ctrl+q");
-  EXPECT_EQ(tarnlink_->awaitEnd(), 0);
+  DesktopSession::shell("xdotool key ctrl+q");
+  EXPECT_EQ(tarnlink_->wait(), 0);
 }
 
 /// The user nobody, whose programs hold no capability, and a prompt that the test answers.
@@ -132,37 +133,35 @@ class DesktopProgramWithoutAccess : public DesktopProgram {
   void SetUp() override {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root, to act for another user";
     start(DesktopSession::Bus::session);
-    folder_ = session_->folder() / "programs";
+    folder_ = *session_ / "programs";
     fs::create_directory(folder_);
-    fs::permissions(session_->folder(), fs::perms(0777));
     for (const std::string file : {TARNLINK, TARNLINKD, TARNLINK_CAPTURE_ACCESS}) {
       fs::copy_file(file, folder_ / fs::path(file).filename());
     }
     test::writeFile(folder_ / "pkexec",
-                    "#!/bin/sh\ncd " + session_->folder().string() +
+                    "#!/bin/sh\ncd " + (*session_ / "").string() +
                         "\necho \"$@\" >asked\nuntil [ -s answer ]; do sleep 0.05; done\n"
                         "exit $(cat answer)\n",
                     fs::perms(0755));
     ::setenv("PATH", (folder_.string() + ":/usr/bin:/bin").c_str(), 1);
-    auto argv = test::kAsNobody;
-    argv.push_back((folder_ / "tarnlink").string());
-    launch(argv);
+    launch({"setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups",
+            (folder_ / "tarnlink").string()});
   }
 
   /// Agrees to the question, and does as the administrator what the prompt then asks for.
   void consent() {
     ASSERT_TRUE(DesktopSession::answerAlert("Return")) << "the question";
-    const auto asked = session_->folder() / "asked";
+    const auto asked = *session_ / "asked";
     ASSERT_TRUE(await([&] { return !test::contentOf(asked).empty(); }));
     ASSERT_EQ(test::contentOf(asked), "--disable-internal-agent " + helper() + "\n");
     ASSERT_EQ(std::system(("PKEXEC_UID=65534 " + helper()).c_str()), 0);
-    std::ofstream(session_->folder() / "answer") << "0\n";
+    std::ofstream(*session_ / "answer") << "0\n";
     ASSERT_TRUE(DesktopSession::answerAlert("Return")) << "what became of it";
   }
 
   /// Whether a subscription starts a capture.
   bool captures() {
-    const auto preferences = session_->folder() / "config/tarnlink/preferences.json";
+    const auto preferences = *session_ / "config/tarnlink/preferences.json";
     const auto code = Json::parse(test::contentOf(preferences))["pairingCode"];
     auto client = BridgeClient::connect({"127.0.0.1"}, kPort).value();
     EXPECT_TRUE(Json::parse(client.authenticate(code.get<std::string>()).value().text)["ok"]);
@@ -177,52 +176,50 @@ class DesktopProgramWithoutAccess : public DesktopProgram {
 
 TEST_F(DesktopProgramWithoutAccess, ConsentAtLaunchMakesTheBridgeCapture) {
   consent();
-  EXPECT_EQ(tarnlink_->await(kListening), kListening);
+  EXPECT_TRUE(tarnlink_->waitForOutput(kListening));
   EXPECT_TRUE(captures());
 }
 
 TEST_F(DesktopProgramWithoutAccess, AskedToEndDuringTheQuestionItStartsNothing) {
   ASSERT_FALSE(windows("--sync --class tarnlink").empty());
-  tarnlink_->terminate();
-  EXPECT_EQ(tarnlink_->awaitEnd(), 0);
-  EXPECT_EQ(tarnlink_->count(""), 0) << "no bridge and no icon were tried";
+  EXPECT_EQ(tarnlink_->end(), 0);
+  EXPECT_EQ(count(*tarnlink_, "\n"), 0) << "no bridge and no icon were tried";
 }
 
 TEST_F(DesktopProgramWithoutAccess, TheRunningBridgeFollowsWhateverWayAccessComesAndGoes) {
   ASSERT_TRUE(DesktopSession::answerAlert("Escape"));
-  EXPECT_EQ(tarnlink_->await(kListening), kListening);
+  EXPECT_TRUE(test::await(*tarnlink_, kListening, 1));
   EXPECT_FALSE(captures());
   ASSERT_EQ(std::system(("SUDO_UID=65534 " + helper()).c_str()), 0);
-  EXPECT_EQ(tarnlink_->await(kListening), kListening);
+  EXPECT_TRUE(test::await(*tarnlink_, kListening, 2));
   EXPECT_TRUE(captures());
   ASSERT_EQ(std::system((helper() + " --remove").c_str()), 0);
-  EXPECT_EQ(tarnlink_->await(kListening), kListening);
+  EXPECT_TRUE(test::await(*tarnlink_, kListening, 3));
   EXPECT_FALSE(captures());
-  EXPECT_EQ(tarnlink_->count("died"), 0);
+  EXPECT_EQ(count(*tarnlink_, "died"), 0);
 }
 
 TEST_F(DesktopProgram, WhatIsBrokenAroundItGetsOneLine) {
   start(DesktopSession::Bus::session);
-  const auto preferences = session_->folder() / "config/tarnlink/preferences.json";
+  const auto preferences = *session_ / "config/tarnlink/preferences.json";
   fs::create_directories(preferences.parent_path());
   std::ofstream(preferences) << "{\"pairingCode\":";
   launch();
-  EXPECT_EQ(tarnlink_->await(kListening), kListening);
-  EXPECT_EQ(tarnlink_->count("is not a JSON object"), 1);
-  tarnlink_->terminate();
-  EXPECT_EQ(tarnlink_->awaitEnd(), 0) << "as at the end of a session";
+  EXPECT_TRUE(tarnlink_->waitForOutput(kListening));
+  EXPECT_EQ(count(*tarnlink_, "is not a JSON object"), 1);
+  EXPECT_EQ(tarnlink_->end(), 0) << "as at the end of a session";
 
-  SessionProgram service({TARNLINKD, "--no-advertise"});
-  EXPECT_EQ(service.await(kListening), kListening);
+  Program service({TARNLINKD, "--no-advertise"});
+  EXPECT_TRUE(service.waitForOutput(kListening));
   launch();
-  EXPECT_NE(tarnlink_->await("Start failed: Address already in use"), "");
-  EXPECT_NE(tarnlink_->await("Start failed: tarnlinkd died (exit code 1)"), "");
+  EXPECT_TRUE(tarnlink_->waitForOutput("Start failed: Address already in use"));
+  EXPECT_TRUE(tarnlink_->waitForOutput("Start failed: tarnlinkd died (exit code 1)"));
 
   ::setenv("DISPLAY", ":4711", 1);
-  SessionProgram blind({TARNLINK});
-  EXPECT_EQ(blind.awaitEnd(), 1);
-  EXPECT_EQ(blind.count(""), 1);
-  EXPECT_EQ(blind.count("No display"), 1);
+  Program blind({TARNLINK}, kNoVariables, Program::Errors::passedOn);
+  EXPECT_EQ(blind.wait(), 1);
+  EXPECT_EQ(count(blind, "\n"), 1);
+  EXPECT_EQ(count(blind, "No display"), 1);
 }
 
 }  // namespace

@@ -2,36 +2,14 @@
 // network. All of it goes with its object.
 #pragma once
 
-#include <QProcess>
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "tests/support/program.h"
+#include "tests/support/scratch_folder.h"
+
 namespace tarnlink::test {
-
-/// In front of a command: runs it as the user nobody, without any capability.
-inline const std::vector<std::string> kAsNobody{"/usr/bin/setpriv", "--reuid", "65534",
-                                                "--regid",          "65534",   "--clear-groups"};
-
-/// A program of the session, whose output can be awaited.
-class SessionProgram {
- public:
-  explicit SessionProgram(const std::vector<std::string>& argv);
-  ~SessionProgram();
-
-  /// The next output line that holds the text; empty when none comes within ten seconds.
-  std::string await(const std::string& text);
-  /// The exit code; -1 after a signal, and when it does not end within ten seconds.
-  int awaitEnd();
-  /// All lines so far that hold the text.
-  int count(const std::string& text) const;
-  void terminate() { process_.terminate(); }
-
- private:
-  QProcess process_;
-  std::vector<std::string> lines_;
-};
 
 class DesktopSession {
  public:
@@ -40,20 +18,24 @@ class DesktopSession {
   /// Enters the network namespace and sets the environment of this process and its children.
   /// Throws std::runtime_error with what is missing.
   explicit DesktopSession(Bus bus);
-  ~DesktopSession();
 
-  const std::filesystem::path& folder() const { return folder_; }
+  std::filesystem::path operator/(const std::string& name) const { return folder_ / name; }
 
   /// Waits for a window of the program and presses the key in it; true when that closes it.
   static bool answerAlert(const std::string& key);
   /// What a shell command writes, without the last line end.
-  static std::string run(const std::string& command);
+  static std::string shell(const std::string& command);
 
  private:
-  std::string start(const std::vector<std::string>& argv, const std::string& says);
+  void start(const std::vector<std::string>& argv, const std::string& says);
 
-  std::filesystem::path folder_;
-  std::vector<std::unique_ptr<SessionProgram>> programs_;
+  const ScratchFolder folder_;
+  std::vector<std::unique_ptr<Program>> programs_;
 };
+
+/// How often the text stands in what the program has written.
+int count(const Program& program, const std::string& text);
+/// Until that is so often, ten seconds at most.
+bool await(const Program& program, const std::string& text, int times = 1);
 
 }  // namespace tarnlink::test
