@@ -10,7 +10,7 @@
 namespace tarnlink::test {
 
 /// A command line of tarnlinkctl, its words separated by blanks alone.
-inline std::variant<CtlOptions, CtlEnd> parseCtlLine(const std::string& line) {
+inline std::variant<CtlOptions, CommandLineEnd> parseCtlLine(const std::string& line) {
   std::istringstream input("tarnlinkctl " + line);
   std::vector<std::string> words;
   for (std::string word; input >> word;) words.push_back(word);

@@ -9,10 +9,7 @@
 #include <vector>
 
 #include "protocol/bridge_command.h"
-#include "protocol/json_value.h"
 #include "tests/tools/ctl_line.h"
-#include "tools/tarnlinkctl/command_text.h"
-#include "tools/tarnlinkctl/value_argument.h"
 
 namespace tarnlink {
 using namespace goosestack;
@@ -65,9 +62,9 @@ TEST(TarnlinkctlOptions, BadCommandLinesAreUsageErrorsThatSayWhatIsMeant) {
   for (const auto& [line, says] : cases) {
     SCOPED_TRACE(line);
     const auto parsed = parseCtlLine(line);
-    ASSERT_TRUE(std::holds_alternative<CtlEnd>(parsed));
-    EXPECT_EQ(std::get<CtlEnd>(parsed).exit, CtlExit::usage);
-    EXPECT_THAT(std::get<CtlEnd>(parsed).text, HasSubstr(says));
+    ASSERT_TRUE(std::holds_alternative<CommandLineEnd>(parsed));
+    EXPECT_EQ(std::get<CommandLineEnd>(parsed).exitCode, kExitUsage);
+    EXPECT_THAT(std::get<CommandLineEnd>(parsed).text, HasSubstr(says));
   }
 }
 
@@ -86,13 +83,27 @@ TEST(TarnlinkctlOptions, GlobalOptionsMayFollowTheCommandAndBeatTheEnvironment) 
   EXPECT_TRUE(given.isPortGiven);
   EXPECT_EQ(given.timeout, std::chrono::milliseconds(500));
   EXPECT_TRUE(given.json);
-  EXPECT_EQ(std::get<SubscribeGooseCommand>(given.command).count, std::nullopt);
+  EXPECT_EQ(std::get<SubscribeCommand>(given.command).count, std::nullopt);
+}
+
+/// What the bridge makes of a command line.
+template <class Expected>
+Expected atTheBridge(const std::string& line) {
+  const auto parsed = parseCtlLine(line);
+  if (const auto* end = std::get_if<CommandLineEnd>(&parsed)) throw std::runtime_error(end->text);
+  const auto text = std::visit(
+      [](const auto& command) -> std::string {
+        if constexpr (requires { command.request; }) return command.request.dump();
+        return {};
+      },
+      std::get<CtlOptions>(parsed).command);
+  return std::get<Expected>(BridgeCommand::fromText(text).value().payload);
 }
 
 using Value = GooseDataValue;
 
 TEST(TarnlinkctlValues, EveryFormIsReadAsMeant) {
-  const std::pair<const char*, Value> cases[] = {
+  const std::pair<std::string, Value> cases[] = {
       {"bool:true", Value::boolean(true)},
       {"bool:false", Value::boolean(false)},
       {"int:-2147483648", Value::integer(INT32_MIN)},
@@ -102,26 +113,23 @@ TEST(TarnlinkctlValues, EveryFormIsReadAsMeant) {
       {"bits:0101", Value::bitString({false, true, false, true})},
       {"bits:", Value::bitString({})},
       {"octets:0aFF", Value::octetString({0x0A, 0xFF})},
-      {"string:a:b {}", Value::visibleString("a:b {}")},
+      {"string:a:b{}", Value::visibleString("a:b{}")},
       {"time:2024-05-17T08:15:30.125Z", Value::utcTime(timeFromUnixSeconds(1715933730.125))},
       {R"({"type":"uint16","value":7})", Value::unsignedInteger(7)},
       {R"({"runtimeType":"structure","elements":[{"runtimeType":"array","elements":[)"
        R"({"runtimeType":"bitString","value":[true]}]}]})",
        Value::structure({Value::array({Value::bitString({true})})})},
   };
-  for (const auto& [text, value] : cases) {
-    SCOPED_TRACE(text);
-    const auto read = parseValueArgument(text);
-    ASSERT_TRUE(read);
-    EXPECT_EQ(*read, value);
-  }
-  const auto age = timeNow() - std::get<TimePoint>(parseValueArgument("time:now")->payload);
+  const auto read = [](const std::string& text) {
+    return atTheBridge<BridgeCommand::PublishGoose>("publish --gocb-ref A " + text).config.values;
+  };
+  for (const auto& [text, value] : cases) EXPECT_EQ(read(text), std::vector{value}) << text;
+  const auto age = timeNow() - std::get<TimePoint>(read("time:now").at(0).payload);
   EXPECT_LT(std::abs(age.count()), 10);
 }
 
 TEST(TarnlinkctlValues, WhatWouldBecomeAnotherDatasetIsRefusedByName) {
-  const char* cases[] = {
-      "",
+  const std::string cases[] = {
       "true",
       "bool",
       "bool:1",
@@ -141,26 +149,11 @@ TEST(TarnlinkctlValues, WhatWouldBecomeAnotherDatasetIsRefusedByName) {
       R"({"runtimeType":"int32"})",
       R"({"runtimeType":"structure","elements":[{"runtimeType":"uint64","value":5}]})",
   };
-  for (const auto* text : cases) {
-    SCOPED_TRACE(text);
-    const auto read = parseValueArgument(text);
-    ASSERT_FALSE(read);
-    EXPECT_THAT(read.error().text, StartsWith("'" + std::string(text) + "' "));
+  for (const auto& text : cases) {
+    const auto parsed = parseCtlLine("publish --gocb-ref A " + text);
+    ASSERT_TRUE(std::holds_alternative<CommandLineEnd>(parsed)) << text;
+    EXPECT_THAT(std::get<CommandLineEnd>(parsed).text, StartsWith("VALUE: '" + text + "' "));
   }
-}
-
-/// What the bridge makes of a command line.
-template <class Expected>
-Expected atTheBridge(const std::string& line) {
-  const auto parsed = parseCtlLine(line);
-  if (const auto* end = std::get_if<CtlEnd>(&parsed)) throw std::runtime_error(end->text);
-  const auto text = std::visit(
-      [](const auto& command) -> std::string {
-        if constexpr (requires { commandOf(command); }) return commandOf(command).dump();
-        return {};
-      },
-      std::get<CtlOptions>(parsed).command);
-  return std::get<Expected>(BridgeCommand::fromText(text).value().payload);
 }
 
 TEST(TarnlinkctlCommands, PublicationArrivesWithEveryOption) {
@@ -199,7 +192,8 @@ TEST(TarnlinkctlCommands, PublicationArrivesWithEveryOption) {
       atTheBridge<BridgeCommand::PublishGoose>("publish bool:true --gocb-ref I/L$GO$g").config;
   EXPECT_EQ(shortest.dataSetRef, "I/L$g");
   EXPECT_EQ(shortest.goId, "I/L$GO$g");
-  EXPECT_EQ(shortest.appId, kDefaultGooseAppId);
+  EXPECT_EQ(shortest.appId, 0x1000);
+  EXPECT_EQ(shortest.confRev, 1U);
   EXPECT_EQ(shortest.retransmissionProfile, RetransmissionProfile::standard());
 }
 

@@ -8,8 +8,6 @@
 
 namespace tarnlink {
 
-enum class MessageKind { goose, sampledValues };
-
 /// Subscribes without a filter, on a session of its own and for as long as it lives: when it goes,
 /// so do the captures that nobody else wanted. One thread.
 class ArrivalProbe {

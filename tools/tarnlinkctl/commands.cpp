@@ -157,8 +157,7 @@ CtlResult<void> CtlRun::operator()(const SetInterfaceCommand& command) {
 }
 
 bool runsUntilInterrupted(const CtlCommand& command) {
-  return std::holds_alternative<SubscribeGooseCommand>(command) ||
-         std::holds_alternative<SubscribeSvCommand>(command) ||
+  return std::holds_alternative<SubscribeCommand>(command) ||
          std::holds_alternative<PublishSvCommand>(command);
 }
 

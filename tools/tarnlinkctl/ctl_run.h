@@ -13,7 +13,6 @@
 #include "platform/preference_store.h"
 #include "tools/tarnlinkctl/arrival_probe.h"
 #include "tools/tarnlinkctl/bridge_session.h"
-#include "tools/tarnlinkctl/command_text.h"
 #include "tools/tarnlinkctl/options.h"
 
 namespace tarnlink {
@@ -33,19 +32,16 @@ class CtlRun {
   CtlResult<void> operator()(const PingCommand& command);
   CtlResult<void> operator()(const InterfacesCommand& command);
   CtlResult<void> operator()(const SetInterfaceCommand& command);
-  CtlResult<void> operator()(const SubscribeGooseCommand& command);
-  CtlResult<void> operator()(const SubscribeSvCommand& command);
+  CtlResult<void> operator()(const SubscribeCommand& command);
   CtlResult<void> operator()(const PublishCommand& command);
-  CtlResult<void> operator()(const UnpublishCommand& command);
   CtlResult<void> operator()(const PublishSvCommand& command);
 
  private:
   std::unique_ptr<PreferenceStore> rememberedCodes();
   CtlResult<BridgeSession> authenticated();
-  CtlResult<void> changePublication(BridgeClient::Command command, const std::string& done);
   CtlResult<void> waitUntil(BridgeSession::Clock::time_point deadline, BridgeSession& session);
   void showMessage(const BridgeEvent& event);
-  CtlResult<void> printMessages(BridgeSession& session, MessageKind kind, bool isFiltered);
+  CtlResult<void> printMessages(BridgeSession& session, const SubscribeCommand& command);
   void print(const std::string& line) { out_ << line << std::endl; }
 
   const CtlOptions& options_;

@@ -15,10 +15,7 @@ static_assert(std::atomic<bool>::is_always_lock_free, "is set by a signal handle
 
 int main(int argc, char** argv) {
   const auto parsed = tarnlink::parseCtlOptions(argc, argv);
-  if (const auto* end = std::get_if<tarnlink::CtlEnd>(&parsed)) {
-    (end->exit == tarnlink::CtlExit::done ? std::cout : std::cerr) << end->text << std::flush;
-    return static_cast<int>(end->exit);
-  }
+  if (const auto* end = std::get_if<tarnlink::CommandLineEnd>(&parsed)) return end->show();
   const auto& options = std::get<tarnlink::CtlOptions>(parsed);
   if (tarnlink::runsUntilInterrupted(options.command)) {
     for (const int signal : {SIGINT, SIGTERM}) std::signal(signal, [](int) { interrupted = true; });

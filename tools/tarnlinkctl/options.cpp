@@ -2,10 +2,8 @@
 
 #include <CLI/CLI.hpp>
 #include <memory>
-#include <sstream>
 
 #include "tools/tarnlinkctl/advice.h"
-#include "tools/tarnlinkctl/option_checks.h"
 #include "tools/tarnlinkctl/publish_options.h"
 
 namespace tarnlink {
@@ -26,6 +24,12 @@ constexpr const char* kFooter =
     "no --code.\n"
     "Exit codes: 0 done, 1 no connection or no answer, 2 bad usage, 3 code wrong or not known,\n"
     "4 the bridge answered with an error.";
+
+/// Another text would only cost an attempt.
+std::string checkCode(const std::string& text) {
+  const bool isCode = text.size() == 6 && text.find_first_not_of("0123456789") == text.npos;
+  return isCode ? "" : "a pairing code has six digits: " + text;
+}
 
 void addDiscoverCommand(CLI::App& app, CtlCommand& command) {
   auto* discover = app.add_subcommand("discover", "List the bridges on the network");
@@ -69,33 +73,46 @@ void addPlainCommands(CLI::App& app, CtlCommand& command) {
 }
 
 /// What both kinds of messages are chosen by; more options may follow.
-template <class Command>
 CLI::App* addSubscription(CLI::App& app, const char* name, const char* description,
-                          const std::shared_ptr<Command>& subscription, CtlCommand& command) {
+                          const std::shared_ptr<SubscribeCommand>& subscription,
+                          CtlCommand& command) {
   auto* subscribe = app.add_subcommand(name, description);
-  const auto appId = std::make_shared<std::string>();
-  subscribe->add_option("--app-id", *appId, "Only this APPID (4096 or 0x1000)")
-      ->check(checkAppId)
+  subscribe
+      ->add_option_function<std::uint16_t>(
+          "--app-id",
+          [subscription](std::uint16_t appId) {
+            auto& filter = subscription->request["appIdFilter"];
+            if (subscription->kind == MessageKind::goose) {
+              filter = std::to_string(appId);
+            } else {
+              filter = appId;
+            }
+          },
+          "Only this APPID (4096 or 0x1000)")
+      ->check(appIdRange())
       ->type_name("N");
   subscribe->add_option("--count", subscription->count, "End after so many messages")
-      ->check(checkCount)
+      ->check(countAboveZero())
       ->type_name("N");
-  subscribe->callback([subscription, appId, &command] {
-    subscription->appId = parseAppId(*appId);
-    command = *subscription;
-  });
+  subscribe->callback([subscription, &command] { command = *subscription; });
   return subscribe;
 }
 
 void addSubscribeCommands(CLI::App& app, CtlCommand& command) {
   auto* subscribe = app.add_subcommand("subscribe", "Print messages as they arrive");
   subscribe->require_subcommand(1);
-  const auto goose = std::make_shared<SubscribeGooseCommand>();
+  const auto goose = std::make_shared<SubscribeCommand>(
+      SubscribeCommand{MessageKind::goose, {{"cmd", "subscribe_goose"}}, {}});
   addSubscription(*subscribe, "goose", "GOOSE messages, until interrupted", goose, command)
-      ->add_option("--gocb-ref", goose->goCBRef, "Only this control block")
+      ->add_option_function<std::string>(
+          "--gocb-ref",
+          [goose](const std::string& part) { goose->request["goCBRefFilter"] = part; },
+          "Only this control block")
       ->type_name("TEXT");
   addSubscription(*subscribe, "sv", "Sampled Values, undecoded, until interrupted",
-                  std::make_shared<SubscribeSvCommand>(), command);
+                  std::make_shared<SubscribeCommand>(
+                      SubscribeCommand{MessageKind::sampledValues, {{"cmd", "subscribe_sv"}}, {}}),
+                  command);
 }
 
 /// For a command line that is wrong: the commands there are, or the word that was meant. One line;
@@ -127,7 +144,7 @@ std::string suggestion(const CLI::App& app) {
 
 }  // namespace
 
-std::variant<CtlOptions, CtlEnd> parseCtlOptions(int argc, const char* const* argv) {
+std::variant<CtlOptions, CommandLineEnd> parseCtlOptions(int argc, const char* const* argv) {
   CtlOptions options;
   CLI::App app("Command-line client of a Tarnlink bridge.", "tarnlinkctl");
   app.footer(kFooter);
@@ -157,14 +174,9 @@ std::variant<CtlOptions, CtlEnd> parseCtlOptions(int argc, const char* const* ar
   addSubscribeCommands(app, options.command);
   addPublishCommands(app, options.command);
 
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& end) {
-    std::ostringstream out;
-    std::ostringstream errors;
-    const bool isHelp = app.exit(end, out, errors) == 0;
-    if (!isHelp) errors << suggestion(app);
-    return CtlEnd{isHelp ? CtlExit::done : CtlExit::usage, isHelp ? out.str() : errors.str()};
+  if (auto end = parseCommandLine(app, argc, argv)) {
+    if (end->exitCode != kExitDone) end->text += suggestion(app);
+    return *end;
   }
   options.isPortGiven = port->count() > 0;
   options.timeout = std::chrono::milliseconds(static_cast<std::int64_t>(timeout * 1000));

@@ -1,16 +1,17 @@
-// The command line of tarnlinkctl.
+// The command line of tarnlinkctl. Commands of the protocol are made here: what is not given is
+// left out, for the bridge knows its own defaults.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <variant>
 #include <vector>
 
-#include "goosestack/bytes.h"
-#include "goosestack/goose_data_value.h"
+#include "client/bridge_client.h"
+#include "tools/common/command_line.h"
 
 namespace tarnlink {
 
@@ -23,9 +24,6 @@ enum class CtlExit {
   refused = 4,         ///< The bridge answered with an error.
 };
 
-/// Of publications that name none. Any will do: receivers compare it, switches do not.
-inline constexpr std::uint16_t kDefaultGooseAppId = 0x1000;
-
 struct PairCommand {
   std::string code;
 };
@@ -35,55 +33,29 @@ struct SetInterfaceCommand {
   std::string name;
   bool force = false;  ///< Also one that the bridge does not list.
 };
-struct SubscribeGooseCommand {
-  std::optional<std::uint16_t> appId;
-  std::optional<std::string> goCBRef;
+enum class MessageKind { goose, sampledValues };
+struct SubscribeCommand {
+  MessageKind kind;
+  BridgeClient::Command request;
   std::optional<std::uint64_t> count;  ///< End after so many messages.
 };
-struct SubscribeSvCommand {
-  std::optional<std::int64_t> appId;
-  std::optional<std::uint64_t> count;
-};
-/// What is absent is the bridge's to choose.
+/// A GOOSE publication begins or ends.
 struct PublishCommand {
-  std::uint16_t appId = kDefaultGooseAppId;
-  std::string goCBRef;
-  std::optional<std::string> dataSetRef;  ///< Absent: derived from goCBRef.
-  std::uint32_t confRev = 1;
-  std::optional<std::string> goId;
-  std::optional<std::string> interface;
-  std::optional<std::int64_t> vlanId;
-  std::optional<std::int64_t> vlanPriority;
-  std::optional<std::string> dstMac;
-  std::optional<std::string> srcMac;
-  std::optional<std::string> profile;
-  std::optional<std::int64_t> timeAllowedToLive;  ///< Milliseconds.
-  bool test = false;
-  bool needsCommission = false;
-  std::optional<std::int64_t> stNum;
-  std::optional<std::int64_t> sqNum;
-  bool lockStNum = false;
-  bool lockSqNum = false;
-  std::vector<goosestack::GooseDataValue> values;
-};
-struct UnpublishCommand {
-  std::optional<std::string> goCBRef;  ///< Absent: whatever runs.
+  BridgeClient::Command request;
+  std::string done;  ///< What then has happened, for people.
 };
 struct PublishSvCommand {
-  goosestack::Bytes payload;  ///< All that follows the EtherType.
-  std::optional<std::string> interface;
-  std::optional<std::string> dstMac;
-  std::optional<std::int64_t> vlanId;
-  std::optional<std::int64_t> vlanPriority;
+  BridgeClient::Command request;
+  std::size_t octets = 0;  ///< That follow the EtherType.
   std::uint64_t count = 1;
-  std::chrono::milliseconds interval{1'000};  ///< Between two frames.
+  std::int64_t interval = 1'000;  ///< Milliseconds between two frames.
 };
 struct DiscoverCommand {
   std::chrono::milliseconds wait{2'000};
 };
-using CtlCommand = std::variant<PairCommand, PingCommand, InterfacesCommand, SetInterfaceCommand,
-                                SubscribeGooseCommand, SubscribeSvCommand, PublishCommand,
-                                UnpublishCommand, PublishSvCommand, DiscoverCommand>;
+using CtlCommand =
+    std::variant<PairCommand, PingCommand, InterfacesCommand, SetInterfaceCommand, SubscribeCommand,
+                 PublishCommand, PublishSvCommand, DiscoverCommand>;
 
 struct CtlOptions {
   std::string host = "127.0.0.1";
@@ -97,15 +69,6 @@ struct CtlOptions {
   CtlCommand command;
 };
 
-/// The program has nothing more to do: help was asked for, or the command line is wrong.
-struct CtlEnd {
-  CtlExit exit;
-  std::string text;  ///< For standard output with CtlExit::done, else for standard error.
-};
-
-std::variant<CtlOptions, CtlEnd> parseCtlOptions(int argc, const char* const* argv);
-
-/// Decimal, or hexadecimal after 0x, within 16 bits.
-std::optional<std::uint16_t> parseAppId(std::string_view text);
+std::variant<CtlOptions, CommandLineEnd> parseCtlOptions(int argc, const char* const* argv);
 
 }  // namespace tarnlink

@@ -4,29 +4,18 @@
 #include <utility>
 
 #include "tools/tarnlinkctl/ctl_run.h"
-#include "tools/tarnlinkctl/printing.h"
 
 namespace tarnlink {
 
 CtlResult<void> CtlRun::operator()(const PublishCommand& command) {
-  return changePublication(commandOf(command), "publishing " + printable(command.goCBRef));
-}
-
-CtlResult<void> CtlRun::operator()(const UnpublishCommand& command) {
-  return changePublication(
-      commandOf(command),
-      "unpublished " + printable(command.goCBRef.value_or("whatever was published")));
-}
-
-CtlResult<void> CtlRun::changePublication(BridgeClient::Command command, const std::string& done) {
   auto session = authenticated();
   if (!session) return session.error();
-  const auto status = session->ask(std::move(command), "bridge_status");
+  const auto status = session->ask(command.request, "bridge_status");
   if (!status) return status.error();
   session->close();
   const auto count = status->members.integer("messagesPublished").value_or(0);
   print(options_.json ? status->text
-                      : done + " (active interface: " + activeInterfaceOf(*status) + ", " +
+                      : command.done + " (active interface: " + activeInterfaceOf(*status) + ", " +
                             std::to_string(count) + " published so far)");
   return {};
 }
@@ -37,9 +26,10 @@ CtlResult<void> CtlRun::operator()(const PublishSvCommand& command) {
   const auto start = BridgeSession::Clock::now();
   std::uint64_t sent = 0;
   while (true) {
-    if (const auto result = session->send(commandOf(command)); !result) return result.error();
+    if (const auto result = session->send(command.request); !result) return result.error();
     if (++sent == command.count) break;
-    const auto waited = waitUntil(start + command.interval * sent, *session);
+    const auto waited =
+        waitUntil(start + std::chrono::milliseconds(command.interval) * sent, *session);
     if (!waited) return waited.error();
     if (interrupted_) break;
   }
@@ -47,8 +37,8 @@ CtlResult<void> CtlRun::operator()(const PublishSvCommand& command) {
   const auto served = session->ask({{"cmd", "ping"}}, "pong");
   if (!served) return served.error();
   session->close();
-  print("sent " + std::to_string(sent) + (sent == 1 ? " frame of " : " frames of ") +
-        std::to_string(command.payload.size()) + " octets after the EtherType");
+  print("sent " + framesText(sent) + " of " + std::to_string(command.octets) +
+        " octets after the EtherType");
   return {};
 }
 

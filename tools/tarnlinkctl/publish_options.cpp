@@ -1,16 +1,19 @@
 #include "tools/tarnlinkctl/publish_options.h"
 
 #include <fstream>
-#include <iterator>
 #include <memory>
 
+#include "protocol/base64.h"
+#include "protocol/json_value_codec.h"
 #include "tools/tarnlinkctl/hex_text.h"
-#include "tools/tarnlinkctl/option_checks.h"
+#include "tools/tarnlinkctl/printing.h"
 #include "tools/tarnlinkctl/value_argument.h"
 
 namespace tarnlink {
 namespace {
 
+// Of publications that name none. Any will do: receivers compare it, switches do not.
+constexpr std::uint16_t kDefaultGooseAppId = 0x1000;
 constexpr std::int64_t kMaxVlanId = 4095;     // IEEE 802.1Q: 12 bits.
 constexpr std::int64_t kMaxVlanPriority = 7;  // IEEE 802.1Q: 3 bits.
 constexpr std::int64_t kMaxUint32 = UINT32_MAX;
@@ -29,6 +32,8 @@ constexpr const char* kPublishFooter =
     "give that person time with --timeout.\n"
     "Example: tarnlinkctl publish --gocb-ref 'IED1/LLN0$GO$g1' bool:true";
 
+using Command = BridgeClient::Command;
+
 std::string checkValue(const std::string& text) {
   const auto value = parseValueArgument(text);
   return value ? "" : value.error().text;
@@ -38,94 +43,122 @@ std::string checkHex(const std::string& text) {
   return parseHex(text) ? "" : "must be pairs of hexadecimal digits: " + text;
 }
 
-template <class Command>
-void addEnvelope(CLI::App& app, Command& command) {
-  app.add_option("--interface", command.interface,
-                 "Interface of the bridge; its active one unless given")
-      ->type_name("NAME");
-  app.add_option("--dst-mac", command.dstMac, "Destination address")
-      ->check(checkMac)
-      ->type_name("MAC");
-  app.add_option("--vlan-id", command.vlanId, "VLAN; 0 or none: untagged")
-      ->check(CLI::Range(std::int64_t{0}, kMaxVlanId))
-      ->type_name("N");
-  app.add_option("--vlan-priority", command.vlanPriority, "802.1p priority on a VLAN (default 4)")
-      ->check(CLI::Range(std::int64_t{0}, kMaxVlanPriority))
-      ->type_name("N");
+/// As the bridge reads them.
+std::string checkMac(const std::string& text) {
+  return parseMacAddress(text) ? "" : "must be an address like 01:0C:CD:01:00:01: " + text;
 }
 
-void addNumbers(CLI::App& app, PublishCommand& command) {
-  app.add_option("--conf-rev", command.confRev, "Configuration revision")
-      ->check(CLI::Range(std::int64_t{0}, kMaxUint32))
-      ->type_name("N")
-      ->capture_default_str();
-  app.add_option("--ttl", command.timeAllowedToLive,
-                 "timeAllowedToLive in milliseconds (default 10000)")
-      ->check(CLI::Range(std::int64_t{1}, kMaxUint32))
-      ->type_name("MS");
-  app.add_option("--st-num", command.stNum,
-                 "State number; 0 or none: the one after the bridge's last")
-      ->check(CLI::Range(std::int64_t{0}, kMaxUint32))
-      ->type_name("N");
-  app.add_option("--sq-num", command.sqNum, "Sequence number of the first frame (default 0)")
-      ->check(CLI::Range(std::int64_t{0}, kMaxUint32))
-      ->type_name("N");
-  app.add_flag("--lock-st-num", command.lockStNum, "Keep the bridge's last state number");
-  app.add_flag("--lock-sq-num", command.lockSqNum, "Send every frame under the first number");
+/// Options that become members of a command, which lives as long as the parser.
+struct Members {
+  CLI::App& app;
+  Command& command;
+
+  template <class Value>
+  CLI::Option* add(const char* option, const char* key, const char* description) const {
+    return app.add_option_function<Value>(
+        option, [&to = command, key](const Value& value) { to[key] = value; }, description);
+  }
+  CLI::Option* text(const char* option, const char* key, const char* type,
+                    const char* description) const {
+    return add<std::string>(option, key, description)->type_name(type);
+  }
+  CLI::Option* number(const char* option, const char* key, std::int64_t least, std::int64_t most,
+                      const char* description, const char* type = "N") const {
+    return add<std::int64_t>(option, key, description)
+        ->check(CLI::Range(least, most))
+        ->type_name(type);
+  }
+  void flag(const char* option, const char* key, const char* description) const {
+    app.add_flag_callback(
+        option, [&to = command, key] { to[key] = true; }, description);
+  }
+  /// What GOOSE and Sampled Values are sent in.
+  void envelope() const {
+    text("--interface", "interface", "NAME",
+         "Interface of the bridge; its active one unless given");
+    text("--dst-mac", "dstMac", "MAC", "Destination address")->check(checkMac);
+    number("--vlan-id", "vlanId", 0, kMaxVlanId, "VLAN; 0 or none: untagged");
+    number("--vlan-priority", "vlanPriority", 0, kMaxVlanPriority,
+           "802.1p priority on a VLAN (default 4)");
+  }
+};
+
+/// Where IED/LLN0$GO$name has its dataset unless told otherwise: IED/LLN0$name (IEC 61850-8-1 puts
+/// the functional constraint between the two).
+std::string defaultDataSetRef(std::string reference) {
+  constexpr std::string_view kConstraint = "$GO$";
+  if (const auto at = reference.find(kConstraint); at != reference.npos) {
+    reference.replace(at, kConstraint.size(), "$");
+  }
+  return reference;
 }
 
 void addPublish(CLI::App& app, CtlCommand& result) {
-  struct Arguments {
-    PublishCommand command;
-    std::string appId;
-    std::vector<std::string> values;
-  };
-  const auto given = std::make_shared<Arguments>();
-  PublishCommand& command = given->command;
+  const auto given = std::make_shared<PublishCommand>();
+  auto& request = given->request;
+  request = {
+      {"cmd", "publish_goose"}, {"appId", kDefaultGooseAppId}, {"confRev", 1}, {"strict", true}};
   auto* publish = app.add_subcommand("publish", "Publish a GOOSE control block");
   publish->footer(kPublishFooter);
-  publish->add_option("--gocb-ref", command.goCBRef, "Reference of the control block")
-      ->required()
-      ->type_name("TEXT");
-  publish->add_option("--app-id", given->appId, "APPID (4096 or 0x1000; default 0x1000)")
-      ->check(checkAppId)
+  const Members members{*publish, request};
+  members.text("--gocb-ref", "goCBRef", "TEXT", "Reference of the control block")->required();
+  members.add<std::uint16_t>("--app-id", "appId", "APPID (4096 or 0x1000; default 0x1000)")
+      ->check(appIdRange())
       ->type_name("N");
+  members.text("--dataset", "dataSetRef", "TEXT",
+               "Reference of the dataset; unless given, --gocb-ref without its $GO");
+  members.text("--go-id", "goID", "TEXT", "goID; --gocb-ref unless given");
+  members
+      .text("--profile", "retransmissionProfile", "NAME",
+            "Retransmission: standard (default), fast, or single for one frame alone")
+      ->check(CLI::IsMember({"standard", "fast", "single"}));
+  members.text("--src-mac", "srcMac", "MAC", "Source address; the interface's unless given")
+      ->check(checkMac);
+  members.flag("--test", "test", "Mark the messages as simulated");
+  members.flag("--needs-commission", "needsCommission", "Set ndsCom");
+  members.envelope();
+  members.number("--conf-rev", "confRev", 0, kMaxUint32, "Configuration revision")
+      ->default_str("1");
+  members.number("--ttl", "timeAllowedToLive", 1, kMaxUint32,
+                 "timeAllowedToLive in milliseconds (default 10000)", "MS");
+  members.number("--st-num", "stNum", 0, kMaxUint32,
+                 "State number; 0 or none: the one after the bridge's last");
+  members.number("--sq-num", "sqNum", 0, kMaxUint32,
+                 "Sequence number of the first frame (default 0)");
+  members.flag("--lock-st-num", "lockStNum", "Keep the bridge's last state number");
+  members.flag("--lock-sq-num", "lockSqNum", "Send every frame under the first number");
   publish
-      ->add_option("--dataset", command.dataSetRef,
-                   "Reference of the dataset; unless given, --gocb-ref without its $GO")
-      ->type_name("TEXT");
-  publish->add_option("--go-id", command.goId, "goID; --gocb-ref unless given")->type_name("TEXT");
-  publish
-      ->add_option("--profile", command.profile,
-                   "Retransmission: standard (default), fast, or single for one frame alone")
-      ->check(CLI::IsMember({"standard", "fast", "single"}))
-      ->type_name("NAME");
-  publish->add_option("--src-mac", command.srcMac, "Source address; the interface's unless given")
-      ->check(checkMac)
-      ->type_name("MAC");
-  publish->add_flag("--test", command.test, "Mark the messages as simulated");
-  publish->add_flag("--needs-commission", command.needsCommission, "Set ndsCom");
-  addEnvelope(*publish, command);
-  addNumbers(*publish, command);
-  publish->add_option("VALUE", given->values, "Members of the dataset, see below")
+      ->add_option_function<std::vector<std::string>>(
+          "VALUE",
+          [&request](const std::vector<std::string>& texts) {
+            for (const auto& text : texts) request["values"].push_back(*parseValueArgument(text));
+          },
+          "Members of the dataset, see below")
       ->required()
       ->check(checkValue)
       ->type_name("");
-  publish->callback([given, &result] {
-    if (const auto appId = parseAppId(given->appId)) given->command.appId = *appId;
-    for (const auto& text : given->values) {
-      if (auto value = parseValueArgument(text)) given->command.values.push_back(*value);
-    }
-    result = given->command;
+  publish->callback([given, &request, &result] {
+    const std::string reference = request["goCBRef"];
+    if (!request.contains("dataSetRef")) request["dataSetRef"] = defaultDataSetRef(reference);
+    given->done = "publishing " + printable(reference);
+    result = *given;
   });
 }
 
 void addUnpublish(CLI::App& app, CtlCommand& result) {
-  const auto command = std::make_shared<UnpublishCommand>();
+  const auto given = std::make_shared<PublishCommand>(
+      PublishCommand{{{"cmd", "unpublish_goose"}}, "unpublished whatever was published"});
   auto* unpublish = app.add_subcommand("unpublish", "End the bridge's GOOSE publication");
-  unpublish->add_option("--gocb-ref", command->goCBRef, "Only if it is that of this control block")
+  unpublish
+      ->add_option_function<std::string>(
+          "--gocb-ref",
+          [given](const std::string& reference) {
+            given->request["goCBRef"] = reference;
+            given->done = "unpublished " + printable(reference);
+          },
+          "Only if it is that of this control block")
       ->type_name("TEXT");
-  unpublish->callback([command, &result] { result = *command; });
+  unpublish->callback([given, &result] { result = *given; });
 }
 
 goosestack::Bytes readPayload(const std::string& path) {
@@ -144,10 +177,10 @@ void addPublishSv(CLI::App& app, CtlCommand& result) {
     PublishSvCommand command;
     std::string hex;
     std::string file;
-    std::string count = "1";
-    std::int64_t interval = 1000;
   };
   const auto given = std::make_shared<Arguments>();
+  auto& command = given->command;
+  command.request = {{"cmd", "publish_sv_apdu"}, {"strict", true}};
   auto* publish = app.add_subcommand("publish-sv", "Send a Sampled Values payload once or more");
   publish->footer(
       "The payload is all that follows the EtherType: APPID, length, two reserved\n"
@@ -159,29 +192,34 @@ void addPublishSv(CLI::App& app, CtlCommand& result) {
                    ->check(CLI::ExistingFile)
                    ->excludes(hex)
                    ->type_name("FILE");
-  addEnvelope(*publish, given->command);
-  publish->add_option("--count", given->count, "Send it so many times")
-      ->check(checkCount)
+  Members{*publish, command.request}.envelope();
+  publish->add_option("--count", command.count, "Send it so many times")
+      ->check(countAboveZero())
       ->type_name("N")
       ->capture_default_str();
-  publish->add_option("--interval", given->interval, "Milliseconds between two of them")
+  publish->add_option("--interval", command.interval, "Milliseconds between two of them")
       ->check(CLI::Range(std::int64_t{1}, kMaxInterval))
       ->type_name("MS")
       ->capture_default_str();
   publish->callback([given, hex, file, &result] {
     if (hex->empty() && file->empty()) throw CLI::RequiredError("HEX or --file");
-    auto& command = given->command;
-    command.payload = file->empty() ? *parseHex(given->hex) : readPayload(given->file);
-    if (command.payload.size() > kMaxSvPayload) {
+    const auto payload = file->empty() ? *parseHex(given->hex) : readPayload(given->file);
+    if (payload.size() > kMaxSvPayload) {
       throw CLI::ValidationError("payload", "is larger than any frame");
     }
-    command.count = std::stoull(given->count);
-    command.interval = std::chrono::milliseconds(given->interval);
-    result = command;
+    std::string encoded(base64Length(payload.size()), '\0');
+    writeBase64(payload, encoded.data());
+    given->command.request["pduBase64"] = encoded;
+    given->command.octets = payload.size();
+    result = given->command;
   });
 }
 
 }  // namespace
+
+CLI::Validator appIdRange() {
+  return CLI::Range(0, int{UINT16_MAX}).description("");
+}
 
 void addPublishCommands(CLI::App& app, CtlCommand& command) {
   addPublish(app, command);

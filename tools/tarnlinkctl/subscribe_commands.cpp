@@ -19,32 +19,27 @@ constexpr seconds kProbing{3};
 
 }  // namespace
 
-CtlResult<void> CtlRun::operator()(const SubscribeGooseCommand& command) {
+CtlResult<void> CtlRun::operator()(const SubscribeCommand& command) {
   auto session = authenticated();
   if (!session) return session.error();
   messagesLeft_ = command.count;
-  const auto status = session->ask(commandOf(command), "bridge_status",
-                                   [this](const BridgeEvent& event) { showMessage(event); });
-  if (!status) return status.error();
-  if (options_.json) {
-    print(status->text);
+  const auto show = [this](const BridgeEvent& event) { showMessage(event); };
+  if (command.kind == MessageKind::goose) {
+    const auto status = session->ask(command.request, "bridge_status", show);
+    if (!status) return status.error();
+    if (options_.json) {
+      print(status->text);
+    } else {
+      errors_ << "subscribed on " << activeInterfaceOf(*status) << std::endl;
+    }
   } else {
-    errors_ << "subscribed on " << activeInterfaceOf(*status) << std::endl;
+    if (const auto sent = session->send(command.request); !sent) return sent.error();
+    // Commands are served in their order: a refusal would come before this pong.
+    const auto served = session->ask({{"cmd", "ping"}}, "pong", show);
+    if (!served) return served.error();
+    if (!options_.json) errors_ << "subscribed" << std::endl;
   }
-  return printMessages(*session, MessageKind::goose, command.appId || command.goCBRef);
-}
-
-CtlResult<void> CtlRun::operator()(const SubscribeSvCommand& command) {
-  auto session = authenticated();
-  if (!session) return session.error();
-  messagesLeft_ = command.count;
-  if (const auto sent = session->send(commandOf(command)); !sent) return sent.error();
-  // Commands are served in their order: a refusal would come before this pong.
-  const auto served = session->ask({{"cmd", "ping"}}, "pong",
-                                   [this](const BridgeEvent& event) { showMessage(event); });
-  if (!served) return served.error();
-  if (!options_.json) errors_ << "subscribed" << std::endl;
-  return printMessages(*session, MessageKind::sampledValues, command.appId.has_value());
+  return printMessages(*session, command);
 }
 
 void CtlRun::showMessage(const BridgeEvent& event) {
@@ -64,7 +59,7 @@ void CtlRun::showMessage(const BridgeEvent& event) {
   if (isMessage && messagesLeft_) --*messagesLeft_;
 }
 
-CtlResult<void> CtlRun::printMessages(BridgeSession& session, MessageKind kind, bool isFiltered) {
+CtlResult<void> CtlRun::printMessages(BridgeSession& session, const SubscribeCommand& command) {
   const auto start = BridgeSession::Clock::now();
   std::optional<ArrivalProbe> probe;
   bool hasProbed = false;
@@ -77,7 +72,8 @@ CtlResult<void> CtlRun::printMessages(BridgeSession& session, MessageKind kind, 
 
     const auto silence = BridgeSession::Clock::now() - start;
     if (!hasMessage_ && silence >= kSilence - kProbing && !std::exchange(hasProbed, true)) {
-      if (auto second = authenticated()) probe.emplace(std::move(*second), kind, isFiltered);
+      if (auto second = authenticated())
+        probe.emplace(std::move(*second), command.kind, command.request.size() > 1);
     }
     if (probe && !probe->look()) probe.reset();
     isExplained = hasMessage_ || silence >= kSilence;

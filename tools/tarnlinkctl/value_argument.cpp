@@ -2,8 +2,7 @@
 
 #include <array>
 #include <charconv>
-#include <cmath>
-#include <optional>
+#include <cstdint>
 #include <utility>
 
 #include "protocol/bridge_time.h"
@@ -14,85 +13,62 @@
 namespace tarnlink {
 namespace {
 
-using Value = goosestack::GooseDataValue;
-using Read = std::optional<Value>;
+using Json = nlohmann::ordered_json;
+
+// Each gives null for what it does not take.
 
 template <class Number>
-std::optional<Number> wholeNumber(std::string_view text) {
+Json numberFrom(std::string_view text) {
   Number number{};
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
   if (error != std::errc() || end != text.data() + text.size()) return {};
-  return number;
+  return number - number == 0 ? Json(number) : Json();  // JSON has no infinite ones.
 }
 
-template <class Float>
-std::optional<Float> finite(std::string_view text) {
-  const auto number = wholeNumber<Float>(text);
-  return number && std::isfinite(*number) ? number : std::nullopt;  // JSON has no others.
+Json booleanFrom(std::string_view text) {
+  return text == "true" || text == "false" ? Json(text == "true") : Json();
 }
 
-Read booleanFrom(std::string_view text) {
-  if (text != "true" && text != "false") return {};
-  return Value::boolean(text == "true");
-}
-
-Read integerFrom(std::string_view text) {
-  const auto number = wholeNumber<std::int32_t>(text);
-  return number ? Read(Value::integer(*number)) : std::nullopt;
-}
-
-Read unsignedFrom(std::string_view text) {
-  const auto number = wholeNumber<std::uint32_t>(text);
-  return number ? Read(Value::unsignedInteger(*number)) : std::nullopt;
-}
-
-Read floatFrom(std::string_view text) {
-  const auto number = finite<float>(text);
-  return number ? Read(Value::floatingPoint(*number)) : std::nullopt;
-}
-
-Read doubleFrom(std::string_view text) {
-  const auto number = finite<double>(text);
-  return number ? Read(Value::realDouble(*number)) : std::nullopt;
-}
-
-Read bitsFrom(std::string_view text) {
+Json bitsFrom(std::string_view text) {
   if (text.find_first_not_of("01") != text.npos) return {};
-  Value::BitString bits;
+  auto bits = Json::array();
   for (const char bit : text) bits.push_back(bit == '1');
-  return Value::bitString(std::move(bits));
+  return bits;
 }
 
-Read octetsFrom(std::string_view text) {
-  auto octets = parseHex(text);
-  return octets ? Read(Value::octetString(std::move(*octets))) : std::nullopt;
+Json octetsFrom(std::string_view text) {
+  const auto octets = parseHex(text);
+  return octets ? Json(*octets) : Json();
 }
 
-Read stringFrom(std::string_view text) {
-  return Value::visibleString(std::string(text));
+Json stringFrom(std::string_view text) {
+  return text;
 }
 
-Read timeFrom(std::string_view text) {
-  const auto time = text == "now" ? std::optional(goosestack::timeNow()) : parseBridgeIso8601(text);
-  return time ? Read(Value::utcTime(*time)) : std::nullopt;
+Json timeFrom(std::string_view text) {
+  if (text == "now") return bridgeIso8601Formatter.string(goosestack::timeNow());
+  return parseBridgeIso8601(text) ? Json(text) : Json();
 }
 
 struct ShortForm {
   std::string_view name;
-  Read (*read)(std::string_view text);
+  const char *type, *member;  // Of the protocol's object.
+  Json (*read)(std::string_view text);
   const char* wanted;
 };
 
 constexpr std::array kShortForms{
-    ShortForm{"bool", booleanFrom, "true or false"},
-    ShortForm{"int", integerFrom, "a whole number from -2147483648 to 2147483647"},
-    ShortForm{"uint", unsignedFrom, "a whole number from 0 to 4294967295"},
-    ShortForm{"float", floatFrom, "a number that 32 bits can hold"},
-    ShortForm{"double", doubleFrom, "a number that 64 bits can hold"},
-    ShortForm{"bits", bitsFrom, "zeros and ones"},
-    ShortForm{"octets", octetsFrom, "pairs of hexadecimal digits"},
-    ShortForm{"string", stringFrom, "text"},
-    ShortForm{"time", timeFrom, "a time like 2024-05-17T08:15:30.125Z, or now"},
+    ShortForm{"bool", "boolean", "value", booleanFrom, "true or false"},
+    ShortForm{"int", "int32", "value", numberFrom<std::int32_t>,
+              "a whole number from -2147483648 to 2147483647"},
+    ShortForm{"uint", "uint32", "value", numberFrom<std::uint32_t>,
+              "a whole number from 0 to 4294967295"},
+    ShortForm{"float", "float32", "value", numberFrom<float>, "a number that 32 bits can hold"},
+    ShortForm{"double", "float64", "value", numberFrom<double>, "a number that 64 bits can hold"},
+    ShortForm{"bits", "bitString", "bits", bitsFrom, "zeros and ones"},
+    ShortForm{"octets", "octetString", "bytes", octetsFrom, "pairs of hexadecimal digits"},
+    ShortForm{"string", "visibleString", "value", stringFrom, "text"},
+    ShortForm{"time", "utcTime", "value", timeFrom, "a time like 2024-05-17T08:15:30.125Z, or now"},
 };
 
 ValueError unreadable(std::string_view text, const std::string& reason) {
@@ -101,27 +77,27 @@ ValueError unreadable(std::string_view text, const std::string& reason) {
 
 }  // namespace
 
-boost::system::result<goosestack::GooseDataValue, ValueError> parseValueArgument(
-    std::string_view text) {
+boost::system::result<Json, ValueError> parseValueArgument(std::string_view text) {
   if (text.starts_with('{')) {
     const auto object = parseJsonObject(text);
     if (!object) {
       return unreadable(text, R"(is no JSON object like {"runtimeType":"int32","value":5})");
     }
-    auto value = fromBridgeJson<Value>(*object, Reading::strict);
+    const auto value = fromBridgeJson<goosestack::GooseDataValue>(*object, Reading::strict);
     if (!value) return unreadable(text, "is no value: " + value.error().reason());
-    return std::move(*value);
+    return {boost::system::in_place_value, Json::parse(text)};
   }
   const auto colon = text.find(':');
-  const auto name = text.substr(0, colon);
-  for (const ShortForm& form : kShortForms) {
-    if (colon == text.npos || form.name != name) continue;
-    if (auto value = form.read(text.substr(colon + 1))) return std::move(*value);
-    return unreadable(text,
-                      std::string("needs ") + form.wanted + " after '" + form.name.data() + ":'");
-  }
   std::string names;
-  for (const ShortForm& form : kShortForms) names += " " + std::string(form.name) + ":";
+  for (const auto& [name, type, member, read, wanted] : kShortForms) {
+    names.append(" ").append(name).append(":");
+    if (colon == text.npos || name != text.substr(0, colon)) continue;
+    if (auto value = read(text.substr(colon + 1)); !value.is_null()) {
+      return {boost::system::in_place_value,
+              Json{{"runtimeType", type}, {member, std::move(value)}}};
+    }
+    return unreadable(text, std::string("needs ") + wanted + " after '" + name.data() + ":'");
+  }
   return unreadable(text, "begins with none of" + names + " {");
 }
 

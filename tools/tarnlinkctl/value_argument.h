@@ -2,10 +2,9 @@
 #pragma once
 
 #include <boost/system/result.hpp>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
-
-#include "goosestack/goose_data_value.h"
 
 namespace tarnlink {
 
@@ -14,15 +13,14 @@ struct ValueError {
   std::string text;
 };
 
-/// One value: a short form, or an object of the protocol (structures and arrays have no other
-/// form).
+/// One value as the protocol has it: from a short form, or the object itself (structures and arrays
+/// have no other form).
 ///
 ///   bool:true  int:-5  uint:7  float:1.5  double:1.5  bits:0101  octets:0AFF  string:text
 ///   time:2024-05-17T08:15:30.125Z  time:now
 ///
 /// Objects are read strictly: nobody wants to publish another dataset than the one typed. Only
 /// "time:now" reads the clock.
-boost::system::result<goosestack::GooseDataValue, ValueError> parseValueArgument(
-    std::string_view text);
+boost::system::result<nlohmann::ordered_json, ValueError> parseValueArgument(std::string_view text);
 
 }  // namespace tarnlink
