@@ -1,8 +1,6 @@
 // The limit: a bare loop that gives encoded frames to the kernel, 64 with each sendmsg, out of one
 // table that all clients share. No queue, no reference counts, no timers, no pings; a client that
 // does not read holds up the others.
-#include <arpa/inet.h>
-#include <netinet/tcp.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -10,14 +8,19 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/write.hpp>
 #include <string_view>
-#include <system_error>
 
 #include "bench/burst_server.h"
 
 namespace tarnlink::bench {
 namespace {
+
+namespace asio = boost::asio;
+using asio::ip::tcp;
 
 // RFC 6455, 1.3: to the key of that example, which the readers send.
 constexpr std::string_view kUpgradeAnswer =
@@ -25,26 +28,13 @@ constexpr std::string_view kUpgradeAnswer =
     "Sec-WebSocket-Accept: s3pPLMBiTxaQ9kYGzzhZRbK+xOo=\r\n\r\n";
 constexpr std::uint64_t kStop = 1 << 20;  // More frames than are ever fed.
 
-template <class Result>
-Result checked(Result result) {
-  if (result < 0) throw std::system_error(errno, std::generic_category(), "bare server");
-  return result;
-}
-
 class BareServer final : public BurstServer {
  public:
-  BareServer(std::uint16_t port, const Frames& frames, std::size_t clients) {
+  BareServer(std::uint16_t port, const Frames& frames, std::size_t clients)
+      : acceptor_(io_, tcp::endpoint(asio::ip::address_v4::loopback(), port)) {
     for (const auto& frame : frames) {
       table_.push_back({const_cast<char*>(frame->data()), frame->size()});
     }
-    const int on = 1;
-    ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    checked(::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address));
-    checked(::listen(listener_, SOMAXCONN));
     thread_ = std::thread([this, clients] {
       while (clients_.size() < clients) accept();
       while (sendBurst()) {
@@ -54,45 +44,40 @@ class BareServer final : public BurstServer {
   ~BareServer() override {
     feed(kStop);
     thread_.join();
-    for (const int client : clients_) ::close(client);
-    ::close(listener_);
     ::close(wake_);
   }
 
-  void feed(std::size_t frames) override {
-    const std::uint64_t count = frames;
-    checked(::write(wake_, &count, sizeof count));
-  }
+  void feed(std::size_t frames) override { ::eventfd_write(wake_, frames); }
 
  private:
   void accept() {
-    const int client = checked(::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC));
-    const int on = 1;
-    ::setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    auto client = acceptor_.accept();
+    client.set_option(tcp::no_delay(true));
     std::array<char, 1024> request;  // Comes in one piece.
-    checked(::read(client, request.data(), request.size()));
-    checked(::write(client, kUpgradeAnswer.data(), kUpgradeAnswer.size()));
-    clients_.push_back(client);
+    client.read_some(asio::buffer(request));
+    asio::write(client, asio::buffer(kUpgradeAnswer));
+    clients_.push_back(std::move(client));
   }
 
   // Waits for frames; false when there will be no more.
   bool sendBurst() {
-    std::uint64_t frames = 0;
-    checked(::read(wake_, &frames, sizeof frames));
+    eventfd_t frames = 0;
+    ::eventfd_read(wake_, &frames);
     if (frames >= kStop) return false;
-    for (; frames > 0; frames -= std::min<std::uint64_t>(frames, kBurst)) {
+    for (; frames > 0; frames -= std::min<eventfd_t>(frames, kBurst)) {
       msghdr burst{};
       burst.msg_iov = table_.data();
-      burst.msg_iovlen = std::min<std::uint64_t>(frames, kBurst);
-      for (const int client : clients_) ::sendmsg(client, &burst, MSG_NOSIGNAL);
+      burst.msg_iovlen = std::min<eventfd_t>(frames, kBurst);
+      for (auto& client : clients_) ::sendmsg(client.native_handle(), &burst, MSG_NOSIGNAL);
     }
     return true;
   }
 
+  asio::io_context io_;
+  tcp::acceptor acceptor_;
   std::vector<iovec> table_;
-  int listener_ = checked(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  int wake_ = checked(::eventfd(0, EFD_CLOEXEC));
-  std::vector<int> clients_;
+  const int wake_ = ::eventfd(0, EFD_CLOEXEC);
+  std::vector<tcp::socket> clients_;
 };
 
 }  // namespace

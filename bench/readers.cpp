@@ -1,13 +1,12 @@
 #include "bench/readers.h"
 
-#include <arpa/inet.h>
-#include <netinet/tcp.h>
 #include <sys/epoll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/write.hpp>
 #include <cerrno>
 #include <stdexcept>
 #include <string_view>
@@ -23,9 +22,9 @@ constexpr std::string_view kUpgradeRequest =
     "GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
     "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n";
 
-int checked(ssize_t result, const char* what) {
+int checked(int result, const char* what) {
   if (result < 0) throw std::system_error(errno, std::generic_category(), what);
-  return static_cast<int>(result);
+  return result;
 }
 
 // RFC 6455, 5.2 and 5.3: one frame of up to 125 octets. Under the masking key zero they stay.
@@ -42,42 +41,32 @@ Readers::Readers(std::size_t count, std::uint16_t port, const std::vector<std::s
   for (std::size_t i = 0; i < count; ++i) connect(port, commands, awaited);
   for (Client& client : clients_) {
     epoll_event event{.events = EPOLLIN, .data = {.ptr = &client}};
-    checked(::epoll_ctl(epoll_, EPOLL_CTL_ADD, client.socket, &event), "epoll_ctl");
+    checked(::epoll_ctl(epoll_, EPOLL_CTL_ADD, client.socket.native_handle(), &event), "epoll_ctl");
   }
   thread_ = std::thread([this] { read(); });
 }
 
 Readers::~Readers() {
   isStopping_ = true;
-  ::shutdown(clients_.front().socket, SHUT_RDWR);  // Wakes the thread.
+  clients_.front().socket.shutdown(tcp::socket::shutdown_both);  // Wakes the thread.
   thread_.join();
-  for (const Client& client : clients_) ::close(client.socket);
   ::close(epoll_);
 }
 
 void Readers::connect(std::uint16_t port, const std::vector<std::string>& commands,
                       const std::string& awaited) {
-  const int socket = checked(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
-  clients_.push_back({socket, {}});
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  const int yes = 1;
-  const timeval patience{std::chrono::seconds(kPatience).count(), 0};
-  ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
-  ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-  checked(::connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address), "connect");
+  clients_.push_back({tcp::socket(io_), {}});
+  tcp::socket& socket = clients_.back().socket;
+  socket.connect({boost::asio::ip::address_v4::loopback(), port});
+  socket.set_option(tcp::no_delay(true));
   std::string all(kUpgradeRequest);
   for (const auto& command : commands) all += maskedText(command);
-  checked(::send(socket, all.data(), all.size(), MSG_NOSIGNAL), "send");
+  boost::asio::write(socket, boost::asio::buffer(all));
   std::string answer;
   std::array<char, 4096> octets;
   std::size_t head = 0;
   while ((head = answer.find(kHeadEnd)) == answer.npos || answer.find(awaited) == answer.npos) {
-    const auto count = checked(::recv(socket, octets.data(), octets.size(), 0), "recv");
-    if (count == 0) throw std::runtime_error("the server has refused a client: " + answer);
-    answer.append(octets.data(), static_cast<std::size_t>(count));
+    answer.append(octets.data(), socket.read_some(boost::asio::buffer(octets)));
   }
   if (!answer.starts_with("HTTP/1.1 101")) throw std::runtime_error("no upgrade: " + answer);
   head += kHeadEnd.size();
@@ -91,9 +80,9 @@ void Readers::read() {
     const int count = ::epoll_wait(epoll_, events.data(), static_cast<int>(events.size()), -1);
     for (int i = 0; i < count; ++i) {
       auto& client = *static_cast<Client*>(events[static_cast<std::size_t>(i)].data.ptr);
-      const auto size = checked(::read(client.socket, buffer.data(), buffer.size()), "read");
-      if (size == 0 && !isStopping_) throw std::runtime_error("the server has closed a connection");
-      client.frames.take(buffer.data(), static_cast<std::size_t>(size));
+      const auto size = ::read(client.socket.native_handle(), buffer.data(), buffer.size());
+      if (size <= 0 && !isStopping_) throw std::runtime_error("a server has closed a connection");
+      client.frames.take(buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
     }
     tellCounts();
   }

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <atomic>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -42,6 +44,8 @@ class Readers {
   const std::vector<Clock::time_point>& arrivals() const { return arrivals_; }
 
  private:
+  using tcp = boost::asio::ip::tcp;
+
   /// Counts frames in an octet stream (RFC 6455, 5.2; unmasked, as servers send).
   class FrameCounter {
    public:
@@ -55,7 +59,7 @@ class Readers {
     std::uint64_t count_ = 0;
   };
   struct Client {
-    int socket;
+    tcp::socket socket;
     FrameCounter frames;
   };
 
@@ -64,6 +68,7 @@ class Readers {
   void read();
   void tellCounts();
 
+  boost::asio::io_context io_;
   std::vector<Client> clients_;
   int epoll_ = -1;
   std::atomic<bool> isStopping_{false};
