@@ -50,7 +50,6 @@ class ProcessRunner {
 /// half a second to end after SIGTERM, then SIGKILL; one that cannot be killed because it runs as
 /// another user is left to itself after another half second. Throws std::system_error where no
 /// descriptor is to be had.
-std::unique_ptr<ProcessRunner> makeProcessRunner(
-    std::chrono::milliseconds limit = std::chrono::hours(24));
+std::unique_ptr<ProcessRunner> makeProcessRunner(std::chrono::milliseconds limit);
 
 }  // namespace tarnlink

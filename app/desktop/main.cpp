@@ -3,6 +3,7 @@
 #include <QCoreApplication>
 #include <QLocale>
 #include <QTimer>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <string>
@@ -23,6 +24,9 @@
 namespace tarnlink {
 namespace fs = std::filesystem;
 namespace {
+
+// A prompt may wait for its person all day: nothing else does meanwhile.
+constexpr std::chrono::hours kPromptTime{24};
 
 // A session without a language, such as "C", gets the texts as they were written first.
 Language sessionLanguage() {
@@ -46,7 +50,7 @@ int runDesktop(const QApplication& application, const DesktopOptions& options) {
   if (!addresses.empty()) supervision.host = addresses.front().to_string();
   supervision.port = options.bridge.port;
   BridgeSupervisor bridge(supervision, *preferences, logToConsole);
-  BpfCapabilityAccess access(makeProcessRunner(), files);
+  BpfCapabilityAccess access(makeProcessRunner(kPromptTime), files);
   BackgroundAccess installing(access);
   MessageAlerts alerts;
   BpfPermissionHelper permission(installing, alerts, texts);

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 #include <net/if.h>
 
+#include <cstdlib>
+
 #include "app/host/vlan_interface_helper.h"
 #include "tests/support/network_namespace.h"
 
@@ -10,7 +12,7 @@ namespace {
 
 bool addByHand(const std::string& name) {
   const std::string add = "/sbin/ip link add link bus0 type vlan id 100 name " + name;
-  return makeProcessRunner()->run({"/bin/sh", "-c", add}).value().succeeded();
+  return std::system((add + " 2>/dev/null").c_str()) == 0;
 }
 
 class VlanNetwork : public test::ProcessBusTest {};

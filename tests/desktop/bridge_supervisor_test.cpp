@@ -7,6 +7,7 @@
 #include <QCoreApplication>
 #include <csignal>
 #include <filesystem>
+#include <future>
 #include <memory>
 #include <nlohmann/json.hpp>
 
@@ -164,8 +165,16 @@ TEST_F(BridgeSupervision, AnInterfaceIsChosenByProtocolOrByPreference) {
   EXPECT_EQ(count("restored active interface: bus-1"), 1);
   EXPECT_EQ(count("died"), 0);
 
+  auto client = BridgeClient::connect({"127.0.0.1"}, kPort).value();
+  EXPECT_TRUE(client.authenticate(preferences_->read("pairingCode").value()));
+  auto told = std::async(std::launch::async, [&client] {
+    while (client.next(5s)) {
+    }
+    return client.closeCode();
+  });
   supervisor_->stop();
   EXPECT_EQ(count("[BridgeServer] Stopped"), 2);
+  EXPECT_EQ(told.get(), 1001) << "clients hear that it goes";
 }
 
 TEST_F(BridgeSupervision, OnlyTheTokenLetsTheOwnerInAndGuessersDoNotKeepItOut) {

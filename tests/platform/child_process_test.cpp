@@ -19,6 +19,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
+constexpr std::chrono::minutes kLimit{1};
 constexpr const char* kEnvironment = "PATH=/usr/sbin:/usr/bin:/sbin:/bin\nLC_ALL=C\n";
 
 TEST(ChildProcess, EndsAndOutputsAreToldApart) {
@@ -36,7 +37,7 @@ TEST(ChildProcess, EndsAndOutputsAreToldApart) {
       {"leaves a child behind", {"/bin/sh", "-c", "sleep 3 & echo x"}, 0, 0, "x\n", ""},
       {"environment", {"/usr/bin/env"}, 0, 0, kEnvironment, ""},
   };
-  const auto runner = makeProcessRunner();
+  const auto runner = makeProcessRunner(kLimit);
   const auto start = Clock::now();
   for (const auto& c : cases) {
     SCOPED_TRACE(c.situation);
@@ -57,7 +58,7 @@ TEST(ChildProcess, NeitherSignalsNorDescriptorsAreInherited) {
   ::sigaddset(&blocked, SIGTERM);
   ::pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
   const int inheritable = ::open("/dev/null", O_RDONLY);
-  const auto runner = makeProcessRunner();
+  const auto runner = makeProcessRunner(kLimit);
   EXPECT_EQ(runner->run({"/bin/sh", "-c", "kill -PIPE $$"})->signal, SIGPIPE);
   EXPECT_EQ(runner->run({"/bin/sh", "-c", "kill -TERM $$"})->signal, SIGTERM);
   EXPECT_EQ(runner->run({"/usr/bin/test", "-e", "/proc/self/fd/" + std::to_string(inheritable)})
@@ -69,13 +70,14 @@ TEST(ChildProcess, NeitherSignalsNorDescriptorsAreInherited) {
 }
 
 TEST(ChildProcess, OutputBeyondTheLimitIsDroppedAndDoesNotBlock) {
-  const auto outcome = makeProcessRunner()->run({"/usr/bin/head", "-c", "1000000", "/dev/zero"});
+  const auto outcome =
+      makeProcessRunner(kLimit)->run({"/usr/bin/head", "-c", "1000000", "/dev/zero"});
   EXPECT_EQ(outcome.value().out.size(), kMaxProcessOutput);
   EXPECT_TRUE(outcome->isTruncated && outcome->succeeded());
 }
 
 TEST(ChildProcess, ProgramsThatCannotStartLeaveNoDescriptors) {
-  const auto runner = makeProcessRunner();
+  const auto runner = makeProcessRunner(kLimit);
   const int next = ::dup(STDIN_FILENO);  // The lowest free one.
   ::close(next);
   EXPECT_EQ(runner->run({"/nowhere/ip"}).error().value(), ENOENT);
@@ -118,7 +120,7 @@ TEST(ChildProcess, CancellingEndsTheWholeGroup) {
       }
       return false;
     };
-    const auto runner = makeProcessRunner();
+    const auto runner = makeProcessRunner(kLimit);
     Clock::time_point cancelled;
     std::thread other([&] {
       EXPECT_TRUE(waitUntilTaken(true));
