@@ -2,9 +2,9 @@
 """Proves by the #include lines that dependencies run one way only, and that this is a rule about
 folders: ALLOWED says what each may include.
 
-Also: codecs and protocol know neither Asio nor libpcap, Qt stays in app/desktop, and Boost.Beast
-reaches two translation units of what ships. Prints file:line and the rule for each violation and
-then exits with 1.
+Also: codecs, supervision and protocol know neither Asio nor libpcap, Qt stays in app/desktop, and
+Boost.Beast reaches two translation units of what ships. Prints file:line and the rule for each
+violation and then exits with 1.
 """
 
 import functools
@@ -17,6 +17,7 @@ ALLOWED = {
     "ber": set(),
     "goosestack": {"stack", "ber"},
     "stack": {"goosestack", "ber"},
+    "supervision": {"goosestack"},
     "protocol": {"goosestack"},
     "websocket": set(),
     "platform": set(),
@@ -97,10 +98,10 @@ def check_folders(tree):
 
 
 def check_networkless(tree):
-    """Codecs and protocol, and whatever these reach through headers."""
+    """Codecs, supervision and protocol, and whatever these reach through headers."""
     codecs = tree.codecs()
     for file in tree.files:
-        if file not in codecs and folder_of(file) != "protocol":
+        if file not in codecs and folder_of(file) not in {"protocol", "supervision"}:
             continue
         for name, place in tree.reach(file).items():
             if NETWORK.match(name):

@@ -27,17 +27,17 @@ namespace goosestack {
 /// One ASDU. Texts and samples borrow from the payload that was parsed and hold only as long as its
 /// octets stay in place.
 struct SvAsdu {
-  std::string_view svId;
-  std::optional<std::string_view> datSet;
+  std::string_view svId{};
+  std::optional<std::string_view> datSet{};
   std::uint16_t smpCnt = 0;
   std::uint32_t confRev = 0;
-  std::optional<TimePoint> refrTm;
+  std::optional<TimePoint> refrTm{};
   std::uint8_t smpSynch = 0;
-  std::optional<std::uint16_t> smpRate;  ///< In the unit that smpMod says.
+  std::optional<std::uint16_t> smpRate{};  ///< In the unit that smpMod says.
   /// 0: samples per nominal period (also where absent), 1: samples per second, 2: seconds per
   /// sample.
-  std::optional<std::uint16_t> smpMod;
-  ByteView samples;
+  std::optional<std::uint16_t> smpMod{};
+  ByteView samples{};
 };
 
 /// A decoded payload.
