@@ -131,99 +131,59 @@ class TarnlinkctlTest : public ::testing::Test {
 };
 
 TEST_F(TarnlinkctlTest, NothingButItsOwnAnswerEndsACommand) {
-  const std::string publish = "publish --gocb-ref A bool:true";
+  const char* publish = "publish --gocb-ref A bool:true";
+  const char* publishSv = "publish-sv 40 --count 3 --interval 1";
+  const char* done = "publishing A (active interface: bus0, 1 published so far)\n";
+  const auto paired = [](Script script) {
+    script["auth"] = {kAuth};
+    return script;
+  };
+  const auto older = [](Script script) {
+    script["auth"] = {kOldAuth};
+    return script;
+  };
   const struct {
-    const char* situation;
     Script script;
-    std::string line;
+    const char* line;
     CtlExit exit;
     const char *output, *errors;
   } cases[] = {
-      {"published",
-       {{"auth", {kAuth}}, {"publish_goose strictly", {kBroadcast, kStatus}}},
-       publish,
-       CtlExit::done,
-       "publishing A (active interface: bus0, 1 published so far)\n",
+      {paired({{"publish_goose strictly", {kBroadcast, kStatus}}}), publish, CtlExit::done, done,
        ""},
-      {"refused with its reason",
-       {{"auth", {kAuth}}, {"publish_goose strictly", {kBroadcast, kError}}},
-       publish,
-       CtlExit::refused,
-       "",
+      {paired({{"publish_goose strictly", {kBroadcast, kError}}}), publish, CtlExit::refused, "",
        "the bridge answers: Invalid JSON command (code -1): vlanId: below 4096\n"},
-      {"published by an older bridge",
-       {{"auth", {kOldAuth}},
-        {"publish_goose strictly", {kBroadcast, kOldStatus}},
-        {"ping", {kOldPong}}},
-       publish,
-       CtlExit::done,
-       "publishing A (active interface: bus0, 1 published so far)\n",
-       ""},
-      {"refused by an older bridge, in lines that steer no terminal",
-       {{"auth", {kOldAuth}},
-        {"publish_goose strictly", {kBroadcast, kOldError}},
-        {"ping", {kOldPong}}},
-       publish,
-       CtlExit::refused,
-       "",
-       "tarnlinkctl: the bridge answers: one\n  t\\x1Bo (code 3)\n"},
-      {"an older bridge that does not answer",
-       {{"auth", {kOldAuth}}, {"publish_goose strictly", {kBroadcast}}},
-       publish,
-       CtlExit::connection,
-       "",
+      {older({{"publish_goose strictly", {kBroadcast, kOldStatus}}, {"ping", {kOldPong}}}), publish,
+       CtlExit::done, done, ""},
+      // In lines that steer no terminal.
+      {older({{"publish_goose strictly", {kBroadcast, kOldError}}, {"ping", {kOldPong}}}), publish,
+       CtlExit::refused, "", "tarnlinkctl: the bridge answers: one\n  t\\x1Bo (code 3)\n"},
+      {older({{"publish_goose strictly", {kBroadcast}}}), publish, CtlExit::connection, "",
        "no answer from the bridge at 127.0.0.1:8765 within 0.5 s\n  It may be waiting"},
-      {"an error that answers nobody",
-       {{"auth", {kAuth}}, {"publish_goose strictly", {kOldError, kStatus}}},
-       publish,
-       CtlExit::done,
-       "publishing A",
+      // An error that answers nobody.
+      {paired({{"publish_goose strictly", {kOldError, kStatus}}}), publish, CtlExit::done, done,
        ""},
-      {"subscribed",
-       {{"auth", {kAuth}}, {"subscribe_goose", {kBroadcast, kStatus, kGoose, kGoose}}},
-       "subscribe goose --count 1",
-       CtlExit::done,
-       "G1 ",
-       "subscribed on bus0\n"},
-      {"not subscribed to Sampled Values",
-       {{"auth", {kAuth}}, {"subscribe_sv", {kError}}, {"ping", {kPong}}},
-       "subscribe sv --count 1",
-       CtlExit::refused,
-       "",
-       "vlanId"},
-      {"an interface that is not there",
-       {{"auth", {kAuth}}, {"get_interfaces", {kInterfaces}}},
-       "set-interface nosuch",
-       CtlExit::usage,
-       "",
+      {paired({{"subscribe_goose", {kBroadcast, kStatus, kGoose, kGoose}}}),
+       "subscribe goose --count 1", CtlExit::done, "G1 ", "subscribed on bus0\n"},
+      {paired({{"subscribe_sv", {kError}}, {"ping", {kPong}}}), "subscribe sv --count 1",
+       CtlExit::refused, "", "vlanId"},
+      {paired({{"get_interfaces", {kInterfaces}}}), "set-interface nosuch", CtlExit::usage, "",
        "no interface 'nosuch'; there are:\n  eth0\n  bus0\n--force"},
-      {"chosen all the same",
-       {{"auth", {kAuth}}, {"set_interface", {kBroadcast, kDone}}},
-       "set-interface nosuch --force",
-       CtlExit::done,
-       "active interface: nosuch\n",
-       ""},
-      {"sent, each frame with its own answer",
-       {{"auth", {kAuth}}, {"publish_sv_apdu strictly", {kDone}}, {"ping", {kError}}},
-       "publish-sv 40 --count 3 --interval 1",
-       CtlExit::refused,
-       "",
-       "vlanId"},
-      {"a frame before the last is refused",
-       {{"auth", {kAuth}}, {"publish_sv_apdu strictly", {kError}}, {"ping", {kPong}}},
-       "publish-sv 40 --count 3 --interval 1",
-       CtlExit::refused,
-       "",
-       "vlanId"},
-      {"wrong code",
-       {{"auth", {R"({"event":"auth_result","ok":false})"}}},
+      {paired({{"set_interface", {kBroadcast, kDone}}}), "set-interface nosuch --force",
+       CtlExit::done, "active interface: nosuch\n", ""},
+      // The answer to the frame before the last, and to the last one.
+      {paired({{"publish_sv_apdu strictly", {kError}}, {"ping", {kPong}}}), publishSv,
+       CtlExit::refused, "", "vlanId"},
+      {paired({{"publish_sv_apdu strictly", {kDone}}, {"ping", {kError}}}), publishSv,
+       CtlExit::refused, "", "vlanId"},
+      {{{"auth", {R"({"event":"auth_result","ok":false})"}}},
        publish,
        CtlExit::authentication,
        "",
        "does not accept the pairing code\n  It may have a new one"},
+      {paired({}), "publish --gocb-ref \xFF bool:true", CtlExit::usage, "", "not UTF-8"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.situation);
+    SCOPED_TRACE(::testing::PrintToString(c.script));
     const ScriptedBridge bridge(c.script);
     const auto ended = run(c.line);
     EXPECT_EQ(ended.exit, c.exit) << ended.errors;

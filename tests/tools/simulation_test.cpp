@@ -5,7 +5,6 @@
 #include <array>
 #include <csignal>
 #include <string>
-#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -21,68 +20,55 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// Time that passes only where somebody waits, or stalls; cues at given moments.
+/// Time that passes only where somebody waits, or stalls; cues at given milliseconds.
 class ScriptedCues final : public CueSource {
  public:
-  explicit ScriptedCues(std::vector<std::pair<std::int64_t, Cue>> script)
-      : script_(std::move(script)) {}
+  using Script = std::vector<std::pair<std::int64_t, Cue>>;
+
+  explicit ScriptedCues(Script script) : script_(std::move(script)) {}
   Clock::time_point now() const override { return now_; }
   Cue waitUntil(std::optional<Clock::time_point> deadline) override {
     const auto [at, cue] = script_.front();
     const Clock::time_point scripted{std::chrono::milliseconds(at)};
-    if (deadline && *deadline < scripted) {
-      now_ = std::max(now_, *deadline);
-      return Cue::due;
-    }
-    script_.erase(script_.begin());
-    now_ = std::max(now_, scripted);
-    return cue;
+    const bool isDue = deadline && *deadline < scripted;
+    now_ = std::max(now_, isDue ? *deadline : scripted);
+    if (!isDue) script_.erase(script_.begin());
+    return isDue ? Cue::due : cue;
   }
-  std::int64_t milliseconds() const { return now_.time_since_epoch() / 1ms; }
   void stall(Clock::duration duration) { now_ += duration; }
 
  private:
   Clock::time_point now_{};
-  std::vector<std::pair<std::int64_t, Cue>> script_;
+  Script script_;
 };
 
+/// Writes "3@1500": control block 3 changed after 1,500 ms. The first frame of all fails, and the
+/// fourth takes a while.
 class RecordingPublisher final : public GoosePublishing {
  public:
-  using OnPublish = std::function<GooseResult<void>(const GoosePublishConfig&)>;
-  explicit RecordingPublisher(OnPublish onPublish) : onPublish_(std::move(onPublish)) {}
-
+  RecordingPublisher(ScriptedCues& cues, std::chrono::milliseconds stall)
+      : cues_(cues), stall_(stall) {}
   boost::asio::awaitable<GooseResult<void>> publishStateChange(GoosePublishConfig config) override {
-    co_return onPublish_(config);
+    const auto time = cues_.now().time_since_epoch() / 1ms;
+    changes.push_back(std::to_string(config.appId) + "@" + std::to_string(time));
+    if (changes.size() == 4) cues_.stall(stall_);
+    if (changes.size() == 1) co_return GooseError::sendFailed("link down");
+    co_return GooseResult<void>();
   }
   boost::asio::awaitable<void> unpublish(std::optional<std::string>) override { co_return; }
   boost::asio::awaitable<void> stop() override { co_return; }
 
+  std::vector<std::string> changes;
+
  private:
-  OnPublish onPublish_;
+  ScriptedCues& cues_;
+  std::chrono::milliseconds stall_;
 };
 
-/// "3@1500": control block 3 changed after 1,500 ms.
-std::vector<std::string> changes(std::chrono::milliseconds interval, ScriptedCues& cues,
-                                 std::chrono::milliseconds stallOnce) {
-  std::vector<std::string> seen;
-  const auto publisher = std::make_shared<RecordingPublisher>([&](const auto& config) {
-    seen.push_back(std::to_string(config.appId) + "@" + std::to_string(cues.milliseconds()));
-    if (seen.size() == 4) cues.stall(stallOnce);
-    return seen.size() == 1 ? GooseResult<void>(GooseError::sendFailed("link down"))
-                            : GooseResult<void>();
-  });
-  std::vector<Publication> publications;
-  for (auto& block : feederBay("eth1")) publications.push_back({std::move(block), publisher});
-  RealTimeThread thread;
-  Simulation simulation(std::move(publications), thread.executor(), [](std::string_view) {});
-  simulation.run(interval, cues);
-  return seen;
-}
-
-TEST(Simulation, ChangesTakeTurnsOnAGridThatNeitherStallsNorDemandsShift) {
+TEST(Simulation, ChangesComeInRotationOnAGridThatNeitherStallsNorDemandsShift) {
   const struct {
     std::chrono::milliseconds interval, stall;
-    std::vector<std::pair<std::int64_t, Cue>> script;
+    ScriptedCues::Script script;
     std::vector<std::string> changes;
   } cases[] = {
       {100ms, 250ms, {{650, Cue::end}}, {"1@0", "2@0", "3@0", "1@100", "2@400", "3@500", "1@600"}},
@@ -92,9 +78,15 @@ TEST(Simulation, ChangesTakeTurnsOnAGridThatNeitherStallsNorDemandsShift) {
        {"1@0", "2@0", "3@0", "1@100", "1@130", "2@140", "3@200"}},
       {0ms, 0ms, {{5000, Cue::change}, {9000, Cue::end}}, {"1@0", "2@0", "3@0", "1@5000"}},
   };
-  for (const auto& c : cases) {
-    ScriptedCues cues(c.script);
-    EXPECT_EQ(changes(c.interval, cues, c.stall), c.changes);
+  for (const auto& [interval, stall, script, changes] : cases) {
+    ScriptedCues cues(script);
+    const auto publisher = std::make_shared<RecordingPublisher>(cues, stall);
+    std::vector<Publication> publications;
+    for (auto& block : feederBay("eth1")) publications.push_back({std::move(block), publisher});
+    RealTimeThread thread;
+    Simulation(std::move(publications), thread.executor(), [](std::string_view) {
+    }).run(interval, cues);
+    EXPECT_EQ(publisher->changes, changes);
   }
 }
 
@@ -102,8 +94,8 @@ TEST(OperatorCues, LinesInPiecesSignalsAndTheDeadlineAreAllHeard) {
   std::array<int, 2> input{};
   ASSERT_EQ(::pipe(input.data()), 0);
   ::dup2(input[0], STDIN_FILENO);
-  const auto type = [&](std::string_view text) {
-    ASSERT_EQ(::write(input[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  const auto type = [&](const std::string& text) {
+    EXPECT_EQ(::write(input[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
   };
   type("trip\n");
   EXPECT_EQ(OperatorCues(false).waitUntil(CueSource::Clock::now()), Cue::due) << "input left alone";
@@ -132,17 +124,13 @@ TEST(OperatorCues, ASignalEndsAProgramThatIsAlwaysLate) {
 
 TEST(FeederBay, DatasetsSurviveTheWireAndChangeWithEachState) {
   for (auto& block : feederBay("eth1")) {
-    SCOPED_TRACE(block.config.goCBRef);
     std::vector<GooseDataValue> previous;
     for (std::uint32_t state = 0; state < 30; ++state) {
       GoosePdu pdu;
-      const auto values = block.dataset(state, timeFromUnixSeconds(1'700'000'000.0));
-      pdu.allData = values;
-      const auto octets = GoosePdu::encode(pdu);
-      ASSERT_TRUE(octets);
-      EXPECT_EQ(GoosePdu::parse(*octets)->allData, values);
-      EXPECT_NE(values, previous);
-      previous = values;
+      pdu.allData = block.dataset(state, timeFromUnixSeconds(1'700'000'000.0));
+      EXPECT_EQ(GoosePdu::parse(GoosePdu::encode(pdu).value())->allData, pdu.allData);
+      EXPECT_NE(pdu.allData, previous) << block.config.goCBRef;
+      previous = pdu.allData;
     }
   }
 }

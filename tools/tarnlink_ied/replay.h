@@ -24,8 +24,6 @@ struct SendReport {
   std::uint64_t incomplete = 0;  ///< Cut short by the capture, or shorter than a header.
   std::uint64_t linkDown = 0;
 
-  bool operator==(const SendReport&) const = default;
-
   /// "Sent 12 frames", with what was skipped and why.
   std::string text() const;
 };
