@@ -27,28 +27,24 @@ struct SentFrame {
 class FakeWire final : public goosestack::SendHandleSource,
                        public std::enable_shared_from_this<FakeWire> {
  public:
-  using Status = goosestack::SendOutcome::Status;
+  using Outcome = goosestack::SendOutcome;
 
   goosestack::GooseResult<std::unique_ptr<goosestack::SendHandle>> openSendHandle(
       const std::string& interface) override {
-    const std::lock_guard hold(lock_);
-    if (!macs_.contains(interface))
-      return goosestack::GooseError::pcapOpenFailed("No such device exists");
+    if (!macs_.contains(interface)) return goosestack::GooseError::pcapOpenFailed("no device");
     ++opened;
     ++open;
     return std::make_unique<Handle>(shared_from_this(), interface);
   }
-
   std::optional<goosestack::MacAddress> macAddressBytes(const std::string& interface) override {
     return macs_.at(interface);
   }
 
   /// What becomes of the next calls that send; afterwards everything passes again.
-  void outcomesOf(std::deque<goosestack::SendOutcome> outcomes) {
+  void outcomesOf(std::deque<Outcome> outcomes) {
     const std::lock_guard hold(lock_);
     outcomes_ = std::move(outcomes);
   }
-
   std::vector<SentFrame> sent() const {
     const std::lock_guard hold(lock_);
     return sent_;
@@ -63,19 +59,16 @@ class FakeWire final : public goosestack::SendHandleSource,
     Handle(std::shared_ptr<FakeWire> wire, std::string interface)
         : wire_(std::move(wire)), interface_(std::move(interface)) {}
     ~Handle() override { --wire_->open; }
-    goosestack::SendOutcome sendPacket(goosestack::ByteView frame) override {
-      return inject(frame);
-    }
-    goosestack::SendOutcome inject(goosestack::ByteView frame) override {
+    Outcome sendPacket(goosestack::ByteView frame) override { return inject(frame); }
+    Outcome inject(goosestack::ByteView frame) override {
       const std::lock_guard hold(wire_->lock_);
-      goosestack::SendOutcome outcome;
+      Outcome outcome;
       if (!wire_->outcomes_.empty()) {
         outcome = wire_->outcomes_.front();
         wire_->outcomes_.pop_front();
       }
-      if (outcome.status == Status::sent) {
-        wire_->sent_.push_back(
-            {interface_, goosestack::Bytes(frame.begin(), frame.end()), priority_});
+      if (outcome.status == Outcome::Status::sent) {
+        wire_->sent_.push_back({interface_, {frame.begin(), frame.end()}, priority_});
       }
       return outcome;
     }
@@ -91,32 +84,24 @@ class FakeWire final : public goosestack::SendHandleSource,
   const std::map<std::string, std::optional<goosestack::MacAddress>> macs_{
       {"bus0", kBusMac}, {"bus1", kOtherMac}, {"nomac0", std::nullopt}};
   mutable std::mutex lock_;
-  std::deque<goosestack::SendOutcome> outcomes_;
+  std::deque<Outcome> outcomes_;
   std::vector<SentFrame> sent_;
 };
 
 inline goosestack::GoosePublishConfig publication(goosestack::RetransmissionProfile profile) {
-  return {.appId = 0x3001,
-          .goCBRef = "IED1LD0/LLN0$GO$gcb1",
-          .dataSetRef = "IED1LD0/LLN0$ds1",
-          .goId = "gcb1",
-          .confRev = 3,
-          .vlanId = 0,
-          .vlanPriority = 4,
-          .vlanCfi = false,
-          .vlanTagged = false,
-          .dstMac = {0x01, 0x0C, 0xCD, 0x01, 0x00, 0x01},
-          .srcMacOverride = std::nullopt,
-          .retransmissionProfile = std::move(profile),
-          .values = {goosestack::GooseDataValue::boolean(true)},
-          .interface = "bus0",
-          .timeAllowedToLive = 2000,
-          .simulation = false,
-          .ndsCom = false,
-          .initialStNum = 0,
-          .initialSqNum = 0,
-          .lockStNum = false,
-          .lockSqNum = false};
+  goosestack::GoosePublishConfig config{};
+  config.appId = 0x3001;
+  config.goCBRef = "IED1LD0/LLN0$GO$gcb1";
+  config.dataSetRef = "IED1LD0/LLN0$ds1";
+  config.goId = "gcb1";
+  config.confRev = 3;
+  config.vlanPriority = 4;
+  config.dstMac = {0x01, 0x0C, 0xCD, 0x01, 0x00, 0x01};
+  config.retransmissionProfile = std::move(profile);
+  config.values = {goosestack::GooseDataValue::boolean(true)};
+  config.interface = "bus0";
+  config.timeAllowedToLive = 2000;
+  return config;
 }
 
 }  // namespace tarnlink::test
