@@ -71,8 +71,8 @@ tarnlink_package(development libdevel "GOOSE and Sampled Values stack (developme
 The GooseStack library (C++20) decodes, captures and publishes GOOSE messages
 (IEC 61850-8-1), and captures and sends Sampled Values frames (IEC 61850-9-2).
 .
-This package holds its headers, its static libraries and the files with which
-CMake finds it.")
+This package holds its headers, its static libraries, the files with which CMake
+finds it, and examples.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libboost1.81-dev, libpcap-dev, pkg-config")
 

@@ -28,5 +28,9 @@ export SOURCE_DATE_EPOCH
 umask 022
 mkdir -p "$output"
 rm -f "$output"/*.deb
-(cd build/packages && cpack -G DEB -B "$output")
+# The library has a version of its own.
+version=$(sed -n 's/.*version = "\(.*\)".*/\1/p' stack/include/goosestack/version.h)
+cd build/packages
+cpack -G DEB -B "$output" -D CPACK_COMPONENTS_ALL='daemon;tools;desktop'
+cpack -G DEB -B "$output" -D CPACK_COMPONENTS_ALL=development -D CPACK_PACKAGE_VERSION="$version"
 rm -rf "$output/_CPack_Packages"

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Proves the Debian packages in a bare Debian 12 root: lintian, installation, the programs at work,
-# a program built against the development package, the unit's hardening, and a removal that leaves
+# the examples built against the development package, the unit's hardening, and a removal that leaves
 # nothing. Needs root, apt's mirror and some minutes, and leaves nothing on the machine.
 set -euo pipefail
 here=$(dirname "$(readlink -f "$0")")
@@ -168,11 +168,13 @@ in_root_with_bus() {
     env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root timeout 90 chroot "$root" "$@"
 }
 
-build_consumer() {
-  cp -r packaging/test/consumer "$root/tmp/consumer"
+# They stand in the package, for users to begin with.
+build_examples() {
   in_root apt-get -q -q -y --no-install-recommends install g++ cmake make >>"$work/log" 2>&1
-  in_root sh -c 'cd /tmp/consumer && cmake -B build >/dev/null && cmake --build build >/dev/null &&
-    build/decode_goose && build/list_interfaces && rm -rf /tmp/consumer'
+  in_root sh -c 'cmake -S /usr/share/doc/libgoosestack-dev/examples -B /tmp/examples >/dev/null &&
+    cmake --build /tmp/examples >/dev/null'
+  tests/examples_test.sh "$root/tmp/examples"
+  rm -r "$root/tmp/examples"
 }
 
 # The service under a systemd of its own, as its unit confines it.
@@ -219,9 +221,9 @@ in_root dpkg --remove "${names[@]}"
 in_root dpkg --purge "${names[@]}"
 snapshot >"$work/after"
 diff "$work/before" "$work/after" || fail "the removal does not leave the root as it was"
-step "a program built against libgoosestack-dev"
+step "the examples built against libgoosestack-dev"
 in_root sh -c 'dpkg --install /packages/libgoosestack-dev_*.deb' >/dev/null
-build_consumer
+build_examples
 step "the service"
 check_service
 step "removal under systemd"

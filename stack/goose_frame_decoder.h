@@ -14,7 +14,9 @@ class GooseFrameDecoder {
   using Record = GooseMessage;
   static constexpr const char* kEtherTypeHex = "0x88b8";
 
-  /// False for frames that are no well-formed GOOSE.
+  /// False for frames that are no well-formed GOOSE. Otherwise every field of `message` is
+  /// overwritten; its texts and values are swapped with those of the PDU before, so that storage
+  /// circulates instead of being allocated for each frame.
   bool decode(ByteView frame, TimePoint receivedAt, GooseMessage& message);
 
  private:

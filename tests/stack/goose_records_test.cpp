@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
+#include "goosestack/ethernet_frame.h"
 #include "goosestack/goose_message.h"
 #include "goosestack/network_interface_info.h"
-#include "stack/goose_message_builder.h"
+#include "stack/goose_frame_decoder.h"
+#include "stack/sv_frame_decoder.h"
 
 namespace tarnlink::test {
 using namespace goosestack;
@@ -37,7 +39,7 @@ GooseMessage distinctMessage() {
   message.simulation = true;
   message.confRev = 3;
   message.timeAllowedToLive = 4;
-  message.numEntries = 9;
+  message.numEntries = 1;
   message.values = {Value::boolean(true)};
   message.receivedAt = timeFromUnixSeconds(11.5);
   return message;
@@ -76,7 +78,7 @@ TEST(Maps, HaveNoKeysForWhatIsAbsent) {
   const std::pair<std::string, const char*> cases[] = {
       {textOf({message.toFlutterDict()}),
        "{ appId:65535 confRev:3 dataSet:'set' dstMac:'01:0C' goCBRef:'ref' goId:'id'"
-       " needsCommission:false numEntries:9 receivedAt:11.500000 simulation:true sqNum:2"
+       " needsCommission:false numEntries:1 receivedAt:11.500000 simulation:true sqNum:2"
        " stNum:4294967295 timeAllowedToLive:4 timestamp:10.500000"
        " values:[ { type:'boolean' value:true } ] }"},
       {textOf({info.toFlutterDict()}),
@@ -120,30 +122,41 @@ TEST(GooseMessage, FootprintCountsAllStorageHoweverDeep) {
   }
 }
 
-TEST(GooseMessageBuilder, RecycledMessageKeepsNothingOfItsEarlierLife) {
+TEST(FrameDecoders, OverwriteRecycledRecords) {
+  const MacAddress source{2, 0, 0, 0, 0, 10};
+  const MacAddress destination{0x01, 0x0C, 0xCD, 1, 0, 0};
   GooseMessage expected = distinctMessage();
   expected.srcMac = "02:00:00:00:00:0A";
   expected.dstMac = "01:0C:CD:01:00:00";
-  GoosePdu pdu{.header = {expected.appId, 0, 0, 0},
-               .goCBRef = expected.goCBRef,
-               .timeAllowedToLive = expected.timeAllowedToLive,
-               .datSet = expected.dataSet,
-               .goId = expected.goId,
-               .timestamp = expected.timestamp,
-               .stNum = expected.stNum,
-               .sqNum = expected.sqNum,
-               .simulation = true,
-               .confRev = expected.confRev,
-               .numDatSetEntries = expected.numEntries,
-               .allData = expected.values};
-  const ParsedEthernetFrame frame{{0x01, 0x0C, 0xCD, 1, 0, 0}, {2, 0, 0, 0, 0, 10}, {}, {}, 0, {}};
+  const GoosePdu pdu{{expected.appId},
+                     expected.goCBRef,
+                     expected.timeAllowedToLive,
+                     expected.dataSet,
+                     expected.goId,
+                     expected.timestamp,
+                     expected.stNum,
+                     expected.sqNum,
+                     expected.simulation,
+                     expected.confRev,
+                     expected.needsCommission,
+                     0,
+                     expected.values};
   GooseMessage message;
   message.goCBRef = "stale";
   message.values.resize(8);
   message.vlanId = 5;
   message.needsCommission = true;
-  buildGooseMessage(frame, pdu, expected.receivedAt, message);
+  const Bytes frame = EthernetFrame::build(destination, source, 0, 0, *GoosePdu::encode(pdu));
+  ASSERT_TRUE(GooseFrameDecoder().decode(frame, expected.receivedAt, message));
   EXPECT_EQ(message, expected);
+
+  SvCapturedFrame record{Bytes(99), "old", "old", 7, timeNow()};
+  const Bytes samples = EthernetFrame::build(destination, source, 0, 0, frame, kEtherTypeSv);
+  ASSERT_TRUE(SvFrameDecoder::decode(samples, expected.receivedAt, record));
+  EXPECT_EQ(record, (SvCapturedFrame{frame, *expected.dstMac, *expected.srcMac, std::nullopt,
+                                     expected.receivedAt}));
+  EXPECT_FALSE(SvFrameDecoder::decode(frame, {}, record));
+  EXPECT_FALSE(GooseFrameDecoder().decode(samples, {}, message));
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 #include <optional>
 
 #include "goosestack/ethernet_frame.h"
-#include "stack/sv_frame_decoder.h"
 #include "tests/stack/publishing_fixtures.h"
 #include "tests/support/run_awaitable.h"
 
@@ -64,18 +63,6 @@ TEST(SvPublisher, KeepsOneHandleAndCountsWhatWasSent) {
   }
   test::runAwaitable(publisher->stop());
   EXPECT_EQ(wire->open, 0);
-}
-
-TEST(SvFrameDecoder, OverwritesARecycledRecordAndRefusesOtherFrames) {
-  SvCapturedFrame record{Bytes(99), "old", "old", 7, timeNow()};
-  const MacAddress mac{1, 2, 3, 4, 5, 0xAB};
-  ASSERT_TRUE(
-      SvFrameDecoder::decode(EthernetFrame::build(mac, mac, 0, 0, kPdu, kEtherTypeSv), {}, record));
-  EXPECT_EQ(record, (SvCapturedFrame{kPdu, "01:02:03:04:05:AB", "01:02:03:04:05:AB", {}, {}}));
-  Bytes truncated = EthernetFrame::build(mac, mac, 100, 5, {}, kEtherTypeSv);
-  EXPECT_TRUE(SvFrameDecoder::decode(truncated, {}, record));
-  truncated.pop_back();
-  EXPECT_FALSE(SvFrameDecoder::decode(truncated, {}, record));
 }
 
 }  // namespace

@@ -25,13 +25,12 @@ class RecordSource {
     /// Once, when a capture ends although nobody stopped it, with libpcap's text; the stream stays
     /// open until stop().
     std::function<void(std::string reason)> onDeath;
-    /// The kernel had no room for frames: told at most once a second, and at the
-    /// end.
+    /// The kernel had no room for frames: told at most once a second, and at the end.
     std::function<void(const CaptureDrops& drops)> onDrops;
   };
 
-  /// Ends any earlier capture of this source first. Fails as openPcapWithFilter() does; then there
-  /// is no stream and the source is idle.
+  /// Ends any earlier capture of this source first. Fails with permissionDenied, pcapOpenFailed or
+  /// pcapFilterFailed; then there is no stream and the source is idle.
   virtual boost::asio::awaitable<GooseResult<MessageStream<Record>>> start(std::string interface,
                                                                            Events events) = 0;
 

@@ -1,4 +1,5 @@
-// Version of the GooseStack library.
+// Version of the GooseStack library, which is not that of the programs: it follows these headers.
+// CMake's package and Debian's take theirs from here.
 #pragma once
 
 #include <string_view>
