@@ -99,7 +99,7 @@ void measureGoose() {
       for (const auto& record : records) second(record);
     };
   };
-  auto figures = inTurns(
+  auto figures = interleaved(
       {
           contestant(kCalls, [&] { decode(message); }),
           contestant(kCalls, [&] { write(message); }),
@@ -120,15 +120,15 @@ void measureGoose() {
   report("GOOSE frame of 8 values: decode", "%.0f ns", median(figures[0]));
   report("its event's text, 735 octets", "%.0f ns", median(figures[1]));
   compare("both, in bursts of 64", "%.0f ns", figures[2], "straight line", figures[3], atMost(1.5));
-  compare("both in turns", "%.0f ns", figures[4], "straight line", figures[5], atMost(1.5));
-  compare("both in turns", "%.0f ns", figures[4], "our decode, Boost.JSON's text", figures[6],
+  compare("both, one by one", "%.0f ns", figures[4], "straight line", figures[5], atMost(1.5));
+  compare("both, one by one", "%.0f ns", figures[4], "our decode, Boost.JSON's text", figures[6],
           atMost(0.2));
 }
 
 void measureCommand() {
   check(BridgeCommand::fromText(kPublishGoose).has_value() && parseByBoostJson(kPublishGoose),
         "publish_goose");
-  const auto figures = inTurns(
+  const auto figures = interleaved(
       {
           contestant(kSlowCalls, [] { keep(BridgeCommand::fromText(kPublishGoose)); }),
           contestant(kSlowCalls, [] { keep(parseByBoostJson(kPublishGoose)); }),

@@ -4,9 +4,9 @@
 //
 // Fed alike: the main thread hands a server bursts of 64 frames with 700 octets of text each,
 // encoded once beforehand; a burst goes to every client, and two bursts at most are on their way
-// (handed over, but not yet read by the slowest client). The servers take turns, each with its own
-// connections, in a network namespace of the bench's own. CPU is that of the server's thread alone;
-// on loopback it holds the kernel's way to the peer's receive queue.
+// (handed over, but not yet read by the slowest client). The servers' runs are interleaved, each
+// with its own connections, in a network namespace of the bench's own. CPU is that of the server's
+// thread alone; on loopback it holds the kernel's way to the peer's receive queue.
 #include <sys/resource.h>
 
 #include <algorithm>

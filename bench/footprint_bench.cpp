@@ -23,7 +23,7 @@ namespace tarnlink::bench {
 using namespace goosestack;
 namespace {
 
-constexpr int kStarts = 15;  // Of each, in turn.
+constexpr int kStarts = 15;  // Of each, interleaved.
 constexpr std::chrono::milliseconds kSettling{200};
 constexpr std::chrono::seconds kIdle{10};
 constexpr std::uint64_t kMessages = 1'000'000;

@@ -118,7 +118,7 @@ nanoseconds bareLoop(SendHandle& handle, ByteView frame, const std::vector<nanos
   return handedOver;
 }
 
-/// Two senders that take turns on one wire.
+/// Two senders, interleaved on one wire.
 class Contest {
  public:
   Contest()

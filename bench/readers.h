@@ -26,7 +26,7 @@ class Readers {
   static constexpr std::chrono::seconds kPatience{20};
 
   /// Connects `count` clients to the port of 127.0.0.1, one after the other. Each says `commands`
-  /// and waits until what it gets contains the text `awaited`; then the next one has its turn.
+  /// and waits until what it gets contains the text `awaited`; then the next one connects.
   Readers(std::size_t count, std::uint16_t port, const std::vector<std::string>& commands = {},
           const std::string& awaited = {});
   ~Readers();

@@ -13,7 +13,7 @@ namespace tarnlink::bench {
 /// the program with exit code 1.
 void run();
 
-/// Pairs of runs, ours and the other's in turn, at least: the machine's noise hits both alike.
+/// Pairs of runs, ours and the other's interleaved, at least: the machine's noise hits both alike.
 inline constexpr int kPairs = 5;
 
 using Figures = std::vector<double>;

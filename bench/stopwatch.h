@@ -1,4 +1,4 @@
-// Processor time of short pieces of work, measured in turns.
+// Processor time of short pieces of work, interleaved.
 #pragma once
 
 #include <time.h>
@@ -38,8 +38,8 @@ Contestant contestant(int calls, Work work) {
 
 /// The figures of every contestant, one a round; each round starts with another one. A first round
 /// that warms the caches does not count.
-inline std::vector<Figures> inTurns(const std::vector<Contestant>& contestants,
-                                    std::size_t rounds) {
+inline std::vector<Figures> interleaved(const std::vector<Contestant>& contestants,
+                                        std::size_t rounds) {
   std::vector<Figures> figures(contestants.size());
   for (std::size_t round = 0; round <= rounds; ++round) {
     for (std::size_t i = 0; i < contestants.size(); ++i) {

@@ -1,4 +1,4 @@
-// Frames into one end of a veth pair, at a pace of the bench's.
+// Frames into one end of a veth pair, at a rate of the bench's.
 #pragma once
 
 #include <linux/if_packet.h>

@@ -2,8 +2,8 @@
 //
 // Everything runs on one machine, in a private network: the sender, the kernel's way through a veth
 // pair (which runs on the sender's processor), the receiver and its clients. So the sender's cost
-// counts against every receiver alike, and on two processors it is the largest. Receivers take
-// turns, so that the machine's noise hits all of them.
+// counts against every receiver alike, and on two processors it is the largest. Receivers'
+// runs are interleaved, so that the machine's noise hits all of them.
 #include <pcap/pcap.h>
 
 #include <array>
