@@ -97,11 +97,12 @@ TEST_F(ToolsTest, SampledValuesGoOutAndComeBackUnchanged) {
   const auto subscriber = startCtl({"subscribe", "sv", "--app-id", "0x4000", "--count", "2"});
   ASSERT_TRUE(subscriber->waitForOutput("subscribed"));
   ASSERT_TRUE(others->waitForOutput("subscribed"));
-  EXPECT_EQ(ctl({"publish-sv", "4000000C00000000AABBCCDD", "--vlan-id", "100", "--count", "2",
-                 "--interval", "20"}),
-            "sent 2 frames of 12 octets after the EtherType\nexit code 0");
-  const auto frames = recorder.frames(2);
-  ASSERT_EQ(frames.size(), 2U);
+  EXPECT_EQ(ctl({"publish-sv", "4000000C00000000AABBCCDD", "--vlan-id", "100", "--count", "3",
+                 "--interval", "100"}),
+            "sent 3 frames of 12 octets after the EtherType\nexit code 0");
+  const auto frames = recorder.frames(3);
+  ASSERT_EQ(frames.size(), 3U);
+  EXPECT_GT(frames[2].time - frames[0].time, 150ms);
   EXPECT_EQ(EthernetFrame::parse(frames[1].octets, kEtherTypeSv).value().vlanId, 100);
   EXPECT_EQ(subscriber->wait(), 0);
   EXPECT_THAT(subscriber->output(),
@@ -145,6 +146,12 @@ TEST_F(ToolsTest, SimulatedIedChangesOnDemandAndHearsTheBridge) {
   NetworkNamespace::removeLink(kIed);
   EXPECT_EQ(lost->wait(), 1);
   EXPECT_THAT(lost->output(), HasSubstr("the interface ied0 has gone"));
+}
+
+TEST_F(ToolsTest, AReplayThatFailsSaysSo) {
+  const auto ied = startIed({"--replay", "/nonexistent"});
+  EXPECT_EQ(ied->wait(), 1);
+  EXPECT_THAT(ied->output(), HasSubstr("Sent 0 frames\ntarnlink-ied: cannot replay /nonexistent"));
 }
 
 TEST_F(ToolsTest, SampledValuesAtFullRateReachASubscriberWithoutLoss) {

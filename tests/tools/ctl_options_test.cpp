@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "protocol/bridge_command.h"
+#include "tests/support/scratch_folder.h"
 #include "tests/tools/ctl_line.h"
 
 namespace tarnlink {
@@ -194,6 +195,12 @@ TEST(TarnlinkctlCommands, OthersArriveAsMeant) {
   EXPECT_EQ(sv.pdu, (Bytes{0x40, 0x00, 0x00, 0x08, 0xFF}));
   EXPECT_EQ(sv.config,
             (SvPublishConfig{"eth1", MacAddress{0x01, 0x0C, 0xCD, 0x04, 0x00, 0x07}, 5, 3}));
+  const test::ScratchFolder folder;
+  test::writeFile(folder / "payload", {"\x40\x00\xFF", 3});
+  EXPECT_EQ(atTheBridge<BridgeCommand::PublishSvApdu>("publish-sv --file " +
+                                                      (folder / "payload").string())
+                .pdu,
+            (Bytes{0x40, 0x00, 0xFF}));
   using Unpublish = BridgeCommand::UnpublishGoose;
   EXPECT_EQ(atTheBridge<Unpublish>("unpublish").goCBRef, std::nullopt);
   EXPECT_EQ(atTheBridge<Unpublish>("unpublish --gocb-ref A").goCBRef, "A");

@@ -123,6 +123,7 @@ TEST(OperatorCues, ASignalEndsAProgramThatIsAlwaysLate) {
 }
 
 TEST(FeederBay, DatasetsSurviveTheWireAndChangeWithEachState) {
+  std::vector<std::size_t> sizes;
   for (auto& block : feederBay("eth1")) {
     std::vector<GooseDataValue> previous;
     for (std::uint32_t state = 0; state < 30; ++state) {
@@ -132,7 +133,9 @@ TEST(FeederBay, DatasetsSurviveTheWireAndChangeWithEachState) {
       EXPECT_NE(pdu.allData, previous) << block.config.goCBRef;
       previous = pdu.allData;
     }
+    sizes.push_back(previous.size());
   }
+  EXPECT_EQ(sizes, (std::vector<std::size_t>{5, 8, 5}));
 }
 
 TEST(SendTally, FailedFramesLeaveTheirPlaceInTheLimitAndTheLastOneEnds) {
