@@ -2,6 +2,7 @@
 #pragma once
 
 #include <boost/system/result.hpp>
+#include <filesystem>
 
 namespace tarnlink {
 
@@ -9,6 +10,11 @@ namespace tarnlink {
 bool hasCaptureCapability();
 /// The same for another process; false for one that is gone.
 bool hasCaptureCapability(int process);
+
+/// True when the program, started by this process, would hold CAP_NET_RAW: the process passes its
+/// own on, or the file has it, the user may execute the file, and nothing keeps the kernel from
+/// honouring it (capabilities(7)).
+bool givesCaptureCapability(const std::filesystem::path& program);
 
 /// True when the process, and the tools that it starts, may set up links (CAP_NET_ADMIN is
 /// effective).

@@ -1,5 +1,7 @@
 // capabilities(7) through libcap.
 #include <sys/capability.h>
+#include <sys/prctl.h>
+#include <sys/statvfs.h>
 
 #include <memory>
 
@@ -29,6 +31,19 @@ boost::system::result<void> boundToLinkCapabilities() {
   return {};
 }
 
+// Root's programs get what root holds, others what is ambient.
+bool isPassedOn() {
+  return hasCaptureCapability() && (::geteuid() == 0 || ::cap_get_ambient(CAP_NET_RAW) > 0);
+}
+
+// "Safety checking for capability-dumb binaries" and what follows it in capabilities(7): where the
+// kernel ignores what the file gives, or refuses to start it.
+bool isHonoured(const char* file) {
+  struct statvfs mount {};
+  return ::cap_get_bound(CAP_NET_RAW) > 0 && ::prctl(PR_GET_NO_NEW_PRIVS, 0, 0, 0, 0) == 0 &&
+         ::statvfs(file, &mount) == 0 && (mount.f_flag & ST_NOSUID) == 0;
+}
+
 }  // namespace
 
 bool hasCaptureCapability(int process) {
@@ -39,6 +54,15 @@ bool hasCaptureCapability(int process) {
 bool hasCaptureCapability() {
   const CapabilitySet current(::cap_get_proc());
   return holds(current, CAP_NET_RAW, CAP_EFFECTIVE);
+}
+
+bool givesCaptureCapability(const std::filesystem::path& program) {
+  const char* file = program.c_str();
+  if (::access(file, X_OK) != 0) return false;
+  if (isPassedOn()) return true;
+  const CapabilitySet its(::cap_get_file(file));
+  return holds(its, CAP_NET_RAW, CAP_PERMITTED) && holds(its, CAP_NET_RAW, CAP_EFFECTIVE) &&
+         isHonoured(file);
 }
 
 bool hasLinkSetupCapability() {

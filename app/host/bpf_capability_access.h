@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "app/host/capture_access.h"
+#include "platform/process_capabilities.h"
 
 namespace tarnlink {
 
@@ -24,13 +25,12 @@ class BpfCapabilityAccess final : public CaptureAccess {
   BpfCapabilityAccess(std::unique_ptr<ProcessRunner> runner, CapabilityAccessFiles files)
       : runner_(std::move(runner)), files_(std::move(files)) {}
 
-  /// True when the bridge, started by this process, would hold CAP_NET_RAW: the process passes its
-  /// own on, or the file has it, the user may execute the file, and nothing keeps the kernel from
-  /// honouring it (capabilities(7)).
-  bool isGranted() override;
+  bool isGranted() override { return givesCaptureCapability(files_.bridge); }
 
   /// Fails as runProgramAsAdmin() does.
-  AdminResult install() override;
+  AdminResult install() override {
+    return runProgramAsAdmin(*runner_, files_.pkexec.string(), files_.helper.string());
+  }
 
   void cancel() override { runner_->cancel(); }
   std::optional<CapabilityGrant> grant() const override {

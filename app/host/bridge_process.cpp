@@ -46,6 +46,8 @@ constexpr int kExitStartFailed = 1;
 constexpr std::chrono::milliseconds kCloseTime{1'200};
 // Captures open here, and one slow look-up of display names must not hold them up.
 constexpr std::size_t kBlockingThreads = 2;
+// For each tool, and so for each prompt: time to find somebody with the password.
+constexpr std::chrono::minutes kToolTime{2};
 // Of the owner's token, in characters: 128 bits in hexadecimal digits, and room for other forms.
 constexpr std::size_t kShortestToken = 32;
 constexpr std::size_t kLongestToken = 256;
@@ -57,6 +59,13 @@ std::vector<goosestack::NetworkInterfaceInfo> listInterfaces(BridgePorts::Names 
   return names == BridgePorts::Names::display
              ? listNamedInterfaces()
              : goosestack::InterfaceDiscovery::listEthernetInterfaces(nullptr);
+}
+
+// Asks the user only where the process may not set up links itself.
+std::shared_ptr<VlanSetup> makeVlanSetup() {
+  return std::make_shared<VlanInterfaceHelper>(
+      makeProcessRunner(kToolTime), kLinuxVlanDialect,
+      hasLinkSetupCapability() ? kRightsHeld : kPkexecPrompt);
 }
 
 std::unique_ptr<ServiceAdvertiser> makeAdvertiser(std::int32_t port) {
@@ -158,8 +167,7 @@ class BridgeProcess {
         .makeGoosePublisher =
             [this] { return goosestack::makeGoosePublisher(realTime_.executor(), logToConsole); },
         .makeSvPublisher = [this] { return goosestack::makeSvPublisher(sending_.executor()); },
-        .makeVlanSetup =
-            [] { return std::shared_ptr<VlanSetup>(VlanInterfaceHelper::forThisSystem()); },
+        .makeVlanSetup = makeVlanSetup,
         .hostExecutor = host_.executor(),
         .listInterfaces = listInterfaces,
         .blockingExecutor = blocking_.executor(),

@@ -24,10 +24,6 @@ class VlanInterfaceHelper final : public VlanSetup {
   VlanInterfaceHelper(std::unique_ptr<ProcessRunner> runner, const VlanDialect& dialect,
                       const AdminPrompt& prompt);
 
-  /// With this system's tool, asking the user only where the process may not set up links itself.
-  /// Throws std::system_error where the process is out of descriptors.
-  static std::unique_ptr<VlanSetup> forThisSystem();
-
   /// Fails with code
   ///   2  the parent's name breaks the rule of goosestack/interface_name.h; nothing has been run;
   ///   1  the link cannot be: no such id, no such parent, or another link has its name and is not

@@ -18,7 +18,8 @@ bool addByHand(const std::string& name) {
 class VlanNetwork : public test::ProcessBusTest {};
 
 TEST_F(VlanNetwork, LinksAreMadeMendedAndMovedWhereTheKernelHasThem) {
-  const auto setup = VlanInterfaceHelper::forThisSystem();
+  const std::unique_ptr<VlanSetup> setup = std::make_unique<VlanInterfaceHelper>(
+      makeProcessRunner(std::chrono::minutes(1)), kLinuxVlanDialect, kRightsHeld);
   const auto made = setup->ensureVlanInterface(kBus, 100);
   if (!addByHand("probe")) {  // The kernel may be built without 802.1Q.
     EXPECT_EQ(made.error(), (VlanError{1,
