@@ -21,13 +21,17 @@ inline std::uint64_t hashOctets(const void* octets, std::size_t size, std::uint6
   const auto* at = static_cast<const std::uint8_t*>(octets);
   std::uint64_t hash = seed ^ size;
   std::uint64_t word = 0;
-  for (; size >= sizeof word; size -= sizeof word, at += sizeof word) {
+  if (size < sizeof word) {
+    for (std::size_t i = 0; i < size; ++i) word = word << 8 | at[i];
+    return hashMix(hash, word);
+  }
+  const auto* const last = at + size - sizeof word;
+  for (; at < last; at += sizeof word) {
     std::memcpy(&word, at, sizeof word);
     hash = hashMix(hash, word);
   }
-  if (size == 0) return hash;
-  word = 0;
-  std::memcpy(&word, at, size);
+  // The last word overlaps the one before: cheaper than octet by octet.
+  std::memcpy(&word, last, sizeof word);
   return hashMix(hash, word);
 }
 

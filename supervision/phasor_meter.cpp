@@ -19,6 +19,8 @@ constexpr double kStep = 2.5;
 constexpr int kRefinements = 3;
 /// Less is rounding noise. Counts.
 constexpr double kLeastRms = 0.5;
+/// Less may be what leaks through the window from other frequencies. Of the channel's rms value.
+constexpr double kLeastShare = 0.001;
 
 std::vector<double> blackmanHarris(std::size_t size) {
   std::vector<double> window(size);
@@ -103,8 +105,11 @@ std::size_t PhasorMeter::liveliestChannel() const {
 }
 
 std::optional<double> PhasorMeter::frequencyOf(std::size_t channel) const {
+  double squares = 0;
+  for (const double value : samplesOf(channel)) squares += value * value;
+  const double rms = std::sqrt(squares / static_cast<double>(length_));
   double frequency = 0;
-  double most = kLeastRms * std::numbers::sqrt2;
+  double most = std::max(kLeastRms, kLeastShare * rms) * std::numbers::sqrt2;
   for (double candidate = kLowest; candidate <= kHighest; candidate += kStep) {
     const double amplitude = std::abs(transform(channel, 0, candidate));
     if (amplitude <= most) continue;
@@ -120,8 +125,9 @@ std::optional<double> PhasorMeter::frequencyOf(std::size_t channel) const {
     frequency += std::arg(second * std::conj(first)) / (kTurn * shiftSeconds);
     if (frequency < kLowest || frequency > kHighest) return std::nullopt;
   }
-  if (frequency == 0) return std::nullopt;
-  return frequency;
+  // A peak beyond the range is seen by its slope only, and refining leads anywhere.
+  const bool isPeak = frequency != 0 && std::abs(transform(channel, 0, frequency)) >= 0.999 * most;
+  return isPeak ? std::optional(frequency) : std::nullopt;
 }
 
 bool PhasorMeter::measure(Phasors& phasors) const {

@@ -22,9 +22,9 @@ class RateMeter {
   }
   void add(StreamTime at) {
     ++count_;
-    const std::chrono::duration<double> elapsed = at - start_;
-    if (elapsed.count() >= 1) rate_ = count_ / elapsed.count();
-    if (elapsed.count() >= 1 || elapsed.count() < 0) start(at);
+    const std::chrono::microseconds elapsed = at - start_;
+    if (elapsed >= kMeasureFor) rate_ = count_ * 1e6 / static_cast<double>(elapsed.count());
+    if (elapsed >= kMeasureFor || elapsed.count() < 0) start(at);
   }
   /// No more than what is still possible when nothing has come until `now`.
   double perSecond(StreamTime now) const {
@@ -35,6 +35,8 @@ class RateMeter {
   }
 
  private:
+  static constexpr std::chrono::microseconds kMeasureFor{1'000'000};
+
   StreamTime start_{};
   std::uint32_t count_ = 0;
   double rate_ = 0;

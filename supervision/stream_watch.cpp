@@ -44,7 +44,7 @@ class StreamWatch::StreamTeller final : public Teller {
 };
 
 std::size_t StreamWatch::KeyHash::operator()(const Key& key) const {
-  return hashMix(hashMix(hashOctets(key.name, seed), key.address), key.rest);
+  return hashMix(hashOctets(key.name, seed) ^ key.rest, key.address);
 }
 
 StreamWatch::StreamWatch(std::uint64_t seed) : slots_(0, KeyHash{seed}) {}

@@ -73,6 +73,17 @@ TEST(PhasorMeter, DeadChannels) {
   }
 }
 
+TEST(PhasorMeter, OtherFrequenciesAreNone) {
+  Phasors phasors;
+  for (const double frequency : {0.0, 25.0, 32.0, 78.0}) {
+    const Signal signal{.frequency = frequency};
+    PhasorMeter meter({1, 1, 1, 1}, 4000);
+    for (int i = 0; i < 1000; ++i) meter.add(signal.at(i / 4000.0));
+    ASSERT_TRUE(meter.measure(phasors));
+    EXPECT_FALSE(phasors.frequency) << frequency << " " << *phasors.frequency;
+  }
+}
+
 TEST(PhasorMeter, AGapStartsAnewAndStrangeRatesMeasureNothing) {
   const Signal signal;
   Phasors phasors;
