@@ -1,10 +1,8 @@
 #include "tests/support/daemon.h"
 
 #include <signal.h>
-#include <stdlib.h>
 
 #include <sstream>
-#include <stdexcept>
 #include <thread>
 #include <utility>
 
@@ -12,33 +10,22 @@ namespace tarnlink::test {
 
 namespace {
 
-std::filesystem::path newFolder() {
-  char name[] = "/tmp/tarnlink-test-XXXXXX";
-  if (::mkdtemp(name) == nullptr) throw std::runtime_error("mkdtemp failed");
-  return name;
-}
-
-std::vector<std::string> argvOf(std::vector<std::string> arguments) {
+std::vector<std::string> argvOf(std::vector<std::string> arguments,
+                                const std::vector<std::string>& more = {}) {
   arguments.insert(arguments.begin(), TARNLINKD);
+  arguments.insert(arguments.end(), more.begin(), more.end());
   return arguments;
 }
 
 }  // namespace
 
 Daemon::Daemon(std::vector<std::string> arguments)
-    : folder_(newFolder()),
-      program_(
-          [&] {
-            arguments.insert(arguments.end(), {"--preferences", preferences(), "--no-advertise"});
-            return argvOf(std::move(arguments));
-          }(),
-          {}, Program::Errors::passedOn) {}
+    : program_(argvOf(std::move(arguments), {"--preferences", preferences(), "--no-advertise"}), {},
+               Program::Errors::passedOn) {}
 
 Daemon::~Daemon() {
   program_.signal(SIGKILL);
   program_.wait();
-  std::error_code ignored;
-  std::filesystem::remove_all(folder_, ignored);
 }
 
 std::vector<std::string> Daemon::log() const {

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "tests/support/program.h"
+#include "tests/support/scratch_folder.h"
 
 namespace tarnlink::test {
 
@@ -31,7 +32,7 @@ class Daemon {
   std::string pairingCode() const;
 
  private:
-  std::filesystem::path folder_;
+  ScratchFolder folder_;
   Program program_;
   std::size_t found_ = 0;  // Lines of the log.
 };
