@@ -310,13 +310,6 @@ class RawClient {
     asio::write(socket_, asio::buffer(octets), ignored);
   }
 
-  /// In pieces of so many octets, which arrive one by one more often than not.
-  void send(std::string_view octets, std::size_t piece) {
-    for (; !octets.empty(); octets.remove_prefix(std::min(piece, octets.size()))) {
-      send(std::string(octets.substr(0, piece)));
-    }
-  }
-
   void close() { socket_.close(); }
   void reset() {
     socket_.set_option(asio::socket_base::linger(true, 0));
@@ -367,21 +360,16 @@ class RawClient {
  private:
   // Blocking reads that honour SO_RCVTIMEO, which Asio's do not.
   bool take(std::string& into, std::size_t size) {
-    while (into.size() < size) {
-      if (read_ == buffered_) {
-        const auto n = ssl_ ? SSL_read(ssl_.get(), buffer_.data(), static_cast<int>(buffer_.size()))
-                            : ::recv(socket_.native_handle(), buffer_.data(), buffer_.size(), 0);
-        const bool isEnd = ssl_ ? SSL_get_shutdown(ssl_.get()) != 0 : n == 0;
-        if (n <= 0) {
-          failure_ = isEnd ? kEnd : errno == EAGAIN ? kNothing : kReset;
-          return false;
-        }
-        read_ = 0;
-        buffered_ = static_cast<std::size_t>(n);
-      }
-      const auto part = std::min(size - into.size(), buffered_ - read_);
-      into.append(buffer_.data() + read_, part);
-      read_ += part;
+    for (std::size_t done = into.size(); done < size;) {
+      into.resize(size);
+      const auto n = ssl_ ? SSL_read(ssl_.get(), &into[done], static_cast<int>(size - done))
+                          : ::recv(socket_.native_handle(), &into[done], size - done, 0);
+      done += static_cast<std::size_t>(std::max<ssize_t>(n, 0));
+      if (n > 0) continue;
+      const bool isEnd = ssl_ ? SSL_get_shutdown(ssl_.get()) != 0 : n == 0;
+      failure_ = isEnd ? kEnd : errno == EAGAIN ? kNothing : kReset;
+      into.resize(done);
+      return false;
     }
     return true;
   }
@@ -389,9 +377,6 @@ class RawClient {
   std::unique_ptr<asio::io_context> context_ = std::make_unique<asio::io_context>();
   tcp::socket socket_{*context_};
   std::unique_ptr<SSL, decltype(&SSL_free)> ssl_{nullptr, SSL_free};
-  std::vector<char> buffer_ = std::vector<char>(16384);
-  std::size_t read_ = 0;
-  std::size_t buffered_ = 0;
   int failure_ = kEnd;
 };
 

@@ -45,6 +45,18 @@ TEST(WriteQueue, HoldsMemoryUpToItsLimitAndSaysSoOnce) {
   EXPECT_EQ(push(queue, Kind::event, 'h'), Push::dropped);
 }
 
+TEST(WriteQueue, NoTextGoesBeforeTheHandshakeOrAfterTheLastControlFrame) {
+  WriteQueue queue(3 * kMemory);
+  push(queue, Kind::event, 'e');
+  EXPECT_TRUE(queue.pushProtocol("HTTP-", false));
+  EXPECT_EQ(next(queue) + next(queue), "-");
+  queue.open();
+  EXPECT_FALSE(queue.pushProtocol("close-", true));
+  EXPECT_EQ(push(queue, Kind::event, 'f'), Push::dropped);
+  EXPECT_EQ(next(queue) + next(queue), "e-");
+  EXPECT_TRUE(queue.pushProtocol("again-", false)) << "it was idle";
+}
+
 TEST(WriteQueue, ForgetsTextThatIsNotBegun) {
   const struct {
     const char* name;
