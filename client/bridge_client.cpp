@@ -39,8 +39,8 @@ auto BridgeClient::next(Milliseconds wait) -> Result<BridgeEvent> {
   auto message = socket_.receive(wait);
   if (!message) return message.error();
   BridgeEvent event{std::move(message->data), "", {}};
-  if (auto members = parseJsonObject(event.text)) event.members = std::move(*members);
-  if (const auto* name = event.members.string("event")) event.name = *name;
+  if (auto members = parseJson(event.text)) event.members = std::move(*members);
+  if (const auto* name = findString(event.members, "event")) event.name = *name;
   return event;
 }
 
@@ -70,7 +70,7 @@ auto BridgeClient::ask(Command command, std::string_view name, const Handler& on
   while (true) {
     auto event = nextBefore(deadline);
     if (!event) return event;
-    const auto answered = event->members.integer("requestId");
+    const auto answered = findInteger(event->members, "requestId");
     if (event->name == "error" && (answered || !knowsRequestIds_)) return event;
     if (answered == request) return event;
     if (pingsBehind && event->name == "pong") return answer;
@@ -85,7 +85,7 @@ auto BridgeClient::ask(Command command, std::string_view name, const Handler& on
 
 auto BridgeClient::authenticate(std::string_view code) -> Result<BridgeEvent> {
   auto answer = ask({{"cmd", "auth"}, {"token", code}}, "auth_result");
-  if (answer) knowsRequestIds_ = answer->members.find("requestId") != nullptr;
+  if (answer) knowsRequestIds_ = findMember(answer->members, "requestId") != nullptr;
   return answer;
 }
 

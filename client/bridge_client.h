@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "protocol/json_value.h"
+#include "protocol/json.h"
 #include "websocket/websocket_client.h"
 
 namespace tarnlink {
@@ -19,7 +19,7 @@ namespace tarnlink {
 struct BridgeEvent {
   std::string text;  ///< As it came.
   std::string name;  ///< Empty when the text is no event of the protocol.
-  JsonObject members;
+  Json members;
 };
 
 /// A conversation with a bridge. Every operation blocks its caller; one thread at a time. Errors

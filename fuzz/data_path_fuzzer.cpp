@@ -8,8 +8,9 @@
 #include "goosestack/ethernet_frame.h"
 #include "protocol/base64.h"
 #include "protocol/bridge_event_encoder.h"
-#include "protocol/json_value.h"
-#include "protocol/json_value_codec.h"
+#include "protocol/from_bridge_json.h"
+#include "protocol/json.h"
+#include "protocol/to_bridge_json.h"
 #include "stack/goose_frame_decoder.h"
 #include "stack/sv_frame_decoder.h"
 
@@ -47,13 +48,12 @@ std::string textOf(const GooseMessage& message) {
 }
 
 /// The values come back from their text, as far as JSON tells them apart.
-void checkValues(const std::vector<Value>& values, const JsonObject& message) {
-  const JsonArray* written = message.array("values");
+void checkValues(const std::vector<Value>& values, const Json& message) {
+  const auto* written = findArray(message, "values");
   require(written && written->size() == values.size(), "every value is written");
   for (std::size_t i = 0; i < values.size(); ++i) {
-    const auto* object = (*written)[i].as<JsonObject>();
-    require(object, "a value is an object");
-    const auto back = fromBridgeJson<Value>(*object);
+    require((*written)[i].is_object(), "a value is an object");
+    const auto back = fromBridgeJson<Value>((*written)[i]);
     require(back && textOf(*back) == textOf(values[i]), "a written value reads back");
   }
 }
@@ -63,16 +63,15 @@ void checkGooseEvent(const GooseMessage& message) {
   if (holdsNonFinite(message.values)) {
     return require(text == BridgeEventEncoder::kEncodeFailed, "JSON has no such number");
   }
-  const auto event = parseJsonObject(text);
+  const auto event = parseJson(text);
   require(event.has_value(), "an event is JSON");
-  const JsonValue* member = event->find("message");
-  const auto* object = member ? member->as<JsonObject>() : nullptr;
-  require(object && *event->string("event") == "goose_message", "an event names itself");
-  require(object->integer("appId") == message.appId &&
-              *object->string("goCBRef") == message.goCBRef &&
-              *object->string("dataSet") == message.dataSet &&
-              object->integer("vlanId") == message.vlanId &&
-              *object->string("srcMac") == *message.srcMac,
+  const Json* object = findMember(*event, "message");
+  require(object && *findString(*event, "event") == "goose_message", "an event names itself");
+  require(findInteger(*object, "appId") == message.appId &&
+              *findString(*object, "goCBRef") == message.goCBRef &&
+              *findString(*object, "dataSet") == message.dataSet &&
+              findInteger(*object, "vlanId") == message.vlanId &&
+              *findString(*object, "srcMac") == *message.srcMac,
           "an event tells the message");
   checkValues(message.values, *object);
 }
@@ -102,15 +101,15 @@ void checkGoose(ByteView frame) {
 void checkSampledValues(ByteView frame) {
   SvCapturedFrame captured{Bytes(40, 1), "left over", "left over", 7, {}};
   if (!SvFrameDecoder::decode(frame, kReceivedAt, captured)) return;
-  const auto event = parseJsonObject(BridgeEventEncoder::svApdu(captured));
-  require(event && *event->string("event") == "sv_apdu", "an event names itself");
-  const auto pdu = decodeBase64(*event->string("pduBase64"));
+  const auto event = parseJson(BridgeEventEncoder::svApdu(captured));
+  require(event && *findString(*event, "event") == "sv_apdu", "an event names itself");
+  const auto pdu = decodeBase64(*findString(*event, "pduBase64"));
   require(
       pdu && pdu->size() <= frame.size() && std::equal(pdu->rbegin(), pdu->rend(), frame.rbegin()),
       "the payload is the frame's end");
-  require(event->integer("vlanId") == captured.vlanId &&
-              *event->string("dstMac") == formatMac(frame.first(6)) &&
-              *event->string("srcMac") == formatMac(frame.subspan(6, 6)),
+  require(findInteger(*event, "vlanId") == captured.vlanId &&
+              *findString(*event, "dstMac") == formatMac(frame.first(6)) &&
+              *findString(*event, "srcMac") == formatMac(frame.subspan(6, 6)),
           "addresses and tag are the frame's");
 }
 

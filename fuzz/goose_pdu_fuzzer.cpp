@@ -3,7 +3,7 @@
 
 #include "fuzz/require.h"
 #include "fuzz/same_value.h"
-#include "stack/utf8.h"
+#include "goosestack/utf8.h"
 
 namespace tarnlink::fuzz {
 using namespace goosestack;

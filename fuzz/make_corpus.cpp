@@ -9,7 +9,7 @@
 #include "fuzz/random_goose.h"
 #include "goosestack/ethernet_frame.h"
 #include "goosestack/goose_pdu.h"
-#include "protocol/json_value_codec.h"
+#include "protocol/to_bridge_json.h"
 
 namespace tarnlink::fuzz {
 using namespace goosestack;

@@ -2,7 +2,7 @@
 #include "goosestack/sv_pdu.h"
 
 #include "fuzz/require.h"
-#include "stack/utf8.h"
+#include "goosestack/utf8.h"
 
 namespace tarnlink::fuzz {
 using namespace goosestack;

@@ -3,7 +3,7 @@
 #include <charconv>
 #include <regex>
 
-#include "stack/utf8.h"
+#include "goosestack/utf8.h"
 
 namespace tarnlink {
 namespace {

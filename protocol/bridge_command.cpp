@@ -4,7 +4,9 @@
 #include <utility>
 
 #include "protocol/base64.h"
-#include "protocol/json_value_codec.h"
+#include "protocol/from_bridge_json.h"
+#include "protocol/json.h"
+#include "protocol/member_reader.h"
 
 namespace tarnlink {
 namespace {
@@ -15,12 +17,12 @@ constexpr goosestack::MacAddress kDefaultSvDestination{0x01, 0x0C, 0xCD, 0x04, 0
 constexpr std::uint8_t kDefaultSvVlanPriority = 4;
 constexpr const char* kDefaultInterface = "en0";
 
-std::optional<std::string> text(const JsonObject& object, std::string_view key) {
-  const std::string* found = object.string(key);
+std::optional<std::string> text(const Json& object, std::string_view key) {
+  const std::string* found = findString(object, key);
   return found ? std::optional(*found) : std::nullopt;
 }
 
-boost::system::result<Reading, Unreadable> readingOf(const JsonObject& object) {
+boost::system::result<Reading, Unreadable> readingOf(const Json& object) {
   MemberReader members(object, Reading::strict);
   const bool isStrict = members.boolean("strict").value_or(false);
   if (members.fault()) return *members.fault();
@@ -28,20 +30,20 @@ boost::system::result<Reading, Unreadable> readingOf(const JsonObject& object) {
 }
 
 template <class Payload>
-Decoded withoutPayload(const JsonObject&) {
+Decoded withoutPayload(const Json&) {
   return BridgeCommand{Payload{}};
 }
 
-Decoded auth(const JsonObject& object) {
+Decoded auth(const Json& object) {
   return BridgeCommand{BridgeCommand::Auth{text(object, "token").value_or("")}};
 }
 
-Decoded subscribeGoose(const JsonObject& object) {
+Decoded subscribeGoose(const Json& object) {
   return BridgeCommand{
       BridgeCommand::SubscribeGoose{text(object, "appIdFilter"), text(object, "goCBRefFilter")}};
 }
 
-Decoded publishGoose(const JsonObject& object) {
+Decoded publishGoose(const Json& object) {
   const auto reading = readingOf(object);
   if (!reading) return reading.error();
   auto config = fromBridgeJson<goosestack::GoosePublishConfig>(object, *reading);
@@ -49,17 +51,17 @@ Decoded publishGoose(const JsonObject& object) {
   return BridgeCommand{BridgeCommand::PublishGoose{std::move(*config)}};
 }
 
-Decoded unpublishGoose(const JsonObject& object) {
+Decoded unpublishGoose(const Json& object) {
   auto goCBRef = text(object, "goCBRef");
   if (goCBRef && goCBRef->empty()) goCBRef.reset();
   return BridgeCommand{BridgeCommand::UnpublishGoose{std::move(goCBRef)}};
 }
 
-Decoded subscribeSv(const JsonObject& object) {
-  return BridgeCommand{BridgeCommand::SubscribeSv{object.integer("appIdFilter")}};
+Decoded subscribeSv(const Json& object) {
+  return BridgeCommand{BridgeCommand::SubscribeSv{findInteger(object, "appIdFilter")}};
 }
 
-Decoded publishSvApdu(const JsonObject& object) {
+Decoded publishSvApdu(const Json& object) {
   const auto reading = readingOf(object);
   if (!reading) return reading.error();
   MemberReader members = commandMembers(object, *reading);
@@ -81,20 +83,20 @@ Decoded publishSvApdu(const JsonObject& object) {
   return BridgeCommand{std::move(command)};
 }
 
-Decoded setInterface(const JsonObject& object) {
+Decoded setInterface(const Json& object) {
   MemberReader members(object, Reading::lenient);
   const std::string* name = members.string("interface", Need::always);
   if (!name) return *members.fault();
   return BridgeCommand{BridgeCommand::SetInterface{*name}};
 }
 
-Decoded ping(const JsonObject& object) {
-  return BridgeCommand{BridgeCommand::Ping{object.integer("timestamp").value_or(0)}};
+Decoded ping(const Json& object) {
+  return BridgeCommand{BridgeCommand::Ping{findInteger(object, "timestamp").value_or(0)}};
 }
 
 struct Entry {
   std::string_view name;
-  Decoded (*decode)(const JsonObject&);
+  Decoded (*decode)(const Json&);
 };
 
 constexpr std::array kCommands{
@@ -110,21 +112,19 @@ constexpr std::array kCommands{
     Entry{"set_interface", setInterface},
     Entry{"ping", ping},
 };
-const Unreadable kNoObject{Unreadable::Case::refused, {}, "no JSON object"};
 constexpr std::string_view kCommandName = "the name of a command";
 
-std::optional<RequestId> requestId(const JsonValue* mark) {
-  if (mark == nullptr) return {};
-  const auto* text = mark->as<std::string>();
+std::optional<RequestId> requestId(const Json& mark) {
+  const auto* text = mark.get_ptr<const std::string*>();
   if (text && text->size() <= BridgeRequest::kMaxRequestId) return *text;
-  const auto* number = mark->as<JsonNumber>();
-  if (number && number->integer) return *number->integer;
-  return {};
+  const auto number = asInteger(mark);
+  return number ? std::optional<RequestId>(*number) : std::nullopt;
 }
 
 }  // namespace
 
-BridgeCommand::Result BridgeCommand::fromJson(const JsonObject& object) {
+BridgeCommand::Result BridgeCommand::fromJson(const Json& object) {
+  if (!object.is_object()) return Unreadable{Unreadable::Case::refused, {}, "no JSON object"};
   MemberReader members(object, Reading::lenient);
   const std::string* name = members.string("cmd", Need::always, kCommandName);
   if (!name) return *members.fault();
@@ -135,22 +135,16 @@ BridgeCommand::Result BridgeCommand::fromJson(const JsonObject& object) {
   return *members.fault();
 }
 
-BridgeCommand::Result BridgeCommand::fromText(std::string_view text) {
-  const auto object = parseJsonObject(text);
-  return object ? fromJson(*object) : Result(kNoObject);
-}
-
 BridgeRequest BridgeRequest::fromText(std::string_view text) {
-  const auto object = parseJsonObject(text);
-  if (!object) return {{}, false, kNoObject};
-  const JsonValue* mark = object->find("requestId");
-  const bool wantsReason = mark != nullptr || object->find("strict") != nullptr;
-  auto id = requestId(mark);
+  const auto object = parseJson(text);
+  if (!object) return {{}, false, object.error()};
+  const Json* mark = findMember(*object, "requestId");
+  const bool wantsReason = mark != nullptr || findMember(*object, "strict") != nullptr;
+  auto id = mark ? requestId(*mark) : std::nullopt;
   if (mark != nullptr && !id) {
-    MemberReader members(*object, Reading::lenient);
-    members.refuse("requestId", "an integer of 64 bits, or a text of " +
-                                    std::to_string(kMaxRequestId) + " octets at most");
-    return {{}, wantsReason, *members.fault()};
+    const auto expected =
+        "an integer of 64 bits, or a text of " + std::to_string(kMaxRequestId) + " octets at most";
+    return {{}, wantsReason, unexpected("requestId", expected, mark)};
   }
   return {std::move(id), wantsReason, BridgeCommand::fromJson(*object)};
 }

@@ -4,6 +4,7 @@
 #include <boost/system/result.hpp>
 #include <cstddef>
 #include <cstdint>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -12,8 +13,7 @@
 #include "goosestack/bytes.h"
 #include "goosestack/goose_publish_config.h"
 #include "goosestack/sv_records.h"
-#include "protocol/json_value.h"
-#include "protocol/member_reader.h"
+#include "protocol/unreadable.h"
 
 namespace tarnlink {
 
@@ -72,12 +72,9 @@ struct BridgeCommand {
 
   using Result = boost::system::result<BridgeCommand, Unreadable>;
 
-  /// No well-formed command: "cmd" missing or unknown, a required member missing, or a number
-  /// outside its field's range; of a publication with "strict", see Reading::strict.
-  static Result fromJson(const JsonObject& object);
-
-  /// The same from the text of a message, which may be no JSON object either.
-  static Result fromText(std::string_view text);
+  /// No well-formed command: no object, "cmd" missing or unknown, a required member missing, or a
+  /// number outside its field's range; of a publication with "strict", see Reading::strict.
+  static Result fromJson(const nlohmann::ordered_json& object);
 };
 
 /// What a client marks a command with, to know the answer by.

@@ -1,7 +1,7 @@
 #include "protocol/bridge_event_encoder.h"
 
 #include "protocol/base64.h"
-#include "protocol/json_value_codec.h"
+#include "protocol/to_bridge_json.h"
 
 #ifndef TARNLINK_APP_VERSION
 #define TARNLINK_APP_VERSION "dev"

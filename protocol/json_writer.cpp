@@ -1,12 +1,12 @@
 #include "protocol/json_writer.h"
 
-#include <simdjson.h>
-
 #include <algorithm>
 #include <bit>
 #include <cmath>
 #include <cstdint>
 #include <utility>
+
+#include "goosestack/utf8.h"
 
 namespace tarnlink {
 namespace {
@@ -128,7 +128,8 @@ void JsonWriter::string(std::string_view text) {
 }
 
 void JsonWriter::escapedString(std::string_view text) {
-  if (!simdjson::validate_utf8(text.data(), text.size())) return fail();
+  const auto* from = reinterpret_cast<const std::uint8_t*>(text.data());
+  if (!goosestack::isValidUtf8({from, text.size()})) return fail();
   std::size_t octets = 2;
   for (const char c : text) octets += writtenLength(c);
   JsonRun run = begin(octets);

@@ -5,7 +5,7 @@
 # To build and run the programs.
 build_packages=(
   g++ cmake ninja-build pkg-config
-  libboost1.81-dev libpcap-dev libsimdjson-dev nlohmann-json3-dev libcli11-dev
+  libboost1.81-dev libpcap-dev nlohmann-json3-dev libcli11-dev
   libssl-dev libsystemd-dev libcap-dev libavahi-client-dev
   iproute2 util-linux
 )

@@ -17,7 +17,7 @@ CommandError CommandError::because(std::string description, std::int64_t code,
 CommandError invalidInterfaceName(std::string_view text) {
   return {ErrorCode::invalidInterfaceName, "Invalid interface name",
           "interface: expected a letter followed by letters and digits, 15 in all at most, found " +
-              quoted(text)};
+              quotedText(text)};
 }
 
 void throw_exception_from_error(const CommandError& error, const boost::source_location& location) {

@@ -6,8 +6,8 @@
 #include <optional>
 
 #include "ber/ber_reader.h"
+#include "goosestack/utf8.h"
 #include "stack/goose_pdu_tags.h"
-#include "stack/utf8.h"
 
 namespace goosestack {
 namespace {

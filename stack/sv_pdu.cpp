@@ -6,7 +6,7 @@
 
 #include "ber/ber_reader.h"
 #include "goosestack/goose_pdu.h"
-#include "stack/utf8.h"
+#include "goosestack/utf8.h"
 
 namespace goosestack {
 namespace {

@@ -81,15 +81,15 @@ void BridgeLink::read() {
 void BridgeLink::take(const BridgeEvent& event) {
   if (event.name == "auth_result") {
     // Another bridge than the one that got the token has the port.
-    if (!event.members.boolean("ok").value_or(false)) return lose();
+    if (!findBoolean(event.members, "ok").value_or(false)) return lose();
     timer_.stop();
     delay_ = kFirstDelay;
     isAdmitted_ = true;
   } else if (event.name == "bridge_status" && isAdmitted_) {
-    const auto* active = event.members.string("activeInterface");
+    const auto* active = findString(event.members, "activeInterface");
     handlers_.onStatus(active != nullptr ? *active : std::string());
   } else if (event.name == "error" && isAdmitted_) {
-    const auto* text = event.members.string("error");
+    const auto* text = findString(event.members, "error");
     handlers_.onError(text != nullptr ? *text : event.text);
   }
 }

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "stack/utf8.h"
+#include "goosestack/utf8.h"
 
 namespace tarnlink {
 

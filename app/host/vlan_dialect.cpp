@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <limits>
 
-#include "protocol/json_value.h"
+#include "protocol/json.h"
 
 namespace tarnlink {
 namespace {
@@ -27,34 +27,30 @@ std::vector<std::string> readBack(const std::string& name) {
           ip + " -json -details address show dev " + name + "; " + ip + " -json link show"};
 }
 
-const JsonObject* object(const JsonObject* parent, std::string_view key) {
-  const JsonValue* value = parent != nullptr ? parent->find(key) : nullptr;
-  return value != nullptr ? value->as<JsonObject>() : nullptr;
+const Json* member(const Json* parent, std::string_view key) {
+  return parent != nullptr ? findMember(*parent, key) : nullptr;
 }
 
-bool hasText(const JsonObject* parent, std::string_view key, std::string_view text) {
-  const std::string* value = parent != nullptr ? parent->string(key) : nullptr;
+bool hasText(const Json* parent, std::string_view key, std::string_view text) {
+  const std::string* value = parent != nullptr ? findString(*parent, key) : nullptr;
   return value != nullptr && *value == text;
 }
 
-bool isDown(const JsonObject& link) {
-  const JsonArray* flags = link.array("flags");
-  return flags != nullptr && std::none_of(flags->begin(), flags->end(), [](const JsonValue& flag) {
-           const auto* text = flag.as<std::string>();
-           return text != nullptr && *text == "UP";
-         });
+bool isDown(const Json& link) {
+  const auto* flags = findArray(link, "flags");
+  return flags != nullptr &&
+         std::none_of(flags->begin(), flags->end(), [](const Json& flag) { return flag == "UP"; });
 }
 
-bool isMapped(const JsonArray& map, int priority) {
-  return std::any_of(map.begin(), map.end(), [priority](const JsonValue& entry) {
-    const auto* mapping = entry.as<JsonObject>();
-    return mapping != nullptr && mapping->integer("from") == priority;
+bool isMapped(const Json::array_t& map, int priority) {
+  return std::any_of(map.begin(), map.end(), [priority](const Json& entry) {
+    return findInteger(entry, "from") == priority;
   });
 }
 
 // Mappings for the priorities that frames would lose. Those that are there may be somebody's wish.
-std::string missingMap(const JsonObject* vlan) {
-  const JsonArray* map = vlan != nullptr ? vlan->array("egress_qos") : nullptr;
+std::string missingMap(const Json* vlan) {
+  const auto* map = vlan != nullptr ? findArray(*vlan, "egress_qos") : nullptr;
   std::string missing;
   for (int priority = 1; priority <= kHighestPriority; ++priority) {
     if (map != nullptr && isMapped(*map, priority)) continue;
@@ -64,51 +60,48 @@ std::string missingMap(const JsonObject* vlan) {
   return missing;
 }
 
-std::string lacks(const JsonObject& link, const JsonObject* vlan) {
+std::string lacks(const Json& link, const Json* vlan) {
   const auto map = missingMap(vlan);
   return (isDown(link) ? " up" : "") + (map.empty() ? "" : " type vlan egress-qos-map" + map);
 }
 
 // Someone else's link is never taken away from them. `all`: every link of the system.
-std::string_view keptBecause(const JsonObject& link, bool isVlan, const JsonArray* all) {
+std::string_view keptBecause(const Json& link, bool isVlan, const Json::array_t* all) {
   if (!isVlan) return "ein anderes Interface trägt diesen Namen";
   if (!hasText(&link, "ifalias", kMark)) return "das vorhandene Interface ist nicht von der Bridge";
-  const JsonArray* addresses = link.array("addr_info");
-  const std::string* name = link.string("ifname");
+  const auto* addresses = findArray(link, "addr_info");
+  const std::string* name = findString(link, "ifname");
   if (addresses == nullptr || all == nullptr || name == nullptr) {
     return "die Verwendung des vorhandenen ist nicht lesbar";
   }
   if (!addresses->empty()) return "das vorhandene Interface trägt Adressen";
-  const bool carriesLinks = std::any_of(all->begin(), all->end(), [&](const JsonValue& other) {
-    return hasText(other.as<JsonObject>(), "link", *name);
-  });
-  if (carriesLinks || link.string("master") != nullptr) {
+  const bool carriesLinks = std::any_of(
+      all->begin(), all->end(), [&](const Json& other) { return hasText(&other, "link", *name); });
+  if (carriesLinks || findString(link, "master") != nullptr) {
     return "auf dem vorhandenen Interface liegen andere";
   }
   return {};
 }
 
 ExistingLink parseReadBack(std::string_view output) {
-  // The tool writes one array a line; the parser takes objects.
+  // The tool writes one array a line.
   const auto lineEnd = std::min(output.find('\n'), output.size());
-  const auto document =
-      parseJsonObject("{\"links\":" + std::string(output.substr(0, lineEnd)) + "}");
-  const auto others = parseJsonObject("{\"links\":" + std::string(output.substr(lineEnd)) + "}");
-  const JsonArray* links = document ? document->array("links") : nullptr;
-  const auto* link =
-      links != nullptr && links->size() == 1 ? links->front().as<JsonObject>() : nullptr;
+  const auto document = parseJson(output.substr(0, lineEnd));
+  const auto others = parseJson(output.substr(lineEnd));
+  const bool isOne = document && document->is_array() && document->size() == 1;
+  const Json* link = isOne && document->front().is_object() ? &document->front() : nullptr;
   if (link == nullptr) {
     return {.vlan = {}, .keptBecause = "das vorhandene ist nicht lesbar", .lacks = {}};
   }
 
-  const JsonObject* kind = object(link, "linkinfo");
-  const JsonObject* data = object(kind, "info_data");
+  const Json* kind = member(link, "linkinfo");
+  const Json* data = member(kind, "info_data");
   const bool isVlan = hasText(kind, "info_kind", "vlan");
-  const JsonArray* all = others ? others->array("links") : nullptr;
+  const auto* all = others ? others->get_ptr<const Json::array_t*>() : nullptr;
   ExistingLink existing{
       .vlan = {}, .keptBecause = keptBecause(*link, isVlan, all), .lacks = lacks(*link, data)};
-  const std::string* parent = link->string("link");
-  const auto vid = data != nullptr ? data->integer("id") : std::nullopt;
+  const std::string* parent = findString(*link, "link");
+  const auto vid = data != nullptr ? findInteger(*data, "id") : std::nullopt;
   // A service tag (802.1ad) is another EtherType: such a link does not carry this VLAN.
   if (isVlan && parent != nullptr && !hasText(data, "protocol", "802.1ad") && vid && *vid >= 0 &&
       *vid <= std::numeric_limits<std::uint16_t>::max()) {

@@ -1,4 +1,4 @@
-#include "stack/utf8.h"
+#include "goosestack/utf8.h"
 
 #include <gtest/gtest.h>
 

@@ -240,7 +240,7 @@ TEST(TarnlinkctlPrinting, SampledValuesWithAndWithoutPayload) {
        "T appId=? S to D 1 octets: 40"},
       {R"({"dstMac":"D","srcMac":"S","receivedAt":"T"})", "T appId=? S to D ?"},
   };
-  for (const auto& [event, line] : cases) EXPECT_EQ(svLine(*parseJsonObject(event)), line);
+  for (const auto& [event, line] : cases) EXPECT_EQ(svLine(*parseJson(event)), line);
 }
 
 TEST(TarnlinkctlPrinting, ValuesAsPeopleReadThem) {
@@ -261,7 +261,7 @@ TEST(TarnlinkctlPrinting, ValuesAsPeopleReadThem) {
       {R"({"runtimeType":"boolean","value":"yes"})", "?"},
       {R"({})", "?"},
   };
-  for (const auto& [json, text] : cases) EXPECT_EQ(valueText(*parseJsonObject(json)), text) << json;
+  for (const auto& [json, text] : cases) EXPECT_EQ(valueText(*parseJson(json)), text) << json;
 }
 
 }  // namespace

@@ -88,7 +88,7 @@ Expected atTheBridge(const std::string& line) {
         return {};
       },
       std::get<CtlOptions>(parsed).command);
-  return std::get<Expected>(BridgeCommand::fromText(text).value().payload);
+  return std::get<Expected>(BridgeRequest::fromText(text).command.value().payload);
 }
 
 using Value = GooseDataValue;

@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "goosestack/interface_discovery.h"
-#include "protocol/json_value.h"
-#include "protocol/json_value_codec.h"
+#include "protocol/json.h"
+#include "protocol/to_bridge_json.h"
 #include "tools/tarnlinkctl/printing.h"
 
 namespace tarnlink {
@@ -19,9 +19,9 @@ using OnMessage = std::function<void(std::string_view)>;
 std::string lineOf(const goosestack::GooseMessage& message) {
   JsonWriter writer;
   toBridgeJson(message, writer);
-  const auto fields = writer.failed() ? std::nullopt : parseJsonObject(writer.text());
   const std::string from = "Heard from " + message.srcMac.value_or("?") + ": ";
-  return from + (fields ? gooseLine(*fields) : "a message that has no text form");
+  if (writer.failed()) return from + "a message that has no text form";
+  return from + gooseLine(parseJson(writer.text()).value());
 }
 
 boost::asio::awaitable<void> showAll(Stream stream, std::optional<std::string> ownMac,

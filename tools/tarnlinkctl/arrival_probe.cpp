@@ -28,7 +28,7 @@ CtlResult<void> ArrivalProbe::look() {
 // asked for.
 CtlResult<void> ArrivalProbe::take(const BridgeEvent& event) {
   if (event.name == "bridge_status") {
-    const auto* active = event.members.string("activeInterface");
+    const auto* active = findString(event.members, "activeInterface");
     if (active && !active->empty()) interface_ = printable(*active);
   } else if (event.name == "goose_message" && !std::exchange(hasGoose_, true)) {
     return session_.send({{"cmd", "unsubscribe_goose"}});

@@ -27,9 +27,9 @@ std::string bridgeAddress(const CtlOptions& options) {
 }
 
 CtlError errorOf(const BridgeEvent& event) {
-  const auto* member = event.members.string("error");
-  const auto* reason = event.members.string("reason");
-  const auto code = event.members.integer("code").value_or(0);
+  const auto* member = findString(event.members, "error");
+  const auto* reason = findString(event.members, "reason");
+  const auto code = findInteger(event.members, "code").value_or(0);
   const auto& message = member ? *member : event.text;
   auto text =
       "the bridge answers: " + printableLines(message) + " (code " + std::to_string(code) + ")";
@@ -92,7 +92,7 @@ CtlResult<BridgeEvent> BridgeSession::ask(BridgeClient::Command command, std::st
 
 CtlResult<BridgeEvent> BridgeSession::authenticate(std::string_view code) {
   auto result = answerOf(client_.authenticate(code));
-  if (result && !result->members.boolean("ok").value_or(false)) {
+  if (result && !findBoolean(result->members, "ok").value_or(false)) {
     return CtlError{CtlExit::authentication,
                     "the bridge at " + address_ +
                         " does not accept the pairing code\n  It may have a new one. 'tarnlinkd "

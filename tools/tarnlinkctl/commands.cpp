@@ -22,11 +22,11 @@ CtlResult<void> runCommand(const CtlOptions& options, std::ostream& out, std::os
   return std::visit(run, located->command);
 }
 
-std::vector<const JsonObject*> interfacesOf(const BridgeEvent& event) {
-  std::vector<const JsonObject*> found;
-  if (const auto* interfaces = event.members.array("interfaces")) {
+std::vector<const Json*> interfacesOf(const BridgeEvent& event) {
+  std::vector<const Json*> found;
+  if (const auto* interfaces = findArray(event.members, "interfaces")) {
     for (const auto& interface : *interfaces) {
-      if (const auto* members = interface.as<JsonObject>()) found.push_back(members);
+      if (interface.is_object()) found.push_back(&interface);
     }
   }
   return found;
@@ -35,7 +35,7 @@ std::vector<const JsonObject*> interfacesOf(const BridgeEvent& event) {
 }  // namespace
 
 std::string activeInterfaceOf(const BridgeEvent& status) {
-  const auto* active = status.members.string("activeInterface");
+  const auto* active = findString(status.members, "activeInterface");
   return active && !active->empty() ? printable(*active) : "no interface yet";
 }
 
@@ -84,7 +84,7 @@ CtlResult<void> CtlRun::operator()(const PairCommand& command) {
                     "the code is right but was not stored\n  Give it each time, with --code or in "
                     "TARNLINK_CODE, or make that file writable."};
   }
-  const auto* version = accepted->members.string("version");
+  const auto* version = findString(accepted->members, "version");
   print(options_.json ? accepted->text
                       : "paired with " + bridgeAddress(options_) + ", version " +
                             (version ? printable(*version) : "unknown"));
@@ -117,7 +117,7 @@ CtlResult<void> CtlRun::operator()(const InterfacesCommand&) {
     print(event->text);
     return {};
   }
-  const auto* active = event->members.string("activeInterface");
+  const auto* active = findString(event->members, "activeInterface");
   for (const auto* interface : interfacesOf(*event)) {
     print(interfaceLine(*interface, active ? *active : ""));
   }
@@ -133,7 +133,7 @@ CtlResult<void> CtlRun::operator()(const SetInterfaceCommand& command) {
     std::string names;
     bool isThere = false;
     for (const auto* interface : interfacesOf(*known)) {
-      const auto* name = interface->string("name");
+      const auto* name = findString(*interface, "name");
       if (!name) continue;
       isThere = isThere || *name == command.name;
       names += "\n  " + printable(*name);

@@ -25,51 +25,46 @@ std::string shortest(Float number) {
   return {text.data(), end};
 }
 
-std::string textOf(const JsonObject& object, std::string_view key) {
-  const auto* text = object.string(key);
+std::string textOf(const Json& object, std::string_view key) {
+  const auto* text = findString(object, key);
   return text ? printable(*text) : "?";
 }
 
-std::string integerOf(const JsonObject& object, std::string_view key) {
-  const auto number = object.integer(key);
+std::string integerOf(const Json& object, std::string_view key) {
+  const auto number = findInteger(object, key);
   return number ? std::to_string(*number) : "?";
 }
 
-std::string hexOf(const JsonObject& value) {
+std::string hexOf(const Json& value) {
   goosestack::Bytes octets;
-  if (const auto* numbers = value.array("bytes")) {
+  if (const auto* numbers = findArray(value, "bytes")) {
     for (const auto& octet : *numbers) {
-      const auto* number = octet.as<JsonNumber>();
-      octets.push_back(static_cast<std::uint8_t>(number ? number->integer.value_or(0) : 0));
+      octets.push_back(static_cast<std::uint8_t>(asInteger(octet).value_or(0)));
     }
   }
   return "0x" + hexText(octets);
 }
 
-std::string bitsOf(const JsonObject& value) {
+std::string bitsOf(const Json& value) {
   std::string out = "0b";
-  if (const auto* bits = value.array("bits")) {
-    for (const auto& bit : *bits) {
-      const auto* isSet = bit.as<bool>();
-      out += isSet && *isSet ? '1' : '0';
-    }
+  if (const auto* bits = findArray(value, "bits")) {
+    for (const auto& bit : *bits) out += bit == true ? '1' : '0';
   }
   return out;
 }
 
-std::string listOf(const JsonArray* values) {
+std::string listOf(const Json::array_t* values) {
   std::string out;
   if (!values) return out;
   for (const auto& value : *values) {
     if (!out.empty()) out += ", ";
-    const auto* object = value.as<JsonObject>();
-    out += object ? valueText(*object) : "?";
+    out += valueText(value);
   }
   return out;
 }
 
-std::string floatOf(const JsonObject& value, bool isSingle) {
-  const auto number = value.number("value");
+std::string floatOf(const Json& value, bool isSingle) {
+  const auto number = findNumber(value, "value");
   if (!number) return "?";
   return isSingle ? shortest(static_cast<float>(*number)) : shortest(*number);
 }
@@ -106,11 +101,11 @@ std::string printableLines(std::string_view text) {
   return out;
 }
 
-std::string valueText(const JsonObject& value) {
-  const auto* type = value.string("runtimeType");
+std::string valueText(const Json& value) {
+  const auto* type = findString(value, "runtimeType");
   if (!type) return "?";
   if (*type == "boolean") {
-    const auto isTrue = value.boolean("value");
+    const auto isTrue = findBoolean(value, "value");
     return !isTrue ? "?" : *isTrue ? "true" : "false";
   }
   if (*type == "bitString") return bitsOf(value);
@@ -119,29 +114,29 @@ std::string valueText(const JsonObject& value) {
   if (*type == "utcTime") return textOf(value, "value");
   if (*type == "float32") return floatOf(value, true);
   if (*type == "float64") return floatOf(value, false);
-  if (*type == "structure") return "{" + listOf(value.array("elements")) + "}";
-  if (*type == "array") return "[" + listOf(value.array("elements")) + "]";
+  if (*type == "structure") return "{" + listOf(findArray(value, "elements")) + "}";
+  if (*type == "array") return "[" + listOf(findArray(value, "elements")) + "]";
   return integerOf(value, "value");
 }
 
-std::string gooseLine(const JsonObject& message) {
+std::string gooseLine(const Json& message) {
   std::string line = textOf(message, "receivedAt");
   line += " appId=" + integerOf(message, "appId");
-  if (message.integer("vlanId")) line += " vlan=" + integerOf(message, "vlanId");
+  if (findInteger(message, "vlanId")) line += " vlan=" + integerOf(message, "vlanId");
   line += " " + textOf(message, "goCBRef");
   line += " st=" + integerOf(message, "stNum") + " sq=" + integerOf(message, "sqNum");
-  if (message.boolean("test").value_or(false)) line += " TEST";
-  if (message.boolean("needsCommission").value_or(false)) line += " NDSCOM";
-  return line + " values: " + listOf(message.array("values"));
+  if (findBoolean(message, "test").value_or(false)) line += " TEST";
+  if (findBoolean(message, "needsCommission").value_or(false)) line += " NDSCOM";
+  return line + " values: " + listOf(findArray(message, "values"));
 }
 
-std::string svLine(const JsonObject& event) {
+std::string svLine(const Json& event) {
   std::string line = textOf(event, "receivedAt");
-  const auto* encoded = event.string("pduBase64");
+  const auto* encoded = findString(event, "pduBase64");
   const auto payload = encoded ? decodeBase64(*encoded) : std::nullopt;
   const bool hasAppId = payload && payload->size() >= 2;
   line += " appId=" + (hasAppId ? std::to_string((*payload)[0] << 8 | (*payload)[1]) : "?");
-  if (event.integer("vlanId")) line += " vlan=" + integerOf(event, "vlanId");
+  if (findInteger(event, "vlanId")) line += " vlan=" + integerOf(event, "vlanId");
   line += " " + textOf(event, "srcMac") + " to " + textOf(event, "dstMac");
   if (!payload) return line + " ?";
   const goosestack::ByteView octets = *payload;
@@ -150,14 +145,14 @@ std::string svLine(const JsonObject& event) {
   return line + (octets.size() > kShownSvOctets ? "..." : "");
 }
 
-std::string interfaceLine(const JsonObject& interface, std::string_view active) {
-  const auto* name = interface.string("name");
+std::string interfaceLine(const Json& interface, std::string_view active) {
+  const auto* name = findString(interface, "name");
   std::string line = name && *name == active ? "* " : "  ";
   line += textOf(interface, "name");
   if (line.size() < 18) line.resize(18, ' ');
-  line += interface.boolean("isUp").value_or(false) ? "up    " : "down  ";
+  line += findBoolean(interface, "isUp").value_or(false) ? "up    " : "down  ";
   line += textOf(interface, "macAddress") + "  " + textOf(interface, "displayName");
-  if (!interface.boolean("supportsMulticast").value_or(true)) line += " (no multicast)";
+  if (!findBoolean(interface, "supportsMulticast").value_or(true)) line += " (no multicast)";
   return line;
 }
 

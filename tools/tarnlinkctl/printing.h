@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "protocol/json_value.h"
+#include "protocol/json.h"
 
 namespace tarnlink {
 
@@ -17,15 +17,15 @@ std::string printable(std::string_view text);
 std::string printableLines(std::string_view text);
 
 /// One dataset value: true, 5, 1.5, 0b0101, 0x0AFF, "text", a time, {members} or [elements].
-std::string valueText(const JsonObject& value);
+std::string valueText(const Json& value);
 
 /// One line for the "message" of a "goose_message" event.
-std::string gooseLine(const JsonObject& message);
+std::string gooseLine(const Json& message);
 
 /// One line for an "sv_apdu" event: the APPID, the addresses, and how the payload begins.
-std::string svLine(const JsonObject& event);
+std::string svLine(const Json& event);
 
 /// One line for an element of an "interfaces" event; the active one is starred.
-std::string interfaceLine(const JsonObject& interface, std::string_view active);
+std::string interfaceLine(const Json& interface, std::string_view active);
 
 }  // namespace tarnlink

@@ -13,7 +13,7 @@ CtlResult<void> CtlRun::operator()(const PublishCommand& command) {
   const auto status = session->ask(command.request, "bridge_status");
   if (!status) return status.error();
   session->close();
-  const auto count = status->members.integer("messagesPublished").value_or(0);
+  const auto count = findInteger(status->members, "messagesPublished").value_or(0);
   print(options_.json ? status->text
                       : command.done + " (active interface: " + activeInterfaceOf(*status) + ", " +
                             std::to_string(count) + " published so far)");

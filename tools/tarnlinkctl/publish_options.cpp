@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "protocol/base64.h"
-#include "protocol/json_value_codec.h"
+#include "protocol/from_bridge_json.h"
 #include "tools/tarnlinkctl/hex_text.h"
 #include "tools/tarnlinkctl/printing.h"
 #include "tools/tarnlinkctl/value_argument.h"

@@ -48,8 +48,8 @@ void CtlRun::showMessage(const BridgeEvent& event) {
   if (isMessage && messagesLeft_ == 0) return;
   if (options_.json) {
     print(event.text);
-  } else if (const auto* message = event.members.find("message"); isGoose && message) {
-    if (const auto* fields = message->as<JsonObject>()) print(gooseLine(*fields));
+  } else if (const auto* message = findMember(event.members, "message"); isGoose && message) {
+    if (message->is_object()) print(gooseLine(*message));
   } else if (isMessage) {
     print(svLine(event.members));
   } else if (event.name == "error") {

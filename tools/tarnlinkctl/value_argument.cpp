@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "protocol/bridge_time.h"
-#include "protocol/json_value.h"
-#include "protocol/json_value_codec.h"
+#include "protocol/from_bridge_json.h"
+#include "protocol/json.h"
 #include "tools/tarnlinkctl/hex_text.h"
 
 namespace tarnlink {
@@ -79,8 +79,8 @@ ValueError unreadable(std::string_view text, const std::string& reason) {
 
 boost::system::result<Json, ValueError> parseValueArgument(std::string_view text) {
   if (text.starts_with('{')) {
-    const auto object = parseJsonObject(text);
-    if (!object) {
+    const auto object = parseJson(text);
+    if (!object || !object->is_object()) {
       return unreadable(text, R"(is no JSON object like {"runtimeType":"int32","value":5})");
     }
     const auto value = fromBridgeJson<goosestack::GooseDataValue>(*object, Reading::strict);

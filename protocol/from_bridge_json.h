@@ -1,5 +1,5 @@
-// The stack's records as JSON of the protocol: received messages and dataset values out,
-// publication requests and dataset values in. Pure functions, safe from any thread.
+// Publication requests and dataset values from JSON of the protocol. Pure functions, safe from any
+// thread.
 #pragma once
 
 #include <boost/system/result.hpp>
@@ -7,11 +7,9 @@
 #include <string_view>
 
 #include "goosestack/goose_data_value.h"
-#include "goosestack/goose_message.h"
 #include "goosestack/goose_publish_config.h"
 #include "goosestack/mac_address.h"
-#include "protocol/json_value.h"
-#include "protocol/json_writer.h"
+#include "protocol/json.h"
 #include "protocol/member_reader.h"
 
 namespace tarnlink {
@@ -29,28 +27,21 @@ inline constexpr IntegerRange kVlanIds{0, 4094};
 inline constexpr IntegerRange kVlanPriorities{0, 7};
 
 /// A reader of a command, which knows the members that all of them may have.
-MemberReader commandMembers(const JsonObject& object, Reading reading);
+MemberReader commandMembers(const Json& object, Reading reading);
 
 /// Nothing without such a member. Text that is no address is a fault where the reading is strict.
 std::optional<goosestack::MacAddress> readMac(MemberReader& members, std::string_view key);
 
 /// Defined for GooseDataValue and GoosePublishConfig.
 template <class Record>
-boost::system::result<Record, Unreadable> fromBridgeJson(const JsonObject& object,
+boost::system::result<Record, Unreadable> fromBridgeJson(const Json& object,
                                                          Reading reading = Reading::lenient);
 
 template <>
-boost::system::result<goosestack::GooseDataValue, Unreadable> fromBridgeJson(
-    const JsonObject& object, Reading reading);
+boost::system::result<goosestack::GooseDataValue, Unreadable> fromBridgeJson(const Json& object,
+                                                                             Reading reading);
 template <>
-boost::system::result<goosestack::GoosePublishConfig, Unreadable> fromBridgeJson(
-    const JsonObject& object, Reading reading);
-
-/// A value becomes an object with its type name and one payload key. Strings that are not UTF-8 and
-/// floats that are not finite fail the writer.
-void toBridgeJson(const goosestack::GooseDataValue& value, JsonWriter& out);
-
-/// Twelve keys, and "srcMac", "dstMac" and "vlanId" where the message has them.
-void toBridgeJson(const goosestack::GooseMessage& message, JsonWriter& out);
+boost::system::result<goosestack::GoosePublishConfig, Unreadable> fromBridgeJson(const Json& object,
+                                                                                 Reading reading);
 
 }  // namespace tarnlink

@@ -1,12 +1,9 @@
-#include "protocol/json_value_codec.h"
+#include "protocol/from_bridge_json.h"
 
 #include <gtest/gtest.h>
 
 #include <limits>
 #include <string>
-
-#include "goosestack/goose_pdu.h"
-#include "protocol/bridge_event_encoder.h"
 
 namespace tarnlink {
 using namespace goosestack;
@@ -14,18 +11,11 @@ namespace {
 
 using Value = GooseDataValue;
 
-std::string written(const Value& value) {
-  JsonWriter out(0, 1);
-  toBridgeJson(value, out);
-  EXPECT_FALSE(out.failed());
-  return std::string(out.text());
-}
-
 auto readValue(const std::string& text) {
-  return fromBridgeJson<GooseDataValue>(parseJsonObject(text).value());
+  return fromBridgeJson<GooseDataValue>(parseJson(text).value());
 }
 
-TEST(JsonValueCodecTest, MacTextsFollowOneRule) {
+TEST(FromBridgeJsonTest, MacTextsFollowOneRule) {
   constexpr MacAddress kAddress{0x01, 0x0C, 0xCD, 0x01, 0x00, 0x01};
   for (const std::string text :
        {"01:0c:CD:01:00:01", "01-0C-CD-01-00-01", "01:0C-CD:01::00:01", ":-01:0C:CD:01:00:01--"}) {
@@ -39,55 +29,7 @@ TEST(JsonValueCodecTest, MacTextsFollowOneRule) {
   }
 }
 
-TEST(JsonValueCodecTest, ValuesAreWrittenAndReadBack) {
-  const std::pair<Value, std::string> cases[] = {
-      {Value::boolean(true), R"({"runtimeType":"boolean","value":true})"},
-      {Value::bitString({}), R"({"runtimeType":"bitString","bits":[]})"},
-      {Value::bitString({true, false}), R"({"runtimeType":"bitString","bits":[true,false]})"},
-      {Value::integer(std::numeric_limits<std::int32_t>::min()),
-       R"({"runtimeType":"int32","value":-2147483648})"},
-      {Value::unsignedInteger(4294967295U), R"({"runtimeType":"uint32","value":4294967295})"},
-      {Value::floatingPoint(0.1F), R"({"runtimeType":"float32","value":0.10000000149011612})"},
-      {Value::realDouble(-0.0), R"({"runtimeType":"float64","value":-0})"},
-      {Value::octetString({0, 127, 255}), R"({"runtimeType":"octetString","bytes":[0,127,255]})"},
-      {Value::visibleString("a\"b"), R"({"runtimeType":"visibleString","value":"a\"b"})"},
-      {Value::utcTime(timeFromUnixSeconds(1715933730.125)),
-       R"({"runtimeType":"utcTime","value":"2024-05-17T08:15:30.125Z"})"},
-      {Value::structure({Value::integer(1), Value::array({})}),
-       R"({"runtimeType":"structure","elements":[{"runtimeType":"int32","value":1},)"
-       R"({"runtimeType":"array","elements":[]}]})"}};
-  for (const auto& [value, text] : cases) {
-    EXPECT_EQ(written(value), text);
-    const auto back = readValue(text);
-    ASSERT_TRUE(back) << text;
-    EXPECT_EQ(*back, value) << text;
-  }
-  EXPECT_EQ(written(Value::unknown(0x8C, {7, 8})),
-            R"({"runtimeType":"octetString","bytes":[7,8]})");
-}
-
-TEST(JsonValueCodecTest, FullOctetAndBitStringsFitTheRoomThatWasEnsured) {
-  for (std::size_t length = 0; length < 300; length += 7) {
-    const Value octets = Value::octetString(Bytes(length, 255));
-    EXPECT_EQ(*readValue(written(octets)), octets);
-    const Value bits = Value::bitString(Value::BitString(length, false));
-    EXPECT_EQ(*readValue(written(bits)), bits);
-  }
-}
-
-TEST(JsonValueCodecTest, DeepestDatasetFromTheWireReadsBackInsideItsEvent) {
-  std::string octets;
-  for (int i = 0; i < 60; ++i) octets.insert(0, {'\xA2', static_cast<char>(octets.size())});
-  GooseMessage message;
-  message.values = GoosePdu::parseDataValues(
-      {reinterpret_cast<const std::uint8_t*>(octets.data()), octets.size()});
-  ASSERT_EQ(message.values.size(), 1U);
-  JsonWriter out;
-  BridgeEventEncoder::gooseMessage(message, out);
-  EXPECT_TRUE(parseJsonObject(out.text())) << out.text();
-}
-
-TEST(JsonValueCodecTest, ReadingFollowsNamesFallbacksAndDefaults) {
+TEST(FromBridgeJsonTest, ReadingFollowsNamesFallbacksAndDefaults) {
   const auto time = timeFromUnixSeconds(1715933730);
   const std::pair<std::string, Value> cases[] = {
       {R"({"runtimeType":"boolean"})", Value::boolean(false)},
@@ -103,7 +45,6 @@ TEST(JsonValueCodecTest, ReadingFollowsNamesFallbacksAndDefaults) {
       {R"({"type":"float32","value":3})", Value::floatingPoint(3)},
       {R"({"type":"float32","value":3.4028235e38})",
        Value::floatingPoint(std::numeric_limits<float>::max())},
-      {R"({"type":"float64","value":1e400})", Value::realDouble(0)},
       {R"({"type":"float64","value":null})", Value::realDouble(0)},
       {R"({"type":"mmsString","value":"x"})", Value::visibleString("x")},
       {R"({"type":"visibleString","value":5})", Value::visibleString("")},
@@ -133,7 +74,7 @@ TEST(JsonValueCodecTest, ReadingFollowsNamesFallbacksAndDefaults) {
   }
 }
 
-TEST(JsonValueCodecTest, NumberOutsideItsRangeSpoilsEverythingAroundIt) {
+TEST(FromBridgeJsonTest, NumberOutsideItsRangeSpoilsEverythingAroundIt) {
   for (const std::string value :
        {R"({"type":"int32","value":2147483648})", R"({"type":"int64","value":-2147483649})",
         R"({"type":"uint8","value":-1})", R"({"type":"uint32","value":4294967296})",
@@ -149,11 +90,10 @@ TEST(JsonValueCodecTest, NumberOutsideItsRangeSpoilsEverythingAroundIt) {
 // The four required members, then more.
 auto readRequest(const std::string& more) {
   return fromBridgeJson<GoosePublishConfig>(
-      parseJsonObject(R"({"appId":1,"goCBRef":"cb","dataSetRef":"ds","confRev":2)" + more + "}")
-          .value());
+      parseJson(R"({"appId":1,"goCBRef":"cb","dataSetRef":"ds","confRev":2)" + more + "}").value());
 }
 
-TEST(JsonValueCodecTest, RequestWithRequiredMembersOnlyTakesTheDefaults) {
+TEST(FromBridgeJsonTest, RequestWithRequiredMembersOnlyTakesTheDefaults) {
   // clang-format off
   const GoosePublishConfig expected{
       1, "cb", "ds", "cb", 2, 0, 4, false, false, {0x01, 0x0C, 0xCD, 0x01, 0x00, 0x01}, {},
@@ -170,7 +110,7 @@ TEST(JsonValueCodecTest, RequestWithRequiredMembersOnlyTakesTheDefaults) {
   }
 }
 
-TEST(JsonValueCodecTest, FullRequestFillsEveryField) {
+TEST(FromBridgeJsonTest, FullRequestFillsEveryField) {
   const auto config = readRequest(
       R"(,"appId":65537,"vlanId":100,"vlanPriority":255,"vlanCfi":true,"goID":"","goId":"id",)"
       R"("interface":"eth1","retransmissionProfile":"fast","timeAllowedToLive":4294967295,)"
@@ -195,7 +135,7 @@ TEST(JsonValueCodecTest, FullRequestFillsEveryField) {
             RetransmissionProfile::single());
 }
 
-TEST(JsonValueCodecTest, RequestThatCannotBePublishedIsRefused) {
+TEST(FromBridgeJsonTest, RequestThatCannotBePublishedIsRefused) {
   for (const std::string more :
        {R"(,"appId":"1")", R"(,"goCBRef":null)", R"(,"dataSetRef":7)", R"(,"confRev":1.5)",
         R"(,"confRev":-1)", R"(,"confRev":4294967296)", R"(,"vlanId":65536)", R"(,"vlanId":-1)",
@@ -204,15 +144,15 @@ TEST(JsonValueCodecTest, RequestThatCannotBePublishedIsRefused) {
         R"(,"values":[{"type":"structure","elements":[{"type":"int32","value":3e9}]}])"}) {
     EXPECT_FALSE(readRequest(more)) << more;
   }
-  EXPECT_FALSE(fromBridgeJson<GoosePublishConfig>(JsonObject()));
+  EXPECT_FALSE(fromBridgeJson<GoosePublishConfig>(Json::object()));
 }
 
 // Strict reading ------------------------------------------------------------------------------
 
 auto readStrictly(const std::string& more) {
   return fromBridgeJson<GoosePublishConfig>(
-      parseJsonObject(R"({"cmd":"publish_goose","strict":true,"goCBRef":"cb","dataSetRef":"ds")" +
-                      more + "}")
+      parseJson(R"({"cmd":"publish_goose","strict":true,"goCBRef":"cb","dataSetRef":"ds")" + more +
+                "}")
           .value(),
       Reading::strict);
 }
@@ -292,8 +232,7 @@ TEST(StrictReadingTest, ADatasetIsReadWholeOrNotAtAll) {
        "value: expected an integer from 0 to 65535, found 65536"},
       {R"({"type":"float32","value":1e39})",
        "value: expected a number within the range of float32, found 1e+39"},
-      {R"({"type":"float64","value":1e400})",
-       "value: expected a number, found a number beyond the largest double"},
+      {R"({"type":"float64","value":"1"})", R"(value: expected a number, found "1")"},
       {R"({"type":"visibleString","value":true})", "value: expected a string, found true"},
       {R"({"type":"octetString","bytes":[1,256]})",
        "bytes[1]: expected an integer from 0 to 255, found 256"},
