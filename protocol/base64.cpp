@@ -25,28 +25,6 @@ constexpr auto kDigits = [] {
   return digits;
 }();
 
-std::uint8_t digit(char c) {
-  return kDigits[static_cast<unsigned char>(c)];
-}
-
-/// Reads `count` characters as one number, padded to four characters with zero bits.
-bool readGroup(const char* group, std::size_t count, std::uint32_t& bits) {
-  bits = 0;
-  std::uint8_t seen = 0;
-  for (std::size_t i = 0; i < 4; ++i) {
-    const std::uint8_t value = i < count ? digit(group[i]) : 0;
-    seen |= value;
-    bits = bits << 6 | value;
-  }
-  return seen < 64;
-}
-
-void appendOctets(std::uint32_t bits, std::size_t count, goosestack::Bytes& out) {
-  for (std::size_t i = 0; i < count; ++i) {
-    out.push_back(static_cast<std::uint8_t>(bits >> (16 - 8 * i)));
-  }
-}
-
 }  // namespace
 
 char* writeBase64(goosestack::ByteView octets, char* out) {
@@ -68,22 +46,22 @@ char* writeBase64(goosestack::ByteView octets, char* out) {
 
 std::optional<goosestack::Bytes> decodeBase64(std::string_view text) {
   if (text.size() % 4 != 0) return {};
+  const std::size_t padding = text.ends_with("==") ? 2 : text.ends_with(kPadding) ? 1 : 0;
   goosestack::Bytes octets;
-  if (text.empty()) return octets;
-  std::size_t padding = 0;
-  while (padding < 2 && text[text.size() - 1 - padding] == kPadding) ++padding;
   octets.reserve(text.size() / 4 * 3);
-
   std::uint32_t bits = 0;
-  const std::size_t last = text.size() - 4;
-  for (std::size_t at = 0; at < last; at += 4) {
-    if (!readGroup(text.data() + at, 4, bits)) return {};
-    appendOctets(bits, 3, octets);
+  unsigned waiting = 0;  // Bits that are no whole octet yet.
+  for (const char c : text.substr(0, text.size() - padding)) {
+    const std::uint8_t digit = kDigits[static_cast<unsigned char>(c)];
+    if (digit == kNoDigit) return {};
+    bits = bits << 6 | digit;
+    waiting += 6;
+    if (waiting < 8) continue;
+    waiting -= 8;
+    octets.push_back(static_cast<std::uint8_t>(bits >> waiting));
   }
-  if (!readGroup(text.data() + last, 4 - padding, bits)) return {};
-  const std::uint32_t unused = (1U << (8 * padding)) - 1;
+  const std::uint32_t unused = (1U << waiting) - 1;
   if ((bits & unused) != 0) return {};
-  appendOctets(bits, 3 - padding, octets);
   return octets;
 }
 

@@ -1,6 +1,9 @@
 #include "protocol/bridge_event_encoder.h"
 
+#include <utility>
+
 #include "protocol/base64.h"
+#include "protocol/json.h"
 #include "protocol/to_bridge_json.h"
 
 #ifndef TARNLINK_APP_VERSION
@@ -10,30 +13,13 @@
 namespace tarnlink {
 namespace {
 
-void boolean(bool value, JsonWriter& out) {
-  JsonRun run = out.begin(JsonRun::kMaxBoolean);
-  run.boolean(value);
-  out.end(run);
-}
-
-void integer(std::int64_t value, JsonWriter& out) {
-  JsonRun run = out.begin(JsonRun::kMaxInteger);
-  run.integer(value);
-  out.end(run);
-}
-
-void interface(const goosestack::NetworkInterfaceInfo& info, JsonWriter& out) {
-  out.literal("{\"name\":");
-  out.string(info.name);
-  out.literal(",\"displayName\":");
-  out.string(info.displayName);
-  out.literal(",\"isUp\":");
-  boolean(info.isUp, out);
-  out.literal(",\"macAddress\":");
-  out.string(info.macAddress);
-  out.literal(",\"supportsMulticast\":");
-  boolean(info.supportsMulticast, out);
-  out.literal("}");
+/// An event that comes seldom.
+std::string textOf(const Json& event) {
+  try {
+    return event.dump();
+  } catch (const Json::type_error&) {  // Not UTF-8.
+    return BridgeEventEncoder::kEncodeFailed;
+  }
 }
 
 /// Ends the event; one that could not be written gives way to the fixed text.
@@ -43,11 +29,6 @@ void finish(JsonWriter& out) {
   out.literal(BridgeEventEncoder::kEncodeFailed);
 }
 
-std::string finished(JsonWriter& out) {
-  finish(out);
-  return std::string(out.text());
-}
-
 }  // namespace
 
 std::string_view BridgeEventEncoder::appVersion() {
@@ -55,77 +36,53 @@ std::string_view BridgeEventEncoder::appVersion() {
 }
 
 std::string BridgeEventEncoder::authResult(bool ok) {
-  JsonWriter out;
-  out.literal("{\"event\":\"auth_result\",\"ok\":");
-  boolean(ok, out);
-  out.literal(",\"version\":");
-  out.string(appVersion());
-  out.literal(",\"protocol\":");
-  integer(kProtocol, out);
-  return finished(out);
+  return textOf(
+      {{"event", "auth_result"}, {"ok", ok}, {"version", appVersion()}, {"protocol", kProtocol}});
 }
 
 std::string BridgeEventEncoder::error(std::string_view message, std::int64_t code,
                                       std::string_view reason) {
-  JsonWriter out;
-  out.literal("{\"event\":\"error\",\"error\":");
-  out.string(message);
-  out.literal(",\"code\":");
-  integer(code, out);
-  if (!reason.empty()) {
-    out.literal(",\"reason\":");
-    out.string(reason);
-  }
-  return finished(out);
+  Json event{{"event", "error"}, {"error", message}, {"code", code}};
+  if (!reason.empty()) event["reason"] = reason;
+  return textOf(event);
 }
 
 std::string BridgeEventEncoder::marked(std::string event, const RequestId& id) {
-  JsonWriter out;
-  if (const auto* number = std::get_if<std::int64_t>(&id)) {
-    integer(*number, out);
-  } else {
-    out.string(std::get<std::string>(id));
-  }
   event.pop_back();  // The closing brace.
-  return event + ",\"requestId\":" + std::string(out.text()) + "}";
+  const Json mark = std::visit([](const auto& value) { return Json(value); }, id);
+  return event + ",\"requestId\":" + mark.dump() + "}";
 }
 
 std::string BridgeEventEncoder::pong(std::int64_t originalTimestamp, goosestack::TimePoint now) {
-  JsonWriter out;
-  out.literal("{\"event\":\"pong\",\"originalTimestamp\":");
-  integer(originalTimestamp, out);
-  out.literal(",\"responseTimestamp\":");
-  integer(static_cast<std::int64_t>(goosestack::unixSeconds(now) * 1000), out);
-  return finished(out);
+  return textOf(
+      {{"event", "pong"},
+       {"originalTimestamp", originalTimestamp},
+       {"responseTimestamp", static_cast<std::int64_t>(goosestack::unixSeconds(now) * 1000)}});
 }
 
 std::string BridgeEventEncoder::interfaces(
     const std::vector<goosestack::NetworkInterfaceInfo>& interfaces,
     std::string_view activeInterface) {
-  JsonWriter out;
-  out.literal("{\"event\":\"interfaces\",\"interfaces\":[");
-  for (std::size_t i = 0; i < interfaces.size(); ++i) {
-    if (i != 0) out.literal(",");
-    interface(interfaces[i], out);
+  Json list = Json::array();
+  for (const goosestack::NetworkInterfaceInfo& info : interfaces) {
+    list.push_back({{"name", info.name},
+                    {"displayName", info.displayName},
+                    {"isUp", info.isUp},
+                    {"macAddress", info.macAddress},
+                    {"supportsMulticast", info.supportsMulticast}});
   }
-  out.literal("],\"activeInterface\":");
-  out.string(activeInterface);
-  return finished(out);
+  return textOf({{"event", "interfaces"},
+                 {"interfaces", std::move(list)},
+                 {"activeInterface", activeInterface}});
 }
 
 std::string BridgeEventEncoder::bridgeStatus(const BridgeStatus& status) {
-  JsonWriter out;
-  out.literal("{\"event\":\"bridge_status\",\"isCapturing\":");
-  boolean(status.isCapturing, out);
-  out.literal(",\"activeInterface\":");
-  out.string(status.activeInterface);
-  out.literal(",\"messagesReceived\":");
-  integer(status.messagesReceived, out);
-  out.literal(",\"messagesPublished\":");
-  integer(status.messagesPublished, out);
-  out.literal(",\"bridgeVersion\":");
-  out.string(appVersion());
-  return finished(out);
+  return textOf({{"event", "bridge_status"},
+                 {"isCapturing", status.isCapturing},
+                 {"activeInterface", status.activeInterface},
+                 {"messagesReceived", status.messagesReceived},
+                 {"messagesPublished", status.messagesPublished},
+                 {"bridgeVersion", appVersion()}});
 }
 
 std::string BridgeEventEncoder::svApdu(const goosestack::SvCapturedFrame& frame) {

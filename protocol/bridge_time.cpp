@@ -1,6 +1,8 @@
 #include "protocol/bridge_time.h"
 
+#include <algorithm>
 #include <array>
+#include <charconv>
 #include <chrono>
 #include <cstdint>
 #include <cstring>
@@ -49,39 +51,16 @@ void writeTwoDigits(unsigned value, char* out) {
   std::memcpy(out, kTwoDigits[value].data(), 2);
 }
 
-/// Reads the digits and separators of one text from left to right.
-class Scanner {
- public:
-  explicit Scanner(std::string_view text) : rest_(text) {}
+/// The form of every time text, its digits as zeros.
+constexpr std::string_view kForm = "0000-00-00T00:00:00.000Z";
+constexpr std::string_view kFormNoFraction = "0000-00-00T00:00:00Z";
+constexpr std::size_t kFraction = 20;
 
-  unsigned digits(std::size_t count) {
-    unsigned value = 0;
-    for (std::size_t i = 0; i < count; ++i) {
-      const char c = next();
-      if (c < '0' || c > '9') good_ = false;
-      value = value * 10 + static_cast<unsigned>(c - '0');
-    }
-    return value;
-  }
-  void expect(char separator) {
-    if (next() != separator) good_ = false;
-  }
-  bool atGoodEnd() const { return good_ && rest_.empty(); }
-
- private:
-  char next() {
-    if (rest_.empty()) {
-      good_ = false;
-      return '0';
-    }
-    const char c = rest_.front();
-    rest_.remove_prefix(1);
-    return c;
-  }
-
-  std::string_view rest_;
-  bool good_ = true;
-};
+bool hasForm(std::string_view text, std::string_view form) {
+  return std::equal(text.begin(), text.end(), form.begin(), form.end(), [](char c, char expected) {
+    return expected == '0' ? c >= '0' && c <= '9' : c == expected;
+  });
+}
 
 }  // namespace
 
@@ -93,7 +72,7 @@ char* writeIso8601(goosestack::TimePoint time, char* out) {
   const auto year = static_cast<unsigned>(static_cast<int>(date.year()));
   const unsigned minute = second / 60;
 
-  std::memcpy(out, "0000-00-00T00:00:00.000Z", kIso8601Length);
+  std::memcpy(out, kForm.data(), kIso8601Length);
   writeTwoDigits(year / 100, out);
   writeTwoDigits(year % 100, out + 2);
   writeTwoDigits(static_cast<unsigned>(date.month()), out + 5);
@@ -114,30 +93,24 @@ std::string BridgeIso8601Formatter::string(goosestack::TimePoint time) const {
 }
 
 std::optional<goosestack::TimePoint> BridgeIso8601Formatter::date(std::string_view text) const {
-  Scanner scan(text);
-  const std::chrono::year year(static_cast<int>(scan.digits(4)));
-  scan.expect('-');
-  const std::chrono::month month(scan.digits(2));
-  scan.expect('-');
-  const std::chrono::day day(scan.digits(2));
-  scan.expect('T');
-  const unsigned hour = scan.digits(2);
-  scan.expect(':');
-  const unsigned minute = scan.digits(2);
-  scan.expect(':');
-  const unsigned second = scan.digits(2);
-  unsigned millisecond = 0;
-  if (withFraction) {
-    scan.expect('.');
-    millisecond = scan.digits(3);
-  }
-  scan.expect('Z');
-  const std::chrono::year_month_day date(year, month, day);
-  if (!scan.atGoodEnd() || !date.ok() || static_cast<int>(year) < 1) return {};
-  if (hour > 23 || minute > 59 || second > 59) return {};
+  if (!hasForm(text, withFraction ? kForm : kFormNoFraction)) return {};
+  const auto number = [text](std::size_t at, std::size_t digits) {
+    unsigned value = 0;
+    std::from_chars(text.data() + at, text.data() + at + digits, value);
+    return value;
+  };
+  const std::chrono::year_month_day date(std::chrono::year(static_cast<int>(number(0, 4))),
+                                         std::chrono::month(number(5, 2)),
+                                         std::chrono::day(number(8, 2)));
+  const unsigned hour = number(11, 2);
+  const unsigned minute = number(14, 2);
+  const unsigned second = number(17, 2);
+  if (!date.ok() || date.year() < std::chrono::year(1) || hour > 23 || minute > 59 || second > 59)
+    return {};
 
   const std::int64_t days = std::chrono::sys_days(date).time_since_epoch().count();
-  const std::int64_t seconds = days * 86'400 + hour * 3600 + minute * 60 + second;
+  const std::int64_t seconds = days * kSecondsPerDay + hour * 3600 + minute * 60 + second;
+  const unsigned millisecond = withFraction ? number(kFraction, 3) : 0;
   return goosestack::timeFromUnixSeconds(static_cast<double>(seconds) + millisecond / 1000.0);
 }
 

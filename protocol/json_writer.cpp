@@ -50,26 +50,15 @@ bool copyClean(std::string_view text, char* to) {
   return !unclean;
 }
 
-constexpr std::size_t kMaxEscape = 6;  // \u00XX
 constexpr char kHexDigits[] = "0123456789abcdef";
+constexpr char kHexEscape = 'u';
 
-std::size_t writtenLength(char c) {
+/// What follows the backslash that a character needs; nothing for one that needs none.
+char escapeOf(char c) {
   switch (c) {
     case '"':
     case '\\':
-    case '\b':
-    case '\f':
-    case '\n':
-    case '\r':
-    case '\t':
-      return 2;
-    default:
-      return static_cast<unsigned char>(c) < 0x20 ? kMaxEscape : 1;
-  }
-}
-
-char shortEscape(char c) {
-  switch (c) {
+      return c;
     case '\b':
       return 'b';
     case '\f':
@@ -81,22 +70,24 @@ char shortEscape(char c) {
     case '\t':
       return 't';
     default:
-      return c;
+      return static_cast<unsigned char>(c) < 0x20 ? kHexEscape : '\0';
   }
 }
 
+std::size_t writtenLength(char c) {
+  const char escape = escapeOf(c);
+  return escape == kHexEscape ? 6 : escape != '\0' ? 2 : 1;
+}
+
 void writeCharacter(JsonRun& run, char c) {
-  switch (writtenLength(c)) {
-    case 1:
-      return run.character(c);
-    case 2:
-      run.character('\\');
-      return run.character(shortEscape(c));
-    default:
-      run.literal("\\u00");
-      run.character(kHexDigits[static_cast<unsigned char>(c) >> 4]);
-      run.character(kHexDigits[static_cast<unsigned char>(c) & 0xF]);
-  }
+  const char escape = escapeOf(c);
+  if (escape == '\0') return run.character(c);
+  run.character('\\');
+  run.character(escape);
+  if (escape != kHexEscape) return;
+  run.literal("00");
+  run.character(kHexDigits[static_cast<unsigned char>(c) >> 4]);
+  run.character(kHexDigits[static_cast<unsigned char>(c) & 0xF]);
 }
 
 }  // namespace

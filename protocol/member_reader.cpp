@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "protocol/json_writer.h"
 #include "protocol/shortened.h"
 
 namespace tarnlink {
@@ -16,20 +15,16 @@ std::string described(const Json* value) {
   if (value == nullptr) return "nothing";
   if (value->is_array()) return "an array";
   if (value->is_object()) return "an object";
-  if (value->is_string()) return quotedText(value->get_ref<const std::string&>());
-  if (const auto integer = asInteger(*value)) return std::to_string(*integer);
-  if (!value->is_number()) return value->dump();
-  JsonWriter out;
-  out.number(value->get<double>());
-  return std::string(out.text());
+  if (const auto* text = value->get_ptr<const std::string*>()) return quotedText(*text);
+  const auto integer = asInteger(*value);
+  return integer ? std::to_string(*integer) : value->dump();
 }
 
 }  // namespace
 
 std::string quotedText(std::string_view text) {
-  JsonWriter out;
-  out.string(shortened(text, kMaxQuoted));
-  return std::string(out.text());
+  // Not every text from outside is UTF-8.
+  return Json(shortened(text, kMaxQuoted)).dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 Unreadable unexpected(std::string where, std::string_view expected, const Json* found) {
