@@ -6,7 +6,7 @@
 #include <array>
 #include <string_view>
 
-#include "stack/link_mtu.h"
+#include "stack/network_link.h"
 
 namespace goosestack {
 namespace {
@@ -31,8 +31,9 @@ std::string errorText(pcap* handle) {
 }
 
 int lowLatencySnapshot(const std::string& interface, int limit) {
-  const auto frame = largestFrame(interface);
-  return frame ? std::min(limit, std::max(kMinLowLatencySnapshot, *frame)) : limit;
+  const auto mtu = linkMtu(interface);
+  if (!mtu) return limit;
+  return std::min(limit, std::max(kMinLowLatencySnapshot, *mtu + kTaggedHeaderLength));
 }
 
 GooseResult<PcapHandle> openStandard(const std::string& interface, int snapshot) {

@@ -8,10 +8,8 @@
 
 #include "goosestack/ethernet_frame.h"
 #include "goosestack/interface_discovery.h"
-#include "stack/bound_interface.h"
-#include "stack/link_mtu.h"
+#include "stack/network_link.h"
 #include "stack/pcap_access.h"
-#include "stack/socket_priority.h"
 
 namespace goosestack {
 namespace {

@@ -19,43 +19,33 @@ LinkLayerEntry upEntry(std::string name, std::optional<MacAddress> mac = kMac) {
   return {.name = std::move(name), .isUp = true, .supportsMulticast = true, .mac = mac};
 }
 
-std::vector<std::string> selectedNames(const std::vector<LinkLayerEntry>& entries) {
-  std::vector<std::string> names;
-  for (auto& info : Discovery::selectEthernetInterfaces(entries, {})) names.push_back(info.name);
-  return names;
+std::vector<std::string> selected(std::span<const LinkLayerEntry> entries) {
+  std::vector<std::string> shown;
+  for (auto& info : Discovery::selectEthernetInterfaces(entries, {{"en0", "Station bus"}})) {
+    shown.push_back(info.displayName);
+  }
+  return shown;
 }
 
 TEST(InterfaceSelection, PutsUpBeforeDownAndSortsNamesAsTexts) {
   auto down = upEntry("en1");
   down.isUp = false;
-  EXPECT_THAT(
-      selectedNames({upEntry("en2"), down, upEntry("en10"), upEntry("en7"), upEntry("en0")}),
-      ElementsAre("en0", "en10", "en2", "en7", "en1"));
+  const LinkLayerEntry entries[] = {upEntry("pdp_ip0"), down, upEntry("en10"), upEntry("en7"),
+                                    upEntry("en0")};
+  EXPECT_THAT(selected(entries), ElementsAre("Station bus", "Ethernet (en10)", "Ethernet (en7)",
+                                             "Cellular (pdp_ip0)", "Ethernet (en1)"));
 }
 
-TEST(InterfaceSelection, LeavesOutWhatIsNoEthernet) {
+TEST(InterfaceSelection, LeavesOutWhatIsNoEthernetAndAllButTheFirstEntryOfAName) {
   auto loopback = upEntry("dummy9");
   loopback.isLoopback = true;
-  std::vector entries{loopback, upEntry("wpan0", std::nullopt), upEntry("sit0", MacAddress{})};
-  for (const char* name : {"lo0", "ap1", "apple", "bridge0", "utun3", "docker0", "virbr0", "br-4f"})
+  std::vector entries{loopback, upEntry("wpan0", std::nullopt), upEntry("sit0", MacAddress{}),
+                      upEntry("eth1", std::nullopt)};
+  for (const char* name : {"lo0", "ap1", "apple", "bridge0", "utun3", "docker0", "virbr0", "br-4f",
+                           "eth1", "veth0", "veth0", "br0", "Lo1", "vlan5"}) {
     entries.push_back(upEntry(name));
-  for (const char* name : {"veth0", "br0", "Lo1", "vlan5"}) entries.push_back(upEntry(name));
-  EXPECT_THAT(selectedNames(entries), ElementsAre("Lo1", "br0", "veth0", "vlan5"));
-}
-
-TEST(InterfaceSelection, TakesOnlyTheFirstEntryOfANameEvenOneWithoutMac) {
-  EXPECT_THAT(
-      selectedNames({upEntry("en0"), upEntry("en0"), upEntry("en1", std::nullopt), upEntry("en1")}),
-      ElementsAre("en0"));
-}
-
-TEST(InterfaceSelection, NamesWithoutADisplayNameGetTheFallback) {
-  std::vector<std::string> shown;
-  const std::vector entries{upEntry("en0"), upEntry("en5"), upEntry("eth3"), upEntry("pdp_ip0")};
-  for (auto& info : Discovery::selectEthernetInterfaces(entries, {{"en0", "Station bus"}})) {
-    shown.push_back(info.displayName);
   }
-  EXPECT_THAT(shown, ElementsAre("Station bus", "Ethernet (en5)", "eth3", "Cellular (pdp_ip0)"));
+  EXPECT_THAT(selected(entries), ElementsAre("Lo1", "br0", "veth0", "vlan5"));
 }
 
 class SystemInterfaces : public test::ProcessBusTest {};

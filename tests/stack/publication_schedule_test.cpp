@@ -51,7 +51,6 @@ TEST(PublicationSchedule, SendsAsItsProfileSays) {
        {},
        "R2 R6 R14 R30 R62 R126 R254 R510 R1022 H2000 R2046 H4000 R4094 H6000 H8000 "},
       {RetransmissionProfile::single(), {}, ""},
-      {{{5, 5}, -1}, {}, "R5 R10 "},
       {{{1000, 1000, 500}, 2000}, {}, "R1000 R2000 H2000 R2500 H4000 H6000 H8000 "},
       // Of the burst every frame leaves, late and at its intervals.
       {standard, {25, 50}, "R2 R6 R14 R50 R62 R126 R1126 R2126 R3126 H4000 R4126 H8000 "},
@@ -80,12 +79,10 @@ TEST(PublicationSchedule, NumbersCountOnWrapAndMayBeLocked) {
       {0, 0, true, false, 0, 1},
       {0, 0, false, false, 1, 1},
       {0, 5, false, true, 2, 5},
-      {7, 0, false, false, 7, 1},
       {7, kLargest - 1, false, false, 7, kLargest},
       {0, kLargest, true, false, 7, 0},
       {9, kLargest, true, true, 9, kLargest},
       {kLargest, 0, false, false, kLargest, 1},
-      {0, 0, true, false, kLargest, 1},
       {0, 0, false, false, 1, 1},
   };
   PublicationSchedule schedule;  // One for all: each request follows the one before.

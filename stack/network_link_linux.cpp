@@ -1,3 +1,4 @@
+#include <linux/if_packet.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -5,7 +6,7 @@
 
 #include <cstring>
 
-#include "stack/link_mtu.h"
+#include "stack/network_link.h"
 
 namespace goosestack {
 
@@ -18,6 +19,19 @@ std::optional<int> linkMtu(const std::string& interface) {
   const bool found = ::ioctl(query, SIOCGIFMTU, &request) == 0;
   ::close(query);
   return found ? std::optional<int>(request.ifr_mtu) : std::nullopt;
+}
+
+int boundInterface(int socket) {
+  sockaddr_ll address{};
+  socklen_t size = sizeof address;
+  const int result = ::getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size);
+  return result == 0 ? address.sll_ifindex : -1;
+}
+
+void setSocketPriority(int socket, std::uint8_t priority) {
+  // 7 takes CAP_NET_RAW (CAP_NET_ADMIN before Linux 5.18), which a sender of raw frames has.
+  const int value = priority & 7;  // 802.1p has three bits.
+  (void)::setsockopt(socket, SOL_SOCKET, SO_PRIORITY, &value, sizeof value);
 }
 
 }  // namespace goosestack
