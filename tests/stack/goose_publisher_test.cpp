@@ -195,6 +195,26 @@ TEST_F(GoosePublisherTest, FramesThatFailLaterCostTheirNumberAndTwoLinesOfTheLog
 
 class GooseOnTheBus : public test::ProcessBusTest {};
 
+TEST_F(GooseOnTheBus, FollowsItsScheduleToTheOctet) {
+  test::FrameRecorder recorder(kIed, "ether proto 0x88b8");
+  Publisher publisher;
+  ASSERT_TRUE(publisher.publish(test::publication({{60, 120, 240}, 150})));
+  const int offsets[] = {0, 60, 150, 180, 300, 420, 450};  // Milliseconds.
+  const auto frames = recorder.frames(std::size(offsets));
+  publisher.stop();
+  ASSERT_GE(frames.size(), std::size(offsets));
+  // The frame as the state change gives it; the rest differs by number alone.
+  auto pdu = pduOf(frames[0].octets);
+  for (std::size_t i = 0; i < std::size(offsets); ++i) {
+    SCOPED_TRACE(i);
+    pdu.sqNum = static_cast<std::uint32_t>(i);
+    EXPECT_EQ(pduOf(frames[i].octets), pdu);
+    // Times only loosely: the machine under test may be busy.
+    const auto error = frames[i].time - frames[0].time - std::chrono::milliseconds(offsets[i]);
+    EXPECT_LT(std::chrono::abs(error), 50ms);
+  }
+}
+
 TEST_F(GooseOnTheBus, AFrameLargerThanTheLinkCarriesIsRefusedWithBothSizes) {
   test::FrameRecorder recorder(kIed);
   Publisher publisher;
