@@ -151,6 +151,8 @@ TEST_F(Announcement, ADaemonThatHangsHoldsNobodyUp) {
   EXPECT_EQ(browseDnsSd(kBridgeServiceType, milliseconds(100)).error().text, "Timeout reached");
   EXPECT_LT(Clock::now() - begin, seconds(2));
   ::kill(here_.daemonPid(), SIGKILL);
+  std::this_thread::sleep_for(milliseconds(500));  // What was left behind ends.
+  EXPECT_EQ(log_.lines(0).size(), 0U) << "nobody listens any more";
 }
 
 TEST_F(Announcement, IsFoundOnTheNetworkByName) {
