@@ -104,7 +104,6 @@ void StreamWatch::begin(Stream& stream, const Key& key, const FrameFacts& frame,
   row.rate.start(frame.at);
   stream.key = key;
   stream.key.name = row.name;
-  stream.secondBegan = frame.at;
   slots_.emplace(stream.key, stream.slot);
   // As late as can be, so that finish() puts it where it belongs.
   stream.queued = StreamTime::max();

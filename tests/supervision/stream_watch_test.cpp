@@ -91,6 +91,10 @@ TEST(StreamWatch, FullTableGivesUpTheOneSilentForLongest) {
   EXPECT_EQ(watch.untrackedFrames(), 1U);
   show(watch, Goose{.ms = 20, .sqNum = 1, .ttl = 100, .name = nameOf(1001)}, events);
   show(watch, Goose{.ms = 30, .sqNum = 1, .ttl = 100, .name = nameOf(1000)}, events);
+  // What is still to be told of it goes with it.
+  for (int i = 0; i < 60; ++i) {
+    show(watch, Goose{.ms = 20, .sqNum = 1, .ttl = 100, .name = nameOf(1001)}, events);
+  }
   watch.advance(atMs(200), events);
   events.clear();
   show(watch, Goose{.ms = 210, .name = "newcomer"}, events);
@@ -103,6 +107,9 @@ TEST(StreamWatch, FullTableGivesUpTheOneSilentForLongest) {
   show(watch, Goose{.ms = 212, .name = "one too many"}, events);
   EXPECT_EQ(watch.untrackedFrames(), 2U);
   EXPECT_EQ(watch.size(), StreamWatch::kMaxStreams);
+  events.clear();
+  watch.advance(atMs(1100), events);
+  EXPECT_EQ(told(events), "");
 }
 
 TEST(StreamWatch, MoreThanFiftyEventsASecondAreSummedUp) {

@@ -86,39 +86,38 @@ inline void show(StreamWatch& watch, const Sv& sv, StreamWatch::Events& events) 
   watch.see({.at = atMs(sv.ms), .srcMac = mac(sv.source), .dstMac = mac(99)}, pdu, events);
 }
 
+inline std::string textOf(const goosestack::MacAddress& mac) {
+  return " " + std::to_string(mac[5]);
+}
+inline std::string textOf(std::chrono::microseconds time) {
+  return " " + std::to_string(time.count() / 1000);
+}
+inline std::string textOf(std::uint64_t number) {
+  return " " + std::to_string(number);
+}
+inline std::string textOf(const std::vector<std::uint32_t>& members) {
+  std::string text = " [";
+  for (const std::uint32_t member : members) text += textOf(member);
+  return text + " ]";
+}
+
 inline std::string detailsOf(const Happening& what) {
-  using namespace happening;
-  const auto number = [](auto value) { return " " + std::to_string(value); };
-  const auto list = [&](const std::vector<std::uint32_t>& members) {
-    std::string text = " [";
-    for (const std::uint32_t member : members) text += number(member);
-    return text + " ]";
-  };
-  if (const auto* it = std::get_if<Changed>(&what)) return number(it->stNum) + list(it->members);
-  if (const auto* it = std::get_if<ChangedWithoutStNum>(&what)) return list(it->members);
-  if (const auto* it = std::get_if<Expired>(&what)) return number(it->after.count() / 1000);
-  if (const auto* it = std::get_if<Recovered>(&what)) return number(it->downtime.count() / 1000);
-  if (const auto* it = std::get_if<Lost>(&what)) {
-    return number(it->count) + (it->uncertain ? "?" : "");
-  }
-  if (const auto* it = std::get_if<StateSkipped>(&what)) {
-    return number(it->count) + (it->uncertain ? "?" : "");
-  }
-  if (const auto* it = std::get_if<OutOfOrder>(&what)) {
-    return number(it->stNum) + number(it->sqNum) + number(it->smpCnt);
-  }
-  if (const auto* it = std::get_if<ConfRevChanged>(&what)) return number(it->from) + number(it->to);
-  if (const auto* it = std::get_if<SourceChanged>(&what)) {
-    return number(it->from[5]) + number(it->to[5]);
-  }
-  if (const auto* it = std::get_if<EntriesWrong>(&what))
-    return number(it->said) + number(it->found);
-  if (const auto* it = std::get_if<NeedsCommission>(&what)) return number(int{it->value});
-  if (const auto* it = std::get_if<SmpSynchChanged>(&what)) {
-    return number(it->from) + number(it->to);
-  }
-  if (const auto* it = std::get_if<Suppressed>(&what)) return number(it->count);
-  return {};
+  return std::visit(
+      [](const auto& it) {
+        std::string text;
+        if constexpr (requires { it.stNum; }) text += textOf(it.stNum);
+        if constexpr (requires { it.smpCnt; }) text += textOf(it.sqNum) + textOf(it.smpCnt);
+        if constexpr (requires { it.members; }) text += textOf(it.members);
+        if constexpr (requires { it.after; }) text += textOf(it.after);
+        if constexpr (requires { it.downtime; }) text += textOf(it.downtime);
+        if constexpr (requires { it.count; }) text += textOf(it.count);
+        if constexpr (requires { it.uncertain; }) text += it.uncertain ? "?" : "";
+        if constexpr (requires { it.from; }) text += textOf(it.from) + textOf(it.to);
+        if constexpr (requires { it.said; }) text += textOf(it.said) + textOf(it.found);
+        if constexpr (requires { it.value; }) text += textOf(it.value);
+        return text;
+      },
+      what);
 }
 
 /// "appeared, lost 2, ..."
