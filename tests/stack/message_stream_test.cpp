@@ -1,15 +1,13 @@
-// The road between a capture thread and its consumer: no record may be lost, doubled or reordered,
-// and either end may go at any time.
+// From a capture thread to its consumer: no record may be lost, doubled or reordered, and either
+// end may go at any time.
 #include "goosestack/message_stream.h"
 
 #include <gtest/gtest.h>
 
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/steady_timer.hpp>
 #include <chrono>
 #include <functional>
-#include <string>
 #include <thread>
 
 namespace tarnlink::test {
@@ -17,32 +15,63 @@ using namespace goosestack;
 namespace {
 
 namespace asio = boost::asio;
-using State = StreamState<std::string>;
-using Stream = MessageStream<std::string>;
 
-void yieldOne(State& state, std::string text) {
-  RecycledBatch<std::string> batch;
-  batch.append() = std::move(text);
-  state.yield(batch);
-}
-
-asio::awaitable<void> consume(Stream stream, std::vector<std::string>& taken) {
-  Stream::Batch batch;
-  while (co_await stream.next(batch)) {
-    taken.insert(taken.end(), batch.records().begin(), batch.records().end());
+struct Weighed {
+  explicit Weighed(int given = 0, std::size_t weight = 1) : number(given), octets(weight) {
+    ++alive;
   }
-}
+  Weighed(Weighed&& other) noexcept : Weighed(other.number, other.octets) {}
+  Weighed& operator=(Weighed&& other) noexcept = default;
+  ~Weighed() { --alive; }
+  std::size_t footprint() const { return octets; }
+
+  static int alive;
+  int number;
+  std::size_t octets;
+};
+int Weighed::alive = 0;
+
+using State = StreamState<Weighed>;
+using Batch = RecycledBatch<Weighed>;
 
 class MessageStreamTest : public ::testing::Test {
  protected:
-  void consumeAll() {
-    asio::co_spawn(io, consume(Stream(state), taken),
+  static constexpr std::size_t kLimit = 1'000'000;
+
+  void yield(int number, std::size_t octets = 1) {
+    batch.append() = Weighed(number, octets);
+    batch.weighLast();
+    state->yield(batch);
+  }
+  std::size_t take() {
+    bool ended = false;
+    state->take(batch, ended);
+    const std::size_t size = batch.size();
+    batch.clear();
+    return size;
+  }
+  static asio::awaitable<void> consume(MessageStream<Weighed> stream, std::vector<int>& numbers) {
+    Batch burst;
+    while (co_await stream.next(burst)) {
+      for (const Weighed& record : burst.records()) numbers.push_back(record.number);
+    }
+  }
+  std::function<void()> consumeAll() {
+    MessageStream<Weighed> stream(state);
+    auto cancel = stream.canceller();
+    asio::co_spawn(io, consume(std::move(stream), taken),
                    [this](std::exception_ptr failure) { isDone = !failure; });
+    return cancel;
+  }
+  void run() {
+    io.restart();
+    io.run_for(std::chrono::seconds(20));
   }
 
   asio::io_context io;
-  std::shared_ptr<State> state = std::make_shared<State>();
-  std::vector<std::string> taken;
+  std::shared_ptr<State> state = std::make_shared<State>(kLimit);
+  Batch batch;
+  std::vector<int> taken;
   bool isDone = false;
 };
 
@@ -50,126 +79,73 @@ TEST_F(MessageStreamTest, ABusyProducerLosesNothing) {
   constexpr int kRecords = 100'000;
   consumeAll();
   std::thread producer([this] {
-    RecycledBatch<std::string> batch;
     for (int i = 0; i < kRecords; ++i) {
-      batch.append() = std::to_string(i);
+      batch.append() = Weighed(i);
       if (i % 7 == 0) state->yield(batch);
+      if (i % 1'000 == 0) std::this_thread::yield();
     }
     state->yield(batch);
     state->finish();
   });
-  io.run();
+  run();
   producer.join();
   EXPECT_TRUE(isDone);
   ASSERT_EQ(taken.size(), kRecords);
-  for (int i = 0; i < kRecords; ++i) ASSERT_EQ(taken[i], std::to_string(i));
+  for (int i = 0; i < kRecords; ++i) ASSERT_EQ(taken[static_cast<std::size_t>(i)], i);
 }
 
-TEST_F(MessageStreamTest, RecordsQueuedBeforeTheEndAreDelivered) {
-  yieldOne(*state, "a");
-  state->finish();
-  yieldOne(*state, "late");
-  consumeAll();
-  io.run();
-  EXPECT_TRUE(isDone);
-  EXPECT_EQ(taken, std::vector<std::string>{"a"});
-}
-
-TEST_F(MessageStreamTest, CancellingDropsWhatIsQueuedAndEndsTheWait) {
-  for (const bool isWaiting : {false, true}) {
-    SCOPED_TRACE(isWaiting);
+TEST_F(MessageStreamTest, WhateverEndsItEndsTheConsumerAndIsToldOnce) {
+  const struct {
+    bool isConsumerWaiting;
+    bool isCancelled;  // Otherwise finished.
+  } cases[] = {{false, false}, {false, true}, {true, false}, {true, true}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.isConsumerWaiting + 2 * c.isCancelled);
     state = std::make_shared<State>();
-    isDone = false;
+    int told = 0;
+    state->onTermination([&told] { ++told; });
     taken.clear();
-    Stream stream(state);
-    const auto cancel = stream.canceller();
-    asio::co_spawn(io, consume(std::move(stream), taken),
-                   [this](std::exception_ptr failure) { isDone = !failure; });
-    if (isWaiting) {
+    isDone = false;
+    const auto cancel = consumeAll();
+    if (c.isConsumerWaiting) {
       io.restart();
       io.poll();
     }
-    yieldOne(*state, "queued");
-    cancel();
-    io.restart();
-    io.run();
+    yield(1);
+    c.isCancelled ? cancel() : state->finish();
+    yield(2);
+    run();
     EXPECT_TRUE(isDone);
-    EXPECT_TRUE(taken.empty());
+    EXPECT_EQ(taken, c.isCancelled ? std::vector<int>() : std::vector{1});
+    EXPECT_EQ(told, 1);
   }
 }
 
-TEST_F(MessageStreamTest, TheTerminationHandlerRunsOnceWhoeverEndsIt) {
-  for (const bool byConsumer : {false, true}) {
-    auto ended = std::make_shared<State>();
-    int calls = 0;
-    ended->onTermination([&calls] { ++calls; });
-    {
-      Stream stream(ended);
-      if (!byConsumer) ended->finish();
-    }
-    ended->finish();
-    EXPECT_EQ(calls, 1);
-  }
-}
-
-// Nobody is waiting yet when it happens: the wait must end by itself.
 TEST_F(MessageStreamTest, WhatHappensBeforeTheWaitEndsIt) {
-  const std::function<void()> events[] = {[this] { state->finish(); },
-                                          [this] { yieldOne(*state, "a"); }};
+  const std::function<void()> events[] = {[this] { state->finish(); }, [this] { yield(1); }};
   for (const auto& happen : events) {
     state = std::make_shared<State>();
-    State::Wait wait(*state, io.get_executor());
+    EXPECT_EQ(take(), 0U);
     happen();
+    auto place = state->place(io.get_executor());
     bool isOver = false;
-    wait.async([&isOver](boost::system::error_code) { isOver = true; });
+    asio::co_spawn(io, place.wait(), [&isOver](std::exception_ptr) { isOver = true; });
     io.restart();
     io.run_for(std::chrono::seconds(5));
     EXPECT_TRUE(isOver);
   }
 }
 
-struct Weighed {
-  Weighed() { ++alive; }
-  Weighed(Weighed&& other) noexcept : octets(other.octets) { ++alive; }
-  Weighed& operator=(Weighed&& other) noexcept = default;
-  ~Weighed() { --alive; }
-  std::size_t footprint() const { return octets; }
-
-  static int alive;
-  std::size_t octets = 0;
-};
-int Weighed::alive = 0;
-
-class Backlog : public ::testing::Test {
- protected:
-  using Batch = RecycledBatch<Weighed>;
-  static constexpr std::size_t kLimit = 1'000'000;
-
-  void yield(std::size_t octets) {
-    batch.append().octets = octets;
-    batch.weighLast();
-    state.yield(batch);
-  }
-  std::size_t take() {
-    bool ended = false;
-    state.take(taken, ended);
-    return taken.size();
-  }
-
-  StreamState<Weighed> state{kLimit};
-  Batch batch, taken;
-};
-
-TEST_F(Backlog, IsFullFromItsLimitOnUntilHalfIsLeft) {
+TEST_F(MessageStreamTest, IsFullFromItsLimitOnUntilHalfIsLeft) {
   for (int round = 0; round < 2; ++round) {
     std::size_t left = 0;
-    while (!state.isFull()) {
+    while (!state->isFull()) {
       ASSERT_LE(left, kLimit);
-      yield(1000);
+      yield(1, 1000);
       left += 1000;
     }
     EXPECT_GT(left, kLimit);
-    while (state.isFull()) {
+    while (state->isFull()) {
       ASSERT_GT(left, kLimit / 2);
       left -= 1000 * take();
     }
@@ -177,32 +153,33 @@ TEST_F(Backlog, IsFullFromItsLimitOnUntilHalfIsLeft) {
     while (take() != 0) {
     }
   }
-  while (!state.isFull()) yield(1000);
-  state.finish();
-  EXPECT_FALSE(state.isFull()) << "a producer must not wait for a consumer that has gone";
+  while (!state->isFull()) yield(1, 1000);
+  EXPECT_FALSE(state->yield(batch));
+  state->finish();
+  EXPECT_FALSE(state->isFull()) << "a producer must not wait for a consumer that has gone";
+  EXPECT_TRUE(state->yield(batch));
 }
 
-TEST_F(Backlog, IsConsumedInTurnsOfBoundedSize) {
+TEST_F(MessageStreamTest, IsConsumedInBurstsOfBoundedSize) {
   const struct {
-    std::size_t octets, turn;
+    std::size_t octets, burst;
   } records[] = {
       {1, Batch::kFullRecords}, {Batch::kFullOctets / 4, 4}, {2 * Batch::kFullOctets, 1}};
-  for (const auto& [octets, turn] : records) {
-    for (int i = 0; i < 200; ++i) yield(octets);
-    std::size_t count = 0;
-    while (const auto size = take()) {
-      EXPECT_LE(size, turn);
-      EXPECT_TRUE(size == turn || (count += size) == 200 % turn) << "but for the last one";
+  for (const auto& [octets, burst] : records) {
+    for (int i = 0; i < 200; ++i) yield(1, octets);
+    for (std::size_t left = 200; left > 0;) {
+      const auto size = take();
+      ASSERT_EQ(size, std::min(left, burst));
+      left -= size;
     }
   }
 }
 
-TEST_F(Backlog, KeepsStorageOfAFewBurstsAndOfNoHugeRecord) {
-  for (int i = 0; i < 20'000; ++i) yield(1000);
+TEST_F(MessageStreamTest, KeepsStorageOfAFewBurstsAndOfNoHugeRecord) {
+  for (int i = 0; i < 20'000; ++i) yield(1, 1000);
   while (take() != 0) {
   }
-  EXPECT_LE(Weighed::alive, int{Batch::kFullRecords} * int(StreamState<Weighed>::kSpareBursts + 2));
-
+  EXPECT_LE(Weighed::alive, int{Batch::kFullRecords} * int{State::kSpareBursts + 2});
   for (const std::size_t octets : {Batch::kKeptFootprint, Batch::kKeptFootprint + 1}) {
     Batch records;
     records.append().octets = octets;

@@ -1,23 +1,22 @@
 // The asynchronous stream between a capture thread and the coroutine that consumes its records.
 #pragma once
 
-#include <boost/asio/as_tuple.hpp>
-#include <boost/asio/async_result.hpp>
+#include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/awaitable.hpp>
 #include <boost/asio/post.hpp>
-#include <boost/asio/steady_timer.hpp>
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
-#include <boost/system/error_code.hpp>
 #include <cstddef>
 #include <functional>
 #include <limits>
 #include <list>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <utility>
 
 #include "goosestack/recycled_batch.h"
+#include "goosestack/wake_up.h"
 
 namespace goosestack {
 
@@ -43,13 +42,14 @@ class StreamState {
   /// Producer: hands over a burst and leaves `batch` empty. Records of an ended stream are dropped.
   /// False when the stream is full.
   bool yield(Batch& batch) {
-    const std::lock_guard hold(lock_);
+    std::unique_lock hold(lock_);
     if (ended_) {
       batch.clear();
       return true;
     }
     queuedOctets_ += batch.octets();
     if (queuedOctets_ > limit_) isFull_ = true;
+    const bool hasRoom = !isFull_;
     const bool fits = !queued_.empty() && !queued_.back().isFull() &&
                       queued_.back().size() + batch.size() <= Batch::kFullRecords;
     if (!fits) {
@@ -57,8 +57,8 @@ class StreamState {
       queued_.splice(queued_.end(), spare_, spare_.begin());
     }
     queued_.back().takeAll(batch);
-    wake();
-    return !isFull_;
+    wake(hold);
+    return hasRoom;
   }
 
   /// Producer: whether it should yield nothing more for now. True from the limit on until half of
@@ -74,12 +74,14 @@ class StreamState {
   /// Consumer: no further records, and queued ones are dropped.
   void abandon() { end(true); }
 
-  /// Consumer: swaps the oldest burst into `batch`. False when there is none.
+  /// Consumer: swaps the oldest burst into `batch`. False when there is none: then the next burst
+  /// or the stream's end, where that has not come, ends the consumer's wait.
   bool take(Batch& batch, bool& ended) {
     batch.clear();
     std::list<Batch> surplus;  // Freed without the lock.
     const std::lock_guard hold(lock_);
     ended = ended_;
+    isAwaited_ = queued_.empty() && !ended_;
     if (queued_.empty()) return false;
     std::swap(batch, queued_.front());
     queuedOctets_ -= batch.octets();
@@ -89,61 +91,31 @@ class StreamState {
     return true;
   }
 
-  /// The consumer's place to wait: a timer that never expires by itself. The producer cancels it,
-  /// which allocates nothing on the capture thread, unlike posting a handler.
-  class Wait {
-   public:
-    Wait(StreamState& state, const boost::asio::any_io_executor& executor)
-        : state_(state), timer_(executor, boost::asio::steady_timer::time_point::max()) {}
-    ~Wait() {
-      const std::lock_guard hold(state_.lock_);
-      state_.waiting_ = nullptr;
-    }
-    Wait(const Wait&) = delete;
-    Wait& operator=(const Wait&) = delete;
-
-    /// Completes when there may be something to take(), or the stream has ended.
-    template <class Token>
-    auto async(Token&& token) {
-      return boost::asio::async_initiate<Token, void(boost::system::error_code)>(
-          [this](auto handler) {
-            // Under the lock, because a timer is not safe to use from two threads.
-            const std::lock_guard hold(state_.lock_);
-            if (state_.queued_.empty() && !state_.ended_) {
-              state_.waiting_ = &timer_;
-            } else {
-              timer_.expires_at(boost::asio::steady_timer::time_point::min());
-            }
-            timer_.async_wait(std::move(handler));
-          },
-          token);
-    }
-
-   private:
-    StreamState& state_;
-    boost::asio::steady_timer timer_;
-  };
+  /// Consumer: where it waits after take() has found nothing. Lives shorter than the state.
+  WakeUp::Place place(const boost::asio::any_io_executor& executor) const {
+    return WakeUp::Place(wakeUp_, executor);
+  }
 
  private:
   void end(bool dropQueued) {
     std::function<void()> termination;
     std::list<Batch> dropped;
-    {
-      const std::lock_guard hold(lock_);
-      if (dropQueued) {
-        dropped.swap(queued_);
-        queuedOctets_ = 0;
-      }
-      if (ended_) return;
-      ended_ = true;
-      wake();
-      termination = std::exchange(termination_, nullptr);
+    std::unique_lock hold(lock_);
+    if (dropQueued) {
+      dropped.swap(queued_);
+      queuedOctets_ = 0;
     }
+    if (std::exchange(ended_, true)) return;
+    termination = std::exchange(termination_, nullptr);
+    wake(hold);
     if (termination) termination();
   }
 
-  void wake() {
-    if (auto* waiting = std::exchange(waiting_, nullptr)) waiting->cancel();
+  // Without the lock, which the consumer wants at once.
+  void wake(std::unique_lock<std::mutex>& hold) {
+    const bool isAwaited = std::exchange(isAwaited_, false);
+    hold.unlock();
+    if (isAwaited) wakeUp_.signal();
   }
 
   const std::size_t limit_;
@@ -153,11 +125,13 @@ class StreamState {
   std::size_t queuedOctets_ = 0;
   bool isFull_ = false;
   bool ended_ = false;
-  boost::asio::steady_timer* waiting_ = nullptr;  // of the Wait in which the consumer sleeps
+  bool isAwaited_ = false;  // The consumer waits.
+  WakeUp wakeUp_;
   std::function<void()> termination_;
 };
 
-/// The consumer's end; dropping it ends the stream. Movable; one coroutine at a time awaits next().
+/// The consumer's end; dropping it ends the stream. Movable; one coroutine at a time awaits next(),
+/// always on the same executor, which outlives the stream.
 template <class Record>
 class MessageStream {
  public:
@@ -174,15 +148,14 @@ class MessageStream {
   /// The oldest burst that has queued, in arrival order, into `batch` (whose old records are
   /// recycled). False when the stream has ended.
   boost::asio::awaitable<bool> next(Batch& batch) {
-    if (!state_) co_return false;
-    bool ended = false;
-    if (state_->take(batch, ended)) {
+    bool ended = !state_;
+    if (!ended && state_->take(batch, ended)) {
       co_await boost::asio::post(boost::asio::use_awaitable);  // Lets others run between.
       co_return true;
     }
-    typename StreamState<Record>::Wait wait(*state_, co_await boost::asio::this_coro::executor);
     while (!ended) {
-      co_await wait.async(boost::asio::as_tuple(boost::asio::use_awaitable));
+      if (!place_) place_.emplace(state_->place(co_await boost::asio::this_coro::executor));
+      co_await place_->wait();
       if (state_->take(batch, ended)) co_return true;
     }
     co_return false;
@@ -198,6 +171,7 @@ class MessageStream {
 
  private:
   std::shared_ptr<StreamState<Record>> state_;
+  std::optional<WakeUp::Place> place_;
 };
 
 }  // namespace goosestack
