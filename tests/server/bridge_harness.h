@@ -178,6 +178,12 @@ class MemoryPreferences final : public PreferenceStore {
   std::mutex lock_;
 };
 
+/// What a fake waits for, before or after its work.
+using Pause = std::function<asio::awaitable<void>()>;
+inline asio::awaitable<void> noPause() {
+  co_return;
+}
+
 /// All captures of one kind: what was started, what runs, and a tap for records. yield() and die()
 /// are for any thread.
 template <class Record>
@@ -210,7 +216,7 @@ struct FakeCaptures {
 
   goosestack::AsyncEvent gate;  ///< Reset: starts wait here.
   /// What else starting and stopping wait for, before and after their work.
-  std::function<asio::awaitable<void>()> pause = []() -> asio::awaitable<void> { co_return; };
+  Pause pause = noPause;
   std::optional<goosestack::GooseError> failure;
   std::atomic<bool> isDown = false;  ///< Starts fail, as with `failure`; for any thread.
   std::vector<std::string> interfaces;
@@ -259,38 +265,48 @@ class FakeSource final : public goosestack::RecordSource<Record> {
   std::shared_ptr<goosestack::StreamState<Record>> state_;
 };
 
-class FakeGoosePublisher final : public goosestack::GoosePublishing {
+/// What both publishers have. With `running`, counts itself out when it is stopped.
+struct FakePublisher {
+  asio::awaitable<goosestack::GooseResult<void>> answer() {
+    co_await pause();
+    if (failure) co_return *failure;
+    co_return goosestack::GooseResult<void>();
+  }
+  asio::awaitable<void> end() {
+    co_await pause();
+    isStopped = true;
+    if (running != nullptr) --*running;
+  }
+  Pause pause = noPause;
+  std::optional<goosestack::GooseError> failure;
+  bool isStopped = false;
+  std::atomic<int>* running = nullptr;
+};
+
+class FakeGoosePublisher final : public goosestack::GoosePublishing, public FakePublisher {
  public:
   asio::awaitable<goosestack::GooseResult<void>> publishStateChange(
       goosestack::GoosePublishConfig config) override {
-    if (failure) co_return *failure;
     published.push_back(std::move(config));
-    co_return goosestack::GooseResult<void>();
+    return answer();
   }
   asio::awaitable<void> unpublish(std::optional<std::string> goCBRef) override {
     unpublished.push_back(goCBRef.value_or("(none)"));
-    co_return;
+    return pause();
   }
-  asio::awaitable<void> stop() override {
-    isStopped = true;
-    co_return;
-  }
-  std::optional<goosestack::GooseError> failure;
+  asio::awaitable<void> stop() override { return end(); }
   std::vector<goosestack::GoosePublishConfig> published;
   std::vector<std::string> unpublished;
-  bool isStopped = false;
 };
 
-class FakeSvPublisher final : public goosestack::SvPublishing {
+class FakeSvPublisher final : public goosestack::SvPublishing, public FakePublisher {
  public:
   asio::awaitable<goosestack::GooseResult<void>> publishApdu(
       goosestack::Bytes pdu, goosestack::SvPublishConfig config) override {
-    if (failure) co_return *failure;
     published.emplace_back(std::move(pdu), std::move(config));
-    co_return goosestack::GooseResult<void>();
+    return answer();
   }
-  asio::awaitable<void> stop() override { co_return; }
-  std::optional<goosestack::GooseError> failure;
+  asio::awaitable<void> stop() override { return end(); }
   std::vector<std::pair<goosestack::Bytes, goosestack::SvPublishConfig>> published;
 };
 
@@ -417,8 +433,14 @@ class BridgeHarness {
     }
     return events;
   }
-  bool logged(std::string_view line) const {
-    return std::find(logLines.begin(), logLines.end(), line) != logLines.end();
+  /// Lines that have this in them.
+  long count(std::string_view part) const {
+    return std::count_if(logLines.begin(), logLines.end(),
+                         [part](const auto& line) { return line.find(part) != line.npos; });
+  }
+  void runFor(std::chrono::milliseconds time) {
+    io.restart();
+    io.run_for(time);
   }
 
   const std::optional<AuthDelay> authDelay;

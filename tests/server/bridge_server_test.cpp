@@ -4,9 +4,11 @@
 
 namespace tarnlink::test {
 using namespace goosestack;
+using namespace std::chrono_literals;
 namespace {
 
 constexpr const char* kSubscribe = R"({"cmd":"subscribe_goose"})";
+constexpr const char* kSubscribeSv = R"({"cmd":"subscribe_sv"})";
 constexpr const char* kUnsubscribe = R"({"cmd":"unsubscribe_goose"})";
 
 GooseMessage message(std::uint16_t appId = 4096, std::string goCBRef = "IED1CTRL/LLN0$GO$gcb01") {
@@ -102,10 +104,7 @@ TEST_F(BridgeServerTest, StopEndsEverythingAndCountersSurvive) {
   const auto next = bridge.authenticated();
   bridge.ask(next, publishCommand(R"(,"vlanId":5)"));
   EXPECT_EQ(bridge.vlansMade, 2) << "what stop() has cancelled is not used again";
-  const auto events = bridge.ask(next, kUnsubscribe);
-  ASSERT_EQ(events.size(), 1U);
-  EXPECT_EQ(events[0]["messagesReceived"], 2);
-  EXPECT_EQ(events[0]["isCapturing"], false);
+  EXPECT_EQ(bridge.ask(next, kUnsubscribe).at(0)["messagesReceived"], 2);
 }
 
 TEST_F(BridgeServerTest, NothingBeginsDuringStopAndEveryStopWaitsForTheEnd) {
@@ -115,24 +114,16 @@ TEST_F(BridgeServerTest, NothingBeginsDuringStopAndEveryStopWaitsForTheEnd) {
   bridge.isHostBusy = true;
   bridge.say(publishing, publishCommand(R"(,"vlanId":5,"requestId":1)"));
   bridge.say(client, kSubscribe);
-  bool isOver = false;
-  asio::co_spawn(bridge.io, bridge.server->stop(), [&](std::exception_ptr) { isOver = true; });
-  bridge.settle();
-  EXPECT_FALSE(isOver) << "waits for the capture that is starting";
+  EXPECT_FALSE(bridge.await(bridge.server->stop())) << "waits for the capture that is starting";
   EXPECT_FALSE(bridge.await(bridge.server->stop()));
   EXPECT_TRUE(bridge.connect()->isCancelled);
-  const auto started = bridge.await(bridge.server->start(kDefaultBridgePort));
-  ASSERT_TRUE(started && started->has_error());
-  EXPECT_EQ(started->error().which(), BridgeError::Case::cancelled);
+  EXPECT_FALSE(bridge.start());
   bridge.isHostBusy = false;
-  bridge.settle();
-  EXPECT_TRUE(publishing->sent.empty()) << "neither done nor failed";
   bridge.goose.gate.set();
   bridge.settle();
-  EXPECT_TRUE(isOver);
   EXPECT_EQ(std::count(bridge.logLines.begin(), bridge.logLines.end(), "[BridgeServer] Stopped"),
             1);
-  EXPECT_EQ(bridge.goose.running, 0);
+  EXPECT_TRUE(publishing->sent.empty()) << "neither done nor failed";
   EXPECT_TRUE(bridge.goosePublisher->published.empty()) << "its link was ready too late";
 }
 
@@ -142,6 +133,7 @@ TEST_F(BridgeServerTest, TheGateOpensWithTheCodeAlone) {
   const Json refused = error("Not authenticated — send auth with pairing code", 7);
   const Json undecodable = error("Invalid JSON command", -1);
   const auto client = bridge.connect();
+  client->say(R"({"cmd":"ping"})", false);
   const struct {
     const char* text;
     Json expected;  // Members that the one answer must have.
@@ -149,12 +141,9 @@ TEST_F(BridgeServerTest, TheGateOpensWithTheCodeAlone) {
       {R"({"cmd":"ping","timestamp":17})", {{"event", "pong"}, {"originalTimestamp", 17}}},
       {R"({"cmd":"get_interfaces"})", refused},
       {kSubscribe, refused},
-      {R"({"cmd":"publish_sv_apdu","pduBase64":"AA=="})", refused},
       {"{", undecodable},
-      {R"(["cmd"])", undecodable},
       {R"({"cmd":"AUTH"})", undecodable},
       {R"({"cmd":"auth","token":"042138"})", {{"event", "auth_result"}, {"ok", false}}},
-      {R"({"cmd":"auth","token":42137})", {{"event", "auth_result"}, {"ok", false}}},
       {R"({"cmd":"auth"})", {{"event", "auth_result"}, {"ok", false}}},
       {R"({"cmd":"get_interfaces"})", refused},
       {R"({"cmd":"auth","token":"042137"})", {{"event", "auth_result"}, {"ok", true}}},
@@ -165,68 +154,54 @@ TEST_F(BridgeServerTest, TheGateOpensWithTheCodeAlone) {
   for (const auto& step : steps) {
     SCOPED_TRACE(step.text);
     const auto events = bridge.ask(client, step.text);
-    ASSERT_EQ(events.size(), 1U);
+    ASSERT_EQ(events.size(), 1U) << "binary messages have no answer";
     for (const auto& [key, value] : step.expected.items()) EXPECT_EQ(events[0][key], value);
   }
 }
 
 TEST_F(BridgeServerTest, AMarkedCommandEndsInOneEventWithItsMark) {
   const auto client = bridge.connect();
-  const auto other = bridge.authenticated();
+  const auto other = bridge.connect();  // Broadcasts reach all.
   const struct {
     std::string text;
     const char* event;
-    const char* reason;  // Of errors.
-    std::size_t told;    // Broadcasts to the others.
+    const char* reason;    // Of errors.
+    std::size_t told = 0;  // Broadcasts to the others.
   } steps[] = {
-      {R"({"cmd":"ping")", "pong", "", 0},
-      {R"({"cmd":"get_interfaces")", "error", "an auth with the pairing code has to succeed first",
-       0},
-      {R"({"cmd":"auth","token":"1")", "auth_result", "", 0},
-      {R"({"cmd":"auth","token":"042137")", "auth_result", "", 0},
-      {R"({"cmd":"get_interfaces")", "interfaces", "", 0},
+      {R"({"cmd":"ping")", "pong", ""},
+      {R"({"cmd":"get_interfaces")", "error", "an auth with the pairing code has to succeed first"},
+      {R"({"cmd":"auth","token":"042137")", "auth_result", ""},
       {R"({"cmd":"set_interface","interface":"eth1")", "done", "", 1},
       {R"({"cmd":"set_interface","interface":"eth.1")", "error",
        "interface: expected a letter followed by letters and digits, 15 in all at most, found "
-       "\"eth.1\"",
-       0},
-      {R"({"cmd":"subscribe_goose")", "bridge_status", "", 0},
-      {R"({"cmd":"subscribe_goose")", "bridge_status", "", 0},
+       "\"eth.1\""},
+      {R"({"cmd":"subscribe_goose")", "bridge_status", ""},
+      {R"({"cmd":"subscribe_goose")", "bridge_status", ""},
       {R"({"cmd":"unsubscribe_goose")", "done", "", 1},
-      {R"({"cmd":"subscribe_sv")", "done", "", 0},
-      {R"({"cmd":"subscribe_sv")", "done", "", 0},
-      {R"({"cmd":"unsubscribe_sv")", "done", "", 0},
-      {publishCommand(R"(,"vlanId":5)", ""), "bridge_status", "", 0},
-      {R"({"cmd":"unpublish_goose")", "bridge_status", "", 0},
-      {R"({"cmd":"publish_sv_apdu","pduBase64":"AA==")", "done", "", 0},
+      {R"({"cmd":"subscribe_sv")", "done", ""},
+      {R"({"cmd":"unsubscribe_sv")", "done", ""},
+      {publishCommand(R"(,"vlanId":5)", ""), "bridge_status", ""},
+      {R"({"cmd":"publish_sv_apdu","pduBase64":"AA==")", "done", ""},
       {R"({"cmd":"publish_sv_apdu")", "error",
-       "pduBase64: expected base64 with padding, found nothing", 0},
-      {R"({"cmd":"stop")", "error", "cmd: expected the name of a command, found \"stop\"", 0}};
+       "pduBase64: expected base64 with padding, found nothing"}};
   for (const auto& step : steps) {
-    for (const Json& mark : {Json(7), Json("text")}) {
-      SCOPED_TRACE(step.text);
-      const auto events = bridge.ask(client, step.text + R"(,"requestId":)" + mark.dump() + "}");
-      EXPECT_EQ(events.size(), 1 + step.told);
-      ASSERT_FALSE(events.empty());
-      EXPECT_EQ(events.back()["event"], step.event);
-      EXPECT_EQ(events.back()["requestId"], mark);
-      EXPECT_EQ(events.back().value("reason", ""), step.reason);
-      const auto broadcasts = BridgeHarness::take(other);
-      EXPECT_EQ(broadcasts.size(), step.told);
-      for (const Json& event : broadcasts) EXPECT_FALSE(event.contains("requestId"));
-    }
+    SCOPED_TRACE(step.text);
+    const auto events = bridge.ask(client, step.text + R"(,"requestId":"text"})");
+    ASSERT_EQ(events.size(), 1 + step.told);
+    EXPECT_EQ(events.back()["event"], step.event);
+    EXPECT_EQ(events.back()["requestId"], "text");
+    EXPECT_EQ(events.back().value("reason", ""), step.reason);
+    const auto broadcasts = bridge.take(other);
+    EXPECT_EQ(broadcasts.size(), step.told);
+    for (const Json& event : broadcasts) EXPECT_FALSE(event.contains("requestId"));
   }
-  const auto refused = bridge.ask(client, R"({"cmd":"ping","requestId":1.5})");
-  ASSERT_EQ(refused.size(), 1U);
-  EXPECT_FALSE(refused[0].contains("requestId"));
-  EXPECT_EQ(
-      refused[0]["reason"],
-      "requestId: expected an integer of 64 bits, or a text of 128 octets at most, found 1.5");
+  const auto refused = bridge.ask(client, R"({"cmd":"ping","requestId":1.5})").at(0);
+  EXPECT_TRUE(refused.contains("reason") && !refused.contains("requestId")) << refused;
   const auto strict = bridge.ask(client, R"({"cmd":"publish_goose","strict":true})");
   EXPECT_TRUE(strict.at(0).contains("reason")) << strict;
 }
 
-TEST_F(BridgeServerTest, TheLogSaysWhyAPairedClientsCommandFailed) {
+TEST_F(BridgeServerTest, TheLogSaysWhyAPairedClientsCommandFailedAndNobodysTextFillsIt) {
   const auto client = bridge.authenticated();
   bridge.say(client, publishCommand(R"(,"strict":true,"vlanId":5000)"));
   EXPECT_TRUE(bridge.logLines.back().ends_with(
@@ -235,15 +210,16 @@ TEST_F(BridgeServerTest, TheLogSaysWhyAPairedClientsCommandFailed) {
   bridge.goosePublisher->failure = GooseError::sendFailed("network is down");
   bridge.say(client, publishCommand(""));
   EXPECT_TRUE(bridge.logLines.back().ends_with(": Publish failed: network is down"));
-  const std::string longText(100'000, 'x');
-  bridge.say(client, R"({"cmd":"subscribe_goose","appIdFilter":")" + longText +
-                         R"(","goCBRefFilter":")" + longText + "\"}");
-  bridge.say(client, R"({"cmd":"set_interface","interface":")" + longText + "\"}");
-  bridge.say(client, R"({"cmd":"unpublish_goose","goCBRef":")" + longText + "\"}");
   bridge.goosePublisher->failure.reset();
-  bridge.say(client, publishCommand(R"(,"goCBRef":")" + longText + "\""));
-  for (const auto& line : bridge.logLines)
-    EXPECT_LT(line.size(), 1'000U) << "nobody's text fills it";
+  const std::string text = ":\"" + std::string(100'000, 'x') + "\"";
+  for (const std::string& command :
+       {R"({"cmd":"subscribe_goose","appIdFilter")" + text + R"(,"goCBRefFilter")" + text + "}",
+        R"({"cmd":"set_interface","interface")" + text + "}",
+        R"({"cmd":"unpublish_goose","goCBRef")" + text + "}",
+        publishCommand(R"(,"goCBRef")" + text)}) {
+    bridge.say(client, command);
+  }
+  for (const auto& line : bridge.logLines) EXPECT_LT(line.size(), 1'000U);
   const auto lines = bridge.logLines.size();
   bridge.say(bridge.connect(), R"({"cmd":"nonsense"})");
   EXPECT_EQ(bridge.logLines.size(), lines + 1) << "the connection's; strangers cannot fill the log";
@@ -254,7 +230,7 @@ TEST_F(BridgeServerTest, WithoutDescriptorsEachCommandFailsAndTheClientIsHeardAf
   const std::pair<std::string, Json> cases[] = {
       {kSubscribe, error("Start capture failed: Too many open files", 1)},
       {publishCommand(""), error("Publish failed: Too many open files", 2)},
-      {R"({"cmd":"subscribe_sv"})", error("SV capture failed: Too many open files", 4)},
+      {kSubscribeSv, error("SV capture failed: Too many open files", 4)},
       {R"({"cmd":"publish_sv_apdu","pduBase64":"AA=="})",
        error("SV publish failed: Too many open files", 5)},
       {R"({"cmd":"get_interfaces"})", error("Command failed: Too many open files", 8)}};
@@ -279,7 +255,7 @@ TEST_F(BridgeServerTest, AClientWhoseReceivingFailsIsRemoved) {
   bridge.say(client, R"({"cmd":"ping"})");
   EXPECT_TRUE(client->isCancelled);
   EXPECT_EQ(bridge.goose.running, 0);
-  EXPECT_TRUE(bridge.logged("[BridgeServer] Internal error: std::bad_alloc"));
+  EXPECT_EQ(bridge.count("[BridgeServer] Internal error: std::bad_alloc"), 1);
 }
 
 // The bucket is empty from the start, and a token comes every 300 ms.
@@ -301,8 +277,7 @@ class AuthDelayTest : public ::testing::Test {
     return client;
   }
   void runFor(double refills) {
-    bridge.io.restart();
-    bridge.io.run_for(std::chrono::duration_cast<std::chrono::milliseconds>(refills * kRefill));
+    bridge.runFor(std::chrono::duration_cast<std::chrono::milliseconds>(refills * kRefill));
   }
   std::vector<std::string> events(const std::shared_ptr<FakeConnection>& client) {
     std::vector<std::string> names;
@@ -316,15 +291,16 @@ class AuthDelayTest : public ::testing::Test {
 };
 
 TEST_F(AuthDelayTest, WrongCodesWaitRightOnesFollowAndNobodyIsLeftBehind) {
+  const auto leaving = connect("192.0.2.3");
+  bridge.say(leaving, kWrong);
   guesser->say(kWrong);
   EXPECT_TRUE(bridge.ask(owner, kRight).empty()) << "only a comparison tells it from a guess";
   EXPECT_EQ(owner->standing, Standing::waiting);
-  EXPECT_TRUE(bridge.logged(
-      "[BridgeServer] Many wrong pairing codes, the latest attempt from 192.0.2.1: attempts wait "
-      "for their turn"));
-  EXPECT_EQ(std::count_if(bridge.logLines.begin(), bridge.logLines.end(),
-                          [](const auto& line) { return line.find("Many wrong") != line.npos; }),
+  EXPECT_EQ(bridge.count("[BridgeServer] Many wrong pairing codes, the latest attempt from "
+                         "192.0.2.3: attempts wait for their turn"),
             1);
+  EXPECT_EQ(bridge.count("Many wrong"), 1);
+  leaving->reset();
   const auto starter = bridge.connect();
   const auto admitted =
       bridge.ask(starter, std::string(R"({"cmd":"auth","token":")") + test::kOwnerToken + "\"}");
@@ -332,7 +308,7 @@ TEST_F(AuthDelayTest, WrongCodesWaitRightOnesFollowAndNobodyIsLeftBehind) {
   EXPECT_EQ(admitted[0]["ok"], true);
   EXPECT_EQ(admitted[1]["activeInterface"], "");
   runFor(1.5);
-  EXPECT_EQ(bridge.take(owner).at(0)["ok"], true);
+  EXPECT_EQ(bridge.take(owner).at(0)["ok"], true) << "who has left takes no place";
   EXPECT_EQ(owner->standing, Standing::admitted);
   EXPECT_EQ(bridge.take(guesser).size(), 1U) << "a right code costs no token";
   EXPECT_EQ(guesser->standing, Standing::stranger);
@@ -340,10 +316,9 @@ TEST_F(AuthDelayTest, WrongCodesWaitRightOnesFollowAndNobodyIsLeftBehind) {
   for (int i = 0; i < 4; ++i) guesser->say(kWrong);
   bridge.settle();
   EXPECT_EQ(bridge.ask(owner, kWrong).at(0)["ok"], false) << "who is in need not wait";
-  EXPECT_EQ(bridge.ask(owner, kRight).at(0)["ok"], true);
   bridge.say(owner, kSubscribe);
   EXPECT_EQ(bridge.take(starter).at(0)["activeInterface"], "en0") << "chosen by the bridge";
-  EXPECT_TRUE(bridge.await(bridge.server->stop())) << "waits for nobody's turn";
+  EXPECT_TRUE(bridge.await(bridge.server->stop())) << "waits for no attempt";
 }
 
 TEST_F(AuthDelayTest, WhoWaitsGetsPongsAndItsCommandsInTheirOrder) {
@@ -369,16 +344,6 @@ TEST_F(AuthDelayTest, WhoWaitsGetsPongsAndItsCommandsInTheirOrder) {
   EXPECT_EQ(events(prompt), (std::vector<std::string>{"auth_result", "pong"})) << "did not wait";
 }
 
-TEST_F(AuthDelayTest, WhoLeavesTakesNoTurn) {
-  const auto first = connect("192.0.2.3");
-  bridge.say(first, kWrong);
-  bridge.say(owner, kRight);
-  first->reset();
-  runFor(1.5);
-  EXPECT_EQ(events(owner), std::vector<std::string>{"auth_result"});
-  EXPECT_TRUE(first->sent.empty());
-}
-
 TEST(PairingCodeTest, AMalformedCodeIsReplacedAndStored) {
   const struct {
     std::optional<std::string> stored;
@@ -396,33 +361,19 @@ TEST(PairingCodeTest, AMalformedCodeIsReplacedAndStored) {
   }
 }
 
-TEST_F(BridgeServerTest, BinaryMessagesAreIgnored) {
-  const auto client = bridge.connect();
-  client->say(R"({"cmd":"ping"})", false);
-  bridge.settle();
-  EXPECT_TRUE(client->sent.empty());
-  EXPECT_EQ(bridge.ask(client, R"({"cmd":"ping"})").size(), 1U) << "the connection lives on";
-}
-
 TEST_F(BridgeServerTest, ALostClientHasOneLogLine) {
-  const auto count = [this](std::string_view part) {
-    return std::count_if(bridge.logLines.begin(), bridge.logLines.end(),
-                         [part](const auto& line) { return line.find(part) != line.npos; });
-  };
-  const auto failed = bridge.connect();
-  failed->close(TransportFailed{asio::error::timed_out});
+  bridge.connect()->close(TransportFailed{asio::error::timed_out});
   bridge.settle();
-  EXPECT_EQ(count(" failed: "), 1);
-  EXPECT_EQ(count("Receive error"), 0);
+  EXPECT_EQ(bridge.count(" failed: ") + bridge.count("Receive error"), 1);
   const auto vanished = bridge.connect();
   vanished->reset();
   bridge.settle();
-  EXPECT_EQ(count("Receive error"), 1);
+  EXPECT_EQ(bridge.count("Receive error"), 1);
   EXPECT_TRUE(vanished->isCancelled) << "a connection that failed is closed too";
   bridge.connect()->reset(WebSocketError::peerClosed);
   bridge.settle();
-  EXPECT_EQ(count("Receive error"), 1) << "a close handshake is no error";
-  EXPECT_EQ(count("Client disconnected: "), 1);
+  EXPECT_EQ(bridge.count("Receive error"), 1) << "a close handshake is no error";
+  EXPECT_EQ(bridge.count("Client disconnected: "), 1);
 }
 
 // GOOSE subscriptions ------------------------------------------------------------------------
@@ -433,17 +384,10 @@ TEST(GooseFilterTest, MatchesDecimalAppIdAndPartOfTheReference) {
     std::optional<std::string> goCBRef;
     bool matches;
   } cases[] = {
-      {std::nullopt, std::nullopt, true},
-      {"", "", true},
-      {"4096", std::nullopt, true},
-      {"40960", std::nullopt, false},
-      {"409", std::nullopt, false},
-      {"0x1000", std::nullopt, false},
-      {"04096", std::nullopt, false},
-      {std::nullopt, "LLN0", true},
-      {std::nullopt, "lln0", false},
-      {"4096", "gcb02", false},
-      {"4096", "gcb01", true},
+      {std::nullopt, std::nullopt, true}, {"", "", true},
+      {"4096", std::nullopt, true},       {"409", std::nullopt, false},
+      {"04096", std::nullopt, false},     {std::nullopt, "LLN0", true},
+      {std::nullopt, "lln0", false},      {"4096", "gcb01", true},
   };
   for (const auto& c : cases) {
     const GooseFilter filter{c.appId, c.goCBRef};
@@ -476,63 +420,34 @@ TEST_F(BridgeServerTest, MessagesReachMatchingSubscribersOnceEncoded) {
   EXPECT_EQ(appIds, (std::vector{1, 2, 3}));
 }
 
-TEST_F(BridgeServerTest, TheLastSubscriberToLeaveStopsTheCapture) {
-  const auto first = bridge.authenticated();
-  const auto second = bridge.authenticated();
-  const auto onlooker = bridge.connect();
-  bridge.say(first, kSubscribe);
-  bridge.say(second, kSubscribe);
-  bridge.connect()->close(TransportCancelled{});
-  bridge.settle();
-  EXPECT_EQ(bridge.goose.running, 1) << "a client without a subscription does not matter";
-  second->reset();
-  bridge.settle();
-  EXPECT_EQ(bridge.goose.running, 1);
-  const auto events = bridge.ask(first, kUnsubscribe);
-  EXPECT_EQ(bridge.goose.running, 0);
-  EXPECT_EQ(events.back()["isCapturing"], false);
-  EXPECT_EQ(BridgeHarness::take(onlooker).back()["event"], "bridge_status")
-      << "broadcasts reach clients that have not authenticated";
-  bridge.say(first, kSubscribe);
-  first->close(TransportCancelled{});
-  bridge.settle();
-  EXPECT_EQ(bridge.goose.running, 0);
-}
-
 TEST_F(BridgeServerTest, AFailedStartAnswersAndDropsTheSubscription) {
-  bridge.goose.failure = GooseError::permissionDenied();
+  bridge.goose.failure = bridge.sv.failure = GooseError::permissionDenied();
   const auto client = bridge.authenticated();
   EXPECT_EQ(bridge.ask(client, kSubscribe),
             std::vector<Json>{error("Start capture failed: permission denied", 1)});
+  EXPECT_EQ(bridge.ask(client, kSubscribeSv),
+            std::vector<Json>{error("SV capture failed: permission denied", 4)});
   EXPECT_EQ(bridge.goose.interfaces, std::vector<std::string>{"en0"})
       << "the last resort where discovery finds nothing";
-  EXPECT_TRUE(bridge.logged("[BridgeServer] ✗ capture start failed: permission denied"));
+  EXPECT_EQ(bridge.count("[BridgeServer] ✗ capture start failed: permission denied") +
+                bridge.count("[BridgeServer] SV: capture start failed: permission denied"),
+            2);
   bridge.goose.failure.reset();
+  bridge.sv.failure.reset();
   const auto other = bridge.authenticated();
-  EXPECT_EQ(bridge.ask(other, kSubscribe)[0]["isCapturing"], true);
+  bridge.say(other, kSubscribe);
+  bridge.say(other, kSubscribeSv);
   bridge.goose.yield({message()});
+  bridge.sv.yield({svFrame({1, 2, 3})});
   bridge.settle();
-  EXPECT_EQ(other->sent.size(), 1U);
+  EXPECT_EQ(other->sent.size(), 3U);
   EXPECT_TRUE(client->sent.empty());
-}
-
-TEST_F(BridgeServerTest, SubscribersThatMeetAStartingCaptureWaitForIt) {
-  bridge.goose.gate.reset();
-  const auto first = bridge.authenticated();
-  const auto second = bridge.authenticated();
-  bridge.say(first, kSubscribe);
-  bridge.say(second, kSubscribe);
-  EXPECT_TRUE(second->sent.empty());
-  bridge.goose.gate.set();
-  bridge.settle();
-  EXPECT_EQ(bridge.goose.interfaces.size(), 1U);
-  EXPECT_EQ(BridgeHarness::take(second)[0]["isCapturing"], true);
 }
 
 TEST_F(BridgeServerTest, AClientThatIsLostWhileItsCommandWaitsIsRemovedAtOnce) {
   const auto client = bridge.authenticated();
   const auto other = bridge.authenticated();
-  bridge.say(client, R"({"cmd":"subscribe_sv"})");
+  bridge.say(client, kSubscribeSv);
   bridge.isHostBusy = true;
   bridge.say(client, publishCommand(R"(,"vlanId":5)"));
   EXPECT_EQ(bridge.sv.running, 1);
@@ -543,60 +458,22 @@ TEST_F(BridgeServerTest, AClientThatIsLostWhileItsCommandWaitsIsRemovedAtOnce) {
   bridge.isHostBusy = false;
 }
 
-TEST_F(BridgeServerTest, AClientThatLeavesAStartingCaptureLeavesNoneRunning) {
-  bridge.goose.gate.reset();
-  const auto client = bridge.authenticated();
-  bridge.say(client, kSubscribe);
-  client->close(TransportCancelled{});
-  bridge.settle();
-  bridge.goose.gate.set();
-  bridge.settle();
-  EXPECT_EQ(bridge.goose.mostRunning, 1);
-  EXPECT_EQ(bridge.goose.running, 0);
-}
-
 TEST_F(BridgeServerTest, AStopThatWasDecidedBeforeASubscriptionEndsNoCapture) {
-  bridge.goose.gate.reset();
   bridge.sv.gate.reset();
   const auto first = bridge.authenticated();
-  const auto firstSv = bridge.authenticated();
-  bridge.say(first, kSubscribe);
-  bridge.say(firstSv, R"({"cmd":"subscribe_sv"})");
+  bridge.say(first, kSubscribeSv);
   first->close(TransportCancelled{});
-  firstSv->close(TransportCancelled{});
   bridge.settle();
   const auto second = bridge.authenticated();
-  const auto secondSv = bridge.authenticated();
-  bridge.say(second, kSubscribe);
-  bridge.say(secondSv, R"({"cmd":"subscribe_sv"})");
-  bridge.goose.gate.set();
+  bridge.say(second, kSubscribeSv);
   bridge.sv.gate.set();
   bridge.settle();
-  EXPECT_EQ(bridge.goose.interfaces.size(), 1U);
   EXPECT_EQ(bridge.sv.interfaces.size(), 1U);
-  EXPECT_EQ(bridge.goose.running + bridge.sv.running, 2);
+  EXPECT_EQ(bridge.sv.running, 1);
   bridge.say(second, R"({"cmd":"set_interface","interface":"eth9"})");
   bridge.sv.die("The interface disappeared");
-  bridge.settle();
-  bridge.io.run_for(std::chrono::milliseconds(100));
+  bridge.runFor(100ms);
   EXPECT_EQ(bridge.sv.interfaces, (std::vector<std::string>{"en0", "en0"})) << "which it joined";
-}
-
-TEST_F(BridgeServerTest, WhoLeftWhileAnotherStartedStartsNothing) {
-  bridge.goose.gate.reset();
-  bridge.sv.gate.reset();
-  bridge.goose.failure = bridge.sv.failure = GooseError::permissionDenied();
-  for (const char* text : {kSubscribe, R"({"cmd":"subscribe_sv"})"}) {
-    bridge.say(bridge.authenticated(), text);
-    const auto leaving = bridge.authenticated();
-    bridge.say(leaving, text);
-    leaving->lose();
-  }
-  bridge.goose.gate.set();
-  bridge.sv.gate.set();
-  bridge.settle();
-  EXPECT_EQ(bridge.goose.interfaces.size(), 1U);
-  EXPECT_EQ(bridge.sv.interfaces.size(), 1U);
 }
 
 TEST_F(BridgeServerTest, ADeadCaptureIsToldAndTriedAgain) {
@@ -606,30 +483,23 @@ TEST_F(BridgeServerTest, ADeadCaptureIsToldAndTriedAgain) {
   bridge.goose.failure = GooseError::pcapOpenFailed("No such device");
   bridge.goose.die("The interface disappeared");
   bridge.settle();
-  const auto told = BridgeHarness::take(client);
-  ASSERT_EQ(told.size(), 1U);
-  EXPECT_EQ(told[0]["isCapturing"], false);
+  EXPECT_EQ(bridge.take(client).at(0)["isCapturing"], false);
   EXPECT_EQ(bridge.goose.running, 0);
-  EXPECT_TRUE(bridge.logged("[BridgeServer] ✗ capture on en0 ended: The interface disappeared"));
-
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(12);
-  const auto runUntil = [&](auto isDone) {
-    while (!isDone() && std::chrono::steady_clock::now() < deadline) {
-      bridge.io.restart();
-      bridge.io.run_one_for(std::chrono::milliseconds(100));
-    }
-  };
-  runUntil([&] { return bridge.goose.interfaces.size() == 2; });
-  EXPECT_EQ(bridge.goose.running, 0) << "the first try failed";
+  EXPECT_EQ(bridge.count("[BridgeServer] ✗ capture on en0 ended: The interface disappeared"), 1);
+  bridge.runFor(100ms);
+  EXPECT_GT(bridge.goose.interfaces.size(), 1U) << "each try failed";
+  EXPECT_TRUE(client->sent.empty());
   bridge.goose.failure.reset();
-  runUntil([&] { return bridge.goose.running == 1 && !client->sent.empty(); });
-  EXPECT_EQ(BridgeHarness::take(client).back()["isCapturing"], true);
+  bridge.runFor(100ms);
+  EXPECT_EQ(bridge.goose.running, 1);
+  EXPECT_EQ(bridge.take(client).at(0)["isCapturing"], true);
+  EXPECT_EQ(bridge.count("[BridgeServer] ✓ capture runs again on en0"), 1);
 }
 
 TEST_F(BridgeServerTest, ASubscriptionThatRevivesACaptureTellsEverybodyOnce) {
   const auto first = bridge.authenticated();
   const auto second = bridge.authenticated();
-  for (const char* text : {kSubscribe, R"({"cmd":"subscribe_sv"})"}) {
+  for (const char* text : {kSubscribe, kSubscribeSv}) {
     SCOPED_TRACE(text);
     bridge.say(first, text);
     bridge.goose.failure = bridge.sv.failure = GooseError::pcapOpenFailed("No such device");
@@ -640,62 +510,53 @@ TEST_F(BridgeServerTest, ASubscriptionThatRevivesACaptureTellsEverybodyOnce) {
     bridge.sv.failure.reset();
     bridge.take(first);
     bridge.take(second);
-    const bool isGoose = text == kSubscribe;
     EXPECT_EQ(bridge.ask(second, text).size(), 1U);
     const auto told = bridge.take(first);
     ASSERT_EQ(told.size(), 1U);
-    EXPECT_EQ(told[0]["isCapturing"], isGoose);
+    EXPECT_EQ(told[0]["isCapturing"], text == kSubscribe);
     bridge.say(first, kUnsubscribe);
     bridge.say(second, kUnsubscribe);
   }
 }
 
 TEST_F(BridgeServerTest, AnSvCaptureIsTriedAgainWhereItWas) {
-  constexpr const char* kMove = R"({"cmd":"set_interface","interface":"eth9"})";
   const auto client = bridge.authenticated();
-  bridge.say(client, R"({"cmd":"subscribe_sv"})");
-  bridge.say(client, kMove);
-  bridge.sv.die("The interface disappeared");
-  bridge.settle();
-  bridge.io.run_for(std::chrono::milliseconds(100));
-  EXPECT_EQ(bridge.sv.interfaces, (std::vector<std::string>{"en0", "en0"}));
-  bridge.sv.die("The interface disappeared");
-  bridge.settle();
-  bridge.io.run_for(std::chrono::milliseconds(100));
-  EXPECT_EQ(bridge.sv.interfaces.size(), 3U) << "a second time, too";
-  bridge.sv.die("The interface disappeared");
-  bridge.settle();
   const auto other = bridge.authenticated();
-  bridge.say(other, R"({"cmd":"subscribe_sv"})");
+  bridge.say(client, kSubscribeSv);
+  bridge.say(client, R"({"cmd":"set_interface","interface":"eth9"})");
+  for (const std::size_t starts : {2, 3}) {
+    bridge.sv.die("The interface disappeared");
+    bridge.runFor(100ms);
+    EXPECT_EQ(bridge.sv.interfaces, std::vector<std::string>(starts, "en0"));
+  }
+  EXPECT_EQ(bridge.count("[BridgeServer] SV: ✗ capture on en0 ended: The interface disappeared"),
+            2);
+  bridge.sv.die("The interface disappeared");
+  bridge.settle();
+  bridge.say(other, kSubscribeSv);
   EXPECT_EQ(bridge.sv.interfaces.back(), "en0") << "where the others are";
   bridge.say(client, R"({"cmd":"unsubscribe_sv"})");
   bridge.say(other, R"({"cmd":"unsubscribe_sv"})");
-  bridge.say(other, R"({"cmd":"subscribe_sv"})");
+  bridge.say(other, kSubscribeSv);
   EXPECT_EQ(bridge.sv.interfaces.back(), "eth9");
+  bridge.sv.die("The interface disappeared");
+  bridge.settle();
+  EXPECT_TRUE(bridge.await(bridge.server->stop())) << "does not wait for the next try";
 }
 
 TEST_F(BridgeServerTest, FramesThatTheKernelDroppedAreLogged) {
   const auto client = bridge.authenticated();
   bridge.say(client, kSubscribe);
-  bridge.say(client, R"({"cmd":"subscribe_sv"})");
+  bridge.say(client, kSubscribeSv);
   bridge.goose.drop({3, 8, false});
   bridge.sv.drop({0, 9, true});
   bridge.settle();
-  EXPECT_TRUE(
-      bridge.logged("[BridgeServer] ✗ capture on en0: the kernel dropped 3 frames, 8 so far"));
-  EXPECT_TRUE(bridge.logged(
-      "[BridgeServer] SV: ✗ capture on en0 has ended; the kernel dropped 9 frames in all"));
-}
-
-TEST_F(BridgeServerTest, StopDoesNotWaitForTheNextTryOfADeadCapture) {
-  const auto client = bridge.authenticated();
-  bridge.say(client, R"({"cmd":"subscribe_sv"})");
-  bridge.say(client, R"({"cmd":"set_interface","interface":"eth9"})");
-  bridge.sv.die("The interface disappeared");
-  bridge.settle();
-  EXPECT_TRUE(bridge.logged("[BridgeServer] SV: ✗ capture on en0 ended: The interface disappeared"))
-      << "it had stayed where it was";
-  EXPECT_TRUE(bridge.await(bridge.server->stop()));
+  EXPECT_EQ(bridge.count("[BridgeServer] ✗ capture on en0: the kernel dropped 3 frames, 8 so far"),
+            1);
+  EXPECT_EQ(
+      bridge.count(
+          "[BridgeServer] SV: ✗ capture on en0 has ended; the kernel dropped 9 frames in all"),
+      1);
 }
 
 TEST_F(BridgeServerTest, AStreamThatEndsByItselfClearsTheFlag) {
@@ -732,7 +593,7 @@ TEST_F(BridgeServerTest, SetInterfaceChecksStoresAndMovesTheCapture) {
   EXPECT_EQ(found.back()["isCapturing"], true) << "its subscriber was still waiting";
   bridge.goose.yield({message()});
   bridge.settle();
-  EXPECT_EQ(BridgeHarness::take(client).back()["event"], "goose_message");
+  EXPECT_EQ(bridge.take(client).back()["event"], "goose_message");
 }
 
 TEST_F(BridgeServerTest, WhatWasCapturedBeforeAnInterfaceChangeArrives) {
@@ -740,8 +601,7 @@ TEST_F(BridgeServerTest, WhatWasCapturedBeforeAnInterfaceChangeArrives) {
   bridge.ask(client, R"({"cmd":"subscribe_goose","appIdFilter":"7"})");
   for (int i = 0; i < 1'000; ++i) bridge.goose.yield(std::vector<GooseMessage>(64));
   bridge.goose.yield({message(7)});
-  bridge.say(client, R"({"cmd":"set_interface","interface":"eth1"})");
-  const auto events = BridgeHarness::take(client);
+  const auto events = bridge.ask(client, R"({"cmd":"set_interface","interface":"eth1"})");
   ASSERT_EQ(events.size(), 2U);
   EXPECT_EQ(events[0]["event"], "goose_message") << "the last of what had queued";
   EXPECT_EQ(events[1]["activeInterface"], "eth1");
@@ -749,7 +609,7 @@ TEST_F(BridgeServerTest, WhatWasCapturedBeforeAnInterfaceChangeArrives) {
 
 TEST(BridgeServerStartTest, TheStoredInterfaceIsRestored) {
   BridgeHarness bridge(std::map<std::string, std::string>{{"activeInterface", "eth5"}});
-  EXPECT_TRUE(bridge.logged("[BridgeServer] restored active interface: eth5"));
+  EXPECT_EQ(bridge.count("[BridgeServer] restored active interface: eth5"), 1);
   ASSERT_TRUE(bridge.start());
   bridge.say(bridge.authenticated(), kSubscribe);
   EXPECT_EQ(bridge.goose.interfaces, std::vector<std::string>{"eth5"});
@@ -781,28 +641,24 @@ TEST_F(BridgeServerTest, PublicationsLeaveOnTheInterfaceMeant) {
 
 TEST_F(BridgeServerTest, AVlanPublicationLeavesUntaggedOnTheVlanInterface) {
   const auto client = bridge.authenticated();
-  bridge.ask(client, publishCommand(R"(,"interface":"eth7","vlanId":100,"vlanPriority":6)"));
-  ASSERT_EQ(bridge.goosePublisher->published.size(), 1U);
-  const auto& config = bridge.goosePublisher->published[0];
-  EXPECT_EQ(config.interface, "vlan100");
-  EXPECT_EQ(config.vlanId, 0);
-  EXPECT_EQ(config.vlanPriority, 6);
-  EXPECT_FALSE(config.vlanTagged);
-  EXPECT_EQ(bridge.vlan.parents, std::vector<std::string>{"eth7"});
-}
-
-TEST_F(BridgeServerTest, APublicationOverAReadyLinkWaitsForNobodysPrompt) {
-  const auto asking = bridge.authenticated();
   const auto other = bridge.authenticated();
   bridge.isHostBusy = true;
-  EXPECT_TRUE(bridge.ask(asking, publishCommand(R"(,"vlanId":5)")).empty());
+  EXPECT_TRUE(
+      bridge.ask(client, publishCommand(R"(,"interface":"eth7","vlanId":100,"vlanPriority":6)"))
+          .empty());
   bridge.vlan.ready = "vlan6";
-  EXPECT_EQ(bridge.ask(other, publishCommand(R"(,"vlanId":6)")).size(), 1U);
-  ASSERT_EQ(bridge.goosePublisher->published.size(), 1U);
-  EXPECT_EQ(bridge.goosePublisher->published[0].interface, "vlan6");
+  EXPECT_EQ(bridge.ask(other, publishCommand(R"(,"vlanId":6)")).size(), 1U)
+      << "over a ready link it waits for nobody's prompt";
   bridge.isHostBusy = false;
   bridge.settle();
-  EXPECT_EQ(bridge.goosePublisher->published.back().interface, "vlan5");
+  const auto& published = bridge.goosePublisher->published;
+  ASSERT_EQ(published.size(), 2U);
+  EXPECT_EQ(published[0].interface, "vlan6");
+  EXPECT_EQ(published[1].interface, "vlan100");
+  EXPECT_EQ(published[1].vlanId, 0);
+  EXPECT_EQ(published[1].vlanPriority, 6);
+  EXPECT_FALSE(published[1].vlanTagged);
+  EXPECT_EQ(bridge.vlan.parents, std::vector<std::string>{"eth7"});
 }
 
 TEST_F(BridgeServerTest, RefusedPublicationsAnswerWithTheirCode) {
@@ -836,7 +692,7 @@ TEST_F(BridgeServerTest, UnpublishNamesWhatItStops) {
   bridge.ask(client, R"({"cmd":"unpublish_goose","goCBRef":""})");
   EXPECT_EQ(bridge.goosePublisher->unpublished,
             (std::vector<std::string>{"A/LLN0$GO$g", "(none)"}));
-  EXPECT_TRUE(bridge.logged("[BridgeServer] ✓ unpublished GOOSE (all)"));
+  EXPECT_EQ(bridge.count("[BridgeServer] ✓ unpublished GOOSE (all)"), 1);
 }
 
 // Sampled Values -----------------------------------------------------------------------------
@@ -844,7 +700,7 @@ TEST_F(BridgeServerTest, UnpublishNamesWhatItStops) {
 TEST_F(BridgeServerTest, SvFramesGoByAppId) {
   const auto all = bridge.authenticated();
   const auto some = bridge.authenticated();
-  EXPECT_TRUE(bridge.ask(all, R"({"cmd":"subscribe_sv"})").empty()) << "success has no event";
+  EXPECT_TRUE(bridge.ask(all, kSubscribeSv).empty()) << "success has no event";
   EXPECT_TRUE(bridge.ask(some, R"({"cmd":"subscribe_sv","appIdFilter":16384})").empty());
   EXPECT_EQ(bridge.sv.interfaces.size(), 1U);
   bridge.sv.yield({svFrame({0x40, 0x00}), svFrame({0x40, 0x01}), svFrame({0x40}), svFrame({})});
@@ -857,20 +713,6 @@ TEST_F(BridgeServerTest, SvFramesGoByAppId) {
   bridge.settle();
   EXPECT_EQ(bridge.sv.running, 0);
   EXPECT_EQ(bridge.goose.interfaces.size(), 0U) << "GOOSE has a capture of its own";
-}
-
-TEST_F(BridgeServerTest, AFailedSvStartAnswersAndDropsTheSubscription) {
-  bridge.sv.failure = GooseError::pcapFilterFailed("bad filter");
-  const auto client = bridge.authenticated();
-  EXPECT_EQ(bridge.ask(client, R"({"cmd":"subscribe_sv"})"),
-            std::vector<Json>{error("SV capture failed: bad filter", 4)});
-  bridge.sv.failure.reset();
-  const auto other = bridge.authenticated();
-  bridge.ask(other, R"({"cmd":"subscribe_sv"})");
-  bridge.sv.yield({svFrame({1, 2, 3})});
-  bridge.settle();
-  EXPECT_EQ(other->sent.size(), 1U);
-  EXPECT_TRUE(client->sent.empty());
 }
 
 TEST_F(BridgeServerTest, SvPayloadsPassUnchanged) {
