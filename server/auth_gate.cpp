@@ -7,15 +7,15 @@
 namespace tarnlink {
 
 AuthGate::Rank AuthGate::rankOf(const Attempt& attempt) const {
-  const auto turn = lastTurn_.find(attempt.peer);
+  const auto last = lastTaken_.find(attempt.peer);
   const auto wrong = wrong_.find(attempt.client);
-  return {turn == lastTurn_.end() ? 0 : turn->second, wrong == wrong_.end() ? 0 : wrong->second,
+  return {last == lastTaken_.end() ? 0 : last->second, wrong == wrong_.end() ? 0 : wrong->second,
           attempt.arrival};
 }
 
 std::optional<ClientId> AuthGate::enter(const ClientId& client, std::string peer,
                                         Clock::time_point now) {
-  if (isQuiet(now)) lastTurn_.clear();
+  if (isQuiet(now)) lastTaken_.clear();
   waiting_.push_back({client, std::move(peer), arrivals_++});
   if (waiting_.size() <= kMaxWaiting) return std::nullopt;
   std::map<std::string_view, std::size_t> counts;
@@ -35,8 +35,8 @@ std::optional<ClientId> AuthGate::next(Clock::time_point now) {
       waiting_.begin(), waiting_.end(),
       [this](const Attempt& a, const Attempt& b) { return rankOf(a) < rankOf(b); });
   const ClientId client = first->client;
-  if (lastTurn_.size() >= kMaxPeers) lastTurn_.clear();
-  lastTurn_[first->peer] = ++turns_;
+  if (lastTaken_.size() >= kMaxPeers) lastTaken_.clear();
+  lastTaken_[first->peer] = ++taken_;
   waiting_.erase(first);
   fullAt_ = std::max(fullAt_, now) + delay_.refill;
   return client;

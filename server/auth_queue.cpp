@@ -6,19 +6,19 @@
 namespace tarnlink {
 namespace asio = boost::asio;
 
-asio::awaitable<AuthQueue::Turn> AuthQueue::wait(ClientId client, std::string peer) {
+asio::awaitable<AuthQueue::Outcome> AuthQueue::wait(ClientId client, std::string peer) {
   const auto now = AuthGate::Clock::now();
   if (gate_.isQuiet(now)) hasSaidSo_ = false;
   const auto place = std::make_shared<Place>(strand_);
   places_[client] = place;
-  if (const auto refused = gate_.enter(client, peer, now)) call(*refused, Turn::tooMany);
+  if (const auto refused = gate_.enter(client, peer, now)) call(*refused, Outcome::tooMany);
   callNext();
   if (!place->called.isSet() && !std::exchange(hasSaidSo_, true)) {
     log_("[BridgeServer] Many wrong pairing codes, the latest attempt from " + peer +
          ": attempts wait for their turn");
   }
   co_await place->called.wait();
-  co_return place->turn;
+  co_return place->outcome;
 }
 
 void AuthQueue::tell(const ClientId& client, bool isRight) {
@@ -28,7 +28,7 @@ void AuthQueue::tell(const ClientId& client, bool isRight) {
 
 void AuthQueue::withdraw(const ClientId& client) {
   gate_.leave(client);
-  call(client, Turn::gone);
+  call(client, Outcome::gone);
 }
 
 void AuthQueue::withdrawAll() {
@@ -37,7 +37,7 @@ void AuthQueue::withdrawAll() {
 }
 
 void AuthQueue::callNext() {
-  while (const auto client = gate_.next(AuthGate::Clock::now())) call(*client, Turn::yours);
+  while (const auto client = gate_.next(AuthGate::Clock::now())) call(*client, Outcome::yours);
   const auto due = gate_.due();
   if (!due) return;
   timer_.expires_at(*due);
@@ -47,10 +47,10 @@ void AuthQueue::callNext() {
   });
 }
 
-void AuthQueue::call(const ClientId& client, Turn turn) {
+void AuthQueue::call(const ClientId& client, Outcome outcome) {
   const auto found = places_.find(client);
   if (found == places_.end()) return;
-  found->second->turn = turn;
+  found->second->outcome = outcome;
   found->second->called.set();
   places_.erase(found);
 }

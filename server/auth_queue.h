@@ -24,12 +24,12 @@ class AuthQueue : public std::enable_shared_from_this<AuthQueue> {
   AuthQueue(const Strand& strand, AuthDelay delay, goosestack::LogSink log)
       : strand_(strand), gate_(delay), log_(std::move(log)), timer_(strand) {}
 
-  enum class Turn {
+  enum class Outcome {
     yours,    ///< Compare, then tell().
     tooMany,  ///< More wait than may.
     gone,     ///< withdraw() was called meanwhile, which a client's mere leaving does not.
   };
-  boost::asio::awaitable<Turn> wait(ClientId client, std::string peer);
+  boost::asio::awaitable<Outcome> wait(ClientId client, std::string peer);
 
   void tell(const ClientId& client, bool isRight);
 
@@ -41,11 +41,11 @@ class AuthQueue : public std::enable_shared_from_this<AuthQueue> {
   struct Place {
     explicit Place(const Strand& strand) : called(strand) {}
     goosestack::AsyncEvent called;
-    Turn turn = Turn::gone;
+    Outcome outcome = Outcome::gone;
   };
 
   void callNext();
-  void call(const ClientId& client, Turn turn);
+  void call(const ClientId& client, Outcome outcome);
 
   const Strand strand_;
   AuthGate gate_;

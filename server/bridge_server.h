@@ -89,8 +89,8 @@ class BridgeServer final : public std::enable_shared_from_this<BridgeServer>, pr
   boost::asio::awaitable<Reply> execute(BridgeCommand::Result command, ClientId id);
   void answer(const BridgeRequest& request, Reply reply, const ClientId& id);
   bool isOwnersToken(std::string_view token) const;
-  bool needsTurn(const BridgeCommand::Auth& command, const ClientId& id) const;
-  boost::asio::awaitable<bool> waitForAuthTurn(ClientId id);
+  bool mustQueue(const BridgeCommand::Auth& command, const ClientId& id) const;
+  boost::asio::awaitable<bool> waitInAuthQueue(ClientId id);
   boost::asio::awaitable<Reply> handle(BridgeCommand::Auth command, ClientId id);
   boost::asio::awaitable<Reply> handle(BridgeCommand::Ping command, ClientId id);
   boost::asio::awaitable<Reply> handle(BridgeCommand::SubscribeGoose command, ClientId id);

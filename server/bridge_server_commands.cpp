@@ -49,7 +49,7 @@ asio::awaitable<std::vector<goosestack::NetworkInterfaceInfo>> listWithNames(
 
 }  // namespace
 
-/// A client's attempt to authenticate that may have to wait for its turn, and what it sends
+/// A client's attempt to authenticate that may have to wait in the queue, and what it sends
 /// meanwhile. It is read on, so that its pings are answered and its leaving is noticed.
 struct BridgeServer::Backlog {
   /// Commands held. With one more, the client is read no further until all are served.
@@ -58,7 +58,7 @@ struct BridgeServer::Backlog {
   explicit Backlog(const Strand& strand) : over(strand) {}
 
   std::deque<BridgeRequest> requests;
-  bool isWaiting = false;  // For the turn.
+  bool isWaiting = false;  // In the queue.
   goosestack::AsyncEvent over;
 };
 
@@ -76,7 +76,7 @@ asio::awaitable<void> BridgeServer::handleText(std::string text, ClientId id) {
     if (!connections_.contains(id) || isStopping_) co_return;
   }
   if (isA<BridgeCommand::Auth>(request) &&
-      needsTurn(std::get<BridgeCommand::Auth>(request.command->payload), id)) {
+      mustQueue(std::get<BridgeCommand::Auth>(request.command->payload), id)) {
     const auto backlog = std::make_shared<Backlog>(strand_);
     backlog->requests.push_back(std::move(request));
     backlogs_.emplace(id, backlog);
@@ -128,7 +128,7 @@ void BridgeServer::answer(const BridgeRequest& request, Reply reply, const Clien
   const auto& mark = request.id;
   std::string event;
   if (reply) {
-    // stop() has taken the turn from an auth, or the first frame from a publication.
+    // stop() has ended an auth that waited, or the first frame from a publication.
     if (reply->empty() && (!mark || isStopping_)) return;
     event = reply->empty() ? BridgeEventEncoder::done() : std::move(*reply);
   } else {
@@ -150,20 +150,20 @@ void BridgeServer::answer(const BridgeRequest& request, Reply reply, const Clien
 
 // False when the client has gone, or goes because too many attempts wait already: an answer would
 // say that its code is wrong.
-asio::awaitable<bool> BridgeServer::waitForAuthTurn(ClientId id) {
+asio::awaitable<bool> BridgeServer::waitInAuthQueue(ClientId id) {
   const auto connection = connections_.at(id);
   const auto backlog = backlogs_.at(id);
   backlog->isWaiting = true;
   connection->setStanding(Standing::waiting);
-  const auto turn = co_await authQueue_->wait(id, connection->peer());
+  const auto outcome = co_await authQueue_->wait(id, connection->peer());
   connection->setStanding(Standing::stranger);
   backlog->isWaiting = false;
-  if (turn == AuthQueue::Turn::tooMany && connections_.contains(id)) {
+  if (outcome == AuthQueue::Outcome::tooMany && connections_.contains(id)) {
     log("[BridgeServer] client " + toText(id) + " dropped: too many attempts to authenticate wait");
     removeConnection(id);
     connection->cancel();
   }
-  co_return turn == AuthQueue::Turn::yours && !isStopping_;
+  co_return outcome == AuthQueue::Outcome::yours && !isStopping_;
 }
 
 bool BridgeServer::isOwnersToken(std::string_view token) const {
@@ -171,15 +171,15 @@ bool BridgeServer::isOwnersToken(std::string_view token) const {
 }
 
 // Who has shown the code already learns nothing from another comparison.
-bool BridgeServer::needsTurn(const BridgeCommand::Auth& command, const ClientId& id) const {
+bool BridgeServer::mustQueue(const BridgeCommand::Auth& command, const ClientId& id) const {
   return authQueue_ && !authenticatedConnections_.contains(id) && !isOwnersToken(command.token);
 }
 
 asio::awaitable<Reply> BridgeServer::handle(BridgeCommand::Auth command, ClientId id) {
   const bool isOwner = isOwnersToken(command.token);
-  const bool mustWait = needsTurn(command, id);
+  const bool mustWait = mustQueue(command, id);
   if (mustWait) {
-    const bool mayTry = co_await waitForAuthTurn(id);
+    const bool mayTry = co_await waitInAuthQueue(id);
     if (!mayTry) co_return std::string();
   }
   const auto code = co_await asio::co_spawn(

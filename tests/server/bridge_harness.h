@@ -1,5 +1,5 @@
 // A bridge server among fakes, all on one io_context that the test drives: nothing sleeps and every
-// run takes the same turns.
+// run takes the same steps.
 #pragma once
 
 #include <atomic>
@@ -35,8 +35,7 @@ inline constexpr const char* kOwnerToken = "0123456789abcdef0123456789abcdef";
 class FakeConnection final : public WebSocketConnection {
  public:
   std::string peer() const override { return peerName; }
-  void start(StateHandler onState, SendErrorHandler onSendError) override {
-    onSendError_ = std::move(onSendError);
+  void start(StateHandler onState, SendErrorHandler) override {
     const std::lock_guard hold(lock_);
     onState_ = std::move(onState);
     onState_(ended_.value_or(TransportReady{}));
@@ -88,7 +87,6 @@ class FakeConnection final : public WebSocketConnection {
     const std::lock_guard hold(lock_);
     onState_(TransportLost{asio::error::make_error_code(asio::error::connection_reset)});
   }
-  void failSend() { onSendError_(asio::error::make_error_code(asio::error::broken_pipe)); }
   bool isClosed() const { return isClosed_; }
   std::vector<SharedTextFrame> take() {
     const std::lock_guard hold(lock_);
@@ -112,31 +110,29 @@ class FakeConnection final : public WebSocketConnection {
   std::mutex lock_;
   std::optional<TransportState> ended_;
   StateHandler onState_;
-  SendErrorHandler onSendError_;
 };
 
 class FakeListener final : public WebSocketListener {
  public:
   explicit FakeListener(std::optional<TransportState> first) : first_(std::move(first)) {}
   void start(StateHandler onState, ConnectionHandler onConnection) override {
-    onState_ = std::move(onState);
+    report = std::move(onState);
     accept = std::move(onConnection);
     isStarted = true;
-    if (first_) onState_(*first_);
+    if (first_) report(*first_);
   }
   void cancel() override {
     isCancelled = true;
     report(TransportCancelled{});
   }
-  void report(const TransportState& state) { onState_(state); }
 
+  StateHandler report;
   ConnectionHandler accept;
   std::atomic<bool> isStarted = false;
   std::atomic<bool> isCancelled = false;
 
  private:
   std::optional<TransportState> first_;
-  StateHandler onState_;
 };
 
 class FakeTransport final : public WebSocketTransport {
@@ -145,20 +141,21 @@ class FakeTransport final : public WebSocketTransport {
   boost::system::result<std::shared_ptr<WebSocketListener>> makeListener(std::uint16_t) override {
     ++made;
     const std::lock_guard hold(lock_);
-    listener = std::make_shared<FakeListener>(firstState);
-    return std::shared_ptr<WebSocketListener>(listener);
+    listener_ = std::make_shared<FakeListener>(firstState);
+    return std::shared_ptr<WebSocketListener>(listener_);
   }
-  std::shared_ptr<FakeListener> current() {
+  /// The latest. Any thread.
+  std::shared_ptr<FakeListener> listener() {
     const std::lock_guard hold(lock_);
-    return listener;
+    return listener_;
   }
 
   std::optional<TransportState> firstState = TransportReady{};
-  std::shared_ptr<FakeListener> listener;  ///< The latest; current() is for any thread.
   int made = 0;
 
  private:
   std::mutex lock_;
+  std::shared_ptr<FakeListener> listener_;
 };
 
 class MemoryPreferences final : public PreferenceStore {
@@ -205,13 +202,11 @@ struct FakeCaptures {
     std::weak_ptr<goosestack::StreamState<Record>> current;
     typename goosestack::RecordSource<Record>::Events events;
   };
-  Latest latest() {
+  /// Sets it if one is given.
+  Latest latest(std::optional<Latest> next = {}) {
     const std::lock_guard hold(lock_);
+    if (next) latest_ = *std::move(next);
     return latest_;
-  }
-  void setLatest(Latest latest) {
-    const std::lock_guard hold(lock_);
-    latest_ = std::move(latest);
   }
 
   goosestack::AsyncEvent gate;  ///< Reset: starts wait here.
@@ -248,7 +243,7 @@ class FakeSource final : public goosestack::RecordSource<Record> {
     if (captures_.isDown) co_return goosestack::GooseError::pcapOpenFailed("no such device");
     captures_.mostRunning = std::max<int>(captures_.mostRunning, ++captures_.running);
     state_ = std::make_shared<goosestack::StreamState<Record>>();
-    captures_.setLatest({state_, std::move(events)});
+    captures_.latest({{state_, std::move(events)}});
     co_await captures_.pause();
     co_return goosestack::MessageStream<Record>(state_);
   }
@@ -282,6 +277,11 @@ struct FakePublisher {
   bool isStopped = false;
   std::atomic<int>* running = nullptr;
 };
+
+template <class Record>
+std::shared_ptr<goosestack::RecordSource<Record>> sourceOf(FakeCaptures<Record>& captures) {
+  return std::make_shared<FakeSource<Record>>(captures);
+}
 
 class FakeGoosePublisher final : public goosestack::GoosePublishing, public FakePublisher {
  public:
@@ -344,14 +344,8 @@ class BridgeHarness {
         .transport = transport,
         .preferences = preferences,
         .log = [this](std::string_view line) { logLines.emplace_back(line); },
-        .makeGooseReceiver =
-            [this] {
-              return needing(std::make_shared<FakeSource<goosestack::GooseMessage>>(goose));
-            },
-        .makeSvReceiver =
-            [this] {
-              return needing(std::make_shared<FakeSource<goosestack::SvCapturedFrame>>(sv));
-            },
+        .makeGooseReceiver = [this] { return needing(sourceOf(goose)); },
+        .makeSvReceiver = [this] { return needing(sourceOf(sv)); },
         .makeGoosePublisher = [this] { return needing(goosePublisher); },
         .makeSvPublisher = [this] { return needing(svPublisher); },
         .makeVlanSetup =
@@ -407,7 +401,7 @@ class BridgeHarness {
 
   std::shared_ptr<FakeConnection> connect() {
     auto client = std::make_shared<FakeConnection>();
-    transport.listener->accept(client);
+    transport.listener()->accept(client);
     settle();
     return client;
   }

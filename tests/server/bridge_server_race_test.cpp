@@ -224,8 +224,8 @@ class Race {
         .transport = transport_,
         .preferences = preferences_,
         .log = [this](std::string_view line) { tell("    " + std::string(line)); },
-        .makeGooseReceiver = [this] { return std::make_shared<FakeSource<GooseMessage>>(goose_); },
-        .makeSvReceiver = [this] { return std::make_shared<FakeSource<SvCapturedFrame>>(sv_); },
+        .makeGooseReceiver = [this] { return sourceOf(goose_); },
+        .makeSvReceiver = [this] { return sourceOf(sv_); },
         .makeGoosePublisher =
             [this] { return madePublisher(std::make_shared<FakeGoosePublisher>()); },
         .makeSvPublisher = [this] { return madePublisher(std::make_shared<FakeSvPublisher>()); },
@@ -253,16 +253,11 @@ class Race {
   int draw(int count) { return static_cast<int>(lot_() % static_cast<unsigned>(count)); }
 
   // The owner's calls end when they end.
-  void begin(const char* name, asio::awaitable<BridgeResult<void>> task) {
+  template <class T>
+  void begin(const char* name, asio::awaitable<T> task) {
     tell(name);
     ++calls_;
-    asio::co_spawn(io_, std::move(task),
-                   [this](std::exception_ptr, BridgeResult<void>) { --calls_; });
-  }
-  void begin(const char* name, asio::awaitable<void> task) {
-    tell(name);
-    ++calls_;
-    asio::co_spawn(io_, std::move(task), [this](std::exception_ptr) { --calls_; });
+    asio::co_spawn(io_, std::move(task), [this](std::exception_ptr, auto&&...) { --calls_; });
   }
   void beginStart() {
     ++starts_;
@@ -281,7 +276,7 @@ class Race {
   }
 
   bool isListening() {
-    const auto listener = transport_.current();
+    const auto listener = transport_.listener();
     return listener && listener->isStarted && !listener->isCancelled;
   }
 
@@ -291,7 +286,7 @@ class Race {
     Client client(++connected_);
     tell("connect " + std::to_string(connected_));
     everybody_.push_back(client.connection);
-    transport_.current()->accept(client.connection);
+    transport_.listener()->accept(client.connection);
     if (isStopping) return;  // It is refused, or closed soon.
     if (draw(8) != 0) client.ask(commands().back());
     clients_.push_back(std::move(client));
@@ -359,7 +354,7 @@ class Race {
       if (draw(4) == 0) std::this_thread::sleep_for(std::chrono::microseconds(draw(200)));
       return;
     }
-    for (int turns = draw(pace_); turns > 0; --turns) {
+    for (int steps = draw(pace_); steps > 0; --steps) {
       io_.restart();
       if (draw(1 + patience_) == 0) {
         shuffle_.runOne(lot_());
@@ -373,7 +368,7 @@ class Race {
   template <class Condition>
   bool reach(Condition condition) {
     const auto deadline = std::chrono::steady_clock::now() + 5s;
-    for (int turns = 0; turns < 100'000; ++turns) {
+    for (int steps = 0; steps < 100'000; ++steps) {
       bool isIdle = false;
       if (isThreaded_) {
         std::this_thread::sleep_for(100us);
@@ -501,8 +496,8 @@ class Race {
   std::atomic<int> stops_ = 0;  // Under way.
   std::uint32_t sqNum_ = 0;
   int connected_ = 0;
-  int pace_ = 1;      // Turns between two acts, at most.
-  int patience_ = 1;  // Turns that a wait of the fakes takes.
+  int pace_ = 1;      // Steps between two acts, at most.
+  int patience_ = 1;  // Steps that a wait of the fakes takes.
   std::vector<Client> clients_;
   std::vector<std::shared_ptr<FakeConnection>> everybody_;
   std::shared_ptr<BridgeServer> server_;

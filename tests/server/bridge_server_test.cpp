@@ -69,7 +69,7 @@ TEST(BridgeServerStartTest, AListenerFailureAllowsANewStart) {
   ASSERT_TRUE(bridge.start());
   EXPECT_TRUE(bridge.start()) << "a second start with a listener present is a no-op";
   EXPECT_EQ(bridge.transport.made, 1);
-  bridge.transport.listener->report(TransportFailed{asio::error::no_descriptors});
+  bridge.transport.listener()->report(TransportFailed{asio::error::no_descriptors});
   EXPECT_TRUE(bridge.start());
   EXPECT_EQ(bridge.transport.made, 2);
 }

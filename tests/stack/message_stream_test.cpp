@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/io_context.hpp>
 #include <chrono>
@@ -25,11 +26,11 @@ struct Weighed {
   ~Weighed() { --alive; }
   std::size_t footprint() const { return octets; }
 
-  static int alive;
+  static std::atomic<int> alive;
   int number;
   std::size_t octets;
 };
-int Weighed::alive = 0;
+std::atomic<int> Weighed::alive = 0;
 
 using State = StreamState<Weighed>;
 using Batch = RecycledBatch<Weighed>;
