@@ -14,9 +14,9 @@
 
 #include "tests/support/network_namespace.h"
 #include "tests/tools/ctl_line.h"
+#include "tools/common/printing.h"
 #include "tools/tarnlinkctl/arrival_probe.h"
 #include "tools/tarnlinkctl/commands.h"
-#include "tools/tarnlinkctl/printing.h"
 #include "websocket/websocket.h"
 
 namespace tarnlink {

@@ -8,7 +8,7 @@
 #include "goosestack/interface_discovery.h"
 #include "protocol/json.h"
 #include "protocol/to_bridge_json.h"
-#include "tools/tarnlinkctl/printing.h"
+#include "tools/common/printing.h"
 
 namespace tarnlink {
 namespace {

@@ -3,7 +3,7 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
-#include "tools/tarnlinkctl/printing.h"
+#include "tools/common/printing.h"
 
 namespace tarnlink {
 

@@ -4,8 +4,8 @@
 #include <sstream>
 #include <utility>
 
+#include "tools/common/printing.h"
 #include "tools/tarnlinkctl/advice.h"
-#include "tools/tarnlinkctl/printing.h"
 
 namespace tarnlink {
 namespace {

@@ -5,9 +5,9 @@
 #include <variant>
 #include <vector>
 
+#include "tools/common/printing.h"
 #include "tools/tarnlinkctl/ctl_run.h"
 #include "tools/tarnlinkctl/discover.h"
-#include "tools/tarnlinkctl/printing.h"
 
 namespace tarnlink {
 namespace {

@@ -6,7 +6,7 @@
 
 #include "protocol/bridge_service.h"
 #include "protocol/json_writer.h"
-#include "tools/tarnlinkctl/printing.h"
+#include "tools/common/printing.h"
 
 namespace tarnlink {
 namespace {

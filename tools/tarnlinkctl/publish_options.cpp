@@ -5,8 +5,8 @@
 
 #include "protocol/base64.h"
 #include "protocol/from_bridge_json.h"
-#include "tools/tarnlinkctl/hex_text.h"
-#include "tools/tarnlinkctl/printing.h"
+#include "tools/common/hex_text.h"
+#include "tools/common/printing.h"
 #include "tools/tarnlinkctl/value_argument.h"
 
 namespace tarnlink {

@@ -2,9 +2,9 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "tools/common/printing.h"
 #include "tools/tarnlinkctl/arrival_probe.h"
 #include "tools/tarnlinkctl/ctl_run.h"
-#include "tools/tarnlinkctl/printing.h"
 
 namespace tarnlink {
 namespace {

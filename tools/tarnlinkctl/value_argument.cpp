@@ -8,7 +8,7 @@
 #include "protocol/bridge_time.h"
 #include "protocol/from_bridge_json.h"
 #include "protocol/json.h"
-#include "tools/tarnlinkctl/hex_text.h"
+#include "tools/common/hex_text.h"
 
 namespace tarnlink {
 namespace {

@@ -1,4 +1,4 @@
-#include "tools/tarnlinkctl/hex_text.h"
+#include "tools/common/hex_text.h"
 
 #include <charconv>
 

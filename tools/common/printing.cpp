@@ -1,4 +1,4 @@
-#include "tools/tarnlinkctl/printing.h"
+#include "tools/common/printing.h"
 
 #include <algorithm>
 #include <array>
@@ -6,7 +6,7 @@
 #include <cstdint>
 
 #include "protocol/base64.h"
-#include "tools/tarnlinkctl/hex_text.h"
+#include "tools/common/hex_text.h"
 
 namespace tarnlink {
 namespace {
