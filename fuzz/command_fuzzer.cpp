@@ -27,9 +27,10 @@ bool isUtf8(std::string_view text) {
 }
 
 std::size_t nesting(const Json& tree) {
+  if (!tree.is_structured()) return 0;  // Iterations over a scalar meet the scalar itself.
   std::size_t deepest = 0;
   for (const Json& inner : tree) deepest = std::max(deepest, nesting(inner));
-  return tree.is_structured() ? deepest + 1 : 0;
+  return deepest + 1;
 }
 
 /// The limits are all that our builder adds to the library's parser.
