@@ -90,6 +90,7 @@ int spawn(pid_t& pid, const std::vector<std::string>& argv, int out, int err) {
   static const char* const kEnvironment[] = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C",
                                              nullptr};
   std::vector<char*> arguments;
+  arguments.reserve(argv.size() + 1);
   for (const auto& argument : argv) arguments.push_back(const_cast<char*>(argument.c_str()));
   arguments.push_back(nullptr);
   // Signals that this program ignores or blocks must reach the child: a tool that ignores SIGPIPE

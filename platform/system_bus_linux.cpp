@@ -96,6 +96,7 @@ std::vector<BusProperties> SystemBus::getAll(const char* service,
     slots.push_back(ask(bus_.get(), service, paths[i].c_str(), interface, answers[i]));
   }
   std::vector<BusProperties> all;
+  all.reserve(answers.size());
   for (Answer& answer : answers) {
     while (answer.isOpen && proceed()) {
     }
