@@ -118,8 +118,8 @@ void measureGoose() {
   }
   report("GOOSE frame of 8 values: decode", "%.0f ns", median(figures[0]));
   report("its event's text, 735 octets", "%.0f ns", median(figures[1]));
-  compare("both, in bursts of 64", "%.0f ns", figures[2], "straight line", figures[3], atMost(1.5));
-  compare("both, one by one", "%.0f ns", figures[4], "straight line", figures[5], atMost(1.5));
+  compare("both, in bursts of 64", "%.0f ns", figures[2], "straight line", figures[3], atMost(1.4));
+  compare("both, one by one", "%.0f ns", figures[4], "straight line", figures[5], atMost(1.4));
   compare("both, one by one", "%.0f ns", figures[4], "our decode, nlohmann-json's text", figures[6],
           atMost(0.2));
 }
