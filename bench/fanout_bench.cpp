@@ -100,12 +100,13 @@ void measureFanOut() {
     return cases[each].contenders[who]->cpuPerDelivery;
   };
   for (int each = 0; each < 3; ++each) {
-    const auto what = "CPU per delivery, clients: " + std::to_string(cases[each].clients);
+    const auto what = "fan-out, CPU per delivery, clients: " + std::to_string(cases[each].clients);
     compare(what, "%.3f us", figures(each, 0), "bare loop", figures(each, 1),
             atMost(cases[each].mostToBare));
     compare(what, "%.3f us", figures(each, 0), "plain Beast", figures(each, 2), atMost(0.17));
   }
-  compare("CPU per delivery to 100", "%.3f us", figures(2, 0), "to 10", figures(1, 0), atMost(1));
+  compare("fan-out, CPU per delivery to 100", "%.3f us", figures(2, 0), "to 10", figures(1, 0),
+          atMost(1));
 }
 
 // ---- A steady flow through the whole bridge ----
