@@ -33,6 +33,7 @@ TEST(TarnlinkctlOptions, BadCommandLinesAreUsageErrorsThatSayWhatIsMeant) {
       {"ping --timeout 0", "--timeout"},
       {"subscribe goose --app-id 65536", "--app-id"},
       {"subscribe goose --app-id -1", "--app-id"},
+      {"subscribe goose --app-id 010", "decimal without leading zeros"},
       {"subscribe goose --appid 3", "did you mean '--app-id'?"},
       {"subscribe goose --jsn", "did you mean '--json'?"},
       {"subscribe goose --count 0", "--count"},

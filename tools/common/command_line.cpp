@@ -6,6 +6,14 @@
 #include <sstream>
 
 namespace tarnlink {
+namespace {
+
+std::string checkLeadingZero(const std::string& text) {
+  const bool isOctal = text.size() > 1 && text[0] == '0' && text[1] >= '0' && text[1] <= '9';
+  return isOctal ? "must be decimal without leading zeros, or begin with 0x: " + text : "";
+}
+
+}  // namespace
 
 int CommandLineEnd::show() const {
   (exitCode == kExitDone ? std::cout : std::cerr) << text << std::flush;
@@ -24,8 +32,13 @@ std::optional<CommandLineEnd> parseCommandLine(CLI::App& app, int argc, const ch
   }
 }
 
+CLI::Validator wholeNumber(std::int64_t least, std::int64_t most) {
+  const CLI::Validator range = CLI::Range(least, most);
+  return (CLI::Validator(checkLeadingZero, "") & range).description(range.get_description());
+}
+
 CLI::Validator countAboveZero() {
-  return CLI::Range(std::int64_t{1}, std::numeric_limits<std::int64_t>::max()).description("");
+  return wholeNumber(1, std::numeric_limits<std::int64_t>::max()).description("");
 }
 
 std::string framesText(std::uint64_t count) {

@@ -28,6 +28,9 @@ struct CommandLineEnd {
 /// Nothing when the line is good.
 std::optional<CommandLineEnd> parseCommandLine(CLI::App& app, int argc, const char* const* argv);
 
+/// A whole number in a range, its ends included. (CLI11 reads "010" as an octal number.)
+CLI::Validator wholeNumber(std::int64_t least, std::int64_t most);
+
 /// A whole number above 0. (CLI11 takes "-1" for the largest unsigned one.)
 CLI::Validator countAboveZero();
 

@@ -65,7 +65,7 @@ struct Members {
   CLI::Option* number(const char* option, const char* key, std::int64_t least, std::int64_t most,
                       const char* description, const char* type = "N") const {
     return add<std::int64_t>(option, key, description)
-        ->check(CLI::Range(least, most))
+        ->check(wholeNumber(least, most))
         ->type_name(type);
   }
   void flag(const char* option, const char* key, const char* description) const {
@@ -198,7 +198,7 @@ void addPublishSv(CLI::App& app, CtlCommand& result) {
       ->type_name("N")
       ->capture_default_str();
   publish->add_option("--interval", command.interval, "Milliseconds between two of them")
-      ->check(CLI::Range(std::int64_t{1}, kMaxInterval))
+      ->check(wholeNumber(1, kMaxInterval))
       ->type_name("MS")
       ->capture_default_str();
   publish->callback([given, hex, file, &result] {
@@ -218,7 +218,7 @@ void addPublishSv(CLI::App& app, CtlCommand& result) {
 }  // namespace
 
 CLI::Validator appIdRange() {
-  return CLI::Range(0, int{UINT16_MAX}).description("");
+  return wholeNumber(0, UINT16_MAX).description("");
 }
 
 void addPublishCommands(CLI::App& app, CtlCommand& command) {
