@@ -65,7 +65,7 @@ class BridgeEndToEndTest : public ProcessBusTest {
     code = daemon->pairingCode();
   }
   void send(const goosestack::Bytes& frame) {
-    if (!peer) peer = std::move(*goosestack::systemSendHandles()->openSendHandle(kIed));
+    if (!peer) peer = *goosestack::systemSendHandles()->openSendHandle(kIed);
     ASSERT_EQ(peer->sendPacket(frame).status, goosestack::SendOutcome::Status::sent);
   }
 
