@@ -9,7 +9,7 @@
 boost::asio::awaitable<void> capture(boost::asio::io_context& io, std::string interface) {
   const auto receiver = goosestack::makeGooseReceiver(io.get_executor());
   goosestack::GooseReceiver::Events events;
-  events.onDeath = [&io](std::string reason) {  // On the capture's thread.
+  events.onDeath = [&io](const std::string& reason) {  // On the capture's thread.
     std::fprintf(stderr, "%s\n", reason.c_str());
     io.stop();
   };
